@@ -1,0 +1,467 @@
+/*
+ * liborvexeng, the Kelda Inventory Engine: answers about files - digests,
+ * signers, modification time, file type - kept in two caches in front of the
+ * host's own computing.
+ *
+ * Conventions that hold for everything below
+ *
+ * Codes    Functions that report a status return an int: ORVEX_OK (0) or one of
+ *          the ORVEX_* codes. A query may also return the non-zero status of a
+ *          host callback unchanged, so its codes are not limited to this list.
+ * Strings  NUL-terminated 8-bit text. The library copies what it keeps; a
+ *          string need live only as long as the call it is given to.
+ * Records  The caller owns every record it passes. No record is kept after the
+ *          call returns. A pointer is non-null unless its comment says what a
+ *          null pointer does. The library reads and writes a record without a
+ *          lock: do not share one output record between threads.
+ * Threads  Every function may be called from any thread at any time, from any
+ *          number of threads at once, before orvex_init and after orvex_deinit
+ *          too, except that orvex_init and orvex_deinit are not meant to run
+ *          at the same time as themselves or each other. The library has no
+ *          thread of its own: callbacks run on the thread that called in.
+ * Memory   Any function that returns a code returns ORVEX_NO_MEMORY when memory
+ *          runs out, unless its comment says otherwise, and leaves the caches
+ *          as they were. A function without a result does less.
+ * Errors   Nothing is thrown across this boundary, with two exceptions: an
+ *          exception of a query callback passes through to the caller of
+ *          orvex_query, and a hash query without a path throws
+ *          std::logic_error. A C host should compile with -fexceptions if its
+ *          callbacks can throw.
+ * fork     A child of a process that has other threads inside the library may
+ *          only call exec or _exit: a lock that another thread held stays
+ *          locked in the child for ever. A child forked while no thread is
+ *          inside may use the library; it has its own copy of the caches.
+ * exit     The library's objects are destroyed at process exit and by the last
+ *          dlclose. No thread may be inside the library then, nor call in
+ *          afterwards: call orvex_deinit first.
+ */
+#ifndef ORVEXENG_H
+#define ORVEXENG_H
+
+#include <stdbool.h>
+#include <stdint.h>
+
+#if defined(__GNUC__)
+#define ORVEX_API __attribute__((visibility("default")))
+#else
+#define ORVEX_API
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/** The version of the engine that this header belongs to. */
+#define ORVEX_VERSION "1.1.1035"
+
+/** What a function of the library can return; see each function. */
+enum orvex_code {
+  ORVEX_OK = 0,
+  /** The metrics record could not be copied out: no destination. */
+  ORVEX_COPY_FAILED = 1,
+  /** Out of memory. Nothing was changed but what the function says. */
+  ORVEX_NO_MEMORY = 2,
+  /** A null record, a size of 0, an unknown cache or a null log callback. */
+  ORVEX_INVALID_PARAMETER = 3,
+  /** The cache asked is stopped, or was stopped while the caller waited. */
+  ORVEX_CACHE_NOT_INITIALISED = 8,
+  /** The engine is not initialised. */
+  ORVEX_NOT_INITIALISED = 100,
+  /** The engine is initialised: an answer of orvex_get_status, an error of orvex_init. */
+  ORVEX_INITIALISED = 101,
+  /** The callback table is null or one of its entries is. */
+  ORVEX_INVALID_CALLBACKS = 102,
+  /** An equal key is cached already. No function below returns it. */
+  ORVEX_ALREADY_CACHED = 201,
+  /** There is no database in this engine. */
+  ORVEX_DATABASE_UNAVAILABLE = 312
+};
+
+/**
+ * The parts of an answer: what is wanted in metadata_input_s::queryFlags, what
+ * is present in metadata_output_s::queryFlags.
+ */
+enum {
+  QUERY_SIZE = 0x001,         /**< size */
+  QUERY_DIGEST20 = 0x002,     /**< digest20 */
+  QUERY_DIGEST32 = 0x004,     /**< digest32 */
+  QUERY_DIGEST16 = 0x008,     /**< digest16 */
+  QUERY_SIGNERS = 0x010,      /**< signerCount and signers */
+  QUERY_AUX_DIGEST20 = 0x020, /**< auxDigest20 */
+  QUERY_FEEDBACK = 0x040,     /**< feedback */
+  QUERY_MTIME = 0x080,        /**< modificationTime */
+  QUERY_FILE_TYPE = 0x100     /**< major and minor, answered by the file type cache */
+};
+
+/**
+ * The key mask, metadata_input_s::fileOperation: which identity fields make up
+ * the cache key. Other bits are ignored.
+ *
+ * Use one mask for all queries. Keys of different masks have no common order:
+ * the engine stays sound, but may then miss entries that it holds.
+ *
+ * Keep KEY_MTIME and KEY_SIZE in the mask. Without them a changed file finds
+ * the entry of its older self; such an entry is judged out of date by mtime
+ * alone and then refreshed part by part, so that a part which the refreshing
+ * callback did not fill is served from the older file as current.
+ */
+enum {
+  KEY_PATH = 0x01,      /**< path */
+  KEY_SIZE = 0x02,      /**< size */
+  KEY_MTIME = 0x04,     /**< mtime */
+  KEY_DEVICE_ID = 0x08, /**< deviceID */
+  KEY_FILE_ID = 0x10    /**< fileID */
+};
+
+/** How the caches treat a query, metadata_input_s::invOperation. Other bits are ignored. */
+enum {
+  /**
+   * Store what a callback answered. Without it an answer goes to the caller
+   * only, and threads that waited for it calculate again.
+   */
+  INV_KEEP_IN_CACHE = 0x01,
+  /**
+   * Hash cache only: answer from the cache or not at all. Never waits for
+   * another thread and never calls the host. The file type cache ignores it.
+   */
+  INV_CACHE_ONLY = 0x04
+};
+
+/** Bytes of one signer name slot: up to 256 characters and a NUL. */
+#define ORVEX_SIGNER_SLOT 257
+
+/**
+ * Which file a query is about and what is wanted. Filled by the caller; the
+ * library only reads it.
+ */
+typedef struct metadata_input_s {
+  uint32_t reserved0; /**< the host's own; never read or written here */
+  uint32_t reserved1; /**< the host's own */
+  const char* name;   /**< a second text, kept with the key, never compared; null reads as "" */
+  const char* path; /**< the file's path; a hash query must give one, otherwise null reads as "" */
+  uint32_t reserved2; /**< the host's own */
+  uint64_t size;      /**< file size in bytes; 0 means not given */
+  /**
+   * Modification time in a unit of the host's choice; 0 means not given, and
+   * then no entry is judged out of date.
+   */
+  uint64_t mtime;
+  uint64_t deviceID;      /**< the device that holds the file; the host defines it */
+  uint64_t fileID;        /**< the file on that device; the host defines it */
+  uint32_t fileOperation; /**< key mask, KEY_* */
+  uint32_t invOperation;  /**< INV_* */
+  uint32_t queryFlags;    /**< the parts wanted, QUERY_*; 0 asks nothing and returns 0 */
+} metadata_input_s;
+
+/**
+ * The answer. Filled by the library from a cache, or by a host callback.
+ *
+ * Zero the record before each query. Bits that queryFlags holds on entry stay,
+ * and count as present when the library decides whether everything wanted is
+ * there.
+ */
+typedef struct metadata_output_s {
+  uint32_t reserved0;        /**< the host's own; never read or written here */
+  uint32_t reserved1;        /**< the host's own */
+  uint32_t queryFlags;       /**< which parts below hold data, QUERY_* */
+  uint64_t size;             /**< bytes (QUERY_SIZE) */
+  uint64_t modificationTime; /**< in the unit of the input's mtime (QUERY_MTIME) */
+  uint8_t reserved2[16];     /**< the host's own */
+  uint8_t digest20[20];      /**< opaque to the library, like the next three (QUERY_DIGEST20) */
+  uint8_t digest32[32];      /**< (QUERY_DIGEST32) */
+  uint8_t digest16[16];      /**< (QUERY_DIGEST16) */
+  uint8_t auxDigest20[20];   /**< (QUERY_AUX_DIGEST20) */
+  uint32_t signerCount;      /**< slots in signers (QUERY_SIGNERS) */
+  /**
+   * signerCount slots of ORVEX_SIGNER_SLOT bytes, one NUL-terminated name in
+   * each (QUERY_SIGNERS).
+   *
+   * An array that the library stores here was allocated with C++ new[] and is
+   * the caller's, to be freed with delete[] (from C: through a helper compiled
+   * as C++). Before the library stores one it frees what it finds here with
+   * delete[]: pass null, or an array that may be freed that way.
+   */
+  char* signers;
+  int32_t major;        /**< file type (QUERY_FILE_TYPE) */
+  int32_t minor;        /**< file type (QUERY_FILE_TYPE) */
+  int32_t feedback;     /**< the host's verdict, cached as 0 or 1 (QUERY_FEEDBACK) */
+  uint32_t resultReady; /**< 1: the answer is here; 0: the cache had none; untouched on refusal */
+} metadata_output_s;
+
+/**
+ * A host function that computes an answer which the caches do not hold.
+ *
+ * It is given the very pointers that the host passed to orvex_query, and
+ * returns 0 when it has filled *out. It ORs the bit of every part it filled
+ * into out->queryFlags and leaves other bits alone. *out may hold parts of a
+ * cached entry already, a signer array among them: free that array with
+ * delete[] before storing another. The library copies a signer array that it
+ * keeps and neither frees nor keeps the callback's. To keep an answer out of
+ * the cache, clear INV_KEEP_IN_CACHE in in->invOperation.
+ *
+ * A non-zero status is a failure: nothing is stored and orvex_query returns
+ * it, unchanged.
+ *
+ * Threads: runs on the thread that called orvex_query, with no library lock
+ * held; several may run at once, for one path too. It may call any function
+ * of this header, orvex_query for another path included; a query for its own
+ * path would wait for itself for ever, unless it holds INV_CACHE_ONLY.
+ */
+typedef int (*orvex_query_cb)(metadata_input_s* in, metadata_output_s* out, void* ctx);
+
+/** The host's callbacks. orvex_init copies both pointers; both must be non-null. */
+typedef struct metadata_query_fptrs_s {
+  orvex_query_cb metaQueryCallback;     /**< computes digests, signers and the like */
+  orvex_query_cb fileTypeQueryCallback; /**< computes the file type */
+} metadata_query_fptrs_s;
+
+/**
+ * The counters of both caches, filled by orvex_get_metrics. 192 bytes.
+ *
+ * Hash cache lookups: cacheQuery = cacheMiss + cacheHit + cachePartialHit +
+ * cacheOutOfDate. File type cache lookups: fileTypeHit + fileTypeMiss +
+ * fileTypeOutOfDate. Counters start at 0 and are set back by
+ * orvex_reset_metrics and orvex_deinit.
+ */
+typedef struct orvex_metrics_s {
+  char version[32];                   /**< ORVEX_VERSION, padded with zero bytes */
+  int64_t cacheQuery;                 /**< lookups in the hash cache */
+  int64_t cacheMiss;                  /**< ... that found no entry */
+  int64_t cacheHit;                   /**< ... answered in full */
+  int64_t cachePartialHit;            /**< ... whose entry lacked a wanted part */
+  int64_t cacheOutOfDate;             /**< ... whose entry had another mtime */
+  int64_t cacheWipeOuts;              /**< hash cache entries evicted for capacity */
+  int64_t fileTypeHit;                /**< file type lookups answered */
+  int64_t fileTypeMiss;               /**< ... that found no entry */
+  int64_t fileTypeOutOfDate;          /**< ... whose entry had another mtime */
+  int64_t fileTypeWipeOuts;           /**< file type entries evicted for capacity */
+  int64_t fileTypeHelpFuncCalled;     /**< calls of fileTypeQueryCallback */
+  int64_t cacheUpdateMetaDataSuccess; /**< orvex_update_metadata calls that stored */
+  int64_t cacheUpdateMetaDataFailure; /**< orvex_update_metadata calls that did not */
+  int64_t reserved[5];                /**< always 0 */
+  int64_t cacheHelpFuncCalled;        /**< calls of metaQueryCallback */
+  int64_t cacheWaitInHashCalculation; /**< hash queries that slept while another one calculated */
+} orvex_metrics_s;
+
+/**
+ * Receives the engine's messages in place of standard output.
+ *
+ * level is 0 FATAL, 1 ERROR, 2 WARNING, 3 INFO or 4 DEBUG; line, function and
+ * file (a bare name, without extension) say where the message comes from.
+ * message is cut to 511 characters; length is what the whole text would have
+ * had. All texts live until the callback returns.
+ *
+ * Threads: runs on the thread that caused the message, several at once, and
+ * often with a lock of the library held. It must not call the library and
+ * must not throw; an exception is discarded, and thread cancellation is held
+ * off while it runs.
+ */
+typedef void (*orvex_log_cb)(unsigned int level, unsigned int line, const char* function,
+                             const char* file, const char* message, unsigned int length);
+
+/** Selects a cache for orvex_flush_cache and orvex_set_cache_capacity. */
+enum {
+  ORVEX_HASH_CACHE = 0,     /**< digests, signers and the like */
+  ORVEX_FILE_TYPE_CACHE = 1 /**< file types */
+};
+
+/** The most entries a cache can be told to keep, and what it keeps unless told. */
+#define ORVEX_MAX_CAPACITY 4096
+
+/**
+ * Starts the engine: reads orvexeng.ini from the working directory if it is
+ * there, starts both caches and registers the callbacks with them. Entries
+ * pushed by orvex_update_metadata before are kept.
+ *
+ * The file's lines assign LogEnable (0 or 1), LogLevel (0 to 4), DatabaseEnable
+ * (no effect), ProfilingEnable (0 or 1) and CacheCapacity (the hash cache's).
+ * A file that cannot be opened is reported in the log and otherwise ignored.
+ *
+ * Threads: one at a time, and not beside orvex_deinit. Not from a callback of
+ * a query in flight.
+ * Ownership: *fptrs stays the caller's and may go once the call returns.
+ * Returns: 0; 101 already initialised; 102 when fptrs or one of its entries is
+ * null; 2 out of memory, and then the engine is not initialised and the call
+ * may be repeated.
+ */
+ORVEX_API int orvex_init(metadata_query_fptrs_s* fptrs);
+
+/**
+ * Stops the engine: new queries are refused, sleepers are woken and leave with
+ * 8, both caches are emptied and their counters zeroed. Capacities, the log
+ * callback and what the configuration file set survive.
+ *
+ * Waits up to a second for queries inside the hash cache and up to another for
+ * calls inside the engine, then returns whether or not they have left. A query
+ * that outlives the call still comes back from its callback into the library:
+ * do not unload the library until all have returned. It takes the count of
+ * calls in flight below zero if the engine was started again meanwhile, and
+ * the next orvex_deinit then waits its full time.
+ *
+ * Threads: one at a time, and not beside orvex_init. From a callback it would
+ * wait for itself until its time is up.
+ * Returns: 0; 100 not initialised.
+ */
+ORVEX_API int orvex_deinit(void);
+
+/**
+ * Tells whether the engine is initialised.
+ *
+ * Returns: 101 if it is, 100 if not.
+ */
+ORVEX_API int orvex_get_status(void);
+
+/**
+ * Answers a query about one file, asking the host only for what the caches do
+ * not hold.
+ *
+ * The file type cache is asked when in->queryFlags holds QUERY_FILE_TYPE, then
+ * the hash cache when any other bit is set, whatever the first one returned.
+ * The hash cache tells a full hit (every bit wanted is in out->queryFlags
+ * after the cached parts were copied out) from a partial hit, an out-of-date
+ * entry (in->mtime is given and differs) and a miss. On anything but a full
+ * hit it calls metaQueryCallback and, when INV_KEEP_IN_CACHE is set, stores the
+ * answer: the parts present replace or join those of the entry, while signers
+ * are replaced or removed. A thread that asks for a path which another thread
+ * is calculating waits for it and then looks in the cache; it calculates itself
+ * when the other one failed or did not keep its answer. Two threads that start
+ * at the same moment may both calculate.
+ *
+ * An out-of-date entry is refreshed, not removed: fill every part that the
+ * entry may hold, or keep KEY_MTIME in the key mask.
+ *
+ * Walking more files than the capacity in one order, again and again, never
+ * hits: each file is evicted before its turn comes round.
+ *
+ * Threads: any. Callbacks run on this thread with no library lock held.
+ * Ownership: both records stay the caller's. A signer array left in *out is
+ * the caller's from then on. ctx goes to the callbacks untouched.
+ * Errors: a hash query with a null path throws std::logic_error once the
+ * cache is known to run. An exception of a callback passes through; nothing is
+ * stored and threads waiting for the path go on.
+ * Returns: 0, with out->resultReady telling whether there is an answer (a
+ * cache-only query without one is no error); 100 before orvex_init, whatever
+ * the pointers; 3 for a null record; 8 when a cache is being stopped; 2 when
+ * an answer could not be stored (it is in *out all the same, resultReady 1) or
+ * memory ran out before; otherwise a callback's status. The file type cache's
+ * code comes first, the hash cache's only if that one was 0.
+ */
+ORVEX_API int orvex_query(metadata_input_s* in, metadata_output_s* out, void* ctx);
+
+/**
+ * Copies the counters out: as many leading bytes of the record as fit in size.
+ *
+ * *outSize receives the number of bytes written, 192 at most, and only when the
+ * result is 0. It must not be null.
+ *
+ * Threads: any, also from a query callback. The counters are read one by one,
+ * so they need not add up while queries run.
+ * Returns: 0, also for a record cut short; 100 not initialised; 3 when size is
+ * 0; 1 when metrics is null.
+ */
+ORVEX_API int orvex_get_metrics(orvex_metrics_s* metrics, unsigned int size, unsigned int* outSize);
+
+/**
+ * Logs the counters of both caches, one DEBUG line each. Works before
+ * orvex_init and after orvex_deinit, too.
+ *
+ * Threads: any, also from a query callback.
+ */
+ORVEX_API void orvex_dump_metrics(void);
+
+/**
+ * Sets the counters of both caches to zero.
+ *
+ * Threads: any, also from a query callback.
+ * Returns: 0; 100 not initialised.
+ */
+ORVEX_API int orvex_reset_metrics(void);
+
+/**
+ * Stores metadata that the host computed itself in the hash cache, as if a
+ * callback had answered with it. The file type cache is not touched.
+ *
+ * Works before orvex_init as well: what is stored then is there afterwards.
+ * Whether it was stored is told by the counters cacheUpdateMetaDataSuccess and
+ * cacheUpdateMetaDataFailure.
+ *
+ * Threads: any, also from a query callback.
+ * Ownership: both records and the signer array stay the caller's.
+ * Returns: always 0, also for a null record and when memory runs out.
+ */
+ORVEX_API int orvex_update_metadata(metadata_input_s* in, metadata_output_s* out);
+
+/**
+ * Logs both caches at DEBUG: capacity, keys in key order, entries from the
+ * most to the least recently used.
+ *
+ * Threads: any, also from a query callback. Queries stand still meanwhile.
+ */
+ORVEX_API void orvex_dump_cache(void);
+
+/**
+ * Empties a cache. Its counters stay.
+ *
+ * Threads: any, also from a query callback.
+ * Returns: 0; 3 for a cacheType other than ORVEX_HASH_CACHE or
+ * ORVEX_FILE_TYPE_CACHE.
+ */
+ORVEX_API int orvex_flush_cache(int cacheType);
+
+/**
+ * Sets how many entries a cache keeps, and evicts the oldest beyond it at once.
+ * The capacity holds until it is set again, across orvex_deinit too.
+ *
+ * capacity is a number of entries, 1 to 4096; anything else means 4096.
+ *
+ * Threads: any, also from a query callback.
+ * Returns: 0; 3 for a cacheType other than ORVEX_HASH_CACHE or
+ * ORVEX_FILE_TYPE_CACHE.
+ */
+ORVEX_API int orvex_set_cache_capacity(int cacheType, int capacity);
+
+/**
+ * Sends the engine's messages to callback instead of standard output. It
+ * replaces an earlier callback; none can be taken away again, so it must stay
+ * callable for as long as the library is loaded.
+ *
+ * Threads: any; meant for start-up, before queries run.
+ * Returns: 0; 3 for a null callback, and then the earlier one stays.
+ */
+ORVEX_API int orvex_register_log_cb(orvex_log_cb callback);
+
+/**
+ * Switches profiling: at INFO, one line with the elapsed time for each of the
+ * engine's timed scopes. Off unless the configuration file or this turns it on.
+ *
+ * Threads: any, also from a query callback; scopes under way may go unreported
+ * or report a meaningless time.
+ * Returns: always 0.
+ */
+ORVEX_API int orvex_profiling_set_enable(bool enable);
+
+/**
+ * Tells in *enable whether profiling is on. enable must not be null.
+ *
+ * Threads: any, also from a query callback.
+ * Returns: always 0.
+ */
+ORVEX_API int orvex_profiling_get_enable(bool* enable);
+
+/** There is no database. Reads nothing, changes nothing. Returns: always 312. */
+ORVEX_API int orvex_db_init(void);
+
+/** There is no database. Reads nothing, changes nothing. Returns: always 312. */
+ORVEX_API int orvex_db_set_enable(bool enable);
+
+/** There is no database. Reads nothing, writes nothing. Returns: always 312. */
+ORVEX_API int orvex_db_get_enable(bool* enable);
+
+/** There is no database. Reads nothing, writes nothing. Returns: always 312. */
+ORVEX_API int orvex_db_get_status(int* status);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* ORVEXENG_H */

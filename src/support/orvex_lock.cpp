@@ -1,0 +1,101 @@
+// Mutexes and condition waits behind an interface that reports failures as codes.
+#include "support/orvex_lock.h"
+
+#include <cstdio>
+
+#include "support/orvex_atomic.h"
+#include "support/orvex_cancellation.h"
+
+namespace {
+
+// Straight to standard output, never through the logger, whose callback may be
+// what the lock is about.
+void ReportFailure(const char* operation, const ORVEX_Lock& lock) {
+  const ORVEX_CancellationHold hold;
+  std::printf("[LOCK] %s failed: %d\n", operation, static_cast<int>(lock.GetLastErrorCode()));
+  std::fflush(stdout);
+}
+
+// Releases a mutex on every way out: a host may cancel its thread while it
+// sleeps.
+class MutexRelease {
+ public:
+  explicit MutexRelease(pthread_mutex_t* held) : mutex(held) {}
+  ~MutexRelease() { pthread_mutex_unlock(mutex); }
+  MutexRelease(const MutexRelease&) = delete;
+  MutexRelease& operator=(const MutexRelease&) = delete;
+
+ private:
+  pthread_mutex_t* mutex;
+};
+
+}  // namespace
+
+ORVEX_Lock::~ORVEX_Lock() = default;
+
+unsigned int ORVEX_Lock::GetLastErrorCode() const { return 0; }
+
+ORVEX_PThread_Lock::ORVEX_PThread_Lock() : lastError(0) { pthread_mutex_init(&mutex, nullptr); }
+
+ORVEX_PThread_Lock::~ORVEX_PThread_Lock() { pthread_mutex_destroy(&mutex); }
+
+unsigned int ORVEX_PThread_Lock::GetLastErrorCode() const {
+  return static_cast<unsigned int>(ORVEX_LoadRelaxed(lastError));
+}
+
+unsigned int ORVEX_PThread_Lock::Lock() {
+  const int error = pthread_mutex_lock(&mutex);
+  ORVEX_StoreRelaxed(lastError, error);
+  if (error != 0) return ORVEX_LOCK_FAILED;
+  return ORVEX_OK;
+}
+
+unsigned int ORVEX_PThread_Lock::Unlock() {
+  const int error = pthread_mutex_unlock(&mutex);
+  ORVEX_StoreRelaxed(lastError, error);
+  if (error != 0) return ORVEX_UNLOCK_FAILED;
+  return ORVEX_OK;
+}
+
+ORVEX_CondVar::~ORVEX_CondVar() = default;
+
+ORVEX_PThread_CondLock::ORVEX_PThread_CondLock() { pthread_cond_init(&condition, nullptr); }
+
+ORVEX_PThread_CondLock::~ORVEX_PThread_CondLock() { pthread_cond_destroy(&condition); }
+
+unsigned int ORVEX_PThread_CondLock::Signal() {
+  pthread_cond_signal(&condition);
+  return ORVEX_OK;
+}
+
+unsigned int ORVEX_PThread_CondLock::SignalAll() {
+  pthread_cond_broadcast(&condition);
+  return ORVEX_OK;
+}
+
+unsigned int ORVEX_PThread_CondLock::Wait(bool& waited, CondWaitCallbacks_t& callbacks) {
+  if (callbacks.predicate == nullptr || callbacks.predicateArg == nullptr) {
+    return ORVEX_INVALID_PARAMETER;
+  }
+  // Not through Lock: a wait leaves the last error of Lock and Unlock alone.
+  if (pthread_mutex_lock(&mutex) != 0) return ORVEX_OK;
+  const MutexRelease release(&mutex);
+  while (callbacks.predicate(callbacks.predicateArg)) {
+    waited = true;
+    if (callbacks.preWait != nullptr) callbacks.preWait(callbacks.preWaitArg);
+    pthread_cond_wait(&condition, &mutex);
+    if (callbacks.postWait != nullptr) callbacks.postWait(callbacks.postWaitArg);
+  }
+  return ORVEX_OK;
+}
+
+ORVEX_ScopeLock::ORVEX_ScopeLock(ORVEX_Lock* lock) : heldLock(lock) {
+  if (heldLock == nullptr || heldLock->Lock() == ORVEX_OK) return;
+  ReportFailure("lock", *heldLock);
+  heldLock = nullptr;
+}
+
+ORVEX_ScopeLock::~ORVEX_ScopeLock() {
+  if (heldLock == nullptr || heldLock->Unlock() == ORVEX_OK) return;
+  ReportFailure("unlock", *heldLock);
+}

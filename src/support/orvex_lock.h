@@ -1,0 +1,118 @@
+// Mutexes and condition waits behind an interface that reports failures as codes.
+#pragma once
+
+#include <pthread.h>
+
+#include "orvexeng.h"
+#include "support/orvex_annotations.h"
+
+// Codes of the support layer; they stay inside the library.
+enum : unsigned int {
+  ORVEX_LOCK_FAILED = 5,
+  ORVEX_UNLOCK_FAILED = 6,
+};
+
+// Something that one thread at a time holds.
+class ORVEX_API ORVEX_CAPABILITY("mutex") ORVEX_Lock {
+ public:
+  ORVEX_Lock() = default;
+  virtual ~ORVEX_Lock();
+  ORVEX_Lock(const ORVEX_Lock&) = delete;
+  ORVEX_Lock& operator=(const ORVEX_Lock&) = delete;
+
+  // The system's error number for the last Lock or Unlock, 0 after a success.
+  virtual unsigned int GetLastErrorCode() const;
+  virtual unsigned int Lock() ORVEX_ACQUIRE() = 0;
+  virtual unsigned int Unlock() ORVEX_RELEASE() = 0;
+};
+
+// A POSIX mutex with default attributes: not recursive.
+//
+// Threads: any number at once. Whoever locks it unlocks it.
+class ORVEX_API ORVEX_PThread_Lock : public ORVEX_Lock {
+ public:
+  ORVEX_PThread_Lock();
+  ~ORVEX_PThread_Lock() override;
+
+  unsigned int GetLastErrorCode() const override;
+  // 0, or ORVEX_LOCK_FAILED.
+  unsigned int Lock() override ORVEX_ACQUIRE();
+  // 0, or ORVEX_UNLOCK_FAILED.
+  unsigned int Unlock() override ORVEX_RELEASE();
+
+  // Tells the analysis that the caller holds this lock where it cannot see it.
+  void AssertHeld() const ORVEX_ASSERT_CAPABILITY(this) {}
+
+ protected:
+  pthread_mutex_t mutex;
+  // Relaxed, not guarded: Unlock writes it once the mutex is free again.
+  int lastError;
+};
+
+// What a thread that waits on a condition brings along.
+struct CondWaitCallbacks_t {
+  bool (*predicate)(void*);  // true while the caller must go on waiting; required
+  void (*preWait)(void*);    // called before each sleep; may be null
+  void (*postWait)(void*);   // called after each wake-up; may be null
+  void* predicateArg;        // required
+  void* preWaitArg;
+  void* postWaitArg;
+};
+
+// Something that threads sleep on until a state of interest to them changes.
+class ORVEX_API ORVEX_CondVar {
+ public:
+  ORVEX_CondVar() = default;
+  virtual ~ORVEX_CondVar();
+  ORVEX_CondVar(const ORVEX_CondVar&) = delete;
+  ORVEX_CondVar& operator=(const ORVEX_CondVar&) = delete;
+
+  virtual unsigned int Signal() = 0;
+  virtual unsigned int SignalAll() = 0;
+  virtual unsigned int Wait(bool& waited, CondWaitCallbacks_t& callbacks) = 0;
+};
+
+// A POSIX condition variable together with the mutex that its waiters hold.
+//
+// The state that a predicate reads is changed only while this object is locked,
+// and Signal or SignalAll follows; then no wake-up is lost.
+class ORVEX_API ORVEX_PThread_CondLock : public ORVEX_CondVar, public ORVEX_PThread_Lock {
+ public:
+  ORVEX_PThread_CondLock();
+  ~ORVEX_PThread_CondLock() override;
+
+  // Wakes one waiter. Always 0.
+  unsigned int Signal() override;
+  // Wakes all waiters. Always 0.
+  unsigned int SignalAll() override;
+  // Sleeps while callbacks.predicate(callbacks.predicateArg) is true. waited
+  // becomes true if the thread slept at all and is otherwise left alone.
+  //
+  // All three callbacks run with the mutex held; the predicate runs again after
+  // every wake-up, so wake-ups meant for others do no harm. Failures of the
+  // condition are ignored. If the mutex cannot be had, the wait is over at once:
+  // sleeping would give back a mutex that somebody else may hold.
+  // Returns ORVEX_INVALID_PARAMETER, without locking, when the predicate or its
+  // argument is null; otherwise 0.
+  unsigned int Wait(bool& waited, CondWaitCallbacks_t& callbacks) override ORVEX_EXCLUDES(this);
+
+ private:
+  pthread_cond_t condition;
+};
+
+// Holds a lock for the length of a scope. A null lock means none.
+//
+// Reports a failure on standard output and carries on: the library lives in
+// somebody else's process and neither throws nor aborts over a mutex. A lock
+// that could not be taken is not given back either, since it may be held by
+// somebody else.
+class ORVEX_API ORVEX_SCOPED_CAPABILITY ORVEX_ScopeLock {
+ public:
+  explicit ORVEX_ScopeLock(ORVEX_Lock* lock) ORVEX_ACQUIRE(lock);
+  ~ORVEX_ScopeLock() ORVEX_RELEASE();
+  ORVEX_ScopeLock(const ORVEX_ScopeLock&) = delete;
+  ORVEX_ScopeLock& operator=(const ORVEX_ScopeLock&) = delete;
+
+ private:
+  ORVEX_Lock* heldLock;
+};

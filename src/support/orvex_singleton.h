@@ -1,0 +1,22 @@
+// One object of a class per process.
+#pragma once
+
+#include "orvexeng.h"
+
+// Threads: concurrent first calls build the object once.
+// Ownership: built on first use, destroyed at process exit or when the library
+// is unloaded, in the reverse order of construction.
+//
+// The classes of the library declare their instantiation extern, so that a host
+// which includes their headers gets the library's object and not its own.
+template <typename T>
+class ORVEX_API ORVEX_Singleton {
+ public:
+  static T* GetInstance();
+};
+
+template <typename T>
+T* ORVEX_Singleton<T>::GetInstance() {
+  static T instance;
+  return &instance;
+}

@@ -1,0 +1,298 @@
+// Mutexes, condition waits and scope locks.
+#include <doctest/doctest.h>
+
+#include <string>
+#include <thread>
+#include <type_traits>
+
+#include "support/captured_output.h"
+#include "support/failing_pthread.h"
+#include "support/latch.h"
+#include "support/orvex_lock.h"
+
+namespace {
+
+// A state that threads wait on, and what happened while they did.
+struct Waiting {
+  static bool StillClosed(void* arg) {
+    auto& self = *static_cast<Waiting*>(arg);
+    ++self.predicateCalls;
+    return !self.open;
+  }
+  static void BeforeSleep(void* arg) {
+    auto& self = *static_cast<Waiting*>(arg);
+    ++self.sleeps;
+    self.asleep.Open();
+  }
+  static void AfterSleep(void* arg) { ++static_cast<Waiting*>(arg)->wakeUps; }
+
+  CondWaitCallbacks_t Callbacks() {
+    return {StillClosed, BeforeSleep, AfterSleep, this, this, this};
+  }
+
+  ORVEX_PThread_CondLock condition;
+  Latch asleep;
+  bool open = false;
+  int predicateCalls = 0;
+  int sleeps = 0;
+  int wakeUps = 0;
+};
+
+}  // namespace
+
+TEST_CASE("a lock is free again once it was unlocked") {
+  ORVEX_PThread_Lock lock;
+  CHECK(lock.Lock() == 0);
+  CHECK(lock.Unlock() == 0);
+  CHECK(lock.Lock() == 0);
+  CHECK(lock.Unlock() == 0);
+}
+
+TEST_CASE("the last error of a lock is zero before its first use and after a success") {
+  ORVEX_PThread_Lock lock;
+  CHECK(lock.GetLastErrorCode() == 0);
+  lock.Lock();
+  CHECK(lock.GetLastErrorCode() == 0);
+  lock.Unlock();
+  CHECK(lock.GetLastErrorCode() == 0);
+}
+
+TEST_CASE("the base of all locks knows no last error") {
+  class FreeForAll : public ORVEX_Lock {
+   public:
+    unsigned int Lock() override { return 0; }
+    unsigned int Unlock() override { return 0; }
+  } lock;
+  CHECK(lock.ORVEX_Lock::GetLastErrorCode() == 0);
+}
+
+TEST_CASE("a mutex that cannot be locked gives 5 and keeps the system's error number") {
+  ORVEX_PThread_Lock lock;
+  unsigned int result = 0;
+  {
+    FailingPThread failing;
+    failing.lockError = 35;
+    result = lock.Lock();
+  }
+  CHECK(result == 5);
+  CHECK(lock.GetLastErrorCode() == 35);
+}
+
+TEST_CASE("a mutex that cannot be unlocked gives 6 and keeps the system's error number") {
+  ORVEX_PThread_Lock lock;
+  lock.Lock();
+  unsigned int result = 0;
+  {
+    FailingPThread failing;
+    failing.unlockError = 1;
+    result = lock.Unlock();
+  }
+  CHECK(result == 6);
+  CHECK(lock.GetLastErrorCode() == 1);
+  CHECK(lock.Unlock() == 0);
+}
+
+TEST_CASE("a scope lock holds its lock to the end of the scope and no longer") {
+  ORVEX_PThread_Lock lock;
+  int counter = 0;
+  std::thread other;
+  {
+    const ORVEX_ScopeLock guard(&lock);
+    other = std::thread([&] {
+      const ORVEX_ScopeLock othersGuard(&lock);
+      counter *= 2;
+    });
+    counter = 21;
+  }
+  other.join();
+  CHECK(counter == 42);
+}
+
+TEST_CASE("a scope lock on no lock does nothing at either end") {
+  CapturedOutput output;
+  { const ORVEX_ScopeLock guard(nullptr); }
+  CHECK(output.Take() == "");
+}
+
+TEST_CASE("a scope lock that cannot lock says so on standard output and goes on") {
+  ORVEX_PThread_Lock lock;
+  CapturedOutput output;
+  bool reached = false;
+  {
+    FailingPThread failing;
+    failing.lockError = 22;
+    const ORVEX_ScopeLock guard(&lock);
+    reached = true;
+  }
+  CHECK(reached);
+  CHECK(output.Take() == "[LOCK] lock failed: 22\n");
+}
+
+TEST_CASE("a scope lock that could not lock does not unlock what somebody else may hold") {
+  ORVEX_PThread_Lock lock;
+  CapturedOutput output;
+  int unlocks = -1;
+  {
+    FailingPThread failing;
+    failing.lockError = 22;
+    { const ORVEX_ScopeLock guard(&lock); }
+    unlocks = failing.unlocks;
+  }
+  CHECK(unlocks == 0);
+}
+
+TEST_CASE("a scope lock that cannot unlock says so on standard output") {
+  ORVEX_PThread_Lock lock;
+  CapturedOutput output;
+  {
+    FailingPThread failing;
+    const ORVEX_ScopeLock guard(&lock);
+    failing.unlockError = 1;
+  }
+  CHECK(output.Take() == "[LOCK] unlock failed: 1\n");
+}
+
+TEST_CASE("a wait without a predicate is refused with 3 before anything is locked") {
+  Waiting waiting;
+  CondWaitCallbacks_t callbacks = waiting.Callbacks();
+  callbacks.predicate = nullptr;
+  bool waited = false;
+  unsigned int result = 0;
+  int locks = -1;
+  {
+    FailingPThread counting;
+    result = waiting.condition.Wait(waited, callbacks);
+    locks = counting.locks;
+  }
+  CHECK(result == 3);
+  CHECK_FALSE(waited);
+  CHECK(locks == 0);
+}
+
+TEST_CASE("a wait without an argument for the predicate is refused with 3") {
+  Waiting waiting;
+  CondWaitCallbacks_t callbacks = waiting.Callbacks();
+  callbacks.predicateArg = nullptr;
+  bool waited = false;
+  CHECK(waiting.condition.Wait(waited, callbacks) == 3);
+  CHECK(waiting.predicateCalls == 0);
+}
+
+TEST_CASE("a wait whose predicate is false at once neither sleeps nor calls back") {
+  Waiting waiting;
+  waiting.open = true;
+  CondWaitCallbacks_t callbacks = waiting.Callbacks();
+  for (const bool before : {false, true}) {
+    bool waited = before;
+    CHECK(waiting.condition.Wait(waited, callbacks) == 0);
+    CHECK(waited == before);
+  }
+  CHECK(waiting.sleeps == 0);
+  CHECK(waiting.wakeUps == 0);
+}
+
+TEST_CASE("a waiter sleeps until its predicate turns false and the condition is signalled") {
+  for (const bool toAll : {false, true}) {
+    CAPTURE(toAll);
+    Waiting waiting;
+    CondWaitCallbacks_t callbacks = waiting.Callbacks();
+    bool waited = false;
+    unsigned int result = 99;
+    std::thread waiter([&] { result = waiting.condition.Wait(waited, callbacks); });
+    waiting.asleep.Wait();
+    {
+      const ORVEX_ScopeLock guard(&waiting.condition);
+      waiting.open = true;
+    }
+    CHECK((toAll ? waiting.condition.SignalAll() : waiting.condition.Signal()) == 0);
+    waiter.join();
+    CHECK(result == 0);
+    CHECK(waited);
+    CHECK(waiting.sleeps == waiting.wakeUps);
+    CHECK(waiting.predicateCalls == waiting.sleeps + 1);
+  }
+}
+
+TEST_CASE("a waiter without pre- and post-wait callbacks looks again after each wake-up") {
+  Waiting waiting;
+  CondWaitCallbacks_t callbacks = waiting.Callbacks();
+  callbacks.preWait = nullptr;
+  callbacks.postWait = nullptr;
+  callbacks.predicate = [](void* arg) {
+    auto& self = *static_cast<Waiting*>(arg);
+    return ++self.predicateCalls < 4;
+  };
+  bool waited = false;
+  unsigned int result = 99;
+  {
+    FailingPThread failing;  // Every sleep ends at once, as if woken for nothing.
+    failing.waitError = 22;
+    result = waiting.condition.Wait(waited, callbacks);
+  }
+  CHECK(result == 0);
+  CHECK(waited);
+  CHECK(waiting.predicateCalls == 4);
+}
+
+TEST_CASE("a wait leaves the last error of its lock alone") {
+  Waiting waiting;
+  waiting.open = true;
+  {
+    FailingPThread failing;
+    failing.lockError = 35;
+    waiting.condition.Lock();
+  }
+  CondWaitCallbacks_t callbacks = waiting.Callbacks();
+  bool waited = false;
+  waiting.condition.Wait(waited, callbacks);
+  CHECK(waiting.condition.GetLastErrorCode() == 35);
+}
+
+TEST_CASE("a wait that cannot lock is over at once and unlocks nothing") {
+  Waiting waiting;
+  CondWaitCallbacks_t callbacks = waiting.Callbacks();
+  bool waited = false;
+  unsigned int result = 99;
+  int unlocks = -1;
+  {
+    FailingPThread failing;
+    failing.lockError = 22;
+    result = waiting.condition.Wait(waited, callbacks);
+    unlocks = failing.unlocks;
+  }
+  CHECK(result == 0);
+  CHECK_FALSE(waited);
+  CHECK(unlocks == 0);
+}
+
+TEST_CASE("a waiter that is cancelled in its sleep gives the mutex back") {
+  Waiting waiting;
+  pthread_t sleeper;
+  const auto sleep = [](void* arg) -> void* {
+    auto& self = *static_cast<Waiting*>(arg);
+    CondWaitCallbacks_t callbacks = self.Callbacks();
+    bool waited = false;
+    self.condition.Wait(waited, callbacks);
+    return nullptr;
+  };
+  REQUIRE(pthread_create(&sleeper, nullptr, sleep, &waiting) == 0);
+  waiting.asleep.Wait();
+  pthread_cancel(sleeper);
+  pthread_join(sleeper, nullptr);
+  CHECK(waiting.condition.Lock() == 0);
+  CHECK(waiting.condition.Unlock() == 0);
+}
+
+TEST_CASE("a condition lock is a condition first and a lock second") {
+  ORVEX_PThread_CondLock condition;
+  CHECK(static_cast<void*>(static_cast<ORVEX_CondVar*>(&condition)) ==
+        static_cast<void*>(&condition));
+  ORVEX_Lock& asLock = condition;
+  CHECK(asLock.Lock() == 0);
+  CHECK(asLock.Unlock() == 0);
+}
+
+TEST_CASE("the callbacks of a wait are six pointers") {
+  CHECK(sizeof(CondWaitCallbacks_t) == 6 * sizeof(void*));
+  CHECK(std::is_standard_layout_v<CondWaitCallbacks_t>);
+}

@@ -1,0 +1,192 @@
+// The logger: levels, switches, format and callback.
+#include <doctest/doctest.h>
+#include <stdlib.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <stdexcept>
+#include <string>
+
+#include "support/captured_output.h"
+#include "support/orvex_log.h"
+#include "support/recorded_log.h"
+
+namespace {
+
+void LogText(ORVEX_LOG level, const char* text) {
+  ORVEX_LOGGER::GetInstance()->Log(level, 7, "Function", "file", "%s", text);
+}
+
+}  // namespace
+
+TEST_CASE("messages up to the level are kept and more detailed ones dropped") {
+  RecordedLog log(ORVEX_LOG_INFO);
+  LogText(ORVEX_LOG_FATAL, "fatal");
+  LogText(ORVEX_LOG_ERROR, "error");
+  LogText(ORVEX_LOG_WARNING, "warning");
+  LogText(ORVEX_LOG_INFO, "info");
+  LogText(ORVEX_LOG_DEBUG, "debug");
+  CHECK(log.TakeTranscript() ==
+        Lines({"FATAL Function file: fatal", "ERROR Function file: error",
+               "WARNING Function file: warning", "INFO Function file: info"}));
+}
+
+TEST_CASE("the level is INFO and logging is on unless somebody changes it") {
+  CHECK(ORVEX_LOG_BASE::LogLevel == ORVEX_LOG_INFO);
+  CHECK(ORVEX_LOG_BASE::LogEnable);
+}
+
+TEST_CASE("switching logging off drops every message") {
+  RecordedLog log;
+  ORVEX_LOG_BASE::LogEnable = false;
+  LogText(ORVEX_LOG_FATAL, "fatal");
+  CHECK(log.TakeTranscript() == "");
+}
+
+TEST_CASE("a level below FATAL drops every message") {
+  RecordedLog log(static_cast<ORVEX_LOG>(-1));
+  LogText(ORVEX_LOG_FATAL, "fatal");
+  CHECK(log.TakeTranscript() == "");
+}
+
+TEST_CASE("a level above DEBUG keeps messages of levels that have no name") {
+  RecordedLog log(static_cast<ORVEX_LOG>(9));
+  LogText(static_cast<ORVEX_LOG>(9), "nine");
+  LogText(static_cast<ORVEX_LOG>(10), "ten");
+  CHECK(log.TakeTranscript() == Lines({" Function file: nine"}));
+}
+
+TEST_CASE("a message carries level, line, function, file, text and length") {
+  RecordedLog log;
+  ORVEX_LOGGER::GetInstance()->Log(ORVEX_LOG_WARNING, 42, "Function", "file", "%d of %s", 3, "x");
+  REQUIRE(log.Records().size() == 1);
+  const LogRecord record = log.Records().front();
+  CHECK(record.level == 2);
+  CHECK(record.line == 42);
+  CHECK(record.function == "Function");
+  CHECK(record.file == "file");
+  CHECK(record.text == "3 of x");
+  CHECK(record.length == 6);
+}
+
+TEST_CASE("a message of 511 characters arrives whole") {
+  RecordedLog log;
+  LogText(ORVEX_LOG_INFO, std::string(511, 'a').c_str());
+  CHECK(log.Records().front().text == std::string(511, 'a'));
+  CHECK(log.Records().front().length == 511);
+}
+
+TEST_CASE("a message of 600 characters arrives cut to 511 with its whole length told") {
+  RecordedLog log;
+  LogText(ORVEX_LOG_INFO, std::string(600, 'a').c_str());
+  CHECK(log.Records().front().text == std::string(511, 'a'));
+  CHECK(log.Records().front().length == 600);
+}
+
+TEST_CASE("a null text in a message reads (null)") {
+  RecordedLog log;
+  LogText(ORVEX_LOG_INFO, nullptr);
+  CHECK(log.Records().front().text == "(null)");
+}
+
+TEST_CASE("levels have names and unknown ones the empty name") {
+  CHECK(std::string(ORVEX_LOG_BASE::LogLevelToString(0)) == "FATAL");
+  CHECK(std::string(ORVEX_LOG_BASE::LogLevelToString(1)) == "ERROR");
+  CHECK(std::string(ORVEX_LOG_BASE::LogLevelToString(2)) == "WARNING");
+  CHECK(std::string(ORVEX_LOG_BASE::LogLevelToString(3)) == "INFO");
+  CHECK(std::string(ORVEX_LOG_BASE::LogLevelToString(4)) == "DEBUG");
+  CHECK(std::string(ORVEX_LOG_BASE::LogLevelToString(5)) == "");
+  CHECK(std::string(ORVEX_LOG_BASE::LogLevelToString(7)) == "");
+  CHECK(std::string(ORVEX_LOG_BASE::LogLevelToString(4294967295u)) == "");
+}
+
+TEST_CASE("a second callback replaces the first") {
+  static int firstCalls = 0;
+  static int secondCalls = 0;
+  CHECK(orvex_register_log_cb([](unsigned int, unsigned int, const char*, const char*, const char*,
+                                 unsigned int) { ++firstCalls; }) == 0);
+  CHECK(orvex_register_log_cb([](unsigned int, unsigned int, const char*, const char*, const char*,
+                                 unsigned int) { ++secondCalls; }) == 0);
+  LogText(ORVEX_LOG_INFO, "text");
+  CHECK(firstCalls == 0);
+  CHECK(secondCalls == 1);
+}
+
+TEST_CASE("a null callback is refused with 3 and the earlier one stays") {
+  RecordedLog log;
+  CHECK(orvex_register_log_cb(nullptr) == 3);
+  LogText(ORVEX_LOG_INFO, "text");
+  CHECK(log.TakeTranscript() == Lines({"INFO Function file: text"}));
+}
+
+TEST_CASE("the logger itself refuses a null callback with 1") {
+  RecordedLog log;
+  CHECK(ORVEX_LOGGER::GetInstance()->RegisterLogCallback(nullptr) == 1);
+  LogText(ORVEX_LOG_INFO, "text");
+  CHECK(log.TakeTranscript() == Lines({"INFO Function file: text"}));
+}
+
+TEST_CASE("with a callback nothing goes to standard output") {
+  RecordedLog log;
+  CapturedOutput output;
+  LogText(ORVEX_LOG_INFO, "text");
+  CHECK(output.Take() == "");
+}
+
+TEST_CASE("without a callback a message is one flushed line on standard output") {
+  // A zone whose local time cannot be taken for the zone of the machine.
+  setenv("TZ", "XYZ-05:47", 1);
+  CapturedOutput output;
+  const time_t before = time(nullptr);
+  LogText(ORVEX_LOG_ERROR, "the text");
+  const time_t after = time(nullptr);
+  const std::string line = output.Take();
+  const auto lineAt = [](time_t second) {
+    char when[128] = {};
+    strftime(when, sizeof when, "%Y %m %d %X ", localtime(&second));
+    return std::string(when) + " [ERROR] the text file|7|Function\n";
+  };
+  bool matches = false;
+  for (time_t second = before; second <= after; ++second) matches |= line == lineAt(second);
+  CAPTURE(line);
+  CHECK(matches);
+}
+
+TEST_CASE("a message longer than 511 characters is printed cut") {
+  CapturedOutput output;
+  LogText(ORVEX_LOG_INFO, std::string(600, 'a').c_str());
+  const std::string line = output.Take();
+  CHECK(line.find(" " + std::string(511, 'a') + " file|7|Function\n") != std::string::npos);
+}
+
+TEST_CASE("a standard output that cannot be written to is ignored") {
+  CapturedOutput output;
+  close(STDOUT_FILENO);
+  CHECK_NOTHROW(LogText(ORVEX_LOG_INFO, "lost"));
+}
+
+TEST_CASE("an exception of the log callback ends in the logger") {
+  RecordedLog log;
+  log.onMessage = [](const LogRecord&) { throw std::runtime_error("from the callback"); };
+  CHECK_NOTHROW(LogText(ORVEX_LOG_INFO, "text"));
+  CHECK(log.CountOf("text") == 1);
+}
+
+TEST_CASE("a dropped message does not evaluate its arguments") {
+  RecordedLog log(ORVEX_LOG_INFO);
+  int evaluations = 0;
+  ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, "file", "%d", ++evaluations);
+  CHECK(evaluations == 0);
+  ORVEX_LOG_MESSAGE(ORVEX_LOG_INFO, "file", "%d", ++evaluations);
+  CHECK(evaluations == 1);
+}
+
+TEST_CASE("a logger has no settings of its own to read") {
+  char settings[] = "LogLevel=4";
+  CHECK(ORVEX_LOGGER::GetInstance()->ReadConfig(settings) == 0);
+  CHECK(ORVEX_LOG_BASE::LogLevel == ORVEX_LOG_INFO);
+}
+
+TEST_CASE("there is one logger") {
+  CHECK(ORVEX_LOGGER::GetInstance() == ORVEX_LOGGER::GetInstance());
+}

@@ -1,0 +1,83 @@
+// The engine's messages, kept for a test to look at.
+#include "support/recorded_log.h"
+
+#include <algorithm>
+
+namespace {
+
+std::string LineOf(const LogRecord& record) {
+  return std::string(ORVEX_LOG_BASE::LogLevelToString(record.level)) + " " + record.function + " " +
+         record.file + ": " + record.text + "\n";
+}
+
+bool Holds(const LogRecord& record, const std::string& text) {
+  return record.text.find(text) != std::string::npos;
+}
+
+}  // namespace
+
+RecordedLog* RecordedLog::current = nullptr;
+
+RecordedLog::RecordedLog(ORVEX_LOG level) {
+  ORVEX_LOG_BASE::LogLevel = level;
+  current = this;
+  orvex_register_log_cb(&RecordedLog::Receive);
+}
+
+RecordedLog::~RecordedLog() { current = nullptr; }
+
+std::vector<LogRecord> RecordedLog::Records() const {
+  const std::lock_guard guard(lock);
+  return records;
+}
+
+std::string RecordedLog::TakeTranscript() {
+  const std::lock_guard guard(lock);
+  std::string transcript;
+  for (const LogRecord& record : records) transcript += LineOf(record);
+  records.clear();
+  return transcript;
+}
+
+std::string RecordedLog::TakeTranscriptOf(std::thread::id thread) {
+  const std::lock_guard guard(lock);
+  std::string transcript;
+  const auto isOther = [thread](const LogRecord& record) { return record.thread != thread; };
+  const auto own = std::stable_partition(records.begin(), records.end(), isOther);
+  for (auto record = own; record != records.end(); ++record) transcript += LineOf(*record);
+  records.erase(own, records.end());
+  return transcript;
+}
+
+int RecordedLog::CountOf(const std::string& text) const {
+  const std::lock_guard guard(lock);
+  return static_cast<int>(
+      std::count_if(records.begin(), records.end(),
+                    [&text](const LogRecord& record) { return Holds(record, text); }));
+}
+
+void RecordedLog::WaitFor(const std::string& text) const {
+  std::unique_lock guard(lock);
+  received.wait(guard, [&] {
+    return std::any_of(records.begin(), records.end(),
+                       [&text](const LogRecord& record) { return Holds(record, text); });
+  });
+}
+
+void RecordedLog::Receive(unsigned int level, unsigned int line, const char* function,
+                          const char* file, const char* message, unsigned int length) {
+  if (current == nullptr) return;
+  const LogRecord record{level, line, function, file, message, length, std::this_thread::get_id()};
+  {
+    const std::lock_guard guard(current->lock);
+    current->records.push_back(record);
+  }
+  current->received.notify_all();
+  if (current->onMessage) current->onMessage(record);
+}
+
+std::string Lines(std::initializer_list<std::string> lines) {
+  std::string transcript;
+  for (const std::string& line : lines) transcript += line + "\n";
+  return transcript;
+}

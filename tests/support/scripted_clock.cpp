@@ -1,0 +1,31 @@
+// A clock that tells the time a test wants, and who looked at it.
+#include "support/scripted_clock.h"
+
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace {
+
+ScriptedClock* current = nullptr;
+
+timespec Next(std::deque<timespec>& readings) {
+  if (readings.empty()) return {};
+  const timespec next = readings.front();
+  readings.pop_front();
+  return next;
+}
+
+}  // namespace
+
+ScriptedClock::ScriptedClock() { current = this; }
+
+ScriptedClock::~ScriptedClock() { current = nullptr; }
+
+extern "C" int clock_gettime(clockid_t clock, timespec* now) noexcept {
+  if (current == nullptr) return static_cast<int>(syscall(SYS_clock_gettime, clock, now));
+  const bool isMonotonic = clock == CLOCK_MONOTONIC;
+  ++(isMonotonic ? current->monotonicReadings : current->realTimeReadings);
+  if (current->broken) return -1;
+  *now = Next(isMonotonic ? current->monotonic : current->realTime);
+  return 0;
+}

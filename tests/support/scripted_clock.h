@@ -1,0 +1,25 @@
+// A clock that tells the time a test wants, and who looked at it.
+#pragma once
+
+#include <time.h>
+
+#include <deque>
+
+// Stands in for clock_gettime of the whole program while it lives.
+//
+// Threads: one.
+class ScriptedClock {
+ public:
+  ScriptedClock();
+  ~ScriptedClock();
+  ScriptedClock(const ScriptedClock&) = delete;
+  ScriptedClock& operator=(const ScriptedClock&) = delete;
+
+  // What the next readings tell, in order; zero when there is none left.
+  std::deque<timespec> monotonic;
+  std::deque<timespec> realTime;
+  int monotonicReadings = 0;
+  int realTimeReadings = 0;
+  // A clock that cannot be read returns -1 and tells nothing.
+  bool broken = false;
+};
