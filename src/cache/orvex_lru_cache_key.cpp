@@ -1,0 +1,74 @@
+// The identity of a file in both caches.
+#include "cache/orvex_lru_cache_key.h"
+
+#include "cache/orvex_lru_cache_text.h"
+#include "support/orvex_log.h"
+
+LRUCacheKey::LRUCacheKey() = default;
+
+LRUCacheKey::LRUCacheKey(metadata_input_s& in)
+    : flags(in.fileOperation),
+      name(TextOrEmpty(in.name)),
+      path(TextOrEmpty(in.path)),
+      size(in.size),
+      mtime(in.mtime),
+      deviceID(in.deviceID),
+      fileID(in.fileID) {}
+
+LRUCacheKey::LRUCacheKey(const LRUCacheKey& other) = default;
+
+LRUCacheKey::~LRUCacheKey() = default;
+
+LRUCacheKey& LRUCacheKey::operator=(const LRUCacheKey& other) {
+  path = other.path;
+  size = other.size;
+  mtime = other.mtime;
+  deviceID = other.deviceID;
+  fileID = other.fileID;
+  flags = other.flags;
+  return *this;
+}
+
+bool LRUCacheKey::operator<(const LRUCacheKey& right) const {
+  return LRUCacheKeyView(*this) < LRUCacheKeyView(right);
+}
+
+bool LRUCacheKey::operator==(const LRUCacheKey& other) {
+  return path == other.path && size == other.size && mtime == other.mtime &&
+         deviceID == other.deviceID && fileID == other.fileID;
+}
+
+void LRUCacheKey::Dump() const {
+  ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile,
+                    "Key: flags=0x%08x, path=%s, size=%llu, mtime=%llu, deviceID=%llu, fileID=%llu",
+                    flags, path.c_str(), PrintableNumber(size), PrintableNumber(mtime),
+                    PrintableNumber(deviceID), PrintableNumber(fileID));
+}
+
+LRUCacheKeyView::LRUCacheKeyView(const metadata_input_s& in)
+    : flags(in.fileOperation),
+      path(TextOrEmpty(in.path)),
+      size(in.size),
+      mtime(in.mtime),
+      deviceID(in.deviceID),
+      fileID(in.fileID) {}
+
+LRUCacheKeyView::LRUCacheKeyView(const LRUCacheKey& key)
+    : flags(key.flags),
+      path(key.path),
+      size(key.size),
+      mtime(key.mtime),
+      deviceID(key.deviceID),
+      fileID(key.fileID) {}
+
+bool operator<(const LRUCacheKeyView& left, const LRUCacheKeyView& right) {
+  if ((left.flags & KEY_PATH) != 0) {
+    if (const int order = left.path.compare(right.path); order != 0) return order < 0;
+  }
+  if ((left.flags & KEY_SIZE) != 0 && left.size != right.size) return left.size < right.size;
+  if ((left.flags & KEY_MTIME) != 0 && left.mtime != right.mtime) return left.mtime < right.mtime;
+  if ((left.flags & KEY_DEVICE_ID) != 0 && left.deviceID != right.deviceID) {
+    return left.deviceID < right.deviceID;
+  }
+  return (left.flags & KEY_FILE_ID) != 0 && left.fileID < right.fileID;
+}

@@ -1,0 +1,56 @@
+// The identity of a file in both caches.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "orvexeng.h"
+
+// Which file an entry is about, and which of its fields tell it from others.
+//
+// Invariant: the order is a strict weak one only among keys of one mask.
+class ORVEX_API LRUCacheKey {
+ public:
+  LRUCacheKey();
+  explicit LRUCacheKey(metadata_input_s& in);
+  LRUCacheKey(const LRUCacheKey& other);
+  virtual ~LRUCacheKey();
+  // Leaves the name as it is.
+  LRUCacheKey& operator=(const LRUCacheKey& other);
+
+  // Orders by the fields that the left key's mask selects; the right one's never
+  // matters. Path bytes are unsigned.
+  bool operator<(const LRUCacheKey& right) const;
+  // Compares path and numbers, whatever either mask says.
+  bool operator==(const LRUCacheKey& other);
+
+  // Logs the key at DEBUG.
+  void Dump() const;
+
+  uint32_t flags = 0;  // KEY_*
+  std::string name;    // kept for the host; never compared, never printed
+  std::string path;
+  uint64_t size = 0;
+  uint64_t mtime = 0;
+  uint64_t deviceID = 0;
+  uint64_t fileID = 0;
+};
+
+// A key that borrows its path: looking up needs no memory, and so cannot fail.
+//
+// Ownership: valid while the record or key it was made from is.
+struct LRUCacheKeyView {
+  explicit LRUCacheKeyView(const metadata_input_s& in);
+  // Implicit, so that a lookup compares views with stored keys.
+  LRUCacheKeyView(const LRUCacheKey& key);
+
+  uint32_t flags;
+  std::string_view path;
+  uint64_t size;
+  uint64_t mtime;
+  uint64_t deviceID;
+  uint64_t fileID;
+};
+
+bool operator<(const LRUCacheKeyView& left, const LRUCacheKeyView& right);

@@ -1,0 +1,163 @@
+// What the hash cache knows about one file.
+#include "cache/orvex_lru_cache_node.h"
+
+#include <cstddef>
+#include <cstring>
+#include <new>
+
+#include "cache/orvex_lru_cache_text.h"
+#include "support/orvex_log.h"
+#include "support/orvex_time.h"
+
+namespace {
+
+using SignerArray = std::unique_ptr<char[]>;
+
+// A copy of count signer slots, or null when there is nothing to copy from, no
+// memory for it, or no such size.
+SignerArray CopyOfSigners(const char* source, uint32_t count) {
+  const uint64_t bytes = uint64_t{count} * ORVEX_SIGNER_SLOT;
+  if (source == nullptr || bytes > PTRDIFF_MAX) return nullptr;
+  SignerArray copy(new (std::nothrow) char[static_cast<size_t>(bytes)]);
+  if (copy != nullptr) std::memcpy(copy.get(), source, static_cast<size_t>(bytes));
+  return copy;
+}
+
+template <size_t kLength>
+void CopyDigest(uint8_t (&to)[kLength], const uint8_t (&from)[kLength]) {
+  std::memcpy(to, from, kLength);
+}
+
+// Copies those digests whose bits are in present, between a node and a record or
+// another node, and adds their bits to flags.
+template <typename To, typename From>
+void CopyDigests(To& to, const From& from, uint32_t present, uint32_t& flags) {
+  if ((present & QUERY_DIGEST16) != 0) CopyDigest(to.digest16, from.digest16);
+  if ((present & QUERY_DIGEST20) != 0) CopyDigest(to.digest20, from.digest20);
+  if ((present & QUERY_DIGEST32) != 0) CopyDigest(to.digest32, from.digest32);
+  if ((present & QUERY_AUX_DIGEST20) != 0) CopyDigest(to.auxDigest20, from.auxDigest20);
+  flags |= present & (QUERY_DIGEST16 | QUERY_DIGEST20 | QUERY_DIGEST32 | QUERY_AUX_DIGEST20);
+}
+
+}  // namespace
+
+LRUCacheNode::LRUCacheNode() : recordTime(ORVEXTimeGetTimeStampNS()) {}
+
+LRUCacheNode::LRUCacheNode(metadata_input_s& in, metadata_output_s& out) {
+  SetDataToCacheNode(in, out);
+}
+
+LRUCacheNode::~LRUCacheNode() = default;
+
+LRUCacheNode& LRUCacheNode::operator=(const LRUCacheNode& source) {
+  if (this == &source) return *this;
+  path = source.path;
+  recordTime = source.recordTime;
+  fileOperation = source.fileOperation;
+  invOperation = source.invOperation;
+  deviceID = source.deviceID;
+  fileID = source.fileID;
+  if ((source.queryFlags & QUERY_SIZE) != 0) {
+    size = source.size;
+    queryFlags |= QUERY_SIZE;
+  }
+  CopyDigests(*this, source, source.queryFlags, queryFlags);
+  if ((source.queryFlags & QUERY_SIGNERS) != 0) {
+    const bool same =
+        signerCount == source.signerCount && signers != nullptr && source.signers != nullptr &&
+        std::memcmp(signers.get(), source.signers.get(), size_t{signerCount} * ORVEX_SIGNER_SLOT) ==
+            0;
+    if (same) {
+      queryFlags |= QUERY_SIGNERS;
+    } else {
+      ForgetSigners();
+      if (source.signerCount != 0) StoreSigners(source.signers.get(), source.signerCount);
+    }
+  }
+  if ((source.queryFlags & QUERY_FEEDBACK) != 0) feedback = source.feedback;
+  return *this;
+}
+
+int LRUCacheNode::SetDataToCacheNode(metadata_input_s& in, metadata_output_s& out) {
+  // First, because it is the one step that can fail.
+  path = TextOrEmpty(in.path);
+  dataSet = true;
+  invOperation = in.invOperation;
+  fileOperation = in.fileOperation;
+  deviceID = in.deviceID;
+  fileID = in.fileID;
+  if (in.size != 0) {
+    size = in.size;
+    queryFlags |= QUERY_SIZE;
+  }
+  if (in.mtime != 0) {
+    mtime = in.mtime;
+    queryFlags |= QUERY_MTIME;
+  }
+  CopyDigests(*this, out, out.queryFlags, queryFlags);
+  ForgetSigners();
+  if ((out.queryFlags & QUERY_SIGNERS) != 0) {
+    if (out.signerCount == 0) {
+      queryFlags |= QUERY_SIGNERS;  // Known to have none.
+    } else {
+      StoreSigners(out.signers, out.signerCount);
+    }
+  }
+  if ((out.queryFlags & QUERY_FEEDBACK) != 0) {
+    feedback = out.feedback != 0;
+    queryFlags |= QUERY_FEEDBACK;
+  }
+  recordTime = ORVEXTimeGetTimeStampNS();
+  return ORVEX_OK;
+}
+
+unsigned int LRUCacheNode::GetDataFromCacheNode(metadata_output_s& out) {
+  if ((queryFlags & QUERY_SIZE) != 0) {
+    out.size = size;
+    out.queryFlags |= QUERY_SIZE;
+  }
+  CopyDigests(out, *this, queryFlags, out.queryFlags);
+  if ((queryFlags & QUERY_MTIME) != 0) {
+    out.modificationTime = mtime;
+    out.queryFlags |= QUERY_MTIME;
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile, "metaOut.modificationTime=%lu",
+                      static_cast<unsigned long>(mtime));
+  }
+  if ((queryFlags & QUERY_SIGNERS) != 0) {
+    delete[] out.signers;
+    out.signers = nullptr;
+    out.signerCount = 0;
+    out.queryFlags &= ~uint32_t{QUERY_SIGNERS};
+    if (signers != nullptr) {
+      SignerArray copy = CopyOfSigners(signers.get(), signerCount);
+      if (copy == nullptr) return ORVEX_NO_MEMORY;
+      out.signers = copy.release();
+      out.signerCount = signerCount;
+    }
+    out.queryFlags |= QUERY_SIGNERS;
+  }
+  out.feedback = feedback ? 1 : 0;
+  out.queryFlags |= QUERY_FEEDBACK;
+  return ORVEX_OK;
+}
+
+void LRUCacheNode::Dump() const {
+  ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile,
+                    "Node: queryFlags=0x%08x, fileOperation=0x%08x, invOperation=0x%08x, path=%s, "
+                    "size=%llu, mtime=%llu, signerCount=%u, feedback=%d, recordTime=%llu",
+                    queryFlags, fileOperation, invOperation, path.c_str(), PrintableNumber(size),
+                    PrintableNumber(mtime), signerCount, feedback, PrintableNumber(recordTime));
+}
+
+void LRUCacheNode::ForgetSigners() {
+  signers.reset();
+  signerCount = 0;
+  queryFlags &= ~uint32_t{QUERY_SIGNERS};
+}
+
+void LRUCacheNode::StoreSigners(const char* source, uint32_t count) {
+  signers = CopyOfSigners(source, count);
+  if (signers == nullptr) return;
+  signerCount = count;
+  queryFlags |= QUERY_SIGNERS;
+}

@@ -1,0 +1,66 @@
+// What the hash cache knows about one file.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "cache/orvex_lru_cache_key.h"
+#include "cache/orvex_lru_cache_map.h"
+#include "orvexeng.h"
+#include "support/orvex_local.h"
+
+// The parts of an answer that a host gave for one file. Parts gather over several
+// answers; signers alone are those of the last one.
+//
+// Ownership: belongs to the cache that holds it; owns its signer array.
+// Locking: none of its own; a cached node is touched under the cache's lock.
+class ORVEX_API LRUCacheNode {
+ public:
+  LRUCacheNode();
+  // Throws std::bad_alloc, as SetDataToCacheNode does.
+  LRUCacheNode(metadata_input_s& in, metadata_output_s& out);
+  LRUCacheNode(const LRUCacheNode&) = delete;
+  virtual ~LRUCacheNode();
+  // Takes over the parts that the source holds and keeps the others; mtime and
+  // the place in the cache stay in any case.
+  LRUCacheNode& operator=(const LRUCacheNode& source);
+
+  // Merges an answer. The result says nothing. Throws std::bad_alloc, and then
+  // nothing has changed; signers that cannot be had leave the node without any.
+  int SetDataToCacheNode(metadata_input_s& in, metadata_output_s& out);
+  // Copies the parts held into out and adds their bits. Frees out's signer array
+  // before it stores another, which is the caller's from then on. Feedback is
+  // always given, 0 unless the host gave one. Returns 0, or ORVEX_NO_MEMORY for
+  // a signer array, and then all parts but feedback are copied.
+  unsigned int GetDataFromCacheNode(metadata_output_s& out);
+
+  // Logs the node at DEBUG.
+  void Dump() const;
+
+  bool dataSet = false;        // true once an answer was stored
+  uint32_t queryFlags = 0;     // QUERY_*: which of the parts below are held
+  uint32_t fileOperation = 0;  // of the last query that stored
+  uint32_t invOperation = 0;   // of the last query that stored
+  uint64_t recordTime = 0;     // wall clock in nanoseconds when last stored
+  // The node's entry in the cache's map; the map's end once that entry went with
+  // another node that shared it.
+  LRUCacheMap<LRUCacheKey, LRUCacheNode>::iterator mapEntry;
+  std::string path;
+  uint64_t size = 0;
+  uint64_t mtime = 0;
+  uint32_t signerCount = 0;
+  std::unique_ptr<char[]> signers;  // signerCount slots; null when there are none
+  uint8_t digest16[16] = {};
+  uint8_t digest20[20] = {};
+  uint8_t digest32[32] = {};
+  uint8_t auxDigest20[20] = {};
+  uint64_t deviceID = 0;
+  uint64_t fileID = 0;
+  bool feedback = false;
+
+ private:
+  ORVEX_LOCAL void ForgetSigners();
+  // Leaves the node without signers when they cannot be had.
+  ORVEX_LOCAL void StoreSigners(const char* source, uint32_t count);
+};

@@ -1,0 +1,42 @@
+// Timed scopes.
+#pragma once
+
+#include <time.h>
+
+#include <string>
+
+#include "orvexeng.h"
+
+// Logs how long the scope it stands in took, at INFO, when profiling is on.
+//
+// Whether it times is decided at either end on its own: only a scope whose whole
+// life falls into an "on" period reports a meaningful time. With profiling off
+// it reads no clock, allocates nothing and costs a flag test at each end.
+// Threads: an object belongs to one thread.
+class ORVEX_API ORVEX_Profiling {
+ public:
+  ORVEX_Profiling();
+  // Keeps a copy of the name.
+  explicit ORVEX_Profiling(std::string scopeName);
+  // Keeps the pointer: for names that outlive the scope. Never fails.
+  explicit ORVEX_Profiling(const char* scopeName);
+  virtual ~ORVEX_Profiling();
+  ORVEX_Profiling(const ORVEX_Profiling&) = delete;
+  ORVEX_Profiling& operator=(const ORVEX_Profiling&) = delete;
+
+  void StartProfiling();
+  void StopProfiling();
+  void PrintProfilingResult();
+
+  // The host may set it directly, or through orvex_profiling_set_enable.
+  static bool EnableProfiling;
+
+ private:
+  // Zero until set, so that a scope which began while profiling was off prints
+  // a wrong time and not stack contents.
+  timespec startTime{};  // CLOCK_MONOTONIC, like stopTime
+  timespec stopTime{};
+  timespec elapsedTime{};
+  std::string name;
+  const char* borrowedName = nullptr;  // printed in place of name unless null
+};

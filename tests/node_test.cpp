@@ -1,0 +1,405 @@
+// What the hash cache keeps of one file.
+#include <doctest/doctest.h>
+
+#include <string>
+
+#include "cache/orvex_lru_cache_node.h"
+#include "support/recorded_log.h"
+#include "support/records.h"
+#include "support/scripted_clock.h"
+
+namespace {
+
+metadata_input_s FileOf(uint64_t size, uint64_t mtime) {
+  metadata_input_s in{};
+  in.path = "/bin/true";
+  in.size = size;
+  in.mtime = mtime;
+  return in;
+}
+
+}  // namespace
+
+TEST_CASE("a new node is empty but for the time it was made") {
+  ScriptedClock clock;
+  clock.realTime = {{5, 6}};
+  const LRUCacheNode node;
+  CHECK_FALSE(node.dataSet);
+  CHECK(node.queryFlags == 0);
+  CHECK(node.path == "");
+  CHECK(node.signers == nullptr);
+  CHECK(node.recordTime == 5000000006);
+}
+
+TEST_CASE("storing an answer stamps the node with the time of storing") {
+  ScriptedClock clock;
+  clock.realTime = {{7, 8}, {9, 10}};
+  metadata_input_s in = FileOf(1, 2);
+  Answer out;
+  LRUCacheNode node(in, out);
+  CHECK(node.recordTime == 7000000008);
+  node.SetDataToCacheNode(in, out);
+  CHECK(node.recordTime == 9000000010);
+}
+
+TEST_CASE("a node takes over the input's identity and operations") {
+  metadata_input_s in = FileOf(1, 2);
+  in.deviceID = 3;
+  in.fileID = 4;
+  in.fileOperation = 5;
+  in.invOperation = 6;
+  Answer out;
+  const LRUCacheNode node(in, out);
+  CHECK(node.dataSet);
+  CHECK(node.path == "/bin/true");
+  CHECK(node.deviceID == 3);
+  CHECK(node.fileID == 4);
+  CHECK(node.fileOperation == 5);
+  CHECK(node.invOperation == 6);
+}
+
+TEST_CASE("a node of an input without a path has the empty path") {
+  metadata_input_s in{};
+  Answer out;
+  CHECK(LRUCacheNode(in, out).path == "");
+}
+
+TEST_CASE("size and mtime come from the input, not from the answer") {
+  metadata_input_s in = FileOf(1000, 5);
+  Answer out;
+  out.size = 77;
+  out.modificationTime = 88;
+  LRUCacheNode node(in, out);
+  Answer back;
+  node.GetDataFromCacheNode(back);
+  CHECK(back.size == 1000);
+  CHECK(back.modificationTime == 5);
+  CHECK((back.queryFlags & (QUERY_SIZE | QUERY_MTIME)) == (QUERY_SIZE | QUERY_MTIME));
+}
+
+TEST_CASE("a size or mtime of 0 leaves what was stored") {
+  metadata_input_s in = FileOf(1000, 5);
+  Answer out;
+  LRUCacheNode node(in, out);
+  metadata_input_s unknown = FileOf(0, 0);
+  node.SetDataToCacheNode(unknown, out);
+  Answer back;
+  node.GetDataFromCacheNode(back);
+  CHECK(back.size == 1000);
+  CHECK(back.modificationTime == 5);
+}
+
+TEST_CASE("a size or mtime that was never given is not given back") {
+  metadata_input_s in = FileOf(0, 0);
+  Answer out;
+  LRUCacheNode node(in, out);
+  Answer back;
+  node.GetDataFromCacheNode(back);
+  CHECK((back.queryFlags & (QUERY_SIZE | QUERY_MTIME)) == 0);
+}
+
+TEST_CASE("each digest is stored and given back by its own bit") {
+  for (const uint32_t part : {QUERY_DIGEST16, QUERY_DIGEST20, QUERY_DIGEST32, QUERY_AUX_DIGEST20}) {
+    CAPTURE(part);
+    metadata_input_s in = FileOf(0, 0);
+    Answer out;
+    GiveDigests(out, part, 0xab);
+    LRUCacheNode node(in, out);
+    Answer back;
+    GiveDigests(back, kAllDigests, 0x11);
+    back.queryFlags = 0;
+    node.GetDataFromCacheNode(back);
+    CHECK((back.queryFlags & kAllDigests) == part);
+    CHECK(back.digest16[15] == (part == QUERY_DIGEST16 ? 0xab : 0x11));
+    CHECK(back.digest20[19] == (part == QUERY_DIGEST20 ? 0xab : 0x11));
+    CHECK(back.digest32[31] == (part == QUERY_DIGEST32 ? 0xab : 0x11));
+    CHECK(back.auxDigest20[19] == (part == QUERY_AUX_DIGEST20 ? 0xab : 0x11));
+  }
+}
+
+TEST_CASE("parts gather over several answers") {
+  metadata_input_s in = FileOf(0, 0);
+  Answer first;
+  GiveDigests(first, QUERY_DIGEST32, 1);
+  LRUCacheNode node(in, first);
+  Answer second;
+  GiveDigests(second, QUERY_DIGEST20, 2);
+  node.SetDataToCacheNode(in, second);
+  Answer back;
+  node.GetDataFromCacheNode(back);
+  CHECK(back.digest32[0] == 1);
+  CHECK(back.digest20[0] == 2);
+}
+
+TEST_CASE("signers are given back as a copy of their own") {
+  metadata_input_s in = FileOf(0, 0);
+  Answer out;
+  GiveSigners(out, {"Kelda", std::string(256, 'n')});
+  LRUCacheNode node(in, out);
+  out.signers[0] = 'X';
+  Answer back;
+  CHECK(node.GetDataFromCacheNode(back) == 0);
+  CHECK((back.queryFlags & QUERY_SIGNERS) != 0);
+  CHECK(SignersIn(back) == Names{"Kelda", std::string(256, 'n')});
+  CHECK(back.signers != node.signers.get());
+}
+
+TEST_CASE("an answer without signers removes the stored ones") {
+  metadata_input_s in = FileOf(0, 0);
+  Answer signedAnswer;
+  GiveSigners(signedAnswer, {"Kelda"});
+  LRUCacheNode node(in, signedAnswer);
+  Answer unsignedAnswer;
+  node.SetDataToCacheNode(in, unsignedAnswer);
+  Answer back;
+  node.GetDataFromCacheNode(back);
+  CHECK((back.queryFlags & QUERY_SIGNERS) == 0);
+  CHECK(node.signerCount == 0);
+}
+
+TEST_CASE("new signers replace the stored ones") {
+  metadata_input_s in = FileOf(0, 0);
+  Answer first;
+  GiveSigners(first, {"Old", "Older"});
+  LRUCacheNode node(in, first);
+  Answer second;
+  GiveSigners(second, {"New"});
+  node.SetDataToCacheNode(in, second);
+  Answer back;
+  node.GetDataFromCacheNode(back);
+  CHECK(SignersIn(back) == Names{"New"});
+}
+
+TEST_CASE("a file known to have no signers answers with a count of 0 and the bit") {
+  metadata_input_s in = FileOf(0, 0);
+  Answer out;
+  out.queryFlags = QUERY_SIGNERS;
+  LRUCacheNode node(in, out);
+  Answer back;
+  GiveSigners(back, {"stale"});
+  CHECK(node.GetDataFromCacheNode(back) == 0);
+  CHECK((back.queryFlags & QUERY_SIGNERS) != 0);
+  CHECK(back.signerCount == 0);
+  CHECK(back.signers == nullptr);
+}
+
+TEST_CASE("a node that never had the signers part leaves the output's array alone") {
+  metadata_input_s in = FileOf(0, 0);
+  Answer out;
+  LRUCacheNode node(in, out);
+  Answer back;
+  GiveSigners(back, {"the caller's"});
+  const char* const array = back.signers;
+  node.GetDataFromCacheNode(back);
+  CHECK(back.signers == array);
+  CHECK(SignersIn(back) == Names{"the caller's"});
+}
+
+TEST_CASE("signers without an array are stored as none at all") {
+  metadata_input_s in = FileOf(0, 0);
+  Answer out;
+  out.signerCount = 3;
+  out.queryFlags = QUERY_SIGNERS;
+  const LRUCacheNode node(in, out);
+  CHECK(node.signerCount == 0);
+  CHECK((node.queryFlags & QUERY_SIGNERS) == 0);
+}
+
+TEST_CASE("more signers than fit the address space are stored as none at all") {
+  if (sizeof(void*) > 4) return;  // They all fit.
+  metadata_input_s in = FileOf(0, 0);
+  Answer out;
+  GiveSigners(out, {"one"});
+  out.signerCount = 0x00ff0100;  // times 257 is 0 in 32 bits, and a little more
+  const LRUCacheNode node(in, out);
+  CHECK(node.signerCount == 0);
+  CHECK((node.queryFlags & QUERY_SIGNERS) == 0);
+  out.signerCount = 1;
+}
+
+TEST_CASE("feedback is given back as 0 or 1") {
+  metadata_input_s in = FileOf(0, 0);
+  for (const int given : {7, -1, 1}) {
+    Answer out;
+    out.feedback = given;
+    out.queryFlags = QUERY_FEEDBACK;
+    LRUCacheNode node(in, out);
+    Answer back;
+    node.GetDataFromCacheNode(back);
+    CHECK(back.feedback == 1);
+  }
+}
+
+TEST_CASE("an answer can take feedback back to 0") {
+  metadata_input_s in = FileOf(0, 0);
+  Answer out;
+  out.feedback = 7;
+  out.queryFlags = QUERY_FEEDBACK;
+  LRUCacheNode node(in, out);
+  out.feedback = 0;
+  node.SetDataToCacheNode(in, out);
+  CHECK_FALSE(node.feedback);
+}
+
+TEST_CASE("a node that was never given feedback answers 0 with the bit") {
+  metadata_input_s in = FileOf(0, 0);
+  Answer out;
+  out.feedback = 7;  // Without its bit this says nothing.
+  LRUCacheNode node(in, out);
+  Answer back;
+  back.feedback = 9;
+  node.GetDataFromCacheNode(back);
+  CHECK(back.feedback == 0);
+  CHECK((back.queryFlags & QUERY_FEEDBACK) != 0);
+}
+
+TEST_CASE("bits that the output holds already stay") {
+  metadata_input_s in = FileOf(0, 0);
+  Answer out;
+  LRUCacheNode node(in, out);
+  Answer back;
+  back.queryFlags = QUERY_FILE_TYPE | 0x8000;
+  node.GetDataFromCacheNode(back);
+  CHECK(back.queryFlags == (QUERY_FILE_TYPE | 0x8000 | QUERY_FEEDBACK));
+}
+
+TEST_CASE("giving the mtime back is told at DEBUG") {
+  RecordedLog log;
+  metadata_input_s in = FileOf(0, 4294967295);
+  Answer out;
+  LRUCacheNode node(in, out);
+  Answer back;
+  node.GetDataFromCacheNode(back);
+  CHECK(log.TakeTranscript() ==
+        Lines({"DEBUG GetDataFromCacheNode orvex_lru_cache: metaOut.modificationTime=4294967295"}));
+}
+
+TEST_CASE("assigning a node copies the parts its source holds and keeps the others") {
+  metadata_input_s in = FileOf(10, 20);
+  Answer targetParts;
+  GiveDigests(targetParts, QUERY_DIGEST16, 1);
+  LRUCacheNode target(in, targetParts);
+
+  metadata_input_s sourceIn = FileOf(30, 40);
+  sourceIn.path = "/bin/false";
+  sourceIn.deviceID = 5;
+  sourceIn.fileID = 6;
+  sourceIn.fileOperation = 7;
+  sourceIn.invOperation = 8;
+  Answer sourceParts;
+  GiveDigests(sourceParts, QUERY_DIGEST20 | QUERY_DIGEST32 | QUERY_AUX_DIGEST20, 2);
+  sourceParts.feedback = 1;
+  sourceParts.queryFlags |= QUERY_FEEDBACK;
+  const LRUCacheNode source(sourceIn, sourceParts);
+
+  target = source;
+  CHECK(target.path == "/bin/false");
+  CHECK(target.recordTime == source.recordTime);
+  CHECK(target.deviceID == 5);
+  CHECK(target.fileID == 6);
+  CHECK(target.fileOperation == 7);
+  CHECK(target.invOperation == 8);
+  CHECK(target.size == 30);
+  CHECK(target.mtime == 20);
+  CHECK(target.digest16[0] == 1);
+  CHECK(target.digest20[0] == 2);
+  CHECK(target.digest32[0] == 2);
+  CHECK(target.auxDigest20[0] == 2);
+  CHECK(target.feedback);
+}
+
+TEST_CASE("assigning a node never copies the mtime nor its bit") {
+  metadata_input_s in = FileOf(0, 0);
+  Answer out;
+  LRUCacheNode target(in, out);
+  metadata_input_s sourceIn = FileOf(0, 40);
+  const LRUCacheNode source(sourceIn, out);
+  target = source;
+  CHECK(target.mtime == 0);
+  CHECK((target.queryFlags & QUERY_MTIME) == 0);
+}
+
+TEST_CASE("assigning a node without size or feedback leaves the target's") {
+  metadata_input_s in = FileOf(10, 0);
+  Answer out;
+  out.feedback = 1;
+  out.queryFlags = QUERY_FEEDBACK;
+  LRUCacheNode target(in, out);
+  target = LRUCacheNode();
+  CHECK(target.size == 10);
+  CHECK(target.feedback);
+}
+
+TEST_CASE("assigning a node copies signers unless they are the same already") {
+  metadata_input_s in = FileOf(0, 0);
+  Answer out;
+  GiveSigners(out, {"Kelda"});
+  const LRUCacheNode source(in, out);
+
+  LRUCacheNode target;
+  target = source;
+  REQUIRE(target.signers != nullptr);
+  CHECK(target.signers != source.signers);
+  CHECK(target.signerCount == 1);
+  CHECK((target.queryFlags & QUERY_SIGNERS) != 0);
+
+  const char* const array = target.signers.get();
+  target = source;
+  CHECK(target.signers.get() == array);
+
+  Answer others;
+  GiveSigners(others, {"Other"});
+  target = LRUCacheNode(in, others);
+  CHECK(std::string(target.signers.get()) == "Other");
+}
+
+TEST_CASE("assigning a node that is known to have no signers removes the target's") {
+  metadata_input_s in = FileOf(0, 0);
+  Answer out;
+  GiveSigners(out, {"Kelda"});
+  LRUCacheNode target(in, out);
+  Answer none;
+  none.queryFlags = QUERY_SIGNERS;
+  target = LRUCacheNode(in, none);
+  CHECK(target.signers == nullptr);
+  CHECK(target.signerCount == 0);
+  CHECK((target.queryFlags & QUERY_SIGNERS) == 0);
+}
+
+TEST_CASE("assigning a node without the signers part leaves the target's") {
+  metadata_input_s in = FileOf(0, 0);
+  Answer out;
+  GiveSigners(out, {"Kelda"});
+  LRUCacheNode target(in, out);
+  target = LRUCacheNode();
+  CHECK(target.signerCount == 1);
+  CHECK((target.queryFlags & QUERY_SIGNERS) != 0);
+}
+
+TEST_CASE("a node assigned to itself stays what it was") {
+  metadata_input_s in = FileOf(10, 20);
+  Answer out;
+  out.queryFlags = QUERY_SIGNERS;
+  LRUCacheNode node(in, out);
+  const LRUCacheNode& itself = node;
+  node = itself;
+  CHECK(node.queryFlags == (QUERY_SIZE | QUERY_MTIME | QUERY_SIGNERS));
+}
+
+TEST_CASE("a node dumps itself in one DEBUG line") {
+  RecordedLog log;
+  ScriptedClock clock;
+  clock.realTime = {{1, 2}};
+  metadata_input_s in = FileOf(10, 20);
+  in.fileOperation = 0x1f;
+  in.invOperation = 1;
+  Answer out;
+  GiveSigners(out, {"a", "b"});
+  out.feedback = 7;
+  out.queryFlags |= QUERY_FEEDBACK;
+  LRUCacheNode(in, out).Dump();
+  CHECK(log.TakeTranscript() ==
+        Lines({"DEBUG Dump orvex_lru_cache: Node: queryFlags=0x000000d1, fileOperation=0x0000001f, "
+               "invOperation=0x00000001, path=/bin/true, size=10, mtime=20, signerCount=2, "
+               "feedback=1, recordTime=1000000002"}));
+}
