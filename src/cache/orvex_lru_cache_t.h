@@ -1,0 +1,328 @@
+// The least-recently-used cache under both caches.
+#pragma once
+
+#include <algorithm>
+#include <cstdint>
+#include <exception>
+#include <list>
+#include <memory>
+
+#include "cache/orvex_lru_cache_map.h"
+#include "cache/orvex_lru_cache_text.h"
+#include "orvexeng.h"
+#include "support/orvex_annotations.h"
+#include "support/orvex_local.h"
+#include "support/orvex_lock.h"
+#include "support/orvex_log.h"
+
+// What to do with a node in LRUCacheNodeUpdate.
+enum LRU_OPERATION : int {
+  LRU_UPDATE = 1,  // it is cached: move it to the front
+  LRU_INSERT = 2,  // it is new: put it at the front and enter it in the map
+};
+
+// The results of a lookup; they stay inside the library.
+enum LRU_LOOKUP : int {
+  LRU_MISS = 1,
+  LRU_HIT = 2,
+  LRU_PARTIAL_HIT = 3,
+  LRU_OUT_OF_DATE = 4,
+};
+
+// Keeps nodes in recency order, finds them by key, and holds the capacity, the
+// host's callback and the counters. What a lookup, a query and an eviction mean
+// is the subclass's.
+//
+// Key:     made from a metadata_input_s&, copied, ordered by operator<, Dump().
+// Node:    made from and SetDataToCacheNode(metadata_input_s&,
+//          metadata_output_s&), members mapEntry (an iterator of LRUCacheMap) and
+//          path, Dump().
+// Metrics: a plain record of 64-bit counters, each aligned to 8.
+//
+// Ownership: owns its nodes until they are evicted or flushed. Destruction does
+// not delete them: a cache is flushed before its process ends.
+// Threads: any number at once.
+// Locking: lock guards everything but the counters, which are atomics. It is
+// never held while the host computes. Operations that say so expect it held,
+// all others take it themselves.
+// Invariant: every node is in the list once. An entry of the map designates the
+// list position of a node whose mapEntry designates the entry. Only keys of
+// different masks can leave a node without an entry of its own: insertion then
+// meets an equivalent entry, keeps it, and the new node shares it.
+template <typename Key, typename Node, typename Metrics>
+class ORVEX_API LRUCacheT {
+ public:
+  LRUCacheT();
+  LRUCacheT(const LRUCacheT&) = delete;
+  LRUCacheT& operator=(const LRUCacheT&) = delete;
+
+  virtual int InitLRUCache() ORVEX_EXCLUDES(lock);
+  // Refuses new queries from here on, empties the cache and zeroes the counters.
+  virtual int DeinitLRUCache() ORVEX_EXCLUDES(lock);
+  virtual int UpdateMetaData(metadata_input_s* metaIn, metadata_output_s* metaOut)
+      ORVEX_EXCLUDES(lock);
+  // Stores an answer, in an active cache or not. Returns 0,
+  // ORVEX_INVALID_PARAMETER or ORVEX_NO_MEMORY, and then the cache is as it was.
+  virtual int UpdateCache(metadata_input_s* metaIn, metadata_output_s* metaOut)
+      ORVEX_EXCLUDES(lock);
+  virtual int FlushCache() ORVEX_EXCLUDES(lock);
+  virtual int ResetMetrics() ORVEX_EXCLUDES(lock);
+  virtual void DumpCache() const ORVEX_EXCLUDES(lock);
+  virtual int Query(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx)
+      ORVEX_EXCLUDES(lock) = 0;
+  virtual int GetMetrics(Metrics& out) const = 0;
+  virtual void DumpMetrics() const = 0;
+  // Throws std::bad_alloc for LRU_INSERT, and then nothing has changed and the
+  // node is still the caller's.
+  virtual void LRUCacheNodeUpdate(Key& key, Node* node, LRU_OPERATION operation)
+      ORVEX_REQUIRES(lock);
+  virtual void DumpCacheMap() const ORVEX_REQUIRES(lock);
+  virtual void DumpCacheNodeList() const ORVEX_REQUIRES(lock);
+  // One of LRU_LOOKUP.
+  virtual int QueryLRUCache(metadata_input_s* metaIn, metadata_output_s* metaOut)
+      ORVEX_EXCLUDES(lock) = 0;
+  // Evicts the least recently used nodes beyond the capacity.
+  virtual void LRUCacheNodeWipe() ORVEX_REQUIRES(lock) = 0;
+
+  bool IsInit() const ORVEX_EXCLUDES(lock);
+  // 1 to kMaxCapacity; anything else means kMaxCapacity. Evicts at once.
+  void SetCapacity(unsigned int newCapacity) ORVEX_EXCLUDES(lock);
+  // A null callback is an error in the log and changes nothing.
+  void RegisterMetaQueryCallback(orvex_query_cb callback) ORVEX_EXCLUDES(lock);
+
+  static constexpr unsigned int kMaxCapacity = ORVEX_MAX_CAPACITY;
+
+ protected:
+  ~LRUCacheT() = default;
+
+  // The node under an equivalent key, or null.
+  template <typename AnyKey>
+  ORVEX_LOCAL Node* Find(const AnyKey& key) const ORVEX_REQUIRES(lock);
+  // For a node that Find returned.
+  ORVEX_LOCAL void MoveToFront(Node* node) ORVEX_REQUIRES(lock);
+  ORVEX_LOCAL void InsertNew(Key& key, std::unique_ptr<Node> node) ORVEX_REQUIRES(lock);
+  ORVEX_LOCAL bool IsBeyondCapacity() const ORVEX_REQUIRES(lock);
+  ORVEX_LOCAL void EvictOldest() ORVEX_REQUIRES(lock);
+  ORVEX_LOCAL void ZeroMetrics() ORVEX_REQUIRES(lock);
+  // The host's answer, unchanged. Counts the call, also when it throws.
+  ORVEX_LOCAL int AskHost(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx,
+                          long long volatile* calls) ORVEX_EXCLUDES(lock);
+
+  std::list<Node*> CacheNodeList ORVEX_GUARDED_BY(lock);  // most recently used first
+  LRUCacheMap<Key, Node> CacheMap ORVEX_GUARDED_BY(lock);
+  mutable ORVEX_PThread_Lock lock;
+  bool active ORVEX_GUARDED_BY(lock) = false;  // from InitLRUCache to DeinitLRUCache
+  unsigned int capacity ORVEX_GUARDED_BY(lock) = kMaxCapacity;    // in nodes, for LRUCacheNodeWipe
+  orvex_query_cb queryCallback ORVEX_GUARDED_BY(lock) = nullptr;  // null until registered
+  // Atomics: counted without the lock by some, zeroed under it.
+  mutable Metrics metrics{};
+};
+
+template <typename Key, typename Node, typename Metrics>
+LRUCacheT<Key, Node, Metrics>::LRUCacheT() = default;
+
+template <typename Key, typename Node, typename Metrics>
+int LRUCacheT<Key, Node, Metrics>::InitLRUCache() {
+  const ORVEX_ScopeLock guard(&lock);
+  active = true;
+  return ORVEX_OK;
+}
+
+template <typename Key, typename Node, typename Metrics>
+int LRUCacheT<Key, Node, Metrics>::DeinitLRUCache() {
+  {
+    const ORVEX_ScopeLock guard(&lock);
+    active = false;
+  }
+  FlushCache();
+  ResetMetrics();
+  return ORVEX_OK;
+}
+
+template <typename Key, typename Node, typename Metrics>
+int LRUCacheT<Key, Node, Metrics>::UpdateMetaData(metadata_input_s* metaIn,
+                                                  metadata_output_s* metaOut) {
+  return UpdateCache(metaIn, metaOut);
+}
+
+template <typename Key, typename Node, typename Metrics>
+int LRUCacheT<Key, Node, Metrics>::UpdateCache(metadata_input_s* metaIn,
+                                               metadata_output_s* metaOut) {
+  if (metaOut == nullptr || metaIn == nullptr) return ORVEX_INVALID_PARAMETER;
+  const ORVEX_ScopeLock guard(&lock);
+  try {
+    Key key(*metaIn);
+    if (Node* cached = Find(key)) {
+      cached->SetDataToCacheNode(*metaIn, *metaOut);
+      LRUCacheNodeUpdate(key, cached, LRU_UPDATE);
+      return ORVEX_OK;
+    }
+    InsertNew(key, std::make_unique<Node>(*metaIn, *metaOut));
+    return ORVEX_OK;
+  } catch (const std::exception&) {
+    // No memory, or a text longer than a string can be.
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kLRUCacheSourceFile,
+                      "Insufficient memory for create cache node");
+    return ORVEX_NO_MEMORY;
+  }
+}
+
+template <typename Key, typename Node, typename Metrics>
+void LRUCacheT<Key, Node, Metrics>::LRUCacheNodeUpdate(Key& key, Node* node,
+                                                       LRU_OPERATION operation) {
+  if (node == nullptr) return;
+  if (operation == LRU_UPDATE) {
+    const auto entry = node->mapEntry;
+    const bool ownsEntry = entry != CacheMap.end() && *entry->second == node;
+    const auto position =
+        ownsEntry ? entry->second : std::find(CacheNodeList.begin(), CacheNodeList.end(), node);
+    CacheNodeList.splice(CacheNodeList.begin(), CacheNodeList, position);
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile, "Cache node updated: path=%s",
+                      node->path.c_str());
+  } else if (operation == LRU_INSERT) {
+    // A list of its own first, so that both allocations are made before the cache
+    // changes.
+    std::list<Node*> element(1, node);
+    node->mapEntry = CacheMap.try_emplace(CacheMap.begin(), key, element.begin());
+    CacheNodeList.splice(CacheNodeList.begin(), element);
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile, "Insert new cache node: path=%s",
+                      node->path.c_str());
+  }
+}
+
+template <typename Key, typename Node, typename Metrics>
+int LRUCacheT<Key, Node, Metrics>::FlushCache() {
+  const ORVEX_ScopeLock guard(&lock);
+  CacheMap.clear();
+  for (const Node* node : CacheNodeList) delete node;
+  CacheNodeList.clear();
+  return ORVEX_OK;
+}
+
+template <typename Key, typename Node, typename Metrics>
+int LRUCacheT<Key, Node, Metrics>::ResetMetrics() {
+  const ORVEX_ScopeLock guard(&lock);
+  ZeroMetrics();
+  return ORVEX_OK;
+}
+
+template <typename Key, typename Node, typename Metrics>
+void LRUCacheT<Key, Node, Metrics>::DumpCache() const {
+  const ORVEX_ScopeLock guard(&lock);
+  ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile, "Cache capacity = %u", capacity);
+  DumpCacheMap();
+  DumpCacheNodeList();
+}
+
+template <typename Key, typename Node, typename Metrics>
+void LRUCacheT<Key, Node, Metrics>::DumpCacheMap() const {
+  ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile, "CacheMap.size=%u",
+                    static_cast<unsigned int>(CacheMap.size()));
+  for (const auto& entry : CacheMap) entry.first.Dump();
+}
+
+template <typename Key, typename Node, typename Metrics>
+void LRUCacheT<Key, Node, Metrics>::DumpCacheNodeList() const {
+  ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile, "CacheNodeList.size=%u",
+                    static_cast<unsigned int>(CacheNodeList.size()));
+  for (const Node* node : CacheNodeList) node->Dump();
+}
+
+template <typename Key, typename Node, typename Metrics>
+bool LRUCacheT<Key, Node, Metrics>::IsInit() const {
+  const ORVEX_ScopeLock guard(&lock);
+  return active;
+}
+
+template <typename Key, typename Node, typename Metrics>
+void LRUCacheT<Key, Node, Metrics>::SetCapacity(unsigned int newCapacity) {
+  const ORVEX_ScopeLock guard(&lock);
+  // Unsigned, so that 0 counts as too large.
+  capacity = newCapacity - 1 < kMaxCapacity ? newCapacity : kMaxCapacity;
+  ORVEX_LOG_MESSAGE(ORVEX_LOG_INFO, kLRUCacheSourceFile, "Set max cache capacity to %u", capacity);
+  LRUCacheNodeWipe();
+}
+
+template <typename Key, typename Node, typename Metrics>
+void LRUCacheT<Key, Node, Metrics>::RegisterMetaQueryCallback(orvex_query_cb callback) {
+  if (callback == nullptr) {
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kLRUCacheSourceFile,
+                      "Kelda Inventory Engine register query callback failed: invalid parameter");
+    return;
+  }
+  const ORVEX_ScopeLock guard(&lock);
+  queryCallback = callback;
+  ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile,
+                    "Kelda Inventory Engine register query callback successfully");
+}
+
+template <typename Key, typename Node, typename Metrics>
+template <typename AnyKey>
+Node* LRUCacheT<Key, Node, Metrics>::Find(const AnyKey& key) const {
+  const auto entry = CacheMap.find(key);
+  return entry != CacheMap.end() ? *entry->second : nullptr;
+}
+
+template <typename Key, typename Node, typename Metrics>
+void LRUCacheT<Key, Node, Metrics>::MoveToFront(Node* node) {
+  // The operation takes a key to change and changes none for a cached node; the
+  // stored one saves making another.
+  LRUCacheNodeUpdate(const_cast<Key&>(node->mapEntry->first), node, LRU_UPDATE);
+}
+
+template <typename Key, typename Node, typename Metrics>
+void LRUCacheT<Key, Node, Metrics>::InsertNew(Key& key, std::unique_ptr<Node> node) {
+  LRUCacheNodeUpdate(key, node.get(), LRU_INSERT);
+  node.release();  // The list's from here on.
+  LRUCacheNodeWipe();
+}
+
+template <typename Key, typename Node, typename Metrics>
+bool LRUCacheT<Key, Node, Metrics>::IsBeyondCapacity() const {
+  return CacheNodeList.size() > capacity;
+}
+
+template <typename Key, typename Node, typename Metrics>
+void LRUCacheT<Key, Node, Metrics>::EvictOldest() {
+  const std::unique_ptr<const Node> oldest(CacheNodeList.back());
+  const auto entry = oldest->mapEntry;
+  if (entry != CacheMap.end()) {
+    // Some node has no entry of its own. Those that shared this one have none
+    // from now on.
+    if (CacheNodeList.size() != CacheMap.size()) {
+      for (Node* node : CacheNodeList) {
+        if (node->mapEntry == entry) node->mapEntry = CacheMap.end();
+      }
+    }
+    CacheMap.erase(entry);
+  }
+  oldest->Dump();
+  CacheNodeList.pop_back();
+}
+
+template <typename Key, typename Node, typename Metrics>
+void LRUCacheT<Key, Node, Metrics>::ZeroMetrics() {
+  static_assert(alignof(Metrics) >= 8 && sizeof(Metrics) % sizeof(long long) == 0,
+                "a counter across two cache lines slows every locked add: keep alignas(8)");
+  auto* const counters = reinterpret_cast<long long*>(&metrics);
+  for (size_t i = 0; i < sizeof(Metrics) / sizeof(long long); ++i) ORVEX_ZeroCounter(counters + i);
+}
+
+template <typename Key, typename Node, typename Metrics>
+int LRUCacheT<Key, Node, Metrics>::AskHost(metadata_input_s* metaIn, metadata_output_s* metaOut,
+                                           void* ctx, long long volatile* calls) {
+  // Read once: a host that registers another callback meanwhile changes the next
+  // query, not this one.
+  orvex_query_cb callback;
+  {
+    const ORVEX_ScopeLock guard(&lock);
+    callback = queryCallback;
+  }
+  struct CountOnReturn {
+    long long volatile* calls;
+    ~CountOnReturn() { ORVEX_atomic_increment_64(calls); }
+  } const count{calls};
+  // No lock from here on: the host may take seconds, may throw, and may call back
+  // into the library on this very thread.
+  return callback(metaIn, metaOut, ctx);
+}
