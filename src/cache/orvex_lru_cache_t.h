@@ -85,12 +85,11 @@ class ORVEX_API LRUCacheT {
   virtual void LRUCacheNodeWipe() ORVEX_REQUIRES(lock) = 0;
 
   bool IsInit() const ORVEX_EXCLUDES(lock);
-  // 1 to kMaxCapacity; anything else means kMaxCapacity. Evicts at once.
+  // In nodes, 1 to ORVEX_MAX_CAPACITY; anything else means the latter. Evicts at
+  // once.
   void SetCapacity(unsigned int newCapacity) ORVEX_EXCLUDES(lock);
   // A null callback is an error in the log and changes nothing.
   void RegisterMetaQueryCallback(orvex_query_cb callback) ORVEX_EXCLUDES(lock);
-
-  static constexpr unsigned int kMaxCapacity = ORVEX_MAX_CAPACITY;
 
  protected:
   ~LRUCacheT() = default;
@@ -112,7 +111,8 @@ class ORVEX_API LRUCacheT {
   LRUCacheMap<Key, Node> CacheMap ORVEX_GUARDED_BY(lock);
   mutable ORVEX_PThread_Lock lock;
   bool active ORVEX_GUARDED_BY(lock) = false;  // from InitLRUCache to DeinitLRUCache
-  unsigned int capacity ORVEX_GUARDED_BY(lock) = kMaxCapacity;    // in nodes, for LRUCacheNodeWipe
+  unsigned int capacity ORVEX_GUARDED_BY(lock) =
+      ORVEX_MAX_CAPACITY;                                         // in nodes, for LRUCacheNodeWipe
   orvex_query_cb queryCallback ORVEX_GUARDED_BY(lock) = nullptr;  // null until registered
   // Atomics: counted without the lock by some, zeroed under it.
   mutable Metrics metrics{};
@@ -238,7 +238,7 @@ template <typename Key, typename Node, typename Metrics>
 void LRUCacheT<Key, Node, Metrics>::SetCapacity(unsigned int newCapacity) {
   const ORVEX_ScopeLock guard(&lock);
   // Unsigned, so that 0 counts as too large.
-  capacity = newCapacity - 1 < kMaxCapacity ? newCapacity : kMaxCapacity;
+  capacity = newCapacity - 1 < ORVEX_MAX_CAPACITY ? newCapacity : ORVEX_MAX_CAPACITY;
   ORVEX_LOG_MESSAGE(ORVEX_LOG_INFO, kLRUCacheSourceFile, "Set max cache capacity to %u", capacity);
   LRUCacheNodeWipe();
 }
