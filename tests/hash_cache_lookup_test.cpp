@@ -87,7 +87,7 @@ TEST_CASE("a lookup with another mtime is out of date and copies nothing") {
   Answer out;
   CHECK(cache.Look(ByPath("/a", 6), out) == 4);
   CHECK(out.queryFlags == 0);
-  CHECK(cache.Paths() == Paths{"/b", "/a"});
+  CHECK(cache.PathsInOrder() == Paths{"/b", "/a"});
   CheckCounters(cache, {1, 0, 0, 0, 1});
   CHECK(log.TakeTranscript() ==
         Lines({"WARNING QueryLRUCache orvex_lru_cache: Cache query: cache out-of-date, (6/5) /a"}));
@@ -178,12 +178,12 @@ TEST_CASE("hits and partial hits move the entry to the front") {
   cache.Store("/c");
   Answer out;
   cache.Look(InputFor("/a"), out);
-  CHECK(cache.Paths() == Paths{"/a", "/c", "/b"});
+  CHECK(cache.PathsInOrder() == Paths{"/a", "/c", "/b"});
   metadata_input_s in = InputFor("/b");
   in.queryFlags = QUERY_SIGNERS;
   Answer partial;
   cache.Look(in, partial);
-  CHECK(cache.Paths() == Paths{"/b", "/a", "/c"});
+  CHECK(cache.PathsInOrder() == Paths{"/b", "/a", "/c"});
 }
 
 TEST_CASE("a null path is looked up and logged as well") {
@@ -208,7 +208,7 @@ TEST_CASE("an update keeps earlier parts, moves the entry to the front and evict
   Answer second;
   GiveDigests(second, QUERY_DIGEST20, 2);
   CHECK(cache.Store(InputFor("/a"), second) == 0);
-  CHECK(cache.Paths() == Paths{"/a", "/b"});
+  CHECK(cache.PathsInOrder() == Paths{"/a", "/b"});
   CHECK(cache.metrics.WipeOuts == 0);
   Answer out;
   cache.Look(InputFor("/a"), out);
@@ -239,7 +239,7 @@ TEST_CASE("the third file in a cache of two evicts the first") {
   cache.Store("/b");
   RecordedLog log;
   cache.Store("/c");
-  CHECK(cache.Paths() == Paths{"/c", "/b"});
+  CHECK(cache.PathsInOrder() == Paths{"/c", "/b"});
   CHECK(cache.metrics.WipeOuts == 1);
   const auto records = log.Records();
   REQUIRE(records.size() == 3);
@@ -284,7 +284,7 @@ TEST_CASE("a node can be inserted under a key of its own") {
   Answer out;
   LRUCacheKey key(in);
   CHECK(cache.InsertCacheNode(key, new LRUCacheNode(in, out)) == 0);
-  CHECK(cache.Paths() == Paths{"/a"});
+  CHECK(cache.PathsInOrder() == Paths{"/a"});
 }
 
 TEST_CASE("inserting under a key that is cached gives 201 and does not take the node") {
@@ -313,7 +313,7 @@ TEST_CASE("inserting a node beyond the capacity evicts the oldest") {
   Answer out;
   LRUCacheKey key(in);
   cache.InsertCacheNode(key, new LRUCacheNode(in, out));
-  CHECK(cache.Paths() == Paths{"/b"});
+  CHECK(cache.PathsInOrder() == Paths{"/b"});
   CHECK(cache.metrics.WipeOuts == 1);
 }
 

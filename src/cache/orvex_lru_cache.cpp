@@ -1,17 +1,57 @@
-// The cache of digests, signers and other per-file metadata: lookup and update.
+// The cache of digests, signers and other per-file metadata: lookup and update,
+// lifecycle, counters. Its query stands in orvex_lru_cache_query.cpp.
 #include "cache/orvex_lru_cache.h"
 
 #include <cstdint>
 #include <exception>
 #include <memory>
 
+#include "support/orvex_drain.h"
 #include "support/orvex_profiling.h"
+#include "support/orvex_scope_ref_cnt.h"
 
 template class LRUCacheT<LRUCacheKey, LRUCacheNode, LRUCacheMetrics_s>;
+template class ORVEX_Singleton<LRUCache>;
 
-LRUCache::LRUCache() = default;
+LRUCache::LRUCache() { LRUCache::ResetMetrics(); }
 
 LRUCache::~LRUCache() = default;
+
+int LRUCache::InitLRUCache() {
+  ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile, "Init LRUCache successfully");
+  {
+    const ORVEX_ScopeLock guard(&calHashSet.condLock);
+    calHashSet.active = true;
+  }
+  const ORVEX_ScopeLock guard(&lock);
+  active = true;
+  ORVEX_StoreRelaxed(activeThreads, 0);
+  return ORVEX_OK;
+}
+
+int LRUCache::DeinitLRUCache() {
+  {
+    const ORVEX_ScopeLock guard(&lock);
+    ZeroMetrics();
+    active = false;
+  }
+  {
+    const ORVEX_ScopeLock guard(&calHashSet.condLock);
+    calHashSet.active = false;
+    calHashSet.paths.clear();
+  }
+  // All that sleep in a query leave now, so that the drain need not wait for them.
+  calHashSet.condLock.SignalAll();
+  ORVEX_DrainCalls(&activeThreads, "Deinit LRUCache", __func__, kLRUCacheSourceFile);
+
+  if (const int code = FlushCache(); code != ORVEX_OK) {
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_WARNING, kLRUCacheSourceFile,
+                      "Deinit LRUCache flush cache failed: rc=%d", code);
+    return code;
+  }
+  ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile, "Deinit LRUCache successfully");
+  return ORVEX_OK;
+}
 
 int LRUCache::UpdateMetaData(metadata_input_s* metaIn, metadata_output_s* metaOut) {
   const int code = UpdateCache(metaIn, metaOut);
@@ -24,6 +64,48 @@ int LRUCache::UpdateMetaData(metadata_input_s* metaIn, metadata_output_s* metaOu
 int LRUCache::UpdateCache(metadata_input_s* metaIn, metadata_output_s* metaOut) {
   const ORVEX_Profiling profiling("LRUCache::UpdateCache");
   return LRUCacheT::UpdateCache(metaIn, metaOut);
+}
+
+int LRUCache::FlushCache() {
+  const ORVEX_Profiling profiling("LRUCache::FlushCache");
+  return LRUCacheT::FlushCache();
+}
+
+int LRUCache::ResetMetrics() {
+  const ORVEX_ScopeRefCnt inFlight(&activeThreads);
+  return LRUCacheT::ResetMetrics();
+}
+
+int LRUCache::GetMetrics(LRUCacheMetrics_s& out) const {
+  const ORVEX_ScopeRefCnt inFlight(&activeThreads);
+  out.Query = ORVEX_atomic_read_64(&metrics.Query);
+  out.Miss = ORVEX_atomic_read_64(&metrics.Miss);
+  out.Hit = ORVEX_atomic_read_64(&metrics.Hit);
+  out.PartialHit = ORVEX_atomic_read_64(&metrics.PartialHit);
+  out.OutOfDate = ORVEX_atomic_read_64(&metrics.OutOfDate);
+  out.WipeOuts = ORVEX_atomic_read_64(&metrics.WipeOuts);
+  out.numOfCacheUpdateMetaDataSuccess =
+      ORVEX_atomic_read_64(&metrics.numOfCacheUpdateMetaDataSuccess);
+  out.numOfCacheUpdateMetaDataFailure =
+      ORVEX_atomic_read_64(&metrics.numOfCacheUpdateMetaDataFailure);
+  out.numOfHelpFuncCalled = ORVEX_atomic_read_64(&metrics.numOfHelpFuncCalled);
+  out.numOfWaitInHashCalculation = ORVEX_atomic_read_64(&metrics.numOfWaitInHashCalculation);
+  return ORVEX_OK;
+}
+
+void LRUCache::DumpMetrics() const {
+  LRUCacheMetrics_s now;
+  GetMetrics(now);
+  ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile,
+                    "Cache Metrics: Query=%jd, Miss=%jd, Hit=%jd, PartialHit=%jd, Out-of-date=%jd, "
+                    "WipeOuts=%jd, numOfCacheUpdateMetaDataSuccess=%jd, "
+                    "numOfCacheUpdateMetaDataFailure=%jd, numOfHelpFuncCalled=%jd, "
+                    "numOfWaitInHashCalculation=%jd",
+                    intmax_t{now.Query}, intmax_t{now.Miss}, intmax_t{now.Hit},
+                    intmax_t{now.PartialHit}, intmax_t{now.OutOfDate}, intmax_t{now.WipeOuts},
+                    intmax_t{now.numOfCacheUpdateMetaDataSuccess},
+                    intmax_t{now.numOfCacheUpdateMetaDataFailure},
+                    intmax_t{now.numOfHelpFuncCalled}, intmax_t{now.numOfWaitInHashCalculation});
 }
 
 void LRUCache::LRUCacheNodeUpdate(LRUCacheKey& key, LRUCacheNode* node, LRU_OPERATION operation) {

@@ -1,10 +1,15 @@
 // The cache of digests, signers and other per-file metadata.
 #pragma once
 
+#include <string>
+
 #include "cache/orvex_lru_cache_key.h"
 #include "cache/orvex_lru_cache_node.h"
 #include "cache/orvex_lru_cache_t.h"
+#include "cache/orvex_set.h"
 #include "orvexeng.h"
+#include "support/orvex_local.h"
+#include "support/orvex_singleton.h"
 
 // The counters of the hash cache. Each lookup counts in Query and in one of the
 // next four.
@@ -21,16 +26,34 @@ struct ORVEX_API LRUCacheMetrics_s {
   alignas(8) long long numOfWaitInHashCalculation = 0;  // queries that slept at all
 };
 
-// Tells a full hit from a partial hit, an out-of-date entry and a miss, and merges
-// new parts into the nodes it holds.
+// Answers hash queries from the cache or from the host, and lets one thread ask
+// the host about a path while the others wait for it.
+//
+// State         active  set active  entered by                 queries
+// constructed   false   false       first GetInstance          8
+// running       true    true        InitLRUCache               served
+// stopped       false   false       DeinitLRUCache             8; sleepers leave with 8
+//
+// Locking: the cache lock (see LRUCacheT) and the condition lock of calHashSet
+// are never held together, and neither is while the host computes.
 class ORVEX_API LRUCache : public LRUCacheT<LRUCacheKey, LRUCacheNode, LRUCacheMetrics_s> {
  public:
   LRUCache();
 
+  int InitLRUCache() override ORVEX_EXCLUDES(lock);
+  // Waits a second at most for the threads inside, then flushes regardless.
+  int DeinitLRUCache() override ORVEX_EXCLUDES(lock);
   int UpdateMetaData(metadata_input_s* metaIn, metadata_output_s* metaOut) override
       ORVEX_EXCLUDES(lock);
   int UpdateCache(metadata_input_s* metaIn, metadata_output_s* metaOut) override
       ORVEX_EXCLUDES(lock);
+  int FlushCache() override ORVEX_EXCLUDES(lock);
+  int ResetMetrics() override ORVEX_EXCLUDES(lock);
+  // Throws std::logic_error for a null path, and what the host's callback throws.
+  int Query(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx) override
+      ORVEX_EXCLUDES(lock);
+  int GetMetrics(LRUCacheMetrics_s& out) const override;
+  void DumpMetrics() const override;
   void LRUCacheNodeUpdate(LRUCacheKey& key, LRUCacheNode* node, LRU_OPERATION operation) override
       ORVEX_REQUIRES(lock);
   int QueryLRUCache(metadata_input_s* metaIn, metadata_output_s* metaOut) override
@@ -43,6 +66,19 @@ class ORVEX_API LRUCache : public LRUCacheT<LRUCacheKey, LRUCacheNode, LRUCacheM
   // ORVEX_INVALID_PARAMETER when it is null, ORVEX_ALREADY_CACHED when there is
   // one under an equivalent key, ORVEX_NO_MEMORY.
   int InsertCacheNode(LRUCacheKey& key, LRUCacheNode* node) ORVEX_EXCLUDES(lock);
+
+ protected:
+  ORVEX_Set calHashSet;
+  // Threads inside Query, GetMetrics or ResetMetrics. An atomic, but reset under
+  // the cache lock at each start, whoever is inside.
+  mutable int volatile activeThreads = 0;
+
+ private:
+  // Sleeps while another thread calculates the path, and counts that.
+  ORVEX_LOCAL void WaitUntilFree(const std::string& path);
+  ORVEX_LOCAL int Calculate(const std::string& path, metadata_input_s* metaIn,
+                            metadata_output_s* metaOut, void* ctx) ORVEX_EXCLUDES(lock);
 };
 
 extern template class LRUCacheT<LRUCacheKey, LRUCacheNode, LRUCacheMetrics_s>;
+extern template class ORVEX_Singleton<LRUCache>;

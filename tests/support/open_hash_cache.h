@@ -1,25 +1,33 @@
 // A hash cache of a test's own, whose inside the test may look at.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
 #include "cache/orvex_lru_cache.h"
 #include "support/records.h"
 
-// Empties itself at the end, as the engine would have it do.
+using Paths = std::vector<std::string>;
+
+// Its host is onHash. Empties itself at the end, as the engine would have it do.
 class OpenHashCache : public LRUCache {
  public:
+  using LRUCache::active;
+  using LRUCache::activeThreads;
   using LRUCache::CacheMap;
   using LRUCache::CacheNodeList;
+  using LRUCache::calHashSet;
   using LRUCache::capacity;
+  using LRUCache::lock;
   using LRUCache::metrics;
 
+  OpenHashCache() { RegisterMetaQueryCallback(CallHost); }
   ~OpenHashCache() override { FlushCache(); }
 
   // The paths from the most to the least recently used.
-  std::vector<std::string> Paths() const {
-    std::vector<std::string> paths;
+  Paths PathsInOrder() const {
+    Paths paths;
     for (const LRUCacheNode* node : CacheNodeList) paths.push_back(node->path);
     return paths;
   }
@@ -33,10 +41,20 @@ class OpenHashCache : public LRUCache {
     return Store(InputFor(path), out);
   }
   int Look(metadata_input_s in, metadata_output_s& out) { return QueryLRUCache(&in, &out); }
+  int Ask(metadata_input_s in, metadata_output_s& out) { return Query(&in, &out, this); }
+  int Ask(const char* path) {
+    Answer out;
+    return Ask(InputFor(path), out);
+  }
 
-  int Query(metadata_input_s*, metadata_output_s*, void*) override { return 0; }
-  int GetMetrics(LRUCacheMetrics_s&) const override { return 0; }
-  void DumpMetrics() const override {}
+  std::function<int(metadata_input_s&, metadata_output_s&)> onHash = [](metadata_input_s&,
+                                                                        metadata_output_s& out) {
+    GiveDigests(out, kAllDigests, 1);
+    return 0;
+  };
+
+ private:
+  static int CallHost(metadata_input_s* in, metadata_output_s* out, void* ctx) {
+    return static_cast<OpenHashCache*>(ctx)->onHash(*in, *out);
+  }
 };
-
-using Paths = std::vector<std::string>;

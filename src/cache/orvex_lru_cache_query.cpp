@@ -1,0 +1,156 @@
+// The hash cache's answer to one query, and the coordination of threads that ask
+// about one path.
+#include <exception>
+#include <stdexcept>
+#include <string>
+
+#include "cache/orvex_lru_cache.h"
+#include "support/orvex_profiling.h"
+#include "support/orvex_scope_ref_cnt.h"
+
+namespace {
+
+// Every message below belongs to the query.
+constexpr char kFunction[] = "Query";
+
+// Whether the path was free and is now marked. Throws std::bad_alloc.
+bool MarkAsCalculating(ORVEX_Set& set, const std::string& path) {
+  const ORVEX_ScopeLock guard(&set.condLock);
+  return set.active && set.paths.insert(path).second;
+}
+
+bool Unmark(ORVEX_Set& set, const std::string& path) {
+  const ORVEX_ScopeLock guard(&set.condLock);
+  return set.active && set.paths.erase(path) != 0;
+}
+
+// Frees a path and wakes those that wait for it, whichever way the host's
+// callback ends. Who did not mark the path does not free it, but wakes all the
+// same.
+class LeavePathOnReturn {
+ public:
+  LeavePathOnReturn(ORVEX_Set& calHashSet, const std::string& markedPath, bool markedHere)
+      : set(calHashSet), path(markedPath), marked(markedHere) {}
+  ~LeavePathOnReturn() {
+    if (!marked) {
+      ORVEX_LOG_FROM(ORVEX_LOG_DEBUG, kFunction, kLRUCacheSourceFile,
+                     "[CalHashSet] Erase CalHashSet skipped: %s", path.c_str());
+    } else if (Unmark(set, path)) {
+      ORVEX_LOG_FROM(ORVEX_LOG_DEBUG, kFunction, kLRUCacheSourceFile,
+                     "[CalHashSet] Erase CalHashSet succeed: %s", path.c_str());
+    } else {
+      ORVEX_LOG_FROM(ORVEX_LOG_DEBUG, kFunction, kLRUCacheSourceFile,
+                     "[CalHashSet] Erase CalHashSet failed: %s", path.c_str());
+    }
+    // All, not one: waiters wait for different paths on this one condition.
+    set.condLock.SignalAll();
+    ORVEX_LOG_FROM(ORVEX_LOG_INFO, kFunction, kLRUCacheSourceFile,
+                   "[CalHashSet] File hash calculation is done, broadcast signal: %s",
+                   path.c_str());
+  }
+  LeavePathOnReturn(const LeavePathOnReturn&) = delete;
+  LeavePathOnReturn& operator=(const LeavePathOnReturn&) = delete;
+
+ private:
+  ORVEX_Set& set;
+  const std::string& path;
+  const bool marked;
+};
+
+}  // namespace
+
+int LRUCache::Query(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx) {
+  const ORVEX_ScopeRefCnt inFlight(&activeThreads);
+  const ORVEX_Profiling profiling("LRUCache::Query");
+  // Before the records: a stopped cache answers 8 whatever it is handed.
+  if (!IsInit()) return ORVEX_CACHE_NOT_INITIALISED;
+  if (metaIn == nullptr || metaOut == nullptr) return ORVEX_INVALID_PARAMETER;
+  if (metaIn->path == nullptr) throw std::logic_error("a hash query needs a path");
+
+  std::string path;
+  try {
+    path = metaIn->path;
+  } catch (const std::exception&) {
+    return ORVEX_NO_MEMORY;
+  }
+
+  const bool cacheOnly = (metaIn->invOperation & INV_CACHE_ONLY) != 0;
+  if (!cacheOnly) {
+    WaitUntilFree(path);
+    if (!IsInit()) {
+      ORVEX_LOG_MESSAGE(ORVEX_LOG_WARNING, kLRUCacheSourceFile,
+                        "[CalHashSet] File hash is skipped due to inactive state: %s",
+                        path.c_str());
+      return ORVEX_CACHE_NOT_INITIALISED;
+    }
+  }
+  ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile, "Free to calculate file hash: %s",
+                    path.c_str());
+
+  switch (QueryLRUCache(metaIn, metaOut)) {
+    case LRU_HIT:
+      metaOut->resultReady = 1;
+      return ORVEX_OK;
+    case LRU_MISS:
+    case LRU_PARTIAL_HIT:
+    case LRU_OUT_OF_DATE:
+      break;
+    default:
+      return ORVEX_OK;
+  }
+  metaOut->resultReady = 0;
+  if (cacheOnly) return ORVEX_OK;
+  if (!IsInit()) {
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_WARNING, kLRUCacheSourceFile,
+                      "File hash calculation is skipped due to inactive state: %s", path.c_str());
+    return ORVEX_CACHE_NOT_INITIALISED;
+  }
+  return Calculate(path, metaIn, metaOut, ctx);
+}
+
+void LRUCache::WaitUntilFree(const std::string& path) {
+  ORVEX_Set::PathInSet pathInSet(&calHashSet, &path);
+  auto* const pathArg = const_cast<std::string*>(&path);  // Only read; void* has no const.
+  CondWaitCallbacks_t callbacks{ORVEX_Set::PredicateFunc,
+                                ORVEX_Set::PreWaitLogFunc,
+                                ORVEX_Set::PostWaitLogFunc,
+                                &pathInSet,
+                                pathArg,
+                                pathArg};
+  bool waited = false;
+  calHashSet.condLock.Wait(waited, callbacks);
+  if (waited) ORVEX_atomic_increment_64(&metrics.numOfWaitInHashCalculation);
+}
+
+int LRUCache::Calculate(const std::string& path, metadata_input_s* metaIn,
+                        metadata_output_s* metaOut, void* ctx) {
+  bool marked = false;
+  try {
+    marked = MarkAsCalculating(calHashSet, path);
+  } catch (const std::exception&) {
+    return ORVEX_NO_MEMORY;
+  }
+  if (marked) {
+    ORVEX_LOG_FROM(ORVEX_LOG_DEBUG, kFunction, kLRUCacheSourceFile,
+                   "[CalHashSet] Insert CalHashSet succeed: %s", path.c_str());
+  } else {
+    // Another thread got in between. This one calculates as well: answering twice
+    // is better than starting to wait anew.
+    ORVEX_LOG_FROM(ORVEX_LOG_DEBUG, kFunction, kLRUCacheSourceFile,
+                   "[CalHashSet] Insert CalHashSet failed: %s", path.c_str());
+  }
+  const LeavePathOnReturn leave(calHashSet, path, marked);
+
+  int code;
+  {
+    const ORVEX_Profiling profiling("LRUCache::MetaQueryCallback");
+    ORVEX_LOG_FROM(ORVEX_LOG_DEBUG, kFunction, kLRUCacheSourceFile,
+                   "Calling query callback for file %s", path.c_str());
+    code = AskHost(metaIn, metaOut, ctx, &metrics.numOfHelpFuncCalled);
+  }
+  if (code != ORVEX_OK) return code;
+  metaOut->resultReady = 1;
+  // Looked at now: the callback may have taken the bit away.
+  if ((metaIn->invOperation & INV_KEEP_IN_CACHE) == 0) return ORVEX_OK;
+  return UpdateCache(metaIn, metaOut);
+}

@@ -1,0 +1,33 @@
+// The paths whose hash metadata is being calculated right now.
+#include "cache/orvex_set.h"
+
+#include "support/orvex_log.h"
+
+namespace {
+constexpr char kSourceFile[] = "orvex_set";
+}
+
+ORVEX_Set::ORVEX_Set() = default;
+
+ORVEX_Set::~ORVEX_Set() = default;
+
+bool ORVEX_Set::PredicateFunc(void* arg) {
+  if (arg == nullptr) return false;
+  const auto& [set, path] = *static_cast<PathInSet*>(arg);
+  set->condLock.AssertHeld();
+  return set->active && set->paths.find(*path) != set->paths.end();
+}
+
+void ORVEX_Set::PreWaitLogFunc(void* arg) {
+  if (arg == nullptr) return;
+  ORVEX_LOG_MESSAGE(ORVEX_LOG_INFO, kSourceFile,
+                    "[CalHashSet] File hash is calculating, wait for signal: %s",
+                    static_cast<const std::string*>(arg)->c_str());
+}
+
+void ORVEX_Set::PostWaitLogFunc(void* arg) {
+  if (arg == nullptr) return;
+  ORVEX_LOG_MESSAGE(ORVEX_LOG_INFO, kSourceFile,
+                    "[CalHashSet] File hash is calculating, signaled: %s",
+                    static_cast<const std::string*>(arg)->c_str());
+}

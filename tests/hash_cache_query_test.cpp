@@ -1,0 +1,626 @@
+// How the hash cache answers a query, and how threads that ask about one path wait
+// for each other.
+#include <doctest/doctest.h>
+
+#include <atomic>
+#include <future>
+#include <stdexcept>
+#include <string>
+
+#include "support/counted_sleep.h"
+#include "support/latch.h"
+#include "support/open_hash_cache.h"
+#include "support/orvex_profiling.h"
+#include "support/recorded_log.h"
+
+namespace {
+
+std::future<int> AskFromAnotherThread(OpenHashCache& cache, const char* path) {
+  return std::async(std::launch::async, [&cache, path] { return cache.Ask(path); });
+}
+
+bool IsBeingCalculated(OpenHashCache& cache, const char* path) {
+  const ORVEX_ScopeLock guard(&cache.calHashSet.condLock);
+  return cache.calHashSet.paths.count(path) != 0;
+}
+
+// Does something of the test's own between the lookup and what follows it.
+class InterruptedCache : public OpenHashCache {
+ public:
+  int QueryLRUCache(metadata_input_s* in, metadata_output_s* out) override {
+    const int result = OpenHashCache::QueryLRUCache(in, out);
+    return afterLookup(result);
+  }
+  std::function<int(int)> afterLookup = [](int result) { return result; };
+};
+
+}  // namespace
+
+TEST_CASE("a query of an unknown file asks the host and keeps the answer") {
+  OpenHashCache cache;
+  cache.InitLRUCache();
+  int calls = 0;
+  const auto answer = cache.onHash;
+  cache.onHash = [&](metadata_input_s& in, metadata_output_s& out) {
+    ++calls;
+    return answer(in, out);
+  };
+  for (int i = 0; i < 3; ++i) {
+    Answer out;
+    CHECK(cache.Ask(InputFor("/a"), out) == 0);
+    CHECK(out.resultReady == 1);
+    CHECK(out.digest32[0] == 1);
+  }
+  CHECK(calls == 1);
+  CHECK(cache.metrics.numOfHelpFuncCalled == 1);
+  CHECK(cache.metrics.Hit == 2);
+}
+
+TEST_CASE("a query hands the host the very pointers it was given") {
+  OpenHashCache cache;
+  cache.InitLRUCache();
+  static void* seen[3];
+  cache.RegisterMetaQueryCallback([](metadata_input_s* in, metadata_output_s* out, void* ctx) {
+    seen[0] = in;
+    seen[1] = out;
+    seen[2] = ctx;
+    return 0;
+  });
+  metadata_input_s in = InputFor("/a");
+  Answer out;
+  int context = 0;
+  cache.Query(&in, &out, &context);
+  CHECK(seen[0] == &in);
+  CHECK(seen[1] == &out);
+  CHECK(seen[2] == &context);
+}
+
+TEST_CASE("a query without the wish to keep asks the host on every miss and fills nothing") {
+  OpenHashCache cache;
+  cache.InitLRUCache();
+  metadata_input_s in = InputFor("/a");
+  in.invOperation = 0;
+  for (int i = 0; i < 3; ++i) {
+    Answer out;
+    CHECK(cache.Ask(in, out) == 0);
+    CHECK(out.resultReady == 1);
+  }
+  CHECK(cache.metrics.numOfHelpFuncCalled == 3);
+  CHECK(cache.metrics.Miss == 3);
+  CHECK(cache.CacheNodeList.empty());
+}
+
+TEST_CASE("a callback can veto that its answer is kept") {
+  OpenHashCache cache;
+  cache.InitLRUCache();
+  cache.onHash = [](metadata_input_s& in, metadata_output_s&) {
+    in.invOperation &= ~uint32_t{INV_KEEP_IN_CACHE};
+    return 0;
+  };
+  CHECK(cache.Ask("/a") == 0);
+  CHECK(cache.CacheNodeList.empty());
+}
+
+TEST_CASE("a cache-only query of an unknown file neither asks the host nor touches the set") {
+  OpenHashCache cache;
+  cache.InitLRUCache();
+  RecordedLog log;
+  metadata_input_s in = InputFor("/a");
+  in.invOperation = INV_KEEP_IN_CACHE | INV_CACHE_ONLY;
+  Answer out;
+  out.resultReady = 9;
+  CHECK(cache.Ask(in, out) == 0);
+  CHECK(out.resultReady == 0);
+  CHECK(cache.metrics.numOfHelpFuncCalled == 0);
+  CHECK(log.TakeTranscript() ==
+        Lines({"DEBUG Query orvex_lru_cache: Free to calculate file hash: /a",
+               "DEBUG QueryLRUCache orvex_lru_cache: Cache query: cache miss, /a"}));
+}
+
+TEST_CASE("a cache-only query answers from the cache like any other") {
+  OpenHashCache cache;
+  cache.InitLRUCache();
+  cache.Store("/a");
+  metadata_input_s in = InputFor("/a");
+  in.invOperation = INV_CACHE_ONLY;
+  Answer out;
+  CHECK(cache.Ask(in, out) == 0);
+  CHECK(out.resultReady == 1);
+  CHECK(out.digest32[0] == 1);
+}
+
+TEST_CASE("a cache-only partial hit leaves the parts it found with no result") {
+  OpenHashCache cache;
+  cache.InitLRUCache();
+  Answer stored;
+  GiveDigests(stored, QUERY_DIGEST32, 1);
+  cache.Store(InputFor("/a"), stored);
+  metadata_input_s in = InputFor("/a");
+  in.invOperation = INV_CACHE_ONLY;
+  Answer out;
+  CHECK(cache.Ask(in, out) == 0);
+  CHECK(out.resultReady == 0);
+  CHECK((out.queryFlags & kAllDigests) == QUERY_DIGEST32);
+}
+
+TEST_CASE("a cache-only query does not wait for a path that is being calculated") {
+  OpenHashCache cache;
+  cache.InitLRUCache();
+  Latch hostEntered;
+  Latch hostMayAnswer;
+  cache.onHash = [&](metadata_input_s&, metadata_output_s&) {
+    hostEntered.Open();
+    hostMayAnswer.Wait();
+    return 0;
+  };
+  auto first = AskFromAnotherThread(cache, "/a");
+  hostEntered.Wait();
+  metadata_input_s in = InputFor("/a");
+  in.invOperation = INV_CACHE_ONLY;
+  Answer out;
+  CHECK(cache.Ask(in, out) == 0);
+  CHECK(out.resultReady == 0);
+  hostMayAnswer.Open();
+  CHECK(first.get() == 0);
+  CHECK(cache.metrics.numOfWaitInHashCalculation == 0);
+}
+
+TEST_CASE("an inactive cache refuses with 8 before it looks at the records") {
+  OpenHashCache cache;
+  RecordedLog log;
+  Answer out;
+  out.resultReady = 9;
+  metadata_input_s in = InputFor("/a");
+  CHECK(cache.Query(nullptr, nullptr, nullptr) == 8);
+  CHECK(cache.Query(&in, &out, nullptr) == 8);
+  in.path = nullptr;
+  CHECK(cache.Query(&in, &out, nullptr) == 8);
+  CHECK(out.resultReady == 9);
+  CHECK(cache.metrics.Query == 0);
+  CHECK(log.TakeTranscript() == "");
+}
+
+TEST_CASE("a query without both records is refused with 3 and without a word") {
+  OpenHashCache cache;
+  cache.InitLRUCache();
+  RecordedLog log;
+  metadata_input_s in = InputFor("/a");
+  Answer out;
+  CHECK(cache.Query(nullptr, nullptr, nullptr) == 3);
+  CHECK(cache.Query(&in, nullptr, nullptr) == 3);
+  CHECK(cache.Query(nullptr, &out, nullptr) == 3);
+  CHECK(log.TakeTranscript() == "");
+}
+
+TEST_CASE("a query without a path throws and leaves no thread counted") {
+  OpenHashCache cache;
+  cache.InitLRUCache();
+  metadata_input_s in = InputFor(nullptr);
+  for (const uint32_t operation : {INV_KEEP_IN_CACHE, INV_CACHE_ONLY}) {
+    in.invOperation = operation;
+    Answer out;
+    CHECK_THROWS_AS(cache.Ask(in, out), std::logic_error);
+  }
+  CHECK(cache.activeThreads == 0);
+  CHECK(cache.metrics.Query == 0);
+}
+
+TEST_CASE("a failing host's code is returned, nothing is kept and the path is free again") {
+  OpenHashCache cache;
+  cache.InitLRUCache();
+  cache.onHash = [](metadata_input_s&, metadata_output_s& out) {
+    GiveDigests(out, kAllDigests, 1);
+    return -77;
+  };
+  Answer out;
+  out.resultReady = 9;
+  CHECK(cache.Ask(InputFor("/a"), out) == -77);
+  CHECK(out.resultReady == 0);
+  CHECK(cache.CacheNodeList.empty());
+  CHECK(cache.metrics.numOfHelpFuncCalled == 1);
+  CHECK_FALSE(IsBeingCalculated(cache, "/a"));
+}
+
+TEST_CASE("a failing store's code is returned although there is a result") {
+  class FullCache : public OpenHashCache {
+   public:
+    int UpdateCache(metadata_input_s*, metadata_output_s*) override { return 2; }
+  } cache;
+  cache.InitLRUCache();
+  Answer out;
+  CHECK(cache.Ask(InputFor("/a"), out) == 2);
+  CHECK(out.resultReady == 1);
+  CHECK(out.digest32[0] == 1);
+}
+
+TEST_CASE("a partial hit asks the host and completes the entry") {
+  OpenHashCache cache;
+  cache.InitLRUCache();
+  Answer stored;
+  GiveDigests(stored, QUERY_DIGEST32, 7);
+  cache.Store(InputFor("/a"), stored);
+  cache.onHash = [](metadata_input_s&, metadata_output_s& out) {
+    CHECK(out.resultReady == 0);
+    CHECK(out.digest32[0] == 7);
+    GiveDigests(out, kAllDigests & ~uint32_t{QUERY_DIGEST32}, 8);
+    return 0;
+  };
+  CHECK(cache.Ask("/a") == 0);
+  Answer out;
+  CHECK(cache.Look(InputFor("/a"), out) == 2);
+  CHECK(out.digest32[0] == 7);
+  CHECK(out.digest20[0] == 8);
+  CHECK(cache.CacheNodeList.size() == 1);
+}
+
+TEST_CASE("an out-of-date entry is refreshed with the new mtime") {
+  OpenHashCache cache;
+  cache.InitLRUCache();
+  metadata_input_s in = InputFor("/a");
+  in.fileOperation = KEY_PATH;
+  Answer first;
+  cache.Ask(in, first);
+  in.mtime = 6;
+  for (int i = 0; i < 2; ++i) {
+    Answer out;
+    CHECK(cache.Ask(in, out) == 0);
+    CHECK(out.resultReady == 1);
+  }
+  CHECK(cache.metrics.OutOfDate == 1);
+  CHECK(cache.metrics.numOfHelpFuncCalled == 2);
+  CHECK(cache.metrics.Hit == 1);
+  CHECK(cache.CacheNodeList.size() == 1);
+}
+
+TEST_CASE("an out-of-date entry stays so when its refresh is not kept") {
+  OpenHashCache cache;
+  cache.InitLRUCache();
+  metadata_input_s in = InputFor("/a");
+  in.fileOperation = KEY_PATH;
+  Answer first;
+  cache.Ask(in, first);
+  in.mtime = 6;
+  in.invOperation = 0;
+  for (int i = 0; i < 2; ++i) {
+    Answer out;
+    cache.Ask(in, out);
+  }
+  CHECK(cache.metrics.OutOfDate == 2);
+}
+
+TEST_CASE("threads that ask for one path at once make the host calculate it once") {
+  OpenHashCache cache;
+  cache.InitLRUCache();
+  RecordedLog log;
+  Latch hostEntered;
+  Latch hostMayAnswer;
+  const auto answer = cache.onHash;
+  std::atomic<int> calls{0};
+  cache.onHash = [&](metadata_input_s& in, metadata_output_s& out) {
+    ++calls;
+    hostEntered.Open();
+    hostMayAnswer.Wait();
+    return answer(in, out);
+  };
+  auto first = AskFromAnotherThread(cache, "/a");
+  hostEntered.Wait();
+  Answer out;
+  auto second = std::async(std::launch::async, [&] { return cache.Ask(InputFor("/a"), out); });
+  log.WaitFor("wait for signal: /a");
+  hostMayAnswer.Open();
+  CHECK(first.get() == 0);
+  CHECK(second.get() == 0);
+  CHECK(out.resultReady == 1);
+  CHECK(out.digest32[0] == 1);
+  CHECK(calls == 1);
+  CHECK(cache.metrics.numOfWaitInHashCalculation == 1);
+  CHECK(cache.metrics.Hit == 1);
+  CHECK(cache.metrics.Miss == 1);
+}
+
+TEST_CASE("a thread whose leader fails calculates itself") {
+  OpenHashCache cache;
+  cache.InitLRUCache();
+  RecordedLog log;
+  Latch hostEntered;
+  Latch hostMayAnswer;
+  const auto answer = cache.onHash;
+  std::atomic<int> calls{0};
+  cache.onHash = [&](metadata_input_s& in, metadata_output_s& out) {
+    if (++calls > 1) return answer(in, out);
+    hostEntered.Open();
+    hostMayAnswer.Wait();
+    return 5;
+  };
+  auto first = AskFromAnotherThread(cache, "/a");
+  hostEntered.Wait();
+  auto second = AskFromAnotherThread(cache, "/a");
+  log.WaitFor("wait for signal: /a");
+  hostMayAnswer.Open();
+  CHECK(first.get() == 5);
+  CHECK(second.get() == 0);
+  CHECK(calls == 2);
+}
+
+TEST_CASE("different paths are calculated at the same time") {
+  OpenHashCache cache;
+  cache.InitLRUCache();
+  Latch entered[2];
+  cache.onHash = [&](metadata_input_s& in, metadata_output_s&) {
+    const bool isFirst = std::string(in.path) == "/a";
+    entered[isFirst ? 0 : 1].Open();
+    entered[isFirst ? 1 : 0].Wait();  // Returns only if both are inside at once.
+    return 0;
+  };
+  auto first = AskFromAnotherThread(cache, "/a");
+  auto second = AskFromAnotherThread(cache, "/b");
+  CHECK(first.get() == 0);
+  CHECK(second.get() == 0);
+}
+
+TEST_CASE("a path is marked while the host computes and free afterwards") {
+  OpenHashCache cache;
+  cache.InitLRUCache();
+  bool marked = false;
+  cache.onHash = [&](metadata_input_s&, metadata_output_s&) {
+    marked = IsBeingCalculated(cache, "/a");
+    return 0;
+  };
+  cache.Ask("/a");
+  CHECK(marked);
+  CHECK_FALSE(IsBeingCalculated(cache, "/a"));
+}
+
+TEST_CASE("a sleeper leaves with 8 when the cache is stopped") {
+  OpenHashCache cache;
+  cache.InitLRUCache();
+  RecordedLog log;
+  Latch hostEntered;
+  Latch hostMayAnswer;
+  cache.onHash = [&](metadata_input_s&, metadata_output_s&) {
+    hostEntered.Open();
+    hostMayAnswer.Wait();
+    return 0;
+  };
+  auto leader = AskFromAnotherThread(cache, "/a");
+  hostEntered.Wait();
+  Answer out;
+  out.resultReady = 9;
+  auto sleeper = std::async(std::launch::async, [&] { return cache.Ask(InputFor("/a"), out); });
+  log.WaitFor("wait for signal: /a");
+  CountedSleep noPauses;
+  noPauses.onSleep = [&] { log.WaitFor("skipped due to inactive state: /a"); };
+  cache.DeinitLRUCache();
+  CHECK(sleeper.get() == 8);
+  CHECK(out.resultReady == 9);
+  CHECK(log.CountOf("[CalHashSet] File hash is skipped due to inactive state: /a") == 1);
+  hostMayAnswer.Open();
+  CHECK(leader.get() == 0);
+}
+
+TEST_CASE("a cache that stops during the calculation finds nothing to erase") {
+  OpenHashCache cache;
+  cache.InitLRUCache();
+  CountedSleep noPauses;
+  cache.onHash = [&](metadata_input_s&, metadata_output_s&) {
+    cache.DeinitLRUCache();
+    return 0;
+  };
+  RecordedLog log;
+  CHECK(cache.Ask("/a") == 0);
+  CHECK(log.CountOf("[CalHashSet] Erase CalHashSet failed: /a") == 1);
+  CHECK(log.CountOf("calculation is done, broadcast signal: /a") == 1);
+}
+
+TEST_CASE("an answer whose host outlived the stop is stored in the stopped cache") {
+  OpenHashCache cache;
+  cache.InitLRUCache();
+  CountedSleep noPauses;
+  const auto answer = cache.onHash;
+  cache.onHash = [&](metadata_input_s& in, metadata_output_s& out) {
+    cache.DeinitLRUCache();
+    return answer(in, out);
+  };
+  cache.Ask("/a");
+  CHECK(cache.PathsInOrder() == Paths{"/a"});
+}
+
+TEST_CASE("a cache that stops between lookup and calculation refuses with 8 and no result") {
+  InterruptedCache cache;
+  cache.InitLRUCache();
+  cache.afterLookup = [&](int result) {
+    const ORVEX_ScopeLock guard(&cache.lock);
+    cache.active = false;
+    return result;
+  };
+  RecordedLog log;
+  Answer out;
+  out.resultReady = 9;
+  CHECK(cache.Ask(InputFor("/a"), out) == 8);
+  CHECK(out.resultReady == 0);
+  CHECK(cache.metrics.numOfHelpFuncCalled == 0);
+  CHECK(log.TakeTranscript() ==
+        Lines({"DEBUG Query orvex_lru_cache: Free to calculate file hash: /a",
+               "DEBUG QueryLRUCache orvex_lru_cache: Cache query: cache miss, /a",
+               "WARNING Query orvex_lru_cache: File hash calculation is skipped due to inactive "
+               "state: /a"}));
+}
+
+TEST_CASE("two that passed the wait at once both calculate and only the first one erases") {
+  InterruptedCache cache;
+  cache.InitLRUCache();
+  cache.afterLookup = [&](int result) {
+    const ORVEX_ScopeLock guard(&cache.calHashSet.condLock);
+    cache.calHashSet.paths.insert("/a");
+    return result;
+  };
+  RecordedLog log;
+  metadata_input_s in = InputFor("/a");
+  in.invOperation = 0;
+  Answer out;
+  CHECK(cache.Ask(in, out) == 0);
+  CHECK(log.TakeTranscript() ==
+        Lines({"DEBUG Query orvex_lru_cache: Free to calculate file hash: /a",
+               "DEBUG QueryLRUCache orvex_lru_cache: Cache query: cache miss, /a",
+               "DEBUG Query orvex_lru_cache: [CalHashSet] Insert CalHashSet failed: /a",
+               "DEBUG Query orvex_lru_cache: Calling query callback for file /a",
+               "DEBUG Query orvex_lru_cache: [CalHashSet] Erase CalHashSet skipped: /a",
+               "INFO Query orvex_lru_cache: [CalHashSet] File hash calculation is done, broadcast "
+               "signal: /a"}));
+  CHECK(IsBeingCalculated(cache, "/a"));
+}
+
+TEST_CASE("a lookup with an unknown result ends the query with 0") {
+  InterruptedCache cache;
+  cache.InitLRUCache();
+  cache.afterLookup = [](int) { return 7; };
+  Answer out;
+  out.resultReady = 9;
+  CHECK(cache.Ask(InputFor("/a"), out) == 0);
+  CHECK(out.resultReady == 9);
+  CHECK(cache.metrics.numOfHelpFuncCalled == 0);
+}
+
+TEST_CASE("an exception of the host passes through and frees the path") {
+  OpenHashCache cache;
+  cache.InitLRUCache();
+  const auto answer = cache.onHash;
+  cache.onHash = [](metadata_input_s&, metadata_output_s&) -> int { throw std::bad_alloc(); };
+  Answer out;
+  CHECK_THROWS_AS(cache.Ask(InputFor("/a"), out), std::bad_alloc);
+  CHECK(out.resultReady == 0);
+  CHECK(cache.activeThreads == 0);
+  CHECK(cache.CacheNodeList.empty());
+  CHECK(cache.metrics.numOfHelpFuncCalled == 1);
+  CHECK_FALSE(IsBeingCalculated(cache, "/a"));
+  cache.onHash = answer;
+  CHECK(cache.Ask("/a") == 0);
+  CHECK(cache.PathsInOrder() == Paths{"/a"});
+}
+
+TEST_CASE("an exception of the host wakes those that wait for the path") {
+  OpenHashCache cache;
+  cache.InitLRUCache();
+  RecordedLog log;
+  Latch hostEntered;
+  Latch hostMayFail;
+  std::atomic<int> calls{0};
+  const auto answer = cache.onHash;
+  cache.onHash = [&](metadata_input_s& in, metadata_output_s& out) {
+    if (++calls > 1) return answer(in, out);
+    hostEntered.Open();
+    hostMayFail.Wait();
+    throw std::runtime_error("the host's own");
+  };
+  auto first = AskFromAnotherThread(cache, "/a");
+  hostEntered.Wait();
+  auto second = AskFromAnotherThread(cache, "/a");
+  log.WaitFor("wait for signal: /a");
+  hostMayFail.Open();
+  CHECK_THROWS_WITH_AS(first.get(), "the host's own", std::runtime_error);
+  CHECK(second.get() == 0);
+}
+
+TEST_CASE("a thread that is cancelled inside the host frees the path") {
+  OpenHashCache cache;
+  cache.InitLRUCache();
+  static Latch hostEntered;
+  cache.onHash = [](metadata_input_s&, metadata_output_s&) {
+    hostEntered.Open();
+    for (;;) pthread_testcancel();
+    return 0;
+  };
+  pthread_t thread;
+  const auto ask = [](void* arg) -> void* {
+    static_cast<OpenHashCache*>(arg)->Ask("/a");
+    return nullptr;
+  };
+  REQUIRE(pthread_create(&thread, nullptr, ask, &cache) == 0);
+  hostEntered.Wait();
+  pthread_cancel(thread);
+  pthread_join(thread, nullptr);
+  CHECK_FALSE(IsBeingCalculated(cache, "/a"));
+  CHECK(cache.activeThreads == 0);
+}
+
+TEST_CASE("the host may call back into the cache while it computes") {
+  OpenHashCache cache;
+  cache.InitLRUCache();
+  const auto answer = cache.onHash;
+  cache.onHash = [&](metadata_input_s& in, metadata_output_s& out) {
+    if (std::string(in.path) == "/b") return answer(in, out);
+    CHECK(cache.Ask("/b") == 0);
+    metadata_input_s own = InputFor("/a");
+    own.invOperation = INV_CACHE_ONLY;
+    Answer none;
+    CHECK(cache.Ask(own, none) == 0);
+    CHECK(none.resultReady == 0);
+    cache.DumpCache();
+    cache.DumpMetrics();
+    cache.SetCapacity(100);
+    cache.ResetMetrics();
+    CHECK(cache.FlushCache() == 0);
+    return answer(in, out);
+  };
+  CHECK(cache.Ask("/a") == 0);
+  CHECK(cache.PathsInOrder() == Paths{"/a"});
+}
+
+TEST_CASE("a query uses the callback that was registered when it asked") {
+  OpenHashCache cache;
+  cache.InitLRUCache();
+  cache.RegisterMetaQueryCallback([](metadata_input_s*, metadata_output_s*, void* ctx) {
+    static_cast<OpenHashCache*>(ctx)->RegisterMetaQueryCallback(
+        [](metadata_input_s*, metadata_output_s*, void*) { return 2222; });
+    return 1111;
+  });
+  CHECK(cache.Ask("/a") == 1111);
+  CHECK(cache.Ask("/a") == 2222);
+}
+
+TEST_CASE("the query and the host's part of it are timed under their names") {
+  OpenHashCache cache;
+  cache.InitLRUCache();
+  ORVEX_Profiling::EnableProfiling = true;
+  RecordedLog log(ORVEX_LOG_INFO);
+  metadata_input_s in = InputFor("/a");
+  in.invOperation = 0;
+  Answer out;
+  cache.Ask(in, out);
+  ORVEX_Profiling::EnableProfiling = false;
+  std::string texts;
+  for (const LogRecord& record : log.Records()) {
+    texts += record.text.substr(0, record.text.find(" used")) + "\n";
+  }
+  CHECK(texts ==
+        Lines({"[PROFILING] LRUCache::QueryLRUCache", "[PROFILING] LRUCache::MetaQueryCallback",
+               "[CalHashSet] File hash calculation is done, broadcast signal: /a",
+               "[PROFILING] LRUCache::Query"}));
+}
+
+TEST_CASE("the predicate of a set holds for its own paths while it is active") {
+  ORVEX_Set set;
+  const std::string path = "/a";
+  ORVEX_Set::PathInSet arg(&set, &path);
+  CHECK_FALSE(ORVEX_Set::PredicateFunc(nullptr));
+  set.paths.insert("/a");
+  CHECK_FALSE(ORVEX_Set::PredicateFunc(&arg));
+  set.active = true;
+  CHECK(ORVEX_Set::PredicateFunc(&arg));
+  set.paths.clear();
+  CHECK_FALSE(ORVEX_Set::PredicateFunc(&arg));
+}
+
+TEST_CASE("the messages around a sleep name the path and need one") {
+  RecordedLog log;
+  std::string path = "/a";
+  ORVEX_Set::PreWaitLogFunc(&path);
+  ORVEX_Set::PostWaitLogFunc(&path);
+  ORVEX_Set::PreWaitLogFunc(nullptr);
+  ORVEX_Set::PostWaitLogFunc(nullptr);
+  CHECK(log.TakeTranscript() ==
+        Lines({"INFO PreWaitLogFunc orvex_set: [CalHashSet] File hash is calculating, wait for "
+               "signal: /a",
+               "INFO PostWaitLogFunc orvex_set: [CalHashSet] File hash is calculating, signaled: "
+               "/a"}));
+}
