@@ -1,0 +1,73 @@
+// The cache of file types.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "cache/orvex_lru_cache_key.h"
+#include "cache/orvex_lru_cache_map.h"
+#include "cache/orvex_lru_cache_t.h"
+#include "orvexeng.h"
+#include "support/orvex_singleton.h"
+
+// The type of one file, as the host gave it.
+//
+// Ownership: belongs to the cache that holds it.
+// Locking: none of its own; a cached node is touched under the cache's lock.
+class ORVEX_API FileTypeCacheNode {
+ public:
+  FileTypeCacheNode();
+  // Throws std::bad_alloc, as SetDataToCacheNode does.
+  FileTypeCacheNode(metadata_input_s& in, metadata_output_s& out);
+  FileTypeCacheNode(const FileTypeCacheNode&) = delete;
+  // Takes over path and file type; mtime and the place in the cache stay.
+  FileTypeCacheNode& operator=(FileTypeCacheNode& other);
+
+  // Merges an answer. Throws std::bad_alloc, and then nothing has changed.
+  void SetDataToCacheNode(metadata_input_s& in, metadata_output_s& out);
+  // Copies the parts held into out and adds their bits. Always 0.
+  unsigned int GetDataFromCacheNode(metadata_output_s& out);
+
+  // Logs the node at INFO.
+  void Dump() const;
+
+  // The node's entry in the cache's map; the map's end once that entry went with
+  // another node that shared it.
+  LRUCacheMap<LRUCacheKey, FileTypeCacheNode>::iterator mapEntry;
+  uint32_t queryFlag = 0;  // QUERY_MTIME, QUERY_FILE_TYPE: which parts are held
+  std::string path;
+  int64_t major = 0;
+  int64_t minor = 0;
+  uint64_t mtime = 0;
+};
+
+// The counters of the file type cache. Each lookup counts in one of the first
+// three.
+struct ORVEX_API FileTypeCacheMetrics_s {
+  alignas(8) long long Hit = 0;
+  alignas(8) long long Miss = 0;
+  alignas(8) long long OutOfDate = 0;            // the file's modification time has changed
+  alignas(8) long long WipeOuts = 0;             // nodes evicted for capacity
+  alignas(8) long long numOfHelpFuncCalled = 0;  // calls of the host, whatever came of them
+};
+
+// Answers file type queries from the cache or from the host. Threads that miss on
+// one file at once all ask the host; the last answer stays.
+class ORVEX_API FileTypeCache final
+    : public LRUCacheT<LRUCacheKey, FileTypeCacheNode, FileTypeCacheMetrics_s> {
+ public:
+  FileTypeCache();
+  explicit FileTypeCache(unsigned int newCapacity);
+
+  // Throws what the host's callback throws.
+  int Query(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx) override
+      ORVEX_EXCLUDES(lock);
+  int GetMetrics(FileTypeCacheMetrics_s& out) const override;
+  void DumpMetrics() const override;
+  int QueryLRUCache(metadata_input_s* metaIn, metadata_output_s* metaOut) override
+      ORVEX_EXCLUDES(lock);
+  void LRUCacheNodeWipe() override ORVEX_REQUIRES(lock);
+};
+
+extern template class LRUCacheT<LRUCacheKey, FileTypeCacheNode, FileTypeCacheMetrics_s>;
+extern template class ORVEX_Singleton<FileTypeCache>;
