@@ -1,0 +1,120 @@
+// The configuration file.
+#include "support/orvex_config.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+
+#include "support/orvex_log.h"
+
+namespace {
+
+constexpr char kSourceFile[] = "orvex_config";
+
+// The longest line that is read, its terminator included.
+constexpr int kLineSize = 255;
+
+}  // namespace
+
+template class ORVEX_Singleton<ORVEX_Config>;
+
+std::string ORVEX_Config::ConfigFilePath = "orvexeng.ini";
+
+ORVEX_Config::ORVEX_Config() = default;
+
+ORVEX_Config::~ORVEX_Config() = default;
+
+unsigned int ORVEX_Config::ReadConfig(std::string path) {
+  std::ifstream file(path);
+  if (!file.is_open()) {
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kSourceFile, "Open config file %s failed", path.c_str());
+    return ORVEX_CONFIG_NOT_OPENED;
+  }
+  char line[kLineSize] = {};
+  while (file.getline(line, kLineSize)) {
+    if (line[0] != '\0') ParseLine(line);
+  }
+  return ORVEX_OK;
+}
+
+void ORVEX_Config::ParseLine(char* line) {
+  if (std::strchr(line, '=') == nullptr) return;
+  const char* key = nullptr;
+  const char* value = nullptr;
+  char* rest = nullptr;
+  for (const char* token = strtok_r(line, " =", &rest); token != nullptr && token[0] != '#';
+       token = strtok_r(nullptr, " =", &rest)) {
+    if (key == nullptr) {
+      key = token;
+    } else if (value == nullptr) {
+      value = token;
+    } else {
+      return;  // A third word: this is no assignment.
+    }
+  }
+  if (value != nullptr) entries.insert_or_assign(key, value);
+}
+
+unsigned int ORVEX_Config::SetConfig() {
+  bool flag = false;
+  unsigned int number = 0;
+  if (GetConfigBool("LogEnable", flag) == ORVEX_OK) {
+    ORVEX_StoreRelaxed(ORVEX_LOG_BASE::LogEnable, flag);
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_INFO, kSourceFile, "Set config LogEnable to %d", flag);
+  }
+  if (GetConfigInteger("LogLevel", number) == ORVEX_OK) {
+    ORVEX_StoreRelaxed(ORVEX_LOG_BASE::LogLevel, static_cast<ORVEX_LOG>(number));
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_INFO, kSourceFile, "Set config LogLevel to %u", number);
+  }
+  if (GetConfigBool("DatabaseEnable", flag) == ORVEX_OK) {
+    orvex_db_set_enable(flag);
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_INFO, kSourceFile, "Set config DatabaseEnable to %d", flag);
+  }
+  if (GetConfigBool("ProfilingEnable", flag) == ORVEX_OK) {
+    orvex_profiling_set_enable(flag);
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_INFO, kSourceFile, "Set config ProfilingEnable to %d", flag);
+  }
+  if (GetConfigInteger("CacheCapacity", number) == ORVEX_OK) {
+    orvex_set_cache_capacity(ORVEX_HASH_CACHE, static_cast<int>(number));
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_INFO, kSourceFile, "Set config CacheCapacity to %u", number);
+  }
+  return ORVEX_OK;
+}
+
+unsigned int ORVEX_Config::GetConfigInteger(const char* key, unsigned int& value) {
+  const std::string* text = Find(key);
+  if (text == nullptr) return ORVEX_CONFIG_ABSENT;
+  if (text->find_first_not_of("0123456789") != std::string::npos) return ORVEX_CONFIG_MALFORMED;
+  // The limit of the 32-bit product's long, on every target.
+  constexpr long kLargest = 2147483647;
+  value = static_cast<unsigned int>(std::min(std::strtol(text->c_str(), nullptr, 10), kLargest));
+  return ORVEX_OK;
+}
+
+unsigned int ORVEX_Config::GetConfigString(const char* key, std::string& value) {
+  const std::string* text = Find(key);
+  if (text == nullptr) return ORVEX_CONFIG_ABSENT;
+  value = *text;
+  return ORVEX_OK;
+}
+
+unsigned int ORVEX_Config::GetConfigBool(const char* key, bool& value) {
+  const std::string* text = Find(key);
+  if (text == nullptr) return ORVEX_CONFIG_ABSENT;
+  if (*text != "0" && *text != "1") return ORVEX_CONFIG_MALFORMED;
+  value = *text == "1";
+  return ORVEX_OK;
+}
+
+void ORVEX_Config::Dump() const {
+  ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kSourceFile, "Dump config map ...");
+  for (const auto& [key, value] : entries) {
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kSourceFile, "[CONFIG] %s=%s", key.c_str(), value.c_str());
+  }
+}
+
+const std::string* ORVEX_Config::Find(const char* key) const {
+  const auto entry = entries.find(key);
+  return entry == entries.end() ? nullptr : &entry->second;
+}
