@@ -1,9 +1,22 @@
 // The exported functions. They hold no logic: each hands its arguments to the one
 // operation that answers it.
 #include "cache/orvex_caches.h"
+#include "engine/orvex_engine.h"
 #include "orvexeng.h"
 #include "support/orvex_log.h"
 #include "support/orvex_profiling.h"
+
+namespace {
+
+ORVEX_ENGINE& Engine() { return *ORVEX_Singleton<ORVEX_ENGINE>::GetInstance(); }
+
+}  // namespace
+
+int orvex_init(metadata_query_fptrs_s* fptrs) { return Engine().Init(fptrs); }
+
+int orvex_deinit(void) { return Engine().Deinit(); }
+
+int orvex_get_status(void) { return Engine().GetStatus(); }
 
 int orvex_update_metadata(metadata_input_s* in, metadata_output_s* out) {
   HashCache().UpdateMetaData(in, out);

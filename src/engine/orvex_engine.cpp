@@ -1,0 +1,100 @@
+// The one object behind the exported functions.
+#include "engine/orvex_engine.h"
+
+#include <exception>
+
+#include "cache/orvex_caches.h"
+#include "support/orvex_config.h"
+#include "support/orvex_drain.h"
+#include "support/orvex_log.h"
+#include "support/orvex_scope_ref_cnt.h"
+
+template class ORVEX_Singleton<ORVEX_ENGINE>;
+
+namespace {
+
+constexpr char kSourceFile[] = "orvex_engine";
+
+// False when memory runs out. A file that cannot be opened is no failure.
+bool Configure() {
+  ORVEX_Config* const config = ORVEX_Singleton<ORVEX_Config>::GetInstance();
+  try {
+    if (config->ReadConfig(ORVEX_Config::ConfigFilePath) != ORVEX_OK) return true;
+  } catch (const std::exception&) {
+    return false;
+  }
+  config->SetConfig();
+  return true;
+}
+
+}  // namespace
+
+ORVEX_ENGINE::ORVEX_ENGINE() : inited(false), refCount(0) {}
+
+ORVEX_ENGINE::~ORVEX_ENGINE() = default;
+
+int ORVEX_ENGINE::Init(metadata_query_fptrs_s* fptrs) {
+  PassLock();
+  if (ORVEX_LoadRelaxed(inited)) {
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kSourceFile,
+                      "Kelda Inventory Engine init failed: already been initialized");
+    return ORVEX_INITIALISED;
+  }
+  if (fptrs == nullptr || fptrs->fileTypeQueryCallback == nullptr ||
+      fptrs->metaQueryCallback == nullptr) {
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kSourceFile,
+                      "Kelda Inventory Engine register query callback failed: invalid parameter");
+    return ORVEX_INVALID_CALLBACKS;
+  }
+  ORVEX_LOG_MESSAGE(ORVEX_LOG_INFO, kSourceFile,
+                    "Kelda Inventory Engine is initializing, version=%s", ORVEX_VERSION);
+  if (!Configure()) return ORVEX_NO_MEMORY;
+
+  if (const int code = HashCache().InitLRUCache(); code != ORVEX_OK) {
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kSourceFile,
+                      "Kelda Inventory Engine init failed: cache init failed, rc=%d", code);
+    return code;
+  }
+  if (const int code = TypeCache().InitLRUCache(); code != ORVEX_OK) {
+    HashCache().DeinitLRUCache();
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kSourceFile,
+                      "Kelda Inventory Engine init failed: file type cache init failed, rc=%d",
+                      code);
+    return code;
+  }
+  HashCache().RegisterMetaQueryCallback(fptrs->metaQueryCallback);
+  TypeCache().RegisterMetaQueryCallback(fptrs->fileTypeQueryCallback);
+  ORVEX_StoreRelaxed(inited, true);
+  // Calls that came too early, or outlived an earlier stop, are not counted.
+  ORVEX_StoreRelaxed(refCount, 0);
+  ORVEX_LOG_MESSAGE(ORVEX_LOG_INFO, kSourceFile, "Kelda Inventory Engine init successfully");
+  return ORVEX_OK;
+}
+
+int ORVEX_ENGINE::Deinit() {
+  PassLock();
+  if (!ORVEX_LoadRelaxed(inited)) {
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kSourceFile,
+                      "Kelda Inventory Engine deinit failed: Engine is not inited");
+    return ORVEX_NOT_INITIALISED;
+  }
+  ORVEX_StoreRelaxed(inited, false);
+  // Before the wait: threads that sleep in a cache leave only once it stops.
+  HashCache().DeinitLRUCache();
+  TypeCache().DeinitLRUCache();
+  ORVEX_DrainCalls(&refCount, "Kelda Inventory Engine deinit", __func__, kSourceFile);
+  ORVEX_LOG_MESSAGE(ORVEX_LOG_WARNING, kSourceFile, "Kelda Inventory Engine deinit successfully");
+  return ORVEX_OK;
+}
+
+bool ORVEX_ENGINE::IsInit() const {
+  PassLock();
+  return ORVEX_LoadRelaxed(inited);
+}
+
+int ORVEX_ENGINE::GetStatus() {
+  const ORVEX_ScopeRefCnt inFlight(&refCount);
+  return IsInit() ? ORVEX_INITIALISED : ORVEX_NOT_INITIALISED;
+}
+
+void ORVEX_ENGINE::PassLock() const { const ORVEX_ScopeLock guard(&lock); }

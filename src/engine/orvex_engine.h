@@ -1,0 +1,44 @@
+// The one object behind the exported functions.
+#pragma once
+
+#include "orvexeng.h"
+#include "support/orvex_annotations.h"
+#include "support/orvex_local.h"
+#include "support/orvex_lock.h"
+#include "support/orvex_singleton.h"
+
+// Starts and stops the two caches, routes queries to them and gathers their
+// counters.
+//
+// State             inited  entered by                       Query
+// not initialised   false   construction, Deinit             100
+// initialised       true    Init                             served
+//
+// Ownership: none; the caches are singletons of their own.
+// Threads: any number at once; Init and Deinit one at a time.
+// Locking: lock orders nothing. It is taken and released again where a state is
+// read or about to change. inited and refCount are relaxed cells: what protects
+// a running query from Deinit is the count.
+class ORVEX_API ORVEX_ENGINE {
+ public:
+  ORVEX_ENGINE();
+  virtual ~ORVEX_ENGINE();
+  ORVEX_ENGINE(const ORVEX_ENGINE&) = delete;
+  ORVEX_ENGINE& operator=(const ORVEX_ENGINE&) = delete;
+
+  // See the exported functions of the same names.
+  int Init(metadata_query_fptrs_s* fptrs) ORVEX_EXCLUDES(lock);
+  int Deinit() ORVEX_EXCLUDES(lock);
+  bool IsInit() const ORVEX_EXCLUDES(lock);
+  int GetStatus() ORVEX_EXCLUDES(lock);
+
+ private:
+  ORVEX_LOCAL void PassLock() const ORVEX_EXCLUDES(lock);
+
+  mutable ORVEX_PThread_Lock lock;
+  bool inited;
+  // Threads inside Query, GetMetrics, ResetMetrics or GetStatus.
+  mutable int volatile refCount;
+};
+
+extern template class ORVEX_Singleton<ORVEX_ENGINE>;

@@ -1,0 +1,42 @@
+// One virtual operation of one object, replaced for the length of a scope.
+#pragma once
+
+#include <cstddef>
+#include <cstring>
+#include <vector>
+
+// How many slots the tables of the caches have, in their order:
+// InitLRUCache, DeinitLRUCache, UpdateMetaData, UpdateCache, FlushCache,
+// ResetMetrics, DumpCache, Query, GetMetrics, DumpMetrics, LRUCacheNodeUpdate,
+// DumpCacheMap, DumpCacheNodeList, QueryLRUCache, LRUCacheNodeWipe, and in the
+// hash cache the two destructors.
+constexpr size_t kHashCacheSlots = 17;
+constexpr size_t kFileTypeCacheSlots = 15;
+
+// Stands in for a subclass where the library makes the object itself. A method of
+// the C++ ABI in use is a function whose first argument is the object.
+class ReplacedOperation {
+ public:
+  template <typename Result, typename... Arguments>
+  ReplacedOperation(void* patched, size_t slots, size_t slot,
+                    Result (*replacement)(void*, Arguments...))
+      : object(patched) {
+    void** table = nullptr;
+    std::memcpy(&table, object, sizeof table);
+    original = table;
+    // Before the first slot stand the offset to the top and the type.
+    copy.assign(table - 2, table + slots);
+    copy[2 + slot] = reinterpret_cast<void*>(replacement);
+    SetTable(copy.data() + 2);
+  }
+  ~ReplacedOperation() { SetTable(original); }
+  ReplacedOperation(const ReplacedOperation&) = delete;
+  ReplacedOperation& operator=(const ReplacedOperation&) = delete;
+
+ private:
+  void SetTable(void** table) { std::memcpy(object, &table, sizeof table); }
+
+  void* object;
+  void** original = nullptr;
+  std::vector<void*> copy;
+};
