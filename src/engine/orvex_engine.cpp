@@ -1,12 +1,14 @@
 // The one object behind the exported functions.
 #include "engine/orvex_engine.h"
 
+#include <cstdint>
 #include <exception>
 
 #include "cache/orvex_caches.h"
 #include "support/orvex_config.h"
 #include "support/orvex_drain.h"
 #include "support/orvex_log.h"
+#include "support/orvex_profiling.h"
 #include "support/orvex_scope_ref_cnt.h"
 
 template class ORVEX_Singleton<ORVEX_ENGINE>;
@@ -25,6 +27,11 @@ bool Configure() {
   }
   config->SetConfig();
   return true;
+}
+
+// Enough of a pointer to tell it from another in a line of the log.
+unsigned int Low32Bits(const void* pointer) {
+  return static_cast<unsigned int>(reinterpret_cast<uintptr_t>(pointer));
 }
 
 }  // namespace
@@ -95,6 +102,35 @@ bool ORVEX_ENGINE::IsInit() const {
 int ORVEX_ENGINE::GetStatus() {
   const ORVEX_ScopeRefCnt inFlight(&refCount);
   return IsInit() ? ORVEX_INITIALISED : ORVEX_NOT_INITIALISED;
+}
+
+int ORVEX_ENGINE::Query(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx) {
+  const ORVEX_ScopeRefCnt inFlight(&refCount);
+  const ORVEX_Profiling profiling("ORVEX_ENGINE::Query");
+  if (!IsInit()) return ORVEX_NOT_INITIALISED;
+  if (metaOut == nullptr || metaIn == nullptr) {
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kSourceFile,
+                      "Invalid parameter: metaIn=0x%08x, metaOut=0x%08x", Low32Bits(metaIn),
+                      Low32Bits(metaOut));
+    return ORVEX_INVALID_PARAMETER;
+  }
+  int code = ORVEX_OK;
+  if ((metaIn->queryFlags & QUERY_FILE_TYPE) != 0) {
+    code = TypeCache().Query(metaIn, metaOut, ctx);
+    if (code != ORVEX_OK) {
+      ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kSourceFile, "Error query file type cache %d", code);
+    }
+  }
+  // Read again: the host's callback may have changed what is wanted.
+  if ((metaIn->queryFlags & ~uint32_t{QUERY_FILE_TYPE}) != 0) {
+    const int hashCode = HashCache().Query(metaIn, metaOut, ctx);
+    if (hashCode != ORVEX_OK) {
+      // The code so far, on purpose: a lone failure of the hash cache prints 0.
+      ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kSourceFile, "Error query hash cache %d", code);
+      if (code == ORVEX_OK) code = hashCode;
+    }
+  }
+  return code;
 }
 
 void ORVEX_ENGINE::PassLock() const { const ORVEX_ScopeLock guard(&lock); }

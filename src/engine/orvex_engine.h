@@ -31,6 +31,7 @@ class ORVEX_API ORVEX_ENGINE {
   int Deinit() ORVEX_EXCLUDES(lock);
   bool IsInit() const ORVEX_EXCLUDES(lock);
   int GetStatus() ORVEX_EXCLUDES(lock);
+  int Query(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx) ORVEX_EXCLUDES(lock);
 
  private:
   ORVEX_LOCAL void PassLock() const ORVEX_EXCLUDES(lock);

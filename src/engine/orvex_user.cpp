@@ -18,6 +18,10 @@ int orvex_deinit(void) { return Engine().Deinit(); }
 
 int orvex_get_status(void) { return Engine().GetStatus(); }
 
+int orvex_query(metadata_input_s* in, metadata_output_s* out, void* ctx) {
+  return Engine().Query(in, out, ctx);
+}
+
 int orvex_update_metadata(metadata_input_s* in, metadata_output_s* out) {
   HashCache().UpdateMetaData(in, out);
   return ORVEX_OK;

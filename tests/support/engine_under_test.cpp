@@ -39,3 +39,17 @@ EngineUnderTest::EngineUnderTest() {
 }
 
 EngineUnderTest::~EngineUnderTest() { orvex_deinit(); }
+
+int EngineUnderTest::Query(metadata_input_s& in, metadata_output_s& out) {
+  return orvex_query(&in, &out, &host);
+}
+
+int EngineUnderTest::Query(const char* path) {
+  metadata_input_s in = InputFor(path);
+  Answer out;
+  return Query(in, out);
+}
+
+std::future<int> EngineUnderTest::QueryFromAnotherThread(const char* path) {
+  return std::async(std::launch::async, [this, path] { return Query(path); });
+}

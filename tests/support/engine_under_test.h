@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <functional>
+#include <future>
 
 #include "orvexeng.h"
 #include "support/records.h"
@@ -31,6 +32,11 @@ class EngineUnderTest {
   ~EngineUnderTest();
   EngineUnderTest(const EngineUnderTest&) = delete;
   EngineUnderTest& operator=(const EngineUnderTest&) = delete;
+
+  int Query(metadata_input_s& in, metadata_output_s& out);
+  // Asks for the path as InputFor does and returns the code.
+  int Query(const char* path);
+  std::future<int> QueryFromAnotherThread(const char* path);
 
   Host host;
 };
