@@ -1,8 +1,11 @@
 // The one object behind the exported functions.
 #include "engine/orvex_engine.h"
 
+#include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <exception>
+#include <string>
 
 #include "cache/orvex_caches.h"
 #include "support/orvex_config.h"
@@ -131,6 +134,71 @@ int ORVEX_ENGINE::Query(metadata_input_s* metaIn, metadata_output_s* metaOut, vo
     }
   }
   return code;
+}
+
+int ORVEX_ENGINE::GetMetrics(orvex_metrics_s& metrics, unsigned int size,
+                             unsigned int& outSize) const {
+  return GetMetrics(&metrics, size, &outSize);
+}
+
+int ORVEX_ENGINE::GetMetrics(orvex_metrics_s* metrics, unsigned int size,
+                             unsigned int* outSize) const {
+  const ORVEX_ScopeRefCnt inFlight(&refCount);
+  const ORVEX_Profiling profiling("ORVEX_ENGINE::GetMetrics");
+  if (!IsInit()) return ORVEX_NOT_INITIALISED;
+  if (size == 0) {
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kSourceFile, "Invalid metrics data size = %d", 0);
+    return ORVEX_INVALID_PARAMETER;
+  }
+  LRUCacheMetrics_s hash;
+  if (const int code = HashCache().GetMetrics(hash); code != ORVEX_OK) {
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kSourceFile, "Get cache metrics failed: rc=%d", code);
+    return code;
+  }
+  FileTypeCacheMetrics_s fileType;
+  if (const int code = TypeCache().GetMetrics(fileType); code != ORVEX_OK) {
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kSourceFile, "Get file type cache metrics failed: rc=%d",
+                      code);
+    return code;
+  }
+  if (metrics == nullptr) {
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kSourceFile, "Memory copy metrics operation failed");
+    return ORVEX_COPY_FAILED;
+  }
+  alignas(8) orvex_metrics_s all{};
+  std::memcpy(all.version, ORVEX_VERSION, sizeof ORVEX_VERSION);
+  all.cacheQuery = hash.Query;
+  all.cacheMiss = hash.Miss;
+  all.cacheHit = hash.Hit;
+  all.cachePartialHit = hash.PartialHit;
+  all.cacheOutOfDate = hash.OutOfDate;
+  all.cacheWipeOuts = hash.WipeOuts;
+  all.fileTypeHit = fileType.Hit;
+  all.fileTypeMiss = fileType.Miss;
+  all.fileTypeOutOfDate = fileType.OutOfDate;
+  all.fileTypeWipeOuts = fileType.WipeOuts;
+  all.fileTypeHelpFuncCalled = fileType.numOfHelpFuncCalled;
+  all.cacheUpdateMetaDataSuccess = hash.numOfCacheUpdateMetaDataSuccess;
+  all.cacheUpdateMetaDataFailure = hash.numOfCacheUpdateMetaDataFailure;
+  all.cacheHelpFuncCalled = hash.numOfHelpFuncCalled;
+  all.cacheWaitInHashCalculation = hash.numOfWaitInHashCalculation;
+  const unsigned int bytes = std::min(size, static_cast<unsigned int>(sizeof all));
+  std::memcpy(metrics, &all, bytes);
+  *outSize = bytes;
+  return ORVEX_OK;
+}
+
+void ORVEX_ENGINE::DumpMetrics() const {
+  HashCache().DumpMetrics();
+  TypeCache().DumpMetrics();
+}
+
+int ORVEX_ENGINE::ResetMetrics() {
+  const ORVEX_ScopeRefCnt inFlight(&refCount);
+  if (!IsInit()) return ORVEX_NOT_INITIALISED;
+  HashCache().ResetMetrics();
+  TypeCache().ResetMetrics();
+  return ORVEX_OK;
 }
 
 void ORVEX_ENGINE::PassLock() const { const ORVEX_ScopeLock guard(&lock); }

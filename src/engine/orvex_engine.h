@@ -32,6 +32,14 @@ class ORVEX_API ORVEX_ENGINE {
   bool IsInit() const ORVEX_EXCLUDES(lock);
   int GetStatus() ORVEX_EXCLUDES(lock);
   int Query(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx) ORVEX_EXCLUDES(lock);
+  int GetMetrics(orvex_metrics_s& metrics, unsigned int size, unsigned int& outSize) const
+      ORVEX_EXCLUDES(lock);
+  // For callers that may not have a record: pointers can be null, references
+  // cannot. A null outSize is the caller's fault once there is something to tell.
+  ORVEX_LOCAL int GetMetrics(orvex_metrics_s* metrics, unsigned int size,
+                             unsigned int* outSize) const ORVEX_EXCLUDES(lock);
+  void DumpMetrics() const;
+  int ResetMetrics() ORVEX_EXCLUDES(lock);
 
  private:
   ORVEX_LOCAL void PassLock() const ORVEX_EXCLUDES(lock);

@@ -22,6 +22,14 @@ int orvex_query(metadata_input_s* in, metadata_output_s* out, void* ctx) {
   return Engine().Query(in, out, ctx);
 }
 
+int orvex_get_metrics(orvex_metrics_s* metrics, unsigned int size, unsigned int* outSize) {
+  return Engine().GetMetrics(metrics, size, outSize);
+}
+
+void orvex_dump_metrics(void) { Engine().DumpMetrics(); }
+
+int orvex_reset_metrics(void) { return Engine().ResetMetrics(); }
+
 int orvex_update_metadata(metadata_input_s* in, metadata_output_s* out) {
   HashCache().UpdateMetaData(in, out);
   return ORVEX_OK;

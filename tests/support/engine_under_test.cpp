@@ -53,3 +53,10 @@ int EngineUnderTest::Query(const char* path) {
 std::future<int> EngineUnderTest::QueryFromAnotherThread(const char* path) {
   return std::async(std::launch::async, [this, path] { return Query(path); });
 }
+
+orvex_metrics_s EngineUnderTest::Metrics() const {
+  orvex_metrics_s metrics{};
+  unsigned int size = 0;
+  orvex_get_metrics(&metrics, sizeof metrics, &size);
+  return metrics;
+}

@@ -37,6 +37,7 @@ class EngineUnderTest {
   // Asks for the path as InputFor does and returns the code.
   int Query(const char* path);
   std::future<int> QueryFromAnotherThread(const char* path);
+  orvex_metrics_s Metrics() const;
 
   Host host;
 };

@@ -1,0 +1,197 @@
+// The counters of both caches as the host reads, prints and resets them.
+#include <doctest/doctest.h>
+
+#include <cstring>
+#include <string>
+
+#include "cache/orvex_caches.h"
+#include "support/engine_under_test.h"
+#include "support/orvex_profiling.h"
+#include "support/recorded_log.h"
+#include "support/virtual_table.h"
+
+namespace {
+
+std::string MetricsError(const std::string& text) {
+  return "ERROR GetMetrics orvex_engine: " + text;
+}
+
+// Every counter of both caches gets a value of its own.
+void CauseEverything(EngineUnderTest& engine) {
+  RecordedLog quiet(ORVEX_LOG_FATAL);
+  orvex_set_cache_capacity(0, 2);
+  orvex_set_cache_capacity(1, 1);
+  metadata_input_s in = InputFor("/a");
+  in.fileOperation = KEY_PATH;
+  const auto ask = [&](const char* path, uint64_t mtime, uint32_t parts) {
+    in.path = path;
+    in.mtime = mtime;
+    in.queryFlags = parts;
+    Answer out;
+    engine.Query(in, out);
+  };
+  for (const char* path : {"/a", "/b", "/c", "/d"})
+    ask(path, 5, QUERY_DIGEST32);                            // 4 misses, 2 evictions
+  for (int i = 0; i < 5; ++i) ask("/d", 5, QUERY_DIGEST32);  // 5 hits
+  for (int i = 0; i < 3; ++i) ask("/d", 5, QUERY_SIGNERS);   // 3 partial hits
+  ask("/d", 6, QUERY_DIGEST32);                              // 1 out of date
+  for (int i = 0; i < 6; ++i) {
+    Answer out;
+    orvex_update_metadata(&in, &out);
+  }
+  for (int i = 0; i < 7; ++i) orvex_update_metadata(nullptr, nullptr);
+  for (const char* path : {"/a", "/b", "/c"})
+    ask(path, 5, QUERY_FILE_TYPE);                            // 3 misses, 2 evictions
+  for (int i = 0; i < 4; ++i) ask("/c", 5, QUERY_FILE_TYPE);  // 4 hits
+  ask("/c", 6, QUERY_FILE_TYPE);                              // 1 out of date
+}
+
+}  // namespace
+
+TEST_CASE("every counter arrives in its own field") {
+  EngineUnderTest engine;
+  CauseEverything(engine);
+  const orvex_metrics_s metrics = engine.Metrics();
+  CHECK(std::string(metrics.version) == "1.1.1035");
+  CHECK(metrics.cacheQuery == 13);
+  CHECK(metrics.cacheMiss == 4);
+  CHECK(metrics.cacheHit == 5);
+  CHECK(metrics.cachePartialHit == 3);
+  CHECK(metrics.cacheOutOfDate == 1);
+  CHECK(metrics.cacheWipeOuts == 2);
+  CHECK(metrics.fileTypeHit == 4);
+  CHECK(metrics.fileTypeMiss == 3);
+  CHECK(metrics.fileTypeOutOfDate == 1);
+  CHECK(metrics.fileTypeWipeOuts == 2);
+  CHECK(metrics.fileTypeHelpFuncCalled == 4);
+  CHECK(metrics.cacheUpdateMetaDataSuccess == 6);
+  CHECK(metrics.cacheUpdateMetaDataFailure == 7);
+  CHECK(metrics.cacheHelpFuncCalled == 8);
+  CHECK(metrics.cacheWaitInHashCalculation == 0);
+  for (const int64_t word : metrics.reserved) CHECK(word == 0);
+}
+
+TEST_CASE("the version is padded with zero bytes") {
+  EngineUnderTest engine;
+  orvex_metrics_s metrics;
+  std::memset(&metrics, 0xff, sizeof metrics);
+  unsigned int size = 0;
+  CHECK(orvex_get_metrics(&metrics, sizeof metrics, &size) == 0);
+  char expected[32] = "1.1.1035";
+  CHECK(std::memcmp(metrics.version, expected, sizeof expected) == 0);
+}
+
+TEST_CASE("as much of the record is copied as the buffer takes") {
+  EngineUnderTest engine;
+  const struct {
+    unsigned int offered;
+    unsigned int written;
+  } rows[] = {{1, 1}, {8, 8}, {191, 191}, {192, 192}, {193, 192}, {4096, 192}, {~0u, 192}};
+  for (const auto& row : rows) {
+    CAPTURE(row.offered);
+    unsigned char buffer[4096];
+    std::memset(buffer, 0xee, sizeof buffer);
+    unsigned int size = 0;
+    CHECK(orvex_get_metrics(reinterpret_cast<orvex_metrics_s*>(buffer), row.offered, &size) == 0);
+    CHECK(size == row.written);
+    CHECK(std::memcmp(buffer, "1.1.1035", row.written < 8 ? row.written : 8) == 0);
+    CHECK(buffer[row.written] == 0xee);
+  }
+}
+
+TEST_CASE("a buffer of size 0 is refused with 3") {
+  EngineUnderTest engine;
+  RecordedLog log;
+  orvex_metrics_s metrics{};
+  unsigned int size = 77;
+  CHECK(orvex_get_metrics(&metrics, 0, &size) == 3);
+  CHECK(size == 77);
+  CHECK(log.TakeTranscript() == Lines({MetricsError("Invalid metrics data size = 0")}));
+}
+
+TEST_CASE("a null record is an error and no crash") {
+  EngineUnderTest engine;
+  RecordedLog log;
+  unsigned int size = 77;
+  CHECK(orvex_get_metrics(nullptr, sizeof(orvex_metrics_s), &size) == 1);
+  CHECK(size == 77);
+  CHECK(log.TakeTranscript() == Lines({MetricsError("Memory copy metrics operation failed")}));
+}
+
+TEST_CASE("before it is initialised the engine tells no counters") {
+  RecordedLog log;
+  orvex_metrics_s metrics{};
+  unsigned int size = 77;
+  CHECK(orvex_get_metrics(&metrics, sizeof metrics, &size) == 100);
+  CHECK(orvex_get_metrics(nullptr, 0, nullptr) == 100);
+  CHECK(orvex_reset_metrics() == 100);
+  CHECK(size == 77);
+  CHECK(log.TakeTranscript() == "");
+}
+
+TEST_CASE("counters are dumped in any state of the engine") {
+  const std::string zeros = Lines(
+      {"DEBUG DumpMetrics orvex_lru_cache: Cache Metrics: Query=0, Miss=0, Hit=0, PartialHit=0, "
+       "Out-of-date=0, WipeOuts=0, numOfCacheUpdateMetaDataSuccess=0, "
+       "numOfCacheUpdateMetaDataFailure=0, numOfHelpFuncCalled=0, numOfWaitInHashCalculation=0",
+       "DEBUG DumpMetrics orvex_lru_cache: File type cache Metrics: Hit=0, Miss=0, Out-of-date=0, "
+       "WipeOuts=0, numOfHelpFuncCalled=0"});
+  RecordedLog log;
+  orvex_dump_metrics();
+  CHECK(log.TakeTranscript() == zeros);
+  {
+    EngineUnderTest engine;
+    CauseEverything(engine);
+  }
+  RecordedLog again;
+  orvex_dump_metrics();
+  CHECK(again.TakeTranscript() == zeros);
+}
+
+TEST_CASE("after a reset every counter is zero until new queries come") {
+  EngineUnderTest engine;
+  CauseEverything(engine);
+  CHECK(orvex_reset_metrics() == 0);
+  orvex_metrics_s zero{};
+  std::strcpy(zero.version, "1.1.1035");
+  orvex_metrics_s metrics = engine.Metrics();
+  CHECK(std::memcmp(&metrics, &zero, sizeof zero) == 0);
+  engine.Query("/z");
+  CHECK(engine.Metrics().cacheQuery == 1);
+}
+
+TEST_CASE("reading the counters is timed under its name") {
+  EngineUnderTest engine;
+  ORVEX_Profiling::EnableProfiling = true;
+  RecordedLog log(ORVEX_LOG_INFO);
+  engine.Metrics();
+  orvex_reset_metrics();
+  ORVEX_Profiling::EnableProfiling = false;
+  CHECK(log.CountOf("[PROFILING] ORVEX_ENGINE::GetMetrics used") == 1);
+  CHECK(log.Records().size() == 1);
+}
+
+TEST_CASE("counters that the hash cache cannot tell are an error with its code") {
+  EngineUnderTest engine;
+  RecordedLog log;
+  const ReplacedOperation failing(
+      &HashCache(), kHashCacheSlots, 8, +[](void*, void*) { return 46; });
+  orvex_metrics_s metrics{};
+  unsigned int size = 77;
+  CHECK(orvex_get_metrics(&metrics, sizeof metrics, &size) == 46);
+  CHECK(size == 77);
+  CHECK(metrics.version[0] == '\0');
+  CHECK(log.TakeTranscript() == Lines({MetricsError("Get cache metrics failed: rc=46")}));
+}
+
+TEST_CASE("counters that the file type cache cannot tell are an error with its code") {
+  EngineUnderTest engine;
+  RecordedLog log;
+  const ReplacedOperation failing(
+      &TypeCache(), kFileTypeCacheSlots, 8, +[](void*, void*) { return 47; });
+  orvex_metrics_s metrics{};
+  unsigned int size = 77;
+  CHECK(orvex_get_metrics(&metrics, sizeof metrics, &size) == 47);
+  CHECK(metrics.version[0] == '\0');
+  CHECK(log.TakeTranscript() == Lines({MetricsError("Get file type cache metrics failed: rc=47")}));
+}
