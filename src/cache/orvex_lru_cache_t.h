@@ -107,13 +107,16 @@ class ORVEX_API LRUCacheT {
   ORVEX_LOCAL int AskHost(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx,
                           long long volatile* calls) ORVEX_EXCLUDES(lock);
 
-  std::list<Node*> CacheNodeList ORVEX_GUARDED_BY(lock);  // most recently used first
+  // Most recently used first.
+  std::list<Node*> CacheNodeList ORVEX_GUARDED_BY(lock);
   LRUCacheMap<Key, Node> CacheMap ORVEX_GUARDED_BY(lock);
   mutable ORVEX_PThread_Lock lock;
-  bool active ORVEX_GUARDED_BY(lock) = false;  // from InitLRUCache to DeinitLRUCache
-  unsigned int capacity ORVEX_GUARDED_BY(lock) =
-      ORVEX_MAX_CAPACITY;                                         // in nodes, for LRUCacheNodeWipe
-  orvex_query_cb queryCallback ORVEX_GUARDED_BY(lock) = nullptr;  // null until registered
+  // From InitLRUCache to DeinitLRUCache.
+  bool active ORVEX_GUARDED_BY(lock) = false;
+  // In nodes. What is beyond it goes in LRUCacheNodeWipe.
+  unsigned int capacity ORVEX_GUARDED_BY(lock) = ORVEX_MAX_CAPACITY;
+  // Null until registered; survives flush and stop.
+  orvex_query_cb queryCallback ORVEX_GUARDED_BY(lock) = nullptr;
   // Atomics: counted without the lock by some, zeroed under it.
   mutable Metrics metrics{};
 };
