@@ -29,32 +29,32 @@ bool Unmark(ORVEX_Set& set, const std::string& path) {
 // same.
 class LeavePathOnReturn {
  public:
-  LeavePathOnReturn(ORVEX_Set& calHashSet, const std::string& markedPath, bool markedHere)
-      : set(calHashSet), path(markedPath), marked(markedHere) {}
+  LeavePathOnReturn(ORVEX_Set& calHashSet, const std::string& path, bool marked)
+      : set_(calHashSet), path_(path), marked_(marked) {}
   ~LeavePathOnReturn() {
-    if (!marked) {
+    if (!marked_) {
       ORVEX_LOG_FROM(ORVEX_LOG_DEBUG, kFunction, kLRUCacheSourceFile,
-                     "[CalHashSet] Erase CalHashSet skipped: %s", path.c_str());
-    } else if (Unmark(set, path)) {
+                     "[CalHashSet] Erase CalHashSet skipped: %s", path_.c_str());
+    } else if (Unmark(set_, path_)) {
       ORVEX_LOG_FROM(ORVEX_LOG_DEBUG, kFunction, kLRUCacheSourceFile,
-                     "[CalHashSet] Erase CalHashSet succeed: %s", path.c_str());
+                     "[CalHashSet] Erase CalHashSet succeed: %s", path_.c_str());
     } else {
       ORVEX_LOG_FROM(ORVEX_LOG_DEBUG, kFunction, kLRUCacheSourceFile,
-                     "[CalHashSet] Erase CalHashSet failed: %s", path.c_str());
+                     "[CalHashSet] Erase CalHashSet failed: %s", path_.c_str());
     }
     // All, not one: waiters wait for different paths on this one condition.
-    set.condLock.SignalAll();
+    set_.condLock.SignalAll();
     ORVEX_LOG_FROM(ORVEX_LOG_INFO, kFunction, kLRUCacheSourceFile,
                    "[CalHashSet] File hash calculation is done, broadcast signal: %s",
-                   path.c_str());
+                   path_.c_str());
   }
   LeavePathOnReturn(const LeavePathOnReturn&) = delete;
   LeavePathOnReturn& operator=(const LeavePathOnReturn&) = delete;
 
  private:
-  ORVEX_Set& set;
-  const std::string& path;
-  const bool marked;
+  ORVEX_Set& set_;
+  const std::string& path_;
+  const bool marked_;
 };
 
 }  // namespace

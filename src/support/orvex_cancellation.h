@@ -8,11 +8,11 @@
 // The request stays pending and is served at the thread's next point.
 class ORVEX_CancellationHold {
  public:
-  ORVEX_CancellationHold() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &previousState); }
-  ~ORVEX_CancellationHold() { pthread_setcancelstate(previousState, nullptr); }
+  ORVEX_CancellationHold() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &previousState_); }
+  ~ORVEX_CancellationHold() { pthread_setcancelstate(previousState_, nullptr); }
   ORVEX_CancellationHold(const ORVEX_CancellationHold&) = delete;
   ORVEX_CancellationHold& operator=(const ORVEX_CancellationHold&) = delete;
 
  private:
-  int previousState = PTHREAD_CANCEL_ENABLE;
+  int previousState_ = PTHREAD_CANCEL_ENABLE;
 };

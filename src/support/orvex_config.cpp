@@ -53,7 +53,7 @@ void ORVEX_Config::ParseLine(char* line) {
       return;  // A third word: this is no assignment.
     }
   }
-  if (value != nullptr) entries.insert_or_assign(key, value);
+  if (value != nullptr) entries_.insert_or_assign(key, value);
 }
 
 unsigned int ORVEX_Config::SetConfig() {
@@ -109,12 +109,12 @@ unsigned int ORVEX_Config::GetConfigBool(const char* key, bool& value) {
 
 void ORVEX_Config::Dump() const {
   ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kSourceFile, "Dump config map ...");
-  for (const auto& [key, value] : entries) {
+  for (const auto& [key, value] : entries_) {
     ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kSourceFile, "[CONFIG] %s=%s", key.c_str(), value.c_str());
   }
 }
 
 const std::string* ORVEX_Config::Find(const char* key) const {
-  const auto entry = entries.find(key);
-  return entry == entries.end() ? nullptr : &entry->second;
+  const auto entry = entries_.find(key);
+  return entry == entries_.end() ? nullptr : &entry->second;
 }

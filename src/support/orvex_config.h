@@ -55,7 +55,7 @@ class ORVEX_API ORVEX_Config {
  private:
   ORVEX_LOCAL const std::string* Find(const char* key) const;
 
-  std::map<std::string, std::string, std::less<>> entries;
+  std::map<std::string, std::string, std::less<>> entries_;
 };
 
 extern template class ORVEX_Singleton<ORVEX_Config>;

@@ -20,13 +20,13 @@ void ReportFailure(const char* operation, const ORVEX_Lock& lock) {
 // sleeps.
 class MutexRelease {
  public:
-  explicit MutexRelease(pthread_mutex_t* held) : mutex(held) {}
-  ~MutexRelease() { pthread_mutex_unlock(mutex); }
+  explicit MutexRelease(pthread_mutex_t* held) : mutex_(held) {}
+  ~MutexRelease() { pthread_mutex_unlock(mutex_); }
   MutexRelease(const MutexRelease&) = delete;
   MutexRelease& operator=(const MutexRelease&) = delete;
 
  private:
-  pthread_mutex_t* mutex;
+  pthread_mutex_t* mutex_;
 };
 
 }  // namespace
@@ -35,41 +35,41 @@ ORVEX_Lock::~ORVEX_Lock() = default;
 
 unsigned int ORVEX_Lock::GetLastErrorCode() const { return 0; }
 
-ORVEX_PThread_Lock::ORVEX_PThread_Lock() : lastError(0) { pthread_mutex_init(&mutex, nullptr); }
+ORVEX_PThread_Lock::ORVEX_PThread_Lock() { pthread_mutex_init(&mutex_, nullptr); }
 
-ORVEX_PThread_Lock::~ORVEX_PThread_Lock() { pthread_mutex_destroy(&mutex); }
+ORVEX_PThread_Lock::~ORVEX_PThread_Lock() { pthread_mutex_destroy(&mutex_); }
 
 unsigned int ORVEX_PThread_Lock::GetLastErrorCode() const {
-  return static_cast<unsigned int>(ORVEX_LoadRelaxed(lastError));
+  return static_cast<unsigned int>(ORVEX_LoadRelaxed(lastError_));
 }
 
 unsigned int ORVEX_PThread_Lock::Lock() {
-  const int error = pthread_mutex_lock(&mutex);
-  ORVEX_StoreRelaxed(lastError, error);
+  const int error = pthread_mutex_lock(&mutex_);
+  ORVEX_StoreRelaxed(lastError_, error);
   if (error != 0) return ORVEX_LOCK_FAILED;
   return ORVEX_OK;
 }
 
 unsigned int ORVEX_PThread_Lock::Unlock() {
-  const int error = pthread_mutex_unlock(&mutex);
-  ORVEX_StoreRelaxed(lastError, error);
+  const int error = pthread_mutex_unlock(&mutex_);
+  ORVEX_StoreRelaxed(lastError_, error);
   if (error != 0) return ORVEX_UNLOCK_FAILED;
   return ORVEX_OK;
 }
 
 ORVEX_CondVar::~ORVEX_CondVar() = default;
 
-ORVEX_PThread_CondLock::ORVEX_PThread_CondLock() { pthread_cond_init(&condition, nullptr); }
+ORVEX_PThread_CondLock::ORVEX_PThread_CondLock() { pthread_cond_init(&condition_, nullptr); }
 
-ORVEX_PThread_CondLock::~ORVEX_PThread_CondLock() { pthread_cond_destroy(&condition); }
+ORVEX_PThread_CondLock::~ORVEX_PThread_CondLock() { pthread_cond_destroy(&condition_); }
 
 unsigned int ORVEX_PThread_CondLock::Signal() {
-  pthread_cond_signal(&condition);
+  pthread_cond_signal(&condition_);
   return ORVEX_OK;
 }
 
 unsigned int ORVEX_PThread_CondLock::SignalAll() {
-  pthread_cond_broadcast(&condition);
+  pthread_cond_broadcast(&condition_);
   return ORVEX_OK;
 }
 
@@ -78,24 +78,24 @@ unsigned int ORVEX_PThread_CondLock::Wait(bool& waited, CondWaitCallbacks_t& cal
     return ORVEX_INVALID_PARAMETER;
   }
   // Not through Lock: a wait leaves the last error of Lock and Unlock alone.
-  if (pthread_mutex_lock(&mutex) != 0) return ORVEX_OK;
-  const MutexRelease release(&mutex);
+  if (pthread_mutex_lock(&mutex_) != 0) return ORVEX_OK;
+  const MutexRelease release(&mutex_);
   while (callbacks.predicate(callbacks.predicateArg)) {
     waited = true;
     if (callbacks.preWait != nullptr) callbacks.preWait(callbacks.preWaitArg);
-    pthread_cond_wait(&condition, &mutex);
+    pthread_cond_wait(&condition_, &mutex_);
     if (callbacks.postWait != nullptr) callbacks.postWait(callbacks.postWaitArg);
   }
   return ORVEX_OK;
 }
 
-ORVEX_ScopeLock::ORVEX_ScopeLock(ORVEX_Lock* lock) : heldLock(lock) {
-  if (heldLock == nullptr || heldLock->Lock() == ORVEX_OK) return;
-  ReportFailure("lock", *heldLock);
-  heldLock = nullptr;
+ORVEX_ScopeLock::ORVEX_ScopeLock(ORVEX_Lock* lock) : held_(lock) {
+  if (held_ == nullptr || held_->Lock() == ORVEX_OK) return;
+  ReportFailure("lock", *held_);
+  held_ = nullptr;
 }
 
 ORVEX_ScopeLock::~ORVEX_ScopeLock() {
-  if (heldLock == nullptr || heldLock->Unlock() == ORVEX_OK) return;
-  ReportFailure("unlock", *heldLock);
+  if (held_ == nullptr || held_->Unlock() == ORVEX_OK) return;
+  ReportFailure("unlock", *held_);
 }

@@ -44,9 +44,10 @@ class ORVEX_API ORVEX_PThread_Lock : public ORVEX_Lock {
   void AssertHeld() const ORVEX_ASSERT_CAPABILITY(this) {}
 
  protected:
-  pthread_mutex_t mutex;
+  // Usable even if its initialisation at run time fails.
+  pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER;
   // Relaxed, not guarded: Unlock writes it once the mutex is free again.
-  int lastError;
+  int lastError_ = 0;
 };
 
 // What a thread that waits on a condition brings along.
@@ -97,7 +98,7 @@ class ORVEX_API ORVEX_PThread_CondLock : public ORVEX_CondVar, public ORVEX_PThr
   unsigned int Wait(bool& waited, CondWaitCallbacks_t& callbacks) override ORVEX_EXCLUDES(this);
 
  private:
-  pthread_cond_t condition;
+  pthread_cond_t condition_ = PTHREAD_COND_INITIALIZER;
 };
 
 // Holds a lock for the length of a scope. A null lock means none.
@@ -114,5 +115,5 @@ class ORVEX_API ORVEX_SCOPED_CAPABILITY ORVEX_ScopeLock {
   ORVEX_ScopeLock& operator=(const ORVEX_ScopeLock&) = delete;
 
  private:
-  ORVEX_Lock* heldLock;
+  ORVEX_Lock* held_;
 };

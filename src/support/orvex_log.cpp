@@ -31,7 +31,7 @@ void PrintLine(ORVEX_LOG level, unsigned int line, const char* function, const c
 bool ORVEX_LOG_BASE::LogEnable = true;
 ORVEX_LOG ORVEX_LOG_BASE::LogLevel = ORVEX_LOG_INFO;
 
-ORVEX_LOG_BASE::ORVEX_LOG_BASE() : callback(nullptr) {}
+ORVEX_LOG_BASE::ORVEX_LOG_BASE() : callback_(nullptr) {}
 
 ORVEX_LOG_BASE::~ORVEX_LOG_BASE() = default;
 
@@ -46,7 +46,7 @@ void ORVEX_LOG_BASE::Log(ORVEX_LOG level, unsigned int line, const char* functio
   va_end(arguments);
 
   const ORVEX_CancellationHold hold;
-  const orvex_log_cb registered = ORVEX_LoadRelaxed(callback);
+  const orvex_log_cb registered = ORVEX_LoadRelaxed(callback_);
   if (registered == nullptr) {
     PrintLine(level, line, function, file, message);
     return;
@@ -66,7 +66,7 @@ unsigned int ORVEX_LOG_BASE::ReadConfig(char* /*text*/) { return ORVEX_OK; }
 
 unsigned int ORVEX_LOG_BASE::RegisterLogCallback(orvex_log_cb newCallback) {
   if (newCallback == nullptr) return 1;
-  ORVEX_StoreRelaxed(callback, newCallback);
+  ORVEX_StoreRelaxed(callback_, newCallback);
   return ORVEX_OK;
 }
 

@@ -34,9 +34,9 @@ class ORVEX_API ORVEX_Profiling {
  private:
   // Zero until set, so that a scope which began while profiling was off prints
   // a wrong time and not stack contents.
-  timespec startTime{};  // CLOCK_MONOTONIC, like stopTime
-  timespec stopTime{};
-  timespec elapsedTime{};
-  std::string name;
-  const char* borrowedName = nullptr;  // printed in place of name unless null
+  timespec startTime_{};  // CLOCK_MONOTONIC, like stopTime_
+  timespec stopTime_{};
+  timespec elapsedTime_{};
+  std::string name_;
+  const char* borrowedName_ = nullptr;  // printed in place of name_ unless null
 };

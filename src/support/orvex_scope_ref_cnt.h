@@ -18,6 +18,6 @@ class ORVEX_API ORVEX_ScopeRefCnt {
   ORVEX_ScopeRefCnt& operator=(const ORVEX_ScopeRefCnt&) = delete;
 
  private:
-  void volatile* counter;
-  int width;
+  void volatile* counter_;
+  int width_;
 };

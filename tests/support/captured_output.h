@@ -15,6 +15,6 @@ class CapturedOutput {
   std::string Take();
 
  private:
-  int screen;
-  int file;
+  int screen_;
+  int file_;
 };

@@ -13,13 +13,13 @@ thread_local FailingNew* current = nullptr;
 bool AllocationFails() {
   if (current == nullptr) return false;
   const int number = ++current->allocations;
-  const bool fails = current->staysOut ? number >= current->failing : number == current->failing;
+  const bool fails = current->staysOut_ ? number >= current->failing_ : number == current->failing_;
   if (fails) ++current->failures;
   return fails;
 }
 
 FailingNew::FailingNew(int failingAllocation, bool fromThereOn)
-    : failing(failingAllocation), staysOut(fromThereOn) {
+    : failing_(failingAllocation), staysOut_(fromThereOn) {
   current = this;
 }
 

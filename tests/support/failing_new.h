@@ -21,6 +21,6 @@ class FailingNew {
  private:
   friend bool AllocationFails();
 
-  int failing;
-  bool staysOut;
+  int failing_;
+  bool staysOut_;
 };

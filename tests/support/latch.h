@@ -9,19 +9,19 @@ class Latch {
  public:
   void Open() {
     {
-      const std::lock_guard guard(lock);
-      open = true;
+      const std::lock_guard guard(lock_);
+      open_ = true;
     }
-    opened.notify_all();
+    opened_.notify_all();
   }
 
   void Wait() {
-    std::unique_lock guard(lock);
-    opened.wait(guard, [this] { return open; });
+    std::unique_lock guard(lock_);
+    opened_.wait(guard, [this] { return open_; });
   }
 
  private:
-  std::mutex lock;
-  std::condition_variable opened;
-  bool open = false;
+  std::mutex lock_;
+  std::condition_variable opened_;
+  bool open_ = false;
 };

@@ -49,11 +49,11 @@ class RecordedLog {
   static void Receive(unsigned int level, unsigned int line, const char* function, const char* file,
                       const char* message, unsigned int length);
 
-  static RecordedLog* current;
+  static RecordedLog* current_;
 
-  mutable std::mutex lock;
-  mutable std::condition_variable received;
-  std::vector<LogRecord> records;
+  mutable std::mutex lock_;
+  mutable std::condition_variable received_;
+  std::vector<LogRecord> records_;
 };
 
 // The transcript that holds exactly these lines.

@@ -16,10 +16,10 @@ namespace {
 // A filter that matches nothing is a mistake in how tests are registered.
 class NothingRan : public doctest::IReporter {
  public:
-  explicit NothingRan(const doctest::ContextOptions& contextOptions) : options(contextOptions) {}
+  explicit NothingRan(const doctest::ContextOptions& options) : options_(options) {}
 
   void test_run_end(const doctest::TestRunStats& stats) override {
-    if (stats.numTestCasesPassingFilters != 0 || options.list_test_cases) return;
+    if (stats.numTestCasesPassingFilters != 0 || options_.list_test_cases) return;
     std::fputs("no test case has this name\n", stderr);
     _exit(EXIT_FAILURE);
   }
@@ -37,7 +37,7 @@ class NothingRan : public doctest::IReporter {
   void test_case_skipped(const doctest::TestCaseData&) override {}
 
  private:
-  const doctest::ContextOptions& options;
+  const doctest::ContextOptions& options_;
 };
 
 REGISTER_LISTENER("nothing-ran", 1, NothingRan);

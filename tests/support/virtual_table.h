@@ -18,25 +18,25 @@ constexpr size_t kFileTypeCacheSlots = 15;
 class ReplacedOperation {
  public:
   template <typename Result, typename... Arguments>
-  ReplacedOperation(void* patched, size_t slots, size_t slot,
+  ReplacedOperation(void* object, size_t slots, size_t slot,
                     Result (*replacement)(void*, Arguments...))
-      : object(patched) {
+      : object_(object) {
     void** table = nullptr;
     std::memcpy(&table, object, sizeof table);
-    original = table;
+    original_ = table;
     // Before the first slot stand the offset to the top and the type.
-    copy.assign(table - 2, table + slots);
-    copy[2 + slot] = reinterpret_cast<void*>(replacement);
-    SetTable(copy.data() + 2);
+    copy_.assign(table - 2, table + slots);
+    copy_[2 + slot] = reinterpret_cast<void*>(replacement);
+    SetTable(copy_.data() + 2);
   }
-  ~ReplacedOperation() { SetTable(original); }
+  ~ReplacedOperation() { SetTable(original_); }
   ReplacedOperation(const ReplacedOperation&) = delete;
   ReplacedOperation& operator=(const ReplacedOperation&) = delete;
 
  private:
-  void SetTable(void** table) { std::memcpy(object, &table, sizeof table); }
+  void SetTable(void** table) { std::memcpy(object_, &table, sizeof table); }
 
-  void* object;
-  void** original = nullptr;
-  std::vector<void*> copy;
+  void* object_;
+  void** original_ = nullptr;
+  std::vector<void*> copy_;
 };
