@@ -182,6 +182,19 @@ TEST_CASE("a query that runs out of memory gives 2 and the next one works") {
   CHECK(engine.Metrics().cacheHit == 1);
 }
 
+TEST_CASE("a query without a path that runs out of memory gives 2") {
+  EngineUnderTest engine;
+  RecordedLog quiet(ORVEX_LOG_FATAL);
+  metadata_input_s in = InputFor(nullptr);
+  Answer out;
+  int code = 0;
+  {
+    const FailingNew failing(1);
+    code = engine.Query(in, out);
+  }
+  CHECK(code == 2);
+}
+
 TEST_CASE("an answer that cannot be kept is in the record all the same") {
   EngineUnderTest engine;
   RecordedLog quiet(ORVEX_LOG_FATAL);

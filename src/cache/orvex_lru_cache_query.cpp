@@ -1,6 +1,7 @@
 // The hash cache's answer to one query, and the coordination of threads that ask
 // about one path.
 #include <exception>
+#include <new>
 #include <stdexcept>
 #include <string>
 
@@ -65,12 +66,12 @@ int LRUCache::Query(metadata_input_s* metaIn, metadata_output_s* metaOut, void* 
   // Before the records: a stopped cache answers 8 whatever it is handed.
   if (!IsInit()) return ORVEX_CACHE_NOT_INITIALISED;
   if (metaIn == nullptr || metaOut == nullptr) return ORVEX_INVALID_PARAMETER;
-  if (metaIn->path == nullptr) throw std::logic_error("a hash query needs a path");
 
   std::string path;
   try {
+    if (metaIn->path == nullptr) throw std::logic_error("a hash query needs a path");
     path = metaIn->path;
-  } catch (const std::exception&) {
+  } catch (const std::bad_alloc&) {
     return ORVEX_NO_MEMORY;
   }
 
