@@ -366,6 +366,15 @@ TEST_CASE("assigning a node that is known to have no signers removes the target'
   CHECK((target.queryFlags & QUERY_SIGNERS) == 0);
 }
 
+TEST_CASE("assigning a node that has no signers to another such keeps that known") {
+  metadata_input_s in = FileOf(0, 0);
+  Answer none;
+  none.queryFlags = QUERY_SIGNERS;
+  LRUCacheNode target(in, none);
+  target = LRUCacheNode(in, none);
+  CHECK((target.queryFlags & QUERY_SIGNERS) != 0);
+}
+
 TEST_CASE("assigning a node without the signers part leaves the target's") {
   metadata_input_s in = FileOf(0, 0);
   Answer out;

@@ -63,13 +63,7 @@ LRUCacheNode& LRUCacheNode::operator=(const LRUCacheNode& source) {
   }
   CopyDigests(*this, source, source.queryFlags, queryFlags);
   if ((source.queryFlags & QUERY_SIGNERS) != 0) {
-    const bool same =
-        signerCount == source.signerCount && signers != nullptr && source.signers != nullptr &&
-        std::memcmp(signers.get(), source.signers.get(), size_t{signerCount} * ORVEX_SIGNER_SLOT) ==
-            0;
-    if (same) {
-      queryFlags |= QUERY_SIGNERS;
-    } else {
+    if (!HasSignersOf(source)) {
       ForgetSigners();
       if (source.signerCount != 0) StoreSigners(source.signers.get(), source.signerCount);
     }
@@ -128,7 +122,7 @@ unsigned int LRUCacheNode::GetDataFromCacheNode(metadata_output_s& out) {
     out.signers = nullptr;
     out.signerCount = 0;
     out.queryFlags &= ~uint32_t{QUERY_SIGNERS};
-    if (signers != nullptr) {
+    if (signerCount != 0 && signers != nullptr) {
       SignerArray copy = CopyOfSigners(signers.get(), signerCount);
       if (copy == nullptr) return ORVEX_NO_MEMORY;
       out.signers = copy.release();
@@ -147,6 +141,14 @@ void LRUCacheNode::Dump() const {
                     "size=%llu, mtime=%llu, signerCount=%u, feedback=%d, recordTime=%llu",
                     queryFlags, fileOperation, invOperation, path.c_str(), PrintableNumber(size),
                     PrintableNumber(mtime), signerCount, feedback, PrintableNumber(recordTime));
+}
+
+bool LRUCacheNode::HasSignersOf(const LRUCacheNode& other) const {
+  if ((queryFlags & QUERY_SIGNERS) == 0 || signerCount != other.signerCount) return false;
+  if (signerCount == 0) return true;
+  return signers != nullptr && other.signers != nullptr &&
+         std::memcmp(signers.get(), other.signers.get(), size_t{signerCount} * ORVEX_SIGNER_SLOT) ==
+             0;
 }
 
 void LRUCacheNode::ForgetSigners() {

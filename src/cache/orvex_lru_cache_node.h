@@ -60,6 +60,7 @@ class ORVEX_API LRUCacheNode {
   bool feedback = false;
 
  private:
+  ORVEX_LOCAL bool HasSignersOf(const LRUCacheNode& other) const;
   ORVEX_LOCAL void ForgetSigners();
   // Leaves the node without signers when they cannot be had.
   ORVEX_LOCAL void StoreSigners(const char* source, uint32_t count);
