@@ -177,9 +177,9 @@ typedef struct metadata_output_s {
    * each (QUERY_SIGNERS).
    *
    * An array that the library stores here was allocated with C++ new[] and is
-   * the caller's, to be freed with delete[] (from C: through a helper compiled
-   * as C++). Before the library stores one it frees what it finds here with
-   * delete[]: pass null, or an array that may be freed that way.
+   * the caller's, to be freed with delete[] (from C: through a function
+   * compiled as C++). Before the library stores one it frees what it finds here
+   * with delete[]: pass null, or an array that may be freed that way.
    */
   char* signers;
   int32_t major;        /**< file type (QUERY_FILE_TYPE) */
@@ -221,7 +221,8 @@ typedef struct metadata_query_fptrs_s {
  * Hash cache lookups: cacheQuery = cacheMiss + cacheHit + cachePartialHit +
  * cacheOutOfDate. File type cache lookups: fileTypeHit + fileTypeMiss +
  * fileTypeOutOfDate. Counters start at 0 and are set back by
- * orvex_reset_metrics and orvex_deinit.
+ * orvex_reset_metrics and orvex_deinit; calls that are under way then go on
+ * counting from there.
  */
 typedef struct orvex_metrics_s {
   char version[32];                   /**< ORVEX_VERSION, padded with zero bytes */
@@ -252,8 +253,8 @@ typedef struct orvex_metrics_s {
  * had. All texts live until the callback returns.
  *
  * Threads: runs on the thread that caused the message, several at once, and
- * often with a lock of the library held. It must not call the library and
- * must not throw; an exception is discarded, and thread cancellation is held
+ * often with a lock of the library held. It must not call the library, throw or
+ * end its thread; an exception is discarded, and thread cancellation is held
  * off while it runs.
  */
 typedef void (*orvex_log_cb)(unsigned int level, unsigned int line, const char* function,

@@ -2,10 +2,14 @@
 // for each other.
 #include <doctest/doctest.h>
 
+#include <pthread.h>
+
 #include <atomic>
+#include <cstring>
 #include <future>
 #include <stdexcept>
 #include <string>
+#include <thread>
 
 #include "support/counted_sleep.h"
 #include "support/latch.h"
@@ -218,6 +222,21 @@ TEST_CASE("a failing host's code is returned, nothing is kept and the path is fr
   CHECK(out.resultReady == 0);
   CHECK(cache.CacheNodeList.empty());
   CHECK(cache.metrics.numOfHelpFuncCalled == 1);
+  CHECK_FALSE(IsBeingCalculated(cache, "/a"));
+}
+
+TEST_CASE("a thread that ends inside the log callback leaves no path behind") {
+  OpenHashCache cache;
+  cache.InitLRUCache();
+  ORVEX_LOG_BASE::LogLevel = ORVEX_LOG_DEBUG;
+  orvex_register_log_cb([](unsigned int, unsigned int, const char*, const char*, const char* message,
+                           unsigned int) {
+    if (std::strstr(message, "Insert CalHashSet succeed") != nullptr) pthread_exit(nullptr);
+  });
+  std::thread([&] {
+    Answer out;
+    cache.Ask(InputFor("/a"), out);
+  }).join();
   CHECK_FALSE(IsBeingCalculated(cache, "/a"));
 }
 

@@ -131,6 +131,7 @@ int LRUCache::Calculate(const std::string& path, metadata_input_s* metaIn,
   } catch (const std::exception&) {
     return ORVEX_NO_MEMORY;
   }
+  const LeavePathOnReturn leave(calHashSet, path, marked);
   if (marked) {
     ORVEX_LOG_FROM(ORVEX_LOG_DEBUG, kFunction, kLRUCacheSourceFile,
                    "[CalHashSet] Insert CalHashSet succeed: %s", path.c_str());
@@ -140,8 +141,6 @@ int LRUCache::Calculate(const std::string& path, metadata_input_s* metaIn,
     ORVEX_LOG_FROM(ORVEX_LOG_DEBUG, kFunction, kLRUCacheSourceFile,
                    "[CalHashSet] Insert CalHashSet failed: %s", path.c_str());
   }
-  const LeavePathOnReturn leave(calHashSet, path, marked);
-
   int code;
   {
     const ORVEX_Profiling profiling("LRUCache::MetaQueryCallback");

@@ -299,8 +299,8 @@ void LRUCacheT<Key, Node, Metrics>::EvictOldest() {
     }
     CacheMap.erase(entry);
   }
-  oldest->Dump();
   CacheNodeList.pop_back();
+  oldest->Dump();
 }
 
 template <typename Key, typename Node, typename Metrics>
