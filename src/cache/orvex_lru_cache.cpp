@@ -42,7 +42,7 @@ int LRUCache::DeinitLRUCache() {
   }
   // All that sleep in a query leave now, so that the drain need not wait for them.
   calHashSet.condLock.SignalAll();
-  ORVEX_DrainCalls(&activeThreads, "Deinit LRUCache", __func__, kLRUCacheSourceFile);
+  ORVEX_DrainCalls(&activeThreads, "Deinit LRUCache", __LINE__, __func__, kLRUCacheSourceFile);
 
   if (const int code = FlushCache(); code != ORVEX_OK) {
     ORVEX_LOG_MESSAGE(ORVEX_LOG_WARNING, kLRUCacheSourceFile,

@@ -18,7 +18,9 @@
 // wait for a path to leave. It is never held while the host computes.
 // Invariant: a path is in paths while one thread calculates it. Who inserts a
 // path erases it again, whichever way the host's callback ends; an inactive set
-// is empty, admits no path, and nobody waits on it.
+// is empty, admits no path, and nobody waits on it. A thread that was calculating
+// across a stop and a start erases the path all the same, were it another's by
+// then: that one only calculates unannounced.
 class ORVEX_API ORVEX_Set {
  public:
   // What PredicateFunc is asked about.

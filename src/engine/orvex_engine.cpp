@@ -92,7 +92,7 @@ int ORVEX_ENGINE::Deinit() {
   // Before the wait: threads that sleep in a cache leave only once it stops.
   HashCache().DeinitLRUCache();
   TypeCache().DeinitLRUCache();
-  ORVEX_DrainCalls(&refCount, "Kelda Inventory Engine deinit", __func__, kSourceFile);
+  ORVEX_DrainCalls(&refCount, "Kelda Inventory Engine deinit", __LINE__, __func__, kSourceFile);
   ORVEX_LOG_MESSAGE(ORVEX_LOG_WARNING, kSourceFile, "Kelda Inventory Engine deinit successfully");
   return ORVEX_OK;
 }
