@@ -1,0 +1,95 @@
+#include "calculation.h"
+
+#include <exception>
+
+#include "pe_certificates.h"
+#include "signer_names.h"
+
+namespace orvexscan {
+namespace {
+
+constexpr size_t kBufferBytes = 256 << 10;
+
+}  // namespace
+
+Tools::Tools() : buffer(kBufferBytes) {}
+
+metadata_query_fptrs_s Calculation::Callbacks() {
+  metadata_query_fptrs_s callbacks{};
+  callbacks.metaQueryCallback = CalculateHash;
+  callbacks.fileTypeQueryCallback = CalculateFileType;
+  return callbacks;
+}
+
+int Calculation::CalculateHash(metadata_input_s* in, metadata_output_s* out, void* ctx) noexcept {
+  return static_cast<Calculation*>(ctx)->Attempt(&Calculation::Hash, *in, out);
+}
+
+int Calculation::CalculateFileType(metadata_input_s* in, metadata_output_s* out,
+                                   void* ctx) noexcept {
+  return static_cast<Calculation*>(ctx)->Attempt(&Calculation::FindFileType, *in, out);
+}
+
+int Calculation::Attempt(Step step, const metadata_input_s& in, metadata_output_s* out) {
+  // The file type failed: the digests would fail for the same reason, and the engine
+  // asks for them all the same.
+  if (failure_) return static_cast<int>(failure_->reason());
+  try {
+    (this->*step)(in, out);
+    return 0;
+  } catch (const FileFailure& failure) {
+    failure_ = failure;
+  } catch (const std::exception& failure) {
+    failure_ = FileFailure(FailureReason::kEngine, failure.what());
+  }
+  return static_cast<int>(failure_->reason());
+}
+
+void Calculation::Hash(const metadata_input_s& in, metadata_output_s* out) {
+  const auto start = std::chrono::steady_clock::now();
+  FileReader& file = Open(in);
+  tools_->digests.Start();
+  bytesHashed_ = file.ReadAll(&tools_->buffer, [this](const unsigned char* bytes, size_t count) {
+    tools_->digests.Add(bytes, count);
+  });
+  FindSigners(out);
+  file.CheckUnchanged();
+
+  tools_->digests.Finish(out);
+  out->size = in.size;
+  out->modificationTime = in.mtime;
+  out->queryFlags |= in.queryFlags & (QUERY_SIZE | QUERY_MTIME);
+  hashed_ = true;
+  hashTime_ = std::chrono::steady_clock::now() - start;
+}
+
+void Calculation::FindSigners(metadata_output_s* out) {
+  PeCertificates certificates = ReadPeCertificates(&*file_);
+  SignerNames signers;
+  for (const auto& signature : certificates.signatures) AddSigners(signature, &signers);
+  certificateFaults_ = std::move(certificates.faults);
+  certificateFaults_.insert(certificateFaults_.end(), signers.faults.begin(), signers.faults.end());
+
+  delete[] out->signers;  // of a cached entry that lacked another part
+  out->signers = nullptr;
+  out->signers = SignerSlots(signers.names);
+  out->signerCount = static_cast<uint32_t>(signers.names.size());
+  out->queryFlags |= QUERY_SIGNERS;
+}
+
+void Calculation::FindFileType(const metadata_input_s& in, metadata_output_s* out) {
+  FileReader& file = Open(in);
+  const FileType type = tools_->fileType.Read(file.descriptor());
+  file.CheckUnchanged();
+  out->major = type.major;
+  out->minor = type.minor;
+  out->queryFlags |= QUERY_FILE_TYPE;
+}
+
+FileReader& Calculation::Open(const metadata_input_s& in) {
+  if (!file_)
+    file_.emplace(in.path, Identity{in.size, in.mtime, in.deviceID, in.fileID}, followLinks_);
+  return *file_;
+}
+
+}  // namespace orvexscan

@@ -1,0 +1,71 @@
+// What the engine cannot answer from its caches: the host's side of one query.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "digests.h"
+#include "file_failure.h"
+#include "file_reader.h"
+#include "file_type.h"
+#include "orvexeng.h"
+
+namespace orvexscan {
+
+// What a worker needs to calculate, kept from file to file.
+struct Tools {
+  Tools();
+
+  FileTypeReader fileType;
+  Digests digests;
+  std::vector<unsigned char> buffer;
+};
+
+// One query's calculation, given to orvex_query as its context.
+//
+// Ownership: borrows the tools, which no other calculation may use meanwhile. Keeps the
+// file open from the first callback on, so that type and digests are those of one file.
+// Threads: one at a time; the engine calls back on the thread that asks.
+class Calculation {
+ public:
+  Calculation(Tools* tools, bool followLinks) : tools_(tools), followLinks_(followLinks) {}
+  Calculation(const Calculation&) = delete;
+  Calculation& operator=(const Calculation&) = delete;
+
+  /// The callbacks that the engine is started with. Each takes a Calculation as context.
+  static metadata_query_fptrs_s Callbacks();
+
+  /// Why a callback failed; nothing when none did.
+  const std::optional<FileFailure>& failure() const { return failure_; }
+  /// Whether the whole file was read for its digests, as nothing cached could serve.
+  bool hashed() const { return hashed_; }
+  uint64_t bytesHashed() const { return bytesHashed_; }
+  std::chrono::nanoseconds hashTime() const { return hashTime_; }
+  /// What is wrong with the file's certificate table, if it was hashed.
+  const std::vector<std::string>& certificateFaults() const { return certificateFaults_; }
+
+ private:
+  using Step = void (Calculation::*)(const metadata_input_s&, metadata_output_s*);
+  static int CalculateHash(metadata_input_s* in, metadata_output_s* out, void* ctx) noexcept;
+  static int CalculateFileType(metadata_input_s* in, metadata_output_s* out, void* ctx) noexcept;
+  int Attempt(Step step, const metadata_input_s& in, metadata_output_s* out);
+
+  void Hash(const metadata_input_s& in, metadata_output_s* out);
+  void FindSigners(metadata_output_s* out);
+  void FindFileType(const metadata_input_s& in, metadata_output_s* out);
+  FileReader& Open(const metadata_input_s& in);
+
+  Tools* const tools_;
+  const bool followLinks_;
+  std::optional<FileReader> file_;
+  std::optional<FileFailure> failure_;
+  bool hashed_ = false;
+  uint64_t bytesHashed_ = 0;
+  std::chrono::nanoseconds hashTime_{0};
+  std::vector<std::string> certificateFaults_;
+};
+
+}  // namespace orvexscan

@@ -1,0 +1,97 @@
+// orvex-scan: an ordinary host of the inventory engine. It knows the public header and
+// nothing else of it.
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <clocale>
+#include <cstdio>
+#include <exception>
+#include <memory>
+#include <system_error>
+
+#include "capacity_advice.h"
+#include "engine_log.h"
+#include "inventory.h"
+#include "options.h"
+#include "printable.h"
+#include "process_maps.h"
+#include "progress.h"
+#include "report_json.h"
+#include "report_table.h"
+#include "scan.h"
+#include "walk.h"
+
+namespace orvexscan {
+namespace {
+
+struct CloseFile {
+  void operator()(std::FILE* file) const { std::fclose(file); }
+};
+using File = std::unique_ptr<std::FILE, CloseFile>;
+
+void Gather(const Options& options, Inventory* inventory) {
+  if (options.processes) {
+    AddMappedFiles("/proc", inventory);
+  } else {
+    Walk(options.paths, {options.followLinks, options.oneFileSystem}, inventory);
+  }
+}
+
+[[noreturn]] void FailToWrite() {
+  throw std::system_error(errno, std::generic_category(), "the JSON report cannot be written");
+}
+
+void Write(const std::string& text, std::FILE* to) {
+  if (std::fwrite(text.data(), 1, text.size(), to) != text.size() || std::fflush(to) != 0) {
+    FailToWrite();
+  }
+}
+
+bool AnyFailed(const Inventory& inventory) {
+  return std::any_of(inventory.records().begin(), inventory.records().end(),
+                     [](const FileRecord& record) { return record.failure.has_value(); });
+}
+
+int Run(const Options& options) {
+  const bool jsonToOutput = options.json == "-";
+  File jsonFile;
+  if (!options.json.empty() && !jsonToOutput) {
+    // Before the scan: hours of work are not lost to a wrong name.
+    jsonFile.reset(std::fopen(options.json.c_str(), "we"));
+    if (!jsonFile) {
+      const int error = errno;
+      fmt::print(stderr, "orvex-scan: {}: {}\n", Printable(options.json),
+                 std::generic_category().message(error));
+      return kUsage;
+    }
+  }
+
+  TakeEngineLog(options.verbose);
+  Inventory inventory;
+  Gather(options, &inventory);
+  Progress progress(!options.verbose);
+  const std::vector<PassReport> passes = Scan(options, &inventory, &progress);
+  const std::string advice = CapacityAdvice(options, inventory.FileCount());
+
+  PrintReport(passes, inventory, advice, jsonToOutput ? stderr : stdout);
+  if (!options.json.empty()) {
+    Write(JsonReport(options, passes, inventory, advice), jsonToOutput ? stdout : jsonFile.get());
+  }
+  return AnyFailed(inventory) ? kSomeFilesFailed : kAllFine;
+}
+
+}  // namespace
+}  // namespace orvexscan
+
+int main(int argc, char** argv) {
+  // Characters only: numbers are written the same in every language.
+  std::setlocale(LC_CTYPE, "");
+  try {
+    const orvexscan::CommandLine line = orvexscan::ParseCommandLine(argc, argv);
+    return line.run ? orvexscan::Run(line.options) : line.exitCode;
+  } catch (const std::exception& failure) {
+    fmt::print(stderr, "orvex-scan: {}\n", orvexscan::Printable(failure.what()));
+    return orvexscan::kSomeFilesFailed;
+  }
+}

@@ -1,0 +1,65 @@
+#include "options.h"
+
+#include <fmt/format.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <thread>
+
+namespace orvexscan {
+namespace {
+
+constexpr int kMostThreads = 256;
+
+constexpr const char kExitCodes[] =
+    "Exit codes: 0 all went well; 1 some files have no answer (each is listed with its\n"
+    "reason); 2 the command line is wrong. A malformed certificate table is listed too, but\n"
+    "the file has its answer.";
+
+void Describe(CLI::App* app, Options* options) {
+  app->set_version_flag(
+      "--version", fmt::format("orvex-scan {} (engine {})", ORVEX_SCAN_VERSION, ORVEX_VERSION));
+  auto* paths = app->add_option("PATH", options->paths, "Files, and directories to walk");
+  app->add_flag("--processes", options->processes,
+                "Scan the files that running processes map, in process order")
+      ->excludes(paths);
+  app->add_flag("--follow", options->followLinks, "Follow symbolic links");
+  app->add_flag("-x,--one-file-system", options->oneFileSystem,
+                "Do not enter other mounted file systems");
+  app->add_option("--threads", options->threads, "Workers that ask the engine at once")
+      ->check(CLI::Range(1, kMostThreads))
+      ->capture_default_str();
+  app->add_option("--passes", options->passes, "How often to ask about everything")
+      ->check(CLI::Range(1, 1000000))
+      ->capture_default_str();
+  app->add_option("--capacity", options->capacity, "Entries that each cache keeps")
+      ->check(CLI::Range(1, ORVEX_MAX_CAPACITY))
+      ->capture_default_str();
+  app->add_option("--json", options->json, "Write everything to this file; - for standard output")
+      ->type_name("FILE");
+  app->add_flag("--verbose", options->verbose, "Show the engine's log on standard error");
+  app->footer(kExitCodes);
+}
+
+}  // namespace
+
+CommandLine ParseCommandLine(int argc, const char* const* argv) {
+  CommandLine line;
+  line.options.threads =
+      std::clamp(static_cast<int>(std::thread::hardware_concurrency()), 1, kMostThreads);
+  CLI::App app("Asks the inventory engine about files and shows what its caches are worth.",
+               "orvex-scan");
+  Describe(&app, &line.options);
+  try {
+    app.parse(argc, argv);
+    if (line.options.paths.empty() && !line.options.processes) {
+      throw CLI::RequiredError("PATH or --processes");
+    }
+    line.run = true;
+  } catch (const CLI::ParseError& error) {
+    line.exitCode = app.exit(error) == 0 ? kAllFine : kUsage;
+  }
+  return line;
+}
+
+}  // namespace orvexscan

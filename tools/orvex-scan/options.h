@@ -1,0 +1,38 @@
+// What the command line asks for.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "orvexeng.h"
+
+namespace orvexscan {
+
+// Exit codes.
+constexpr int kAllFine = 0;
+constexpr int kSomeFilesFailed = 1;
+constexpr int kUsage = 2;
+
+struct Options {
+  std::vector<std::string> paths;
+  bool processes = false;  ///< the files that processes map, instead of paths
+  bool followLinks = false;
+  bool oneFileSystem = false;
+  int threads = 1;
+  int passes = 2;
+  int capacity = ORVEX_MAX_CAPACITY;  ///< of each cache, in entries
+  std::string json;                   ///< a file to write, "-" for standard output, or empty
+  bool verbose = false;
+};
+
+// Either options to run with, or the code to exit with at once: help, the version or
+// what is wrong has been printed then.
+struct CommandLine {
+  bool run = false;
+  int exitCode = kAllFine;
+  Options options;
+};
+
+CommandLine ParseCommandLine(int argc, const char* const* argv);
+
+}  // namespace orvexscan

@@ -1,0 +1,34 @@
+// Who signed: the names in a PKCS#7 signature.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "orvexeng.h"
+
+namespace orvexscan {
+
+/// The most a name may hold so that its slot has room for the closing NUL.
+constexpr size_t kMostNameBytes = ORVEX_SIGNER_SLOT - 1;
+
+/// The most signers one file may have; what goes beyond is a fault of the file.
+constexpr size_t kMostSigners = 256;
+
+struct SignerNames {
+  std::vector<std::string> names;   ///< common names as UTF-8, kMostNameBytes at most
+  std::vector<std::string> faults;  ///< one sentence each; empty when all is well
+};
+
+/// Adds the signers of one signature in DER to *found: the common name of each signer,
+/// not of the authorities above it, then those of the signatures nested in it
+/// (attribute 1.3.6.1.4.1.311.2.4.1). A signer without a common name is told by its
+/// whole subject. Says who claims to have signed; whether it is true is not checked.
+void AddSigners(const std::vector<unsigned char>& signature, SignerNames* found);
+
+/// The array that an answer carries, to be freed with delete[]; null for no names.
+char* SignerSlots(const std::vector<std::string>& names);
+
+/// The names in such an array.
+std::vector<std::string> NamesInSlots(const char* slots, uint32_t count);
+
+}  // namespace orvexscan

@@ -1,0 +1,80 @@
+#include "walk.h"
+
+#include <fts.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <system_error>
+
+namespace orvexscan {
+namespace {
+
+struct Close {
+  void operator()(FTS* walk) const { fts_close(walk); }
+};
+
+int ByName(const FTSENT** left, const FTSENT** right) {
+  // The paths given keep their order.
+  if ((*left)->fts_level == FTS_ROOTLEVEL) return 0;
+  return std::strcmp((*left)->fts_name, (*right)->fts_name);
+}
+
+FileFailure NotRegular(const char* what) { return FileFailure(FailureReason::kNotRegular, what); }
+
+void Add(const FTSENT& entry, const WalkRules& rules, Inventory* inventory) {
+  const bool given = entry.fts_level == FTS_ROOTLEVEL;
+  switch (entry.fts_info) {
+    case FTS_F:
+      inventory->AddVisit(entry.fts_path);
+      break;
+    case FTS_DNR:
+    case FTS_ERR:
+    case FTS_NS:
+      inventory->AddFailure(entry.fts_path, FileFailure::OfSystem(entry.fts_errno, "walk"));
+      break;
+    case FTS_SLNONE:
+      if (rules.followLinks || given) {
+        inventory->AddFailure(entry.fts_path,
+                              FileFailure(FailureReason::kVanished, "a link that leads nowhere"));
+      }
+      break;
+    case FTS_DC:
+      inventory->AddFailure(entry.fts_path, FileFailure(FailureReason::kLoop,
+                                                        "a directory that holds itself by a link"));
+      break;
+    case FTS_SL:
+      if (given) {
+        inventory->AddFailure(entry.fts_path,
+                              NotRegular("a symbolic link; --follow reads what it names"));
+      }
+      break;
+    case FTS_DEFAULT:
+      if (given) inventory->AddFailure(entry.fts_path, NotRegular("not a regular file"));
+      break;
+    default:
+      break;
+  }
+}
+
+}  // namespace
+
+void Walk(const std::vector<std::string>& paths, const WalkRules& rules, Inventory* inventory) {
+  std::vector<char*> roots;
+  for (const std::string& path : paths) roots.push_back(const_cast<char*>(path.c_str()));
+  roots.push_back(nullptr);
+
+  const int options = FTS_NOCHDIR | (rules.followLinks ? FTS_LOGICAL : FTS_PHYSICAL) |
+                      (rules.oneFileSystem ? FTS_XDEV : 0);
+  const std::unique_ptr<FTS, Close> walk(fts_open(roots.data(), options, ByName));
+  if (!walk) throw std::system_error(errno, std::generic_category(), "walk");
+  for (;;) {
+    errno = 0;
+    const FTSENT* entry = fts_read(walk.get());
+    if (entry == nullptr) break;
+    Add(*entry, rules, inventory);
+  }
+  if (errno != 0) throw std::system_error(errno, std::generic_category(), "walk");
+}
+
+}  // namespace orvexscan
