@@ -22,7 +22,10 @@ FileTypeReader::FileTypeReader() : magic_(magic_open(MAGIC_MIME_TYPE | MAGIC_ERR
 
 FileType FileTypeReader::Read(int descriptor) {
   const char* mime = magic_descriptor(magic_.get(), descriptor);
-  if (mime == nullptr) throw FileFailure(FailureReason::kType, WordsOf(magic_.get()));
+  if (mime == nullptr) {
+    if (const int error = magic_errno(magic_.get())) throw FileFailure::OfSystem(error, "read");
+    throw FileFailure(FailureReason::kType, WordsOf(magic_.get()));
+  }
   return FileTypeFor(mime);
 }
 

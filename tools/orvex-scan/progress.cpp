@@ -22,7 +22,8 @@ void Progress::StartPass(int pass, int passes, uint64_t total) {
   total_ = total;
   done_ = 0;
   bytes_ = 0;
-  start_ = drawn_ = Clock::now();
+  start_ = Clock::now();
+  drawn_ = start_ - kBetweenDrawings;
 }
 
 void Progress::Step(uint64_t bytes) {

@@ -4,6 +4,7 @@
 #include <libsmartcols/libsmartcols.h>
 
 #include <functional>
+#include <initializer_list>
 #include <memory>
 #include <new>
 
@@ -118,14 +119,12 @@ void PrintPasses(const std::vector<PassReport>& passes, const Inventory& invento
   table.Print(to);
 }
 
-void PrintList(const char* title, const char* reason,
+void PrintList(const char* title, std::initializer_list<const char*> columns,
                const std::vector<std::vector<std::string>>& lines, std::FILE* to) {
   if (lines.empty()) return;
   fmt::print(to, "\n{} {}\n", lines.size(), title);
   Table table;
-  table.AddColumn(reason, 0);
-  table.AddColumn("DETAIL", 0);
-  table.AddColumn("PATH", 0);
+  for (const char* column : columns) table.AddColumn(column, 0);
   for (size_t i = 0; i < lines.size() && i < kMostListed; ++i) table.AddLine(lines[i]);
   table.Print(to);
   if (lines.size() > kMostListed) {
@@ -143,14 +142,16 @@ void PrintReport(const std::vector<PassReport>& passes, const Inventory& invento
   for (const FileRecord& record : inventory.records()) {
     const std::string path = Printable(record.path);
     if (record.failure) {
-      failures.push_back({NameOf(record.failure->reason), Printable(record.failure->detail), path});
+      const Failure& failure = *record.failure;
+      failures.push_back({failure.pass == 0 ? "walk" : fmt::format("pass {}", failure.pass),
+                          NameOf(failure.reason), Printable(failure.detail), path});
     }
     for (const std::string& fault : record.certificateFaults) {
-      malformed.push_back({"malformed", fault, path});
+      malformed.push_back({fault, path});
     }
   }
-  PrintList("without an answer", "REASON", failures, to);
-  PrintList("faults in certificate tables", "SIGNERS", malformed, to);
+  PrintList("without an answer", {"IN", "REASON", "DETAIL", "PATH"}, failures, to);
+  PrintList("faults in certificate tables", {"FAULT", "PATH"}, malformed, to);
   if (!inventory.notes().empty() || !advice.empty()) fmt::print(to, "\n");
   for (const std::string& note : inventory.notes()) fmt::print(to, "{}.\n", note);
   if (!advice.empty()) fmt::print(to, "{}\n", advice);

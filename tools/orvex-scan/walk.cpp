@@ -15,8 +15,6 @@ struct Close {
 };
 
 int ByName(const FTSENT** left, const FTSENT** right) {
-  // The paths given keep their order.
-  if ((*left)->fts_level == FTS_ROOTLEVEL) return 0;
   return std::strcmp((*left)->fts_name, (*right)->fts_name);
 }
 
@@ -57,16 +55,11 @@ void Add(const FTSENT& entry, const WalkRules& rules, Inventory* inventory) {
   }
 }
 
-}  // namespace
-
-void Walk(const std::vector<std::string>& paths, const WalkRules& rules, Inventory* inventory) {
-  std::vector<char*> roots;
-  for (const std::string& path : paths) roots.push_back(const_cast<char*>(path.c_str()));
-  roots.push_back(nullptr);
-
+void WalkOne(const std::string& path, const WalkRules& rules, Inventory* inventory) {
+  char* const roots[] = {const_cast<char*>(path.c_str()), nullptr};
   const int options = FTS_NOCHDIR | (rules.followLinks ? FTS_LOGICAL : FTS_PHYSICAL) |
                       (rules.oneFileSystem ? FTS_XDEV : 0);
-  const std::unique_ptr<FTS, Close> walk(fts_open(roots.data(), options, ByName));
+  const std::unique_ptr<FTS, Close> walk(fts_open(roots, options, ByName));
   if (!walk) throw std::system_error(errno, std::generic_category(), "walk");
   for (;;) {
     errno = 0;
@@ -75,6 +68,12 @@ void Walk(const std::vector<std::string>& paths, const WalkRules& rules, Invento
     Add(*entry, rules, inventory);
   }
   if (errno != 0) throw std::system_error(errno, std::generic_category(), "walk");
+}
+
+}  // namespace
+
+void Walk(const std::vector<std::string>& paths, const WalkRules& rules, Inventory* inventory) {
+  for (const std::string& path : paths) WalkOne(path, rules, inventory);
 }
 
 }  // namespace orvexscan

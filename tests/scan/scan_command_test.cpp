@@ -1,0 +1,337 @@
+// The tool as a user meets it: what it prints, writes and exits with.
+#include <doctest/doctest.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <string>
+
+#include "support/scan_run.h"
+#include "support/signed_pe.h"
+#include "support/temporary_directory.h"
+
+namespace {
+
+std::string Repeated(size_t count) {
+  std::string text;
+  for (size_t i = 0; i < count; ++i) text += static_cast<char>(i * 31 + i / 251);
+  return text;
+}
+
+bool Contains(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
+}
+
+std::string FirstWord(const std::string& text) { return text.substr(0, text.find(' ')); }
+
+}  // namespace
+
+TEST_CASE("the digests are those of md5sum, sha1sum and sha256sum") {
+  const TemporaryDirectory directory;
+  // Around the size of the buffer, and around the digests' own blocks.
+  for (const size_t size : {0u, 1u, 55u, 56u, 64u, 262143u, 262144u, 262145u, 1000000u}) {
+    directory.Write("sub dir/" + std::to_string(size), Repeated(size));
+  }
+  const nlohmann::json report = RunScan(directory.path(), "--json - .").Json();
+  CHECK(report["files"].size() == 9);
+  for (const auto& file : report["files"]) {
+    const std::string path = file["path"];
+    CAPTURE(path);
+    const std::string quoted = " '" + path + "'";
+    CHECK(file["answer"]["md5"] == FirstWord(OutputOf(directory.path(), "md5sum" + quoted)));
+    CHECK(file["answer"]["sha1"] == FirstWord(OutputOf(directory.path(), "sha1sum" + quoted)));
+    CHECK(file["answer"]["sha256"] == FirstWord(OutputOf(directory.path(), "sha256sum" + quoted)));
+  }
+}
+
+TEST_CASE("size, time, device and inode are those of stat") {
+  const TemporaryDirectory directory;
+  directory.Write("file", "12345");
+  const nlohmann::json answer =
+      FileIn(RunScan(directory.path(), "--json - file").Json(), "file")["answer"];
+  const uint64_t mtimeNs = answer["mtimeNs"];
+  const std::string seconds = std::to_string(mtimeNs / 1000000000);
+  const std::string nanoseconds = std::to_string(1000000000 + mtimeNs % 1000000000).substr(1);
+  CHECK(std::to_string(answer["size"].get<uint64_t>()) + " " + seconds + "." + nanoseconds + " " +
+            std::to_string(answer["device"].get<uint64_t>()) + " " +
+            std::to_string(answer["inode"].get<uint64_t>()) + "\n" ==
+        OutputOf(directory.path(), "stat -c '%s %.9Y %d %i' file"));
+}
+
+TEST_CASE("the second pass is answered from the cache") {
+  const TemporaryDirectory directory;
+  for (int i = 0; i < 20; ++i) directory.Write(std::to_string(i), Repeated(1000));
+  const nlohmann::json report = RunScan(directory.path(), "--json - .").Json();
+  const nlohmann::json& first = report["passes"][0];
+  const nlohmann::json& second = report["passes"][1];
+  CHECK(first["hashCache"]["misses"] == 20);
+  CHECK(first["hashCache"]["callbacks"] == 20);
+  CHECK(first["fileTypeCache"]["callbacks"] == 20);
+  CHECK(first["bytesHashed"] == 20000);
+  CHECK(first["bytesSaved"] == 0);
+  CHECK(second["hashCache"]["hits"] == 20);
+  CHECK(second["hashCache"]["misses"] == 0);
+  CHECK(second["hashCache"]["partialHits"] == 0);
+  CHECK(second["hashCache"]["callbacks"] == 0);
+  CHECK(second["fileTypeCache"]["hits"] == 20);
+  CHECK(second["fileTypeCache"]["callbacks"] == 0);
+  CHECK(second["bytesHashed"] == 0);
+  CHECK(second["bytesSaved"] == 20000);
+}
+
+TEST_CASE("an empty file and one without a time are full hits the second time") {
+  const TemporaryDirectory directory;
+  directory.Write("empty", "");
+  directory.Write("timeless", "x");
+  directory.Write("both", "");
+  REQUIRE(OutputOf(directory.path(), "touch -d @0 timeless both && echo done") == "done\n");
+  const nlohmann::json report = RunScan(directory.path(), "--json - .").Json();
+  CHECK(FileIn(report, "./timeless")["answer"]["mtimeNs"] == 0);
+  CHECK(report["passes"][1]["hashCache"]["hits"] == 3);
+  CHECK(report["passes"][1]["hashCache"]["partialHits"] == 0);
+}
+
+TEST_CASE("as many passes run as are wanted") {
+  const TemporaryDirectory directory;
+  directory.Write("file", "x");
+  CHECK(RunScan(directory.path(), "--json - --passes 1 .").Json()["passes"].size() == 1);
+  CHECK(RunScan(directory.path(), "--json - --passes 5 .").Json()["passes"].size() == 5);
+}
+
+TEST_CASE("several workers ask about each file once in each pass") {
+  const TemporaryDirectory directory;
+  for (int i = 0; i < 200; ++i) directory.Write(std::to_string(i), Repeated(2000));
+  const nlohmann::json report = RunScan(directory.path(), "--json - --threads 8 .").Json();
+  for (const auto& pass : report["passes"]) {
+    CHECK(pass["hashCache"]["lookups"] == 200);
+    CHECK(pass["failed"] == 0);
+  }
+  CHECK(report["passes"][1]["hashCache"]["hits"] == 200);
+  CHECK(report["files"].size() == 200);
+}
+
+TEST_CASE("the JSON report has one record for each file, whatever its name") {
+  const TemporaryDirectory directory;
+  directory.Write("plain", "x");
+  directory.Write("gr\xc3\xbc\xc3\x9f", "x");
+  directory.Write("byte\xff", "x");
+  directory.Write("new\nline\x1b[31m\"\\", "x");
+  const ScanRun run = RunScan(directory.path(), "--json - .");
+  const nlohmann::json report = run.Json();
+  CHECK(report["files"].size() == 4);
+  CHECK(FileIn(report, "./gr\xc3\xbc\xc3\x9f")["answer"]["size"] == 1);
+  CHECK(FileIn(report, "./new\nline\x1b[31m\"\\")["answer"]["size"] == 1);
+  const nlohmann::json odd = FileIn(report, "./byte\xef\xbf\xbd");
+  CHECK(odd["pathHex"] == "2e2f62797465ff");
+  CHECK(odd["answer"]["size"] == 1);
+}
+
+TEST_CASE("the JSON report goes to a file while the table goes to standard output") {
+  const TemporaryDirectory directory;
+  directory.Write("in/file", "x");
+  const ScanRun run = RunScan(directory.path(), "--json report.json in");
+  CHECK(run.exitCode == 0);
+  CHECK(Contains(run.output, "PASS 1"));
+  const auto report = nlohmann::json::parse(OutputOf(directory.path(), "cat report.json"));
+  CHECK(report["files"].size() == 1);
+}
+
+TEST_CASE("the table has a column for each pass and every count") {
+  const TemporaryDirectory directory;
+  directory.Write("file", "x");
+  const ScanRun run = RunScan(directory.path(), "--passes 3 .");
+  CHECK(run.exitCode == 0);
+  for (const char* part :
+       {"PASS 1", "PASS 3", "files", "bytes read", "wall time", "hash cache: full hits",
+        "hash cache: partial hits", "hash cache: out of date", "hash cache: misses",
+        "hash cache: waits", "hash cache: callbacks", "hash cache: evictions",
+        "file type cache: evictions", "hashing saved"}) {
+    CAPTURE(part);
+    CHECK(Contains(run.output, part));
+  }
+}
+
+TEST_CASE("nothing is drawn when standard error is no terminal") {
+  const TemporaryDirectory directory;
+  directory.Write("file", "x");
+  const ScanRun run = RunScan(directory.path(), ".");
+  CHECK(run.errors.empty());
+  CHECK_FALSE(Contains(run.output, "\x1b"));
+  CHECK_FALSE(Contains(run.output, "\r"));
+}
+
+TEST_CASE("a progress bar is drawn on a terminal and wiped at the end") {
+  const TemporaryDirectory directory;
+  directory.Write("in/file", "x");
+  const std::string drawn =
+      OutputOf(directory.path(), "script -qec '" ORVEX_SCAN " in >table' /dev/null");
+  CHECK(Contains(drawn, "pass 1/2 [##"));
+  CHECK(Contains(drawn, "100% 1/1 files"));
+  REQUIRE(drawn.size() > 4);
+  CHECK(drawn.substr(drawn.size() - 4) == "\r\x1b[K");
+}
+
+TEST_CASE("a command line that makes no sense exits with 2") {
+  const TemporaryDirectory directory;
+  directory.Write("file", "x");
+  for (const char* arguments :
+       {"", "--nonsense .", "--passes 0 .", "--passes x .", "--threads 0 .", "--capacity 0 .",
+        "--capacity 4097 .", "--processes .", "--json", "--json /nowhere/at/all ."}) {
+    CAPTURE(arguments);
+    const ScanRun run = RunScan(directory.path(), arguments);
+    CHECK(run.exitCode == 2);
+    CHECK_FALSE(run.errors.empty());
+    CHECK(run.output.empty());
+  }
+}
+
+TEST_CASE("help and version exit with 0") {
+  const TemporaryDirectory directory;
+  const ScanRun help = RunScan(directory.path(), "--help");
+  CHECK(help.exitCode == 0);
+  CHECK(Contains(help.output, "--processes"));
+  CHECK(Contains(help.output, "Exit codes"));
+  const ScanRun version = RunScan(directory.path(), "--version");
+  CHECK(version.exitCode == 0);
+  CHECK(Contains(version.output, "orvex-scan "));
+}
+
+TEST_CASE("a file without an answer is told with its reason and the others are answered") {
+  const TemporaryDirectory directory;
+  directory.Write("good", "x");
+  std::filesystem::create_symlink("nowhere", directory.PathOf("dangling"));
+  REQUIRE(OutputOf(directory.path(), "mkfifo pipe && echo done") == "done\n");
+  // Its memory is a file that not even its owner can read from the beginning.
+  const ScanRun run =
+      RunScan(directory.path(), "--json - good missing good/below dangling pipe /proc/self/mem");
+  CHECK(run.exitCode == 1);
+  const nlohmann::json report = run.Json();
+  CHECK(FileIn(report, "good")["answer"]["size"] == 1);
+  CHECK_FALSE(FileIn(report, "good").contains("failure"));
+  const struct {
+    const char* path;
+    const char* reason;
+    const char* detail;
+  } rows[] = {{"missing", "vanished", "No such file or directory"},
+              {"good/below", "vanished", "Not a directory"},
+              {"dangling", "not regular", "a symbolic link"},
+              {"pipe", "not regular", "not a regular file"},
+              {"/proc/self/mem", "unreadable", "Input/output error"}};
+  for (const auto& row : rows) {
+    CAPTURE(row.path);
+    const nlohmann::json file = FileIn(report, row.path);
+    CHECK(file["answer"].is_null());
+    CHECK(file["failure"]["reason"] == row.reason);
+    CHECK(Contains(file["failure"]["detail"], row.detail));
+    // The table, which is on standard error here, has it too.
+    CHECK(Contains(run.errors, row.detail));
+  }
+  CHECK(report["passes"][0]["failed"] == 1);
+}
+
+TEST_CASE("links are followed only when asked") {
+  const TemporaryDirectory directory;
+  directory.Write("target/file", "x");
+  directory.Write("in/own", "x");
+  std::filesystem::create_symlink("../target/file", directory.PathOf("in/tofile"));
+  std::filesystem::create_directory_symlink("../target", directory.PathOf("in/todirectory"));
+  const nlohmann::json kept = RunScan(directory.path(), "--json - in").Json();
+  CHECK(kept["files"].size() == 1);
+  const ScanRun followed = RunScan(directory.path(), "--json - --follow in");
+  CHECK(followed.exitCode == 0);
+  CHECK(followed.Json()["files"].size() == 3);
+  CHECK(FileIn(followed.Json(), "in/todirectory/file")["answer"]["size"] == 1);
+}
+
+TEST_CASE("a directory that holds itself by a link is told and left") {
+  const TemporaryDirectory directory;
+  directory.Write("in/file", "x");
+  std::filesystem::create_directory_symlink("..", directory.PathOf("in/up"));
+  const ScanRun run = RunScan(directory.path(), "--json - --follow in");
+  CHECK(run.exitCode == 1);
+  const nlohmann::json report = run.Json();
+  CHECK(FileIn(report, "in/up/in")["failure"]["reason"] == "loop");
+  CHECK(FileIn(report, "in/file")["answer"]["size"] == 1);
+}
+
+TEST_CASE("more files than a cache keeps cannot hit again, and the report says why") {
+  const TemporaryDirectory directory;
+  for (int i = 0; i < 5; ++i) directory.Write("in/" + std::to_string(i), "x");
+  const ScanRun tooMany = RunScan(directory.path(), "--json - --threads 1 --capacity 4 in");
+  CHECK(tooMany.exitCode == 0);
+  const nlohmann::json report = tooMany.Json();
+  CHECK(report["passes"][1]["hashCache"]["hits"] == 0);
+  CHECK(report["passes"][1]["hashCache"]["misses"] == 5);
+  CHECK(report["passes"][0]["hashCache"]["evictions"] == 1);
+  CHECK(report["passes"][0]["fileTypeCache"]["evictions"] == 1);
+  CHECK(Contains(report["advice"], "a second pass cannot hit"));
+  CHECK(Contains(tooMany.errors, "a second pass cannot hit"));
+  const ScanRun enough = RunScan(directory.path(), "--json - --threads 1 --capacity 5 in");
+  CHECK(enough.Json()["passes"][1]["hashCache"]["hits"] == 5);
+  CHECK(enough.Json()["advice"] == "");
+}
+
+TEST_CASE("the files that processes map are asked about once for each process") {
+  const TemporaryDirectory directory;
+  // Which processes there are is not ours to say: the tool itself is always one.
+  const ScanRun run = RunScan(directory.path(), "--json - --processes --threads 1");
+  CHECK((run.exitCode == 0 || run.exitCode == 1));
+  const nlohmann::json report = run.Json();
+  const std::string library =
+      std::filesystem::canonical(std::filesystem::path(ORVEXENG_LIBRARY)).string();
+  const nlohmann::json file = FileIn(report, library);
+  REQUIRE(file.is_object());
+  CHECK(file["visits"] >= 1);
+  CHECK(file["answer"]["type"]["name"] == "program");
+  CHECK(file["answer"]["sha256"] == FirstWord(OutputOf("/", "sha256sum '" + library + "'")));
+
+  uint64_t visits = 0;
+  for (const auto& each : report["files"]) visits += each["visits"].get<uint64_t>();
+  CHECK(report["passes"][0]["visits"] == visits);
+  // The shell that runs the tool maps the C library of its own width; at least one file
+  // of this run is mapped twice, and then the first pass hits already.
+  if (visits > report["files"].size()) CHECK(report["passes"][0]["hashCache"]["hits"] > 0);
+}
+
+TEST_CASE("the signers of a PE file are told, and again from the cache") {
+  const TemporaryDirectory directory;
+  const Bytes nested = Signature("Inner Signer");
+  directory.Write("signed.exe", PeFile(Join(TableEntry(Signature({{"First Signer", ""}}, {nested})),
+                                            TableEntry(Signature("Second Signer")))));
+  directory.Write("unsigned.exe", PeFile({}));
+  const ScanRun run = RunScan(directory.path(), "--json - .");
+  CHECK(run.exitCode == 0);
+  const nlohmann::json report = run.Json();
+  CHECK(FileIn(report, "./signed.exe")["answer"]["signers"] ==
+        nlohmann::json{"First Signer", "Inner Signer", "Second Signer"});
+  CHECK(FileIn(report, "./unsigned.exe")["answer"]["signers"] == nlohmann::json::array());
+  CHECK(report["passes"][1]["hashCache"]["hits"] == 2);
+}
+
+TEST_CASE("a malformed certificate table is told while the file has its answer") {
+  const TemporaryDirectory directory;
+  directory.Write("bad.exe", PeFile(TableEntry(Signature("Signer")), true, 1 << 20));
+  const ScanRun run = RunScan(directory.path(), "--json - .");
+  CHECK(run.exitCode == 0);
+  CHECK(Contains(run.errors, "past the end of the file"));
+  const nlohmann::json file = FileIn(run.Json(), "./bad.exe");
+  CHECK(Contains(file["certificateFaults"][0], "past the end of the file"));
+  CHECK(file["answer"]["sha256"] == FirstWord(OutputOf(directory.path(), "sha256sum bad.exe")));
+}
+
+TEST_CASE("the engine's log is shown when asked and never among the output") {
+  const TemporaryDirectory directory;
+  directory.Write("file", "x");
+  const ScanRun quiet = RunScan(directory.path(), "--json - file");
+  CHECK_FALSE(Contains(quiet.errors, "engine INFO"));
+  const ScanRun verbose = RunScan(directory.path(), "--json - --verbose file");
+  CHECK(Contains(verbose.errors, "engine INFO"));
+  CHECK(verbose.Json()["files"].size() == 1);
+}
+
+TEST_CASE("a path that would steer the terminal is made harmless") {
+  const TemporaryDirectory directory;
+  const ScanRun run = RunScan(directory.path(), "\"$(printf 'no\\033[31msuch')\"");
+  CHECK(run.exitCode == 1);
+  CHECK(Contains(run.output, "no\\x1b[31msuch"));
+  CHECK_FALSE(Contains(run.output, "\x1b"));
+}

@@ -1,0 +1,88 @@
+// What is said, and how.
+#include <doctest/doctest.h>
+
+#include <string>
+
+#include "capacity_advice.h"
+#include "options.h"
+#include "printable.h"
+
+using orvexscan::CapacityAdvice;
+using orvexscan::IsUtf8;
+using orvexscan::Options;
+using orvexscan::Printable;
+
+namespace {
+
+Options WithCapacity(int capacity) {
+  Options options;
+  options.capacity = capacity;
+  return options;
+}
+
+bool Contains(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
+}
+
+}  // namespace
+
+TEST_CASE("text for a terminal keeps its letters and shows all else as bytes") {
+  const struct {
+    std::string bytes;
+    std::string shown;
+  } rows[] = {{"", ""},
+              {"plain /path-1.x", "plain /path-1.x"},
+              {"gr\xc3\xbc\xc3\x9f \xe2\x82\xac \xf0\x9f\x98\x80",
+               "gr\xc3\xbc\xc3\x9f \xe2\x82\xac \xf0\x9f\x98\x80"},
+              {"a\nb\tc\x7f", "a\\x0ab\\x09c\\x7f"},
+              {"\x1b[2J", "\\x1b[2J"},
+              {std::string("a\0b", 3), "a\\x00b"},
+              {"back\\slash", "back\\\\slash"},
+              {"\xff\xfe", "\\xff\\xfe"},
+              {"\xc2\x9b", "\\xc2\\x9b"},           // a control character of two bytes
+              {"\xe2\x80\xae", "\\xe2\\x80\\xae"},  // turns the text round
+              {"cut \xe2\x82", "cut \\xe2\\x82"},
+              {"\xc0\xaf", "\\xc0\\xaf"},            // a slash in a longer form
+              {"\xed\xa0\x80", "\\xed\\xa0\\x80"}};  // half a pair
+  for (const auto& row : rows) {
+    CAPTURE(row.shown);
+    CHECK(Printable(row.bytes) == row.shown);
+  }
+}
+
+TEST_CASE("only well-formed UTF-8 counts as text") {
+  for (const char* text : {"", "plain", "\xc3\xbc", "\xe2\x82\xac", "\xf4\x8f\xbf\xbf"}) {
+    CAPTURE(text);
+    CHECK(IsUtf8(text));
+  }
+  for (const char* bytes : {"\xff", "\x80", "\xc3", "\xc0\x80", "\xe0\x80\x80", "\xed\xa0\x80",
+                            "\xf4\x90\x80\x80", "\xf8\x88\x80\x80\x80"}) {
+    CHECK_FALSE(IsUtf8(bytes));
+  }
+}
+
+TEST_CASE("bytes are written as two digits each") {
+  const unsigned char bytes[] = {0x00, 0x0f, 0xa5, 0xff};
+  CHECK(orvexscan::Hex(bytes, 4) == "000fa5ff");
+  CHECK(orvexscan::Hex(bytes, 0).empty());
+}
+
+TEST_CASE("there is advice exactly when there are more files than entries") {
+  CHECK(CapacityAdvice(WithCapacity(4096), 4096).empty());
+  CHECK(Contains(CapacityAdvice(WithCapacity(4096), 4097), "cannot hit"));
+  CHECK(CapacityAdvice(WithCapacity(10), 10).empty());
+  CHECK(Contains(CapacityAdvice(WithCapacity(10), 11), "cannot hit"));
+}
+
+TEST_CASE("a larger capacity is advised only when there is one") {
+  CHECK(Contains(CapacityAdvice(WithCapacity(10), 11), "--capacity 11"));
+  CHECK(Contains(CapacityAdvice(WithCapacity(10), 9999), "--capacity 4096"));
+  CHECK_FALSE(Contains(CapacityAdvice(WithCapacity(4096), 9999), "--capacity"));
+}
+
+TEST_CASE("mapped files come again within a pass, so that the advice is another") {
+  Options options = WithCapacity(10);
+  options.processes = true;
+  CHECK_FALSE(Contains(CapacityAdvice(options, 11), "cannot hit"));
+  CHECK(Contains(CapacityAdvice(options, 11), "evicted"));
+}
