@@ -2,6 +2,7 @@
 #include <doctest/doctest.h>
 
 #include <cstring>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -110,6 +111,9 @@ TEST_CASE("no cut and no wrong byte in the headers takes the reader down") {
   const std::string whole = PeFile(TableEntry(Bytes(40, 7)));
   const TemporaryDirectory directory;
   const auto read = [&](const std::string& content) {
+    // A new file each time: some file systems write one out at once that is emptied and
+    // filled again.
+    std::filesystem::remove(directory.PathOf("file.exe"));
     const std::string path = directory.Write("file.exe", content);
     FileReader reader(path, orvexscan::IdentityOf(path, false), false);
     return orvexscan::ReadPeCertificates(&reader);

@@ -96,6 +96,7 @@ constexpr Row kWholeNames[] = {
     {"application/x-sqlite3", {kStoredValues, 1}},
     {"application/x-gettext-translation", {kStoredValues, 2}},
     {"application/x-dbm", {kStoredValues, 3}},
+    {"application/x-empty", {kEmpty, 0}},
     {"inode/x-empty", {kEmpty, 0}},
 };
 
