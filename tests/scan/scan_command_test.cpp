@@ -184,6 +184,17 @@ TEST_CASE("a command line that makes no sense exits with 2") {
   }
 }
 
+TEST_CASE("a report that cannot be written is no success") {
+  const TemporaryDirectory directory;
+  directory.Write("file", "x");
+  for (const char* arguments : {". >/dev/full", "--json - . >/dev/full", "--json /dev/full ."}) {
+    CAPTURE(arguments);
+    const ScanRun run = RunScan(directory.path(), arguments);
+    CHECK(run.exitCode == 1);
+    CHECK(Contains(run.errors, "No space left on device"));
+  }
+}
+
 TEST_CASE("help and version exit with 0") {
   const TemporaryDirectory directory;
   const ScanRun help = RunScan(directory.path(), "--help");

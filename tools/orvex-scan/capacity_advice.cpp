@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+
 namespace orvexscan {
 
 std::string CapacityAdvice(const Options& options, size_t files) {

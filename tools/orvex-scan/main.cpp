@@ -38,13 +38,10 @@ void Gather(const Options& options, Inventory* inventory) {
   }
 }
 
-[[noreturn]] void FailToWrite() {
-  throw std::system_error(errno, std::generic_category(), "the JSON report cannot be written");
-}
-
-void Write(const std::string& text, std::FILE* to) {
-  if (std::fwrite(text.data(), 1, text.size(), to) != text.size() || std::fflush(to) != 0) {
-    FailToWrite();
+// Makes sure that what was written to the stream is out: a full disk is no success.
+void Finish(std::FILE* stream) {
+  if (std::fflush(stream) != 0 || std::ferror(stream) != 0) {
+    throw std::system_error(errno, std::generic_category(), "the report cannot be written");
   }
 }
 
@@ -74,9 +71,13 @@ int Run(const Options& options) {
   const std::vector<PassReport> passes = Scan(options, &inventory, &progress);
   const std::string advice = CapacityAdvice(options, inventory.FileCount());
 
-  PrintReport(passes, inventory, advice, jsonToOutput ? stderr : stdout);
+  std::FILE* const table = jsonToOutput ? stderr : stdout;
+  PrintReport(passes, inventory, advice, table);
+  Finish(table);
   if (!options.json.empty()) {
-    Write(JsonReport(options, passes, inventory, advice), jsonToOutput ? stdout : jsonFile.get());
+    std::FILE* const json = jsonToOutput ? stdout : jsonFile.get();
+    fmt::print(json, "{}", JsonReport(options, passes, inventory, advice));
+    Finish(json);
   }
   return AnyFailed(inventory) ? kSomeFilesFailed : kAllFine;
 }
