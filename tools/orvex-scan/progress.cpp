@@ -10,7 +10,7 @@ namespace orvexscan {
 namespace {
 
 constexpr std::chrono::milliseconds kBetweenDrawings(100);
-constexpr size_t kBarWidth = 30;
+constexpr size_t kBarWidth = 20;  // the whole line fits into 80 columns
 
 }  // namespace
 
