@@ -61,6 +61,8 @@ TEST_CASE("a file that is another one by the time it is read is told as changed"
   directory.Write("file", "longer");
   Calculation calculation(&host.tools, false);
   CHECK(host.Query(path, identity, &calculation) == static_cast<int>(FailureReason::kChanged));
+  REQUIRE(calculation.failure());
+  CHECK(std::string(calculation.failure()->what()) == "changed before it was read");
 }
 
 TEST_CASE("a file that has become a link by the time it is read is not followed") {
