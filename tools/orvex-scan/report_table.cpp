@@ -100,7 +100,7 @@ std::vector<Row> Rows(const Inventory& inventory) {
        [](const PassReport& pass) {
          return Share(pass.bytesSaved, pass.bytesSaved + pass.bytesHashed);
        }},
-      {"hashing saved, about",
+      {"hashing saved, time of workers",
        [](const PassReport& pass) { return fmt::format("{:.3f} s", pass.savedSeconds); }},
   };
 }
