@@ -105,3 +105,19 @@ TEST_CASE("a changed file is calculated anew although its older self is cached")
   CHECK(second.hashed());
   CHECK(second.bytesHashed() == 6);
 }
+
+TEST_CASE("a file that changes after it was opened gets no digests") {
+  const TemporaryDirectory directory;
+  orvexscan::Tools tools;
+  const std::string path = directory.Write("file", "x");
+  metadata_input_s in = orvexscan::QueryFor(path, IdentityOf(path, false));
+  metadata_output_s out{};
+  Calculation calculation(&tools, false);
+  const metadata_query_fptrs_s callbacks = Calculation::Callbacks();
+  REQUIRE(callbacks.fileTypeQueryCallback(&in, &out, &calculation) == 0);  // opens it
+  directory.Write("file", "longer");
+  CHECK(callbacks.metaQueryCallback(&in, &out, &calculation) ==
+        static_cast<int>(FailureReason::kChanged));
+  CHECK(out.queryFlags == QUERY_FILE_TYPE);
+  delete[] out.signers;
+}

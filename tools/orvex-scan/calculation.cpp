@@ -1,6 +1,7 @@
 #include "calculation.h"
 
 #include <exception>
+#include <utility>
 
 #include "pe_certificates.h"
 #include "signer_names.h"
@@ -52,10 +53,16 @@ void Calculation::Hash(const metadata_input_s& in, metadata_output_s* out) {
   bytesHashed_ = file.ReadAll(&tools_->buffer, [this](const unsigned char* bytes, size_t count) {
     tools_->digests.Add(bytes, count);
   });
-  FindSigners(out);
+  const std::vector<std::string> signers = FindSigners();
+  // Before anything is stored: a failed callback leaves the answer as it was.
   file.CheckUnchanged();
 
   tools_->digests.Finish(out);
+  delete[] out->signers;  // of a cached entry that lacked another part
+  out->signers = nullptr;
+  out->signers = SignerSlots(signers);
+  out->signerCount = static_cast<uint32_t>(signers.size());
+  out->queryFlags |= QUERY_SIGNERS;
   out->size = in.size;
   out->modificationTime = in.mtime;
   out->queryFlags |= in.queryFlags & (QUERY_SIZE | QUERY_MTIME);
@@ -63,18 +70,13 @@ void Calculation::Hash(const metadata_input_s& in, metadata_output_s* out) {
   hashTime_ = std::chrono::steady_clock::now() - start;
 }
 
-void Calculation::FindSigners(metadata_output_s* out) {
+std::vector<std::string> Calculation::FindSigners() {
   PeCertificates certificates = ReadPeCertificates(&*file_);
   SignerNames signers;
   for (const auto& signature : certificates.signatures) AddSigners(signature, &signers);
   certificateFaults_ = std::move(certificates.faults);
   certificateFaults_.insert(certificateFaults_.end(), signers.faults.begin(), signers.faults.end());
-
-  delete[] out->signers;  // of a cached entry that lacked another part
-  out->signers = nullptr;
-  out->signers = SignerSlots(signers.names);
-  out->signerCount = static_cast<uint32_t>(signers.names.size());
-  out->queryFlags |= QUERY_SIGNERS;
+  return std::move(signers.names);
 }
 
 void Calculation::FindFileType(const metadata_input_s& in, metadata_output_s* out) {

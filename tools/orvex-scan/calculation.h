@@ -54,7 +54,7 @@ class Calculation {
   int Attempt(Step step, const metadata_input_s& in, metadata_output_s* out);
 
   void Hash(const metadata_input_s& in, metadata_output_s* out);
-  void FindSigners(metadata_output_s* out);
+  std::vector<std::string> FindSigners();
   void FindFileType(const metadata_input_s& in, metadata_output_s* out);
   FileReader& Open(const metadata_input_s& in);
 
