@@ -1,0 +1,14 @@
+// How the model waits for calls in flight.
+#pragma once
+
+#include "model/model_log.h"
+
+// Who waits, as its messages say.
+struct DrainMessages {
+  const char* function;
+  const char* file;
+  const char* subject;
+};
+
+// Up to ten pauses of 100 ms.
+void Drain(const ModelLog& log, const int& threads, const DrainMessages& messages);

@@ -1,0 +1,85 @@
+// Stories tried in a process of their own, which may crash or hang.
+#include "model/trial.h"
+
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+
+#include "model/duel.h"
+
+namespace {
+
+constexpr unsigned int kSecondsPerStory = 20;
+
+}  // namespace
+
+SharedNumber::SharedNumber()
+    : number_(static_cast<uint64_t*>(mmap(nullptr, sizeof(uint64_t), PROT_READ | PROT_WRITE,
+                                          MAP_SHARED | MAP_ANONYMOUS, -1, 0))) {}
+
+SharedNumber::~SharedNumber() { munmap(number_, sizeof(uint64_t)); }
+
+std::string RunApart(unsigned int allowedSeconds, const std::function<bool()>& body) {
+  std::fflush(nullptr);
+  const pid_t child = fork();
+  if (child < 0) return "no process to be had";
+  if (child == 0) {
+    alarm(allowedSeconds);
+    _exit(body() ? 0 : 1);
+  }
+  int status = 0;
+  if (waitpid(child, &status, 0) != child) return "a process lost";
+  if (WIFSIGNALED(status)) return "killed by signal " + std::to_string(WTERMSIG(status));
+  return WEXITSTATUS(status) == 0 ? "" : "a difference";
+}
+
+bool Fails(const Operations& operations) {
+  return !RunApart(kSecondsPerStory, [&] { return !FindDifference(operations); }).empty();
+}
+
+Operations Shrunk(Operations operations) {
+  for (size_t length = operations.size(); length > 0; length /= 2) {
+    for (size_t start = 0; start < operations.size();) {
+      Operations fewer = operations;
+      const auto begin = fewer.begin() + static_cast<std::ptrdiff_t>(start);
+      const size_t count = std::min(length, fewer.size() - start);
+      fewer.erase(begin, begin + static_cast<std::ptrdiff_t>(count));
+      if (!fewer.empty() && Fails(fewer)) {
+        operations = std::move(fewer);
+      } else {
+        start += length;
+      }
+    }
+  }
+  for (Operation& operation : operations) {
+    for (uint8_t& byte : operation.bytes) {
+      const uint8_t was = byte;
+      if (was == 0) continue;
+      byte = 0;
+      if (!Fails(operations)) byte = was;
+    }
+  }
+  return operations;
+}
+
+std::string Report(const Operations& operations) {
+  const std::string file = "difference.txt";
+  const std::string end = RunApart(kSecondsPerStory, [&] {
+    const auto difference = FindDifference(operations);
+    if (difference) {
+      std::ofstream(file) << "at operation " << difference->operation << "\n" << difference->text;
+    }
+    return !difference;
+  });
+  std::ostringstream text;
+  text << (end.empty() ? "nothing any more" : end) << "\n"
+       << std::ifstream(file).rdbuf() << "\n"
+       << "the story, for tests/model/corpus:\n"
+       << HexOf(operations);
+  std::remove(file.c_str());
+  return text.str();
+}
