@@ -18,10 +18,6 @@ constexpr int kDeepest = 3;
 
 Player* current = nullptr;
 
-bool StartsWith(const std::string& text, const char* start) {
-  return text.compare(0, std::strlen(start), start) == 0;
-}
-
 void Empty(metadata_output_s& out) {
   delete[] out.signers;
   out = metadata_output_s{};
@@ -238,6 +234,8 @@ void Player::Query(const Operation& operation) {
   } catch (const std::bad_alloc&) {
     Append(trace_, "query threw a bad alloc\n");
   }
+  // Now, while the pointers that may have been printed are known.
+  if (!hasLogCallback_) NoteOutput();
   NoteRecord(out);
 }
 
@@ -347,25 +345,32 @@ void Player::Hear(unsigned int level, unsigned int /*line*/, const char* functio
 
 void Player::NoteMessage(char callback, unsigned int level, const char* function, const char* file,
                          std::string message, unsigned int length) {
-  if (StartsWith(message, "Invalid parameter: metaIn=")) {
-    char expected[96];
-    std::snprintf(expected, sizeof expected, "Invalid parameter: metaIn=0x%08x, metaOut=0x%08x",
-                  static_cast<unsigned int>(reinterpret_cast<uintptr_t>(lastIn_)),
-                  static_cast<unsigned int>(reinterpret_cast<uintptr_t>(lastOut_)));
-    if (message == expected) message = "Invalid parameter: the pointers given";
-  } else if (portable_ && StartsWith(message, "metaOut.modificationTime=")) {
-    // As wide as unsigned long.
-    const auto number = static_cast<uint32_t>(std::stoull(message.substr(message.find('=') + 1)));
-    message = "metaOut.modificationTime=" + std::to_string(number);
-    length = 0;
-  } else if (portable_ && StartsWith(message, "Node: path=") &&
-             message.rfind(" major=") != std::string::npos) {
-    // The numbers do not line up with their labels, differently on each target.
-    message.erase(message.rfind(" major="));
-    length = 0;
-  }
+  const bool sameEverywhere = MakeComparable(message);
   Append(trace_, std::string_view(&callback, 1), " ", level, " ", function, " ", file, ": ",
-         message, " (", length, ")\n");
+         message, " (", sameEverywhere ? length : 0, ")\n");
+}
+
+bool Player::MakeComparable(std::string& message) const {
+  char pointers[96];
+  std::snprintf(pointers, sizeof pointers, "metaIn=0x%08x, metaOut=0x%08x",
+                static_cast<unsigned int>(reinterpret_cast<uintptr_t>(lastIn_)),
+                static_cast<unsigned int>(reinterpret_cast<uintptr_t>(lastOut_)));
+  size_t at = message.find(pointers);
+  if (at != std::string::npos) message.replace(at, std::strlen(pointers), "the pointers given");
+  if (!portable_) return true;
+  // An unsigned long: the rest of the line goes, but for what both widths print.
+  static constexpr char kTime[] = "metaOut.modificationTime=";
+  at = message.find(kTime);
+  if (at != std::string::npos) {
+    const uint64_t number = std::stoull(message.substr(at + sizeof kTime - 1));
+    message.replace(at, std::string::npos, kTime + std::to_string(static_cast<uint32_t>(number)));
+    return false;
+  }
+  // These numbers do not line up with their labels, differently on each target.
+  at = message.rfind(" major=");
+  if (at == std::string::npos) return true;
+  message.erase(at);
+  return false;
 }
 
 // Time and line number are the printing engine's own.
@@ -385,12 +390,7 @@ void Player::NoteOutput() {
     const size_t function = line.rfind('|');
     const size_t number = function == std::string::npos ? function : line.rfind('|', function - 1);
     if (number != std::string::npos) line.erase(number + 1, function - number - 1);
-    if (portable_ && line.find("Node: path=") != std::string::npos) {
-      line.erase(std::min(line.rfind(" major="), line.size()));
-    }
-    if (portable_ && line.find("modificationTime=") != std::string::npos) {
-      line.erase(line.find("modificationTime="));
-    }
+    MakeComparable(line);
     Append(trace_, "printed ", line, "\n");
     start = end + 1;
   }

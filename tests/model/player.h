@@ -53,6 +53,9 @@ class Player {
   void Mutate(bool isHash, metadata_input_s& in, const Operation& operation) const;
   void NoteMessage(char callback, unsigned int level, const char* function, const char* file,
                    std::string message, unsigned int length);
+  // Takes out of a message what rightly differs between players, and between
+  // targets if that is wanted. Whether its length is left the same on all of them.
+  bool MakeComparable(std::string& message) const;
   void NoteOutput();
   void NoteRecord(const metadata_output_s& out);
 
