@@ -44,19 +44,28 @@ void CacheState::AppendTo(std::string& text) const {
   for (const KeyState& key : keys) key.AppendTo(text);
 }
 
+bool CallState::operator==(const CallState& other) const {
+  return threads == other.threads && setActive == other.setActive &&
+         pathsBeingCalculated == other.pathsBeingCalculated;
+}
+
+void CallState::AppendTo(std::string& text) const {
+  Append(text, "threads=", threads, " set=", setActive, "\n");
+  for (const std::string_view path : pathsBeingCalculated)
+    Append(text, " calculating ", path, "\n");
+}
+
 bool EngineState::operator==(const EngineState& other) const {
-  return counters == other.counters && hashThreads == other.hashThreads &&
-         setActive == other.setActive && pathsBeingCalculated == other.pathsBeingCalculated &&
-         broken == other.broken && hash == other.hash && fileType == other.fileType;
+  return counters == other.counters && calls == other.calls && broken == other.broken &&
+         hash == other.hash && fileType == other.fileType;
 }
 
 void EngineState::AppendTo(std::string& text) const {
   Append(text, "counters");
   for (const int64_t counter : counters) Append(text, " ", counter);
-  Append(text, "\nhash cache: threads=", hashThreads, " set=", setActive, " ");
+  Append(text, "\nhash cache: ");
+  calls.AppendTo(text);
   hash.AppendTo(text);
-  for (const std::string_view path : pathsBeingCalculated)
-    Append(text, " calculating ", path, "\n");
   Append(text, "file type cache: ");
   fileType.AppendTo(text);
   if (!broken.empty()) Append(text, "broken: ", broken, "\n");

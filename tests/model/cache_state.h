@@ -56,14 +56,22 @@ struct CacheState {
   void AppendTo(std::string& text) const;
 };
 
+// The hash cache's view of the calls in flight.
+struct CallState {
+  int threads = 0;
+  bool setActive = false;
+  std::vector<std::string_view> pathsBeingCalculated;
+
+  bool operator==(const CallState& other) const;
+  void AppendTo(std::string& text) const;
+};
+
 struct EngineState {
   CacheState hash;
   CacheState fileType;
   // Those of the hash cache, then those of the file type cache, in their own order.
   std::array<int64_t, 15> counters{};
-  int hashThreads = 0;
-  bool setActive = false;
-  std::vector<std::string_view> pathsBeingCalculated;
+  CallState calls;
   // Empty, or what is wrong with the structures themselves.
   std::string broken;
 

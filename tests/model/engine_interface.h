@@ -36,4 +36,5 @@ class EngineInterface {
 
   // Borrows from the caches: good until the next call of anything else.
   virtual void Look(EngineState& state) = 0;
+  virtual void LookAtCalls(CallState& state) = 0;
 };

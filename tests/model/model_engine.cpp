@@ -216,7 +216,11 @@ void ModelEngine::Look(EngineState& state) {
   state.counters = {h.query,    h.miss,          h.hit,           h.partialHit, h.outOfDate,
                     h.wipeOuts, h.updateSuccess, h.updateFailure, h.hostCalls,  h.waits,
                     t.hit,      t.miss,          t.outOfDate,     t.wipeOuts,   t.hostCalls};
-  state.hashThreads = hash_.threads;
+  LookAtCalls(state.calls);
+}
+
+void ModelEngine::LookAtCalls(CallState& state) {
+  state.threads = hash_.threads;
   state.setActive = hash_.setActive;
   state.pathsBeingCalculated.assign(hash_.calculating.begin(), hash_.calculating.end());
 }

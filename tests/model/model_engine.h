@@ -35,6 +35,7 @@ class ModelEngine final : public EngineInterface {
   void SetLogLevel(int level) override { log_.level = level; }
   void SetConfigFilePath(const std::string& path) override { configFilePath_ = path; }
   void Look(EngineState& state) override;
+  void LookAtCalls(CallState& state) override;
 
  private:
   void Configure();

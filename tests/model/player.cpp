@@ -267,11 +267,8 @@ int Player::AnswerAs(bool isHash, metadata_input_s* in, metadata_output_s* out, 
   Append(trace_, isHash ? "hash callback " : "file type callback ", in == call.in, out == call.out,
          " ", path, "\n");
   NoteRecord(*out);
-  engine_.Look(inside_);
-  Append(trace_, "threads ", inside_.hashThreads, " set ", inside_.setActive, inside_.broken, "\n");
-  for (const std::string_view calculating : inside_.pathsBeingCalculated) {
-    Append(trace_, "calculating ", calculating, "\n");
-  }
+  engine_.LookAtCalls(calls_);
+  calls_.AppendTo(trace_);
 
   if (isHash) beingAnswered_.insert(path);
   RunNested(operation);

@@ -73,6 +73,6 @@ class Player {
   std::set<std::string> beingAnswered_;
   const void* lastIn_ = nullptr;
   const void* lastOut_ = nullptr;
-  EngineState inside_;
+  CallState calls_;
   std::string trace_;
 };

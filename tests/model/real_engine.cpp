@@ -160,10 +160,15 @@ void RealEngine::Look(EngineState& state) {
   static_assert(sizeof hashCounters + sizeof typeCounters == sizeof state.counters);
   std::memcpy(state.counters.data(), &hashCounters, sizeof hashCounters);
   std::memcpy(state.counters.data() + 10, &typeCounters, sizeof typeCounters);
-  state.hashThreads = HashCacheThreads::CountOf(hash);
-  const ORVEX_Set& set = HashCacheThreads::SetOf(hash);
-  state.setActive = set.active;
-  state.pathsBeingCalculated.assign(set.paths.begin(), set.paths.end());
+  LookAtCalls(state.calls);
   state.broken = BrokenInvariant<HashCacheInside>(hash);
   if (state.broken.empty()) state.broken = BrokenInvariant<FileTypeCacheInside>(TypeCache());
+}
+
+void RealEngine::LookAtCalls(CallState& state) {
+  const LRUCache& hash = HashCache();
+  const ORVEX_Set& set = HashCacheThreads::SetOf(hash);
+  state.threads = HashCacheThreads::CountOf(hash);
+  state.setActive = set.active;
+  state.pathsBeingCalculated.assign(set.paths.begin(), set.paths.end());
 }

@@ -35,4 +35,5 @@ class RealEngine final : public EngineInterface {
   void SetLogLevel(int level) override;
   void SetConfigFilePath(const std::string& path) override;
   void Look(EngineState& state) override;
+  void LookAtCalls(CallState& state) override;
 };
