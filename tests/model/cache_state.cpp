@@ -56,12 +56,13 @@ void CallState::AppendTo(std::string& text) const {
 }
 
 bool EngineState::operator==(const EngineState& other) const {
-  return counters == other.counters && calls == other.calls && broken == other.broken &&
-         hash == other.hash && fileType == other.fileType;
+  return logEnable == other.logEnable && logLevel == other.logLevel &&
+         profiling == other.profiling && counters == other.counters && calls == other.calls &&
+         broken == other.broken && hash == other.hash && fileType == other.fileType;
 }
 
 void EngineState::AppendTo(std::string& text) const {
-  Append(text, "counters");
+  Append(text, "log ", logEnable, " level ", logLevel, " profiling ", profiling, "\ncounters");
   for (const int64_t counter : counters) Append(text, " ", counter);
   Append(text, "\nhash cache: ");
   calls.AppendTo(text);

@@ -67,6 +67,9 @@ struct CallState {
 };
 
 struct EngineState {
+  bool logEnable = true;
+  int logLevel = 0;
+  bool profiling = false;
   CacheState hash;
   CacheState fileType;
   // Those of the hash cache, then those of the file type cache, in their own order.

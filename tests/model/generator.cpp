@@ -132,6 +132,11 @@ Operations StoryOf(uint64_t seed) {
       story.push_back(Wild(random));
     } else if (random.OneIn(mood.adminIn)) {
       story.push_back(Administration(random, mood));
+      const bool isConfig = story.back().GetAction() == Action::kWriteConfigFile;
+      if (isConfig && !mood.wide) {  // and have it read
+        story.push_back(Administration(random, Action::kDeinit));
+        story.push_back(Administration(random, Action::kInit));
+      }
     } else {
       story.push_back(Question(random, mood));
     }

@@ -209,6 +209,9 @@ int ModelEngine::ProfilingGetEnable(bool* enable) {
 }
 
 void ModelEngine::Look(EngineState& state) {
+  state.logEnable = log_.enable;
+  state.logLevel = log_.level;
+  state.profiling = log_.profiling;
   hash_.Look(state.hash);
   fileType_.Look(state.fileType);
   const ModelHashCounters& h = hash_.counters;

@@ -36,6 +36,7 @@ class ModelEngine final : public EngineInterface {
   void SetConfigFilePath(const std::string& path) override { configFilePath_ = path; }
   void Look(EngineState& state) override;
   void LookAtCalls(CallState& state) override;
+  const ModelConfig& Config() const { return config_; }
 
  private:
   void Configure();

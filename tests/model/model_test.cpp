@@ -11,6 +11,7 @@
 #include <sstream>
 #include <vector>
 
+#include "model/config_duel.h"
 #include "model/duel.h"
 #include "model/generator.h"
 #include "model/trial.h"
@@ -28,10 +29,10 @@ std::string ContentOfFile(const std::filesystem::path& path) {
   return content.str();
 }
 
-std::vector<std::filesystem::path> CorpusFiles() {
+std::vector<std::filesystem::path> FilesIn(const char* corpus) {
   std::vector<std::filesystem::path> files;
-  for (const auto& file : std::filesystem::directory_iterator(ORVEXENG_MODEL_CORPUS)) {
-    if (file.path().extension() == ".txt") files.push_back(file.path());
+  for (const auto& file : std::filesystem::directory_iterator(corpus)) {
+    files.push_back(file.path());
   }
   std::sort(files.begin(), files.end());
   return files;
@@ -40,13 +41,23 @@ std::vector<std::filesystem::path> CorpusFiles() {
 }  // namespace
 
 TEST_CASE("the engine behaves as its model in every story of the corpus") {
-  const auto files = CorpusFiles();
+  const auto files = FilesIn(ORVEXENG_MODEL_CORPUS);
   REQUIRE(!files.empty());
   for (const auto& file : files) {
     CAPTURE(file.string());
     const Operations story = OperationsFromHex(ContentOfFile(file));
     REQUIRE(!story.empty());
     if (Fails(story)) FAIL_CHECK(Report(story));
+  }
+}
+
+TEST_CASE("the engine reads every configuration file of the corpus as its model does") {
+  const auto files = FilesIn(ORVEXENG_CONFIG_CORPUS);
+  REQUIRE(!files.empty());
+  for (const auto& file : files) {
+    CAPTURE(file.string());
+    const auto difference = FindConfigDifference(ContentOfFile(file));
+    if (difference) FAIL_CHECK(*difference);
   }
 }
 

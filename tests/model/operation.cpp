@@ -122,7 +122,7 @@ std::string Operation::ConfigFile() const {
   }
   // A filler that makes one line just short enough, just too long or far too long.
   const unsigned int filler = bytes[15];
-  if (filler >= 0xf0) {
+  if (filler >= 0xc0) {
     content.insert((filler & 1U) != 0 ? 0 : content.size(),
                    "#" + std::string(252U + (filler >> 1U) % 4U, '=') + "\n");
   }

@@ -150,6 +150,9 @@ void RealEngine::SetLogLevel(int level) {
 void RealEngine::SetConfigFilePath(const std::string& path) { ORVEX_Config::ConfigFilePath = path; }
 
 void RealEngine::Look(EngineState& state) {
+  state.logEnable = ORVEX_LOG_BASE::LogEnable;
+  state.logLevel = ORVEX_LOG_BASE::LogLevel;
+  state.profiling = ORVEX_Profiling::EnableProfiling;
   LRUCache& hash = HashCache();
   LookInto<HashCacheInside>(hash, state.hash);
   LookInto<FileTypeCacheInside>(TypeCache(), state.fileType);
