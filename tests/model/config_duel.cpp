@@ -1,7 +1,7 @@
 // One configuration file, read by the engine and by its model.
 #include "model/config_duel.h"
 
-#include <fcntl.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <stdexcept>
@@ -15,20 +15,29 @@
 
 namespace {
 
-constexpr char kFile[] = "orvexeng.ini";
-
 const char* const kKeys[] = {"LogEnable",       "LogLevel",      "DatabaseEnable",
                              "ProfilingEnable", "CacheCapacity", "Absent"};
 
 int Answer(metadata_input_s* /*in*/, metadata_output_s* /*out*/, void* /*ctx*/) { return 0; }
 
-void WriteFile(const std::string& content) {
-  const int file = open(kFile, O_CREAT | O_TRUNC | O_WRONLY | O_CLOEXEC, 0600);
-  const bool written =
-      write(file, content.data(), content.size()) == static_cast<ssize_t>(content.size());
-  close(file);
-  if (!written) throw std::runtime_error("no configuration file can be written");
-}
+// A file in memory with a path, for it costs less than one on a disk.
+class ConfigFile {
+ public:
+  explicit ConfigFile(const std::string& content)
+      : file_(memfd_create("configuration", MFD_CLOEXEC)) {
+    if (write(file_, content.data(), content.size()) != static_cast<ssize_t>(content.size())) {
+      throw std::runtime_error("no configuration file can be written");
+    }
+  }
+  ~ConfigFile() { close(file_); }
+  ConfigFile(const ConfigFile&) = delete;
+  ConfigFile& operator=(const ConfigFile&) = delete;
+
+  std::string Path() const { return "/proc/self/fd/" + std::to_string(file_); }
+
+ private:
+  const int file_;
+};
 
 // What starting the engine shows.
 std::string Start(EngineInterface& engine) {
@@ -86,9 +95,11 @@ std::string EntriesOf(const ModelConfig& config) {
 }  // namespace
 
 std::optional<std::string> FindConfigDifference(const std::string& content) {
-  WriteFile(content);
+  const ConfigFile file(content);
   RealEngine real;
   ModelEngine model;
+  real.SetConfigFilePath(file.Path());
+  model.SetConfigFilePath(file.Path());
   std::string realText = Start(real);
   std::string modelText = Start(model);
   ORVEX_Config& config = *ORVEX_Singleton<ORVEX_Config>::GetInstance();

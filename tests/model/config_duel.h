@@ -5,6 +5,5 @@
 #include <string>
 
 // What either made of the file, if that is not the same: messages, switches,
-// capacity, and every entry as text, number and switch. Leaves a file
-// "orvexeng.ini" in the working directory.
+// capacity, and every entry as text, number and switch.
 std::optional<std::string> FindConfigDifference(const std::string& content);

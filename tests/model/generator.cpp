@@ -97,6 +97,19 @@ Operation Question(Random& random, const Mood& mood) {
   return operation;
 }
 
+// A callback that stops the engine under its own query and starts it again.
+void AppendRestartInside(Random& random, const Mood& mood, Operations& story) {
+  story.push_back(Question(random, mood));
+  story.back().bytes[place::kAction] = static_cast<uint8_t>(Action::kQuery);
+  story.back().bytes[place::kNested] = static_cast<uint8_t>(1 + random.Below(3));
+  story.push_back(Administration(random, Action::kDeinit));
+  story.push_back(Administration(random, Action::kInit));
+  story.push_back(random.OneIn(2) ? Question(random, mood) : Administration(random, mood));
+  for (size_t nested = story.size() - 3; nested < story.size(); ++nested) {
+    story[nested].bytes[place::kAction] |= 0x80;
+  }
+}
+
 Operation Wild(Random& random) {
   Operation operation;
   for (uint8_t& byte : operation.bytes) byte = random.Byte();
@@ -137,6 +150,9 @@ Operations StoryOf(uint64_t seed) {
         story.push_back(Administration(random, Action::kDeinit));
         story.push_back(Administration(random, Action::kInit));
       }
+    } else if (!mood.wide && random.OneIn(60)) {
+      AppendRestartInside(random, mood, story);
+      continue;
     } else {
       story.push_back(Question(random, mood));
     }

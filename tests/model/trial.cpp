@@ -5,6 +5,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <fstream>
 #include <sstream>
@@ -14,6 +16,8 @@
 namespace {
 
 constexpr unsigned int kSecondsPerStory = 20;
+// A longer story after this is better than none when the test's time is up.
+constexpr std::chrono::seconds kMostShrinking{120};
 
 }  // namespace
 
@@ -42,13 +46,17 @@ bool Fails(const Operations& operations) {
 }
 
 Operations Shrunk(Operations operations) {
+  const auto end = std::chrono::steady_clock::now() + kMostShrinking;
+  const auto stillFails = [end](const Operations& fewer) {
+    return std::chrono::steady_clock::now() < end && Fails(fewer);
+  };
   for (size_t length = operations.size(); length > 0; length /= 2) {
     for (size_t start = 0; start < operations.size();) {
       Operations fewer = operations;
       const auto begin = fewer.begin() + static_cast<std::ptrdiff_t>(start);
       const size_t count = std::min(length, fewer.size() - start);
       fewer.erase(begin, begin + static_cast<std::ptrdiff_t>(count));
-      if (!fewer.empty() && Fails(fewer)) {
+      if (!fewer.empty() && stillFails(fewer)) {
         operations = std::move(fewer);
       } else {
         start += length;
@@ -60,7 +68,7 @@ Operations Shrunk(Operations operations) {
       const uint8_t was = byte;
       if (was == 0) continue;
       byte = 0;
-      if (!Fails(operations)) byte = was;
+      if (!stillFails(operations)) byte = was;
     }
   }
   return operations;
