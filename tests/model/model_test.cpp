@@ -3,6 +3,7 @@
 // ORVEXENG_MODEL_OPERATIONS and ORVEXENG_MODEL_SEED set how long the random test
 // goes on and where it begins.
 #include <doctest/doctest.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -66,9 +67,9 @@ TEST_CASE("the engine behaves as its model over 2,000,000 random operations") {
   const uint64_t first = Setting("ORVEXENG_MODEL_SEED", 1);
   SharedNumber seed;
   seed.Get() = first;
-  constexpr unsigned int kSeconds = 3600;
-  const std::string end = RunApart(kSeconds, [&] {
+  const std::string end = RunApart(kSecondsPerStory, [&] {
     for (uint64_t done = 0; done < wanted; ++seed.Get()) {
+      alarm(kSecondsPerStory);
       const Operations story = StoryOf(seed.Get());
       if (FindDifference(story)) return false;
       done += story.size();

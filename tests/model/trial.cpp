@@ -9,13 +9,12 @@
 #include <chrono>
 #include <cstdio>
 #include <fstream>
-#include <sstream>
+#include <iterator>
 
 #include "model/duel.h"
 
 namespace {
 
-constexpr unsigned int kSecondsPerStory = 20;
 // A longer story after this is better than none when the test's time is up.
 constexpr std::chrono::seconds kMostShrinking{120};
 
@@ -83,11 +82,9 @@ std::string Report(const Operations& operations) {
     }
     return !difference;
   });
-  std::ostringstream text;
-  text << (end.empty() ? "nothing any more" : end) << "\n"
-       << std::ifstream(file).rdbuf() << "\n"
-       << "the story, for tests/model/corpus:\n"
-       << HexOf(operations);
+  std::ifstream written(file);
+  const std::string difference(std::istreambuf_iterator<char>(written), {});
   std::remove(file.c_str());
-  return text.str();
+  return (end.empty() ? "nothing any more" : end) + "\n" + difference +
+         "\nthe story, for tests/model/corpus:\n" + HexOf(operations);
 }

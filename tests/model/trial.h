@@ -7,6 +7,9 @@
 
 #include "model/operation.h"
 
+// After this long a story is taken to hang.
+constexpr unsigned int kSecondsPerStory = 20;
+
 // Runs body in a child process and tells how it ended: empty when body returned
 // true, otherwise "a difference", "killed by signal 11" or the like. After
 // allowedSeconds it is killed.
