@@ -50,16 +50,25 @@ std::pair<int, int> Entries() {
   return counts;
 }
 
+// Leaves both caches as a stopped engine would: nothing else empties them here.
+class EmptiedAtTheEnd {
+ public:
+  ~EmptiedAtTheEnd() {
+    orvex_flush_cache(ORVEX_HASH_CACHE);
+    orvex_flush_cache(ORVEX_FILE_TYPE_CACHE);
+  }
+};
+
 }  // namespace
 
-TEST_CASE("metadata can be pushed into the hash cache alone") {
+TEST_CASE_FIXTURE(EmptiedAtTheEnd, "metadata can be pushed into the hash cache alone") {
   RecordedLog log;
   Push("/a");
   CHECK(log.TakeTranscript() == Lines({Inserted("/a")}));
   CHECK(Entries() == std::pair(1, 0));
 }
 
-TEST_CASE("pushing metadata gives 0 whatever comes of it") {
+TEST_CASE_FIXTURE(EmptiedAtTheEnd, "pushing metadata gives 0 whatever comes of it") {
   metadata_input_s in = InputFor("/a");
   Answer out;
   CHECK(orvex_update_metadata(&in, &out) == 0);
@@ -72,7 +81,7 @@ TEST_CASE("pushing metadata gives 0 whatever comes of it") {
   CHECK(metrics.numOfCacheUpdateMetaDataFailure == 3);
 }
 
-TEST_CASE("metadata can be pushed without a path") {
+TEST_CASE_FIXTURE(EmptiedAtTheEnd, "metadata can be pushed without a path") {
   metadata_input_s in = InputFor(nullptr);
   Answer out;
   RecordedLog log;
@@ -100,7 +109,8 @@ TEST_CASE("flushing empties the cache it names and no other") {
   CHECK(Entries() == std::pair(0, 0));
 }
 
-TEST_CASE("flushing an unknown cache is refused with 3 and without a word") {
+TEST_CASE_FIXTURE(EmptiedAtTheEnd,
+                  "flushing an unknown cache is refused with 3 and without a word") {
   Push("/a");
   RecordedLog log;
   for (const int unknown : {-1, 2, INT_MAX, INT_MIN}) CHECK(orvex_flush_cache(unknown) == 3);
@@ -121,7 +131,9 @@ TEST_CASE("a capacity out of range means 4096") {
   }
 }
 
-TEST_CASE("setting the capacity trims the cache it names at once to its most recent entries") {
+TEST_CASE_FIXTURE(
+    EmptiedAtTheEnd,
+    "setting the capacity trims the cache it names at once to its most recent entries") {
   for (const char* path : {"/a", "/b", "/c"}) {
     Push(path);
     StoreFileType(path);

@@ -89,6 +89,7 @@ TEST_CASE("a mutex that cannot be unlocked gives 6 and keeps the system's error 
   }
   CHECK(result == 6);
   CHECK(lock.GetLastErrorCode() == 1);
+  CHECK(lock.Lock() == 0);
   CHECK(lock.Unlock() == 0);
 }
 

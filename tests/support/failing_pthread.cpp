@@ -8,10 +8,14 @@ namespace {
 
 thread_local FailingPThread* current = nullptr;
 
-// Conditions have two versions, and without a word the older one is handed out.
 template <typename Function>
 Function* Real(const char* name) {
-  void* real = dlvsym(RTLD_NEXT, name, "GLIBC_2.3.2");
+  void* real = nullptr;
+#if !defined(__SANITIZE_THREAD__)
+  // Conditions have two versions, and without a word the older one is handed out.
+  // A race detector's own functions have none, and must not be passed by.
+  real = dlvsym(RTLD_NEXT, name, "GLIBC_2.3.2");
+#endif
   if (real == nullptr) real = dlsym(RTLD_NEXT, name);
   return reinterpret_cast<Function*>(real);
 }
@@ -37,7 +41,9 @@ extern "C" int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept {
 extern "C" int pthread_mutex_unlock(pthread_mutex_t* mutex) noexcept {
   static auto* const real = Real<int(pthread_mutex_t*)>("pthread_mutex_unlock");
   const int error = CountAndFail(&FailingPThread::unlocks, &FailingPThread::unlockError);
-  return error != 0 ? error : real(mutex);
+  // Given back all the same: a mutex must not be destroyed while it is locked.
+  const int result = real(mutex);
+  return error != 0 ? error : result;
 }
 
 extern "C" int pthread_cond_wait(pthread_cond_t* condition, pthread_mutex_t* mutex) {

@@ -2,7 +2,8 @@
 #pragma once
 
 // Stands in for the POSIX thread functions of the whole program while it lives:
-// counts their calls, and fails those whose error is not 0 without doing anything.
+// counts their calls, and fails those whose error is not 0 without doing anything,
+// but for an unlock, which gives the mutex back and then reports its error.
 //
 // Threads: only calls of the thread that made it count and fail. The test
 // framework locks as well: check nothing while this lives.
