@@ -1,0 +1,357 @@
+// How threads that ask for one path wait for each other, in every order in which
+// their locking and waiting can happen with a bounded number of preemptions.
+//
+// Three threads with three preemptions take a while: ORVEX_DEEP=1 asks for that.
+#include <doctest/doctest.h>
+
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <initializer_list>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "support/engine_under_test.h"
+#include "support/every_schedule.h"
+#include "support/open_hash_cache.h"
+
+namespace {
+
+constexpr int kFailed = 77;
+constexpr int kThrew = -1;
+
+int Preemptions(size_t threads) {
+  return threads < 3 || std::getenv("ORVEX_DEEP") != nullptr ? 3 : 2;
+}
+
+// Whether every byte of the array is this one.
+template <size_t kLength>
+bool IsFilledWith(const uint8_t (&bytes)[kLength], int byte) {
+  for (const uint8_t each : bytes) {
+    if (each != byte) return false;
+  }
+  return true;
+}
+
+// Some threads at one cache.
+class Scene {
+ public:
+  explicit Scene(const char* name) : name_(name) { ORVEX_LOG_BASE::LogEnable = false; }
+
+  // A thread that asks for the path.
+  void Ask(const char* path = "/a", uint32_t invOperation = INV_KEEP_IN_CACHE) {
+    const size_t number = bodies_.size();
+    bodies_.emplace_back([this, number, path, invOperation] {
+      Asker& asker = askers_[number];
+      metadata_input_s in = InputFor(path);
+      in.invOperation = invOperation;
+      in.reserved0 = static_cast<uint32_t>(number);
+      try {
+        asker.code = cache->Ask(in, *asker.answer);
+      } catch (const std::runtime_error&) {
+        asker.code = kThrew;
+      }
+    });
+  }
+  // A thread that does something else.
+  void Meanwhile(std::function<void()> action) { bodies_.push_back(std::move(action)); }
+
+  // Runs them in every order; checks after each.
+  template <typename Check>
+  void InEveryOrder(Check check) {
+    const int preemptions = Preemptions(bodies_.size());
+    EverySchedule schedules(preemptions, bodies_);
+    for (Begin(); schedules.RunNext(); Begin()) {
+      INFO(schedules.Description());
+      CheckAtRest();
+      check();
+      mostWaits = std::max(mostWaits, static_cast<int>(cache->metrics.numOfWaitInHashCalculation));
+      mostCalls = std::max(mostCalls, calls);
+    }
+    std::printf("%s: %ld schedules of %zu threads, each with up to %d preemptions\n", name_,
+                schedules.Count(), bodies_.size(), preemptions);
+  }
+
+  int Code(size_t asker) const { return askers_[asker].code; }
+  bool IsReady(size_t asker) const { return askers_[asker].answer->resultReady == 1; }
+  // Whether that thread's answer is whole and of one calculation.
+  bool HasOneAnswer(size_t asker) const {
+    const Answer& out = *askers_[asker].answer;
+    const int stamp = out.digest16[0];
+    return stamp >= 1 && stamp <= calls && IsFilledWith(out.digest16, stamp) &&
+           IsFilledWith(out.digest20, stamp) && IsFilledWith(out.digest32, stamp) &&
+           IsFilledWith(out.auxDigest20, stamp);
+  }
+  // How often that thread called the host.
+  int CallsOf(size_t asker) const { return askers_[asker].calls; }
+
+  std::optional<OpenHashCache> cache;
+  // What the host does; its answer is stamped with the number of the call.
+  std::function<int()> onHash = [] { return 0; };
+  int calls = 0;
+  // Over all schedules so far: to see that they differ.
+  int mostCalls = 0;
+  int mostWaits = 0;
+
+ private:
+  struct Asker {
+    int code = 0;
+    int calls = 0;
+    std::optional<Answer> answer;
+  };
+
+  void Begin() {
+    calls = 0;
+    for (Asker& asker : askers_) {
+      asker.code = asker.calls = 0;
+      asker.answer.emplace();
+    }
+    cache.emplace();
+    cache->InitLRUCache();
+    cache->onHash = [this](metadata_input_s& in, metadata_output_s& out) {
+      ++askers_[in.reserved0].calls;
+      const int stamp = ++calls;
+      GiveDigests(out, kAllDigests, stamp);
+      return onHash();
+    };
+  }
+
+  // What holds once nobody is inside, whatever happened.
+  void CheckAtRest() const {
+    REQUIRE(cache->calHashSet.paths.empty());
+    const LRUCacheMetrics_s& counted = cache->metrics;
+    REQUIRE(counted.Query == counted.Miss + counted.Hit + counted.PartialHit + counted.OutOfDate);
+    REQUIRE(counted.numOfHelpFuncCalled <= calls);
+    REQUIRE(cache->CacheMap.size() == cache->CacheNodeList.size());
+    for (const LRUCacheNode* node : cache->CacheNodeList) {
+      REQUIRE(*node->mapEntry->second == node);
+    }
+  }
+
+  const char* name_;
+  std::array<Asker, 3> askers_;
+  std::vector<EverySchedule::Body> bodies_;
+};
+
+}  // namespace
+
+TEST_CASE("threads that ask for one path all get one answer, whatever their order") {
+  for (const int threads : {2, 3}) {
+    Scene scene("answers kept");
+    for (int i = 0; i < threads; ++i) scene.Ask();
+    scene.InEveryOrder([&] {
+      for (int i = 0; i < threads; ++i) {
+        REQUIRE(scene.Code(i) == 0);
+        REQUIRE(scene.IsReady(i));
+        REQUIRE(scene.HasOneAnswer(i));
+      }
+      const LRUCacheMetrics_s& counted = scene.cache->metrics;
+      REQUIRE(counted.Query == threads);
+      REQUIRE(counted.Miss == scene.calls);
+      REQUIRE(counted.numOfHelpFuncCalled == scene.calls);
+      REQUIRE(scene.cache->activeThreads == 0);
+      REQUIRE(scene.cache->PathsInOrder() == Paths{"/a"});
+    });
+    // Some waited for the others, and in another order all got in at once.
+    CHECK(scene.mostWaits == threads - 1);
+    CHECK(scene.mostCalls == threads);
+  }
+}
+
+TEST_CASE("threads whose answers are not kept all ask the host, whatever their order") {
+  for (const int threads : {2, 3}) {
+    Scene scene("answers not kept");
+    for (int i = 0; i < threads; ++i) scene.Ask("/a", 0);
+    scene.InEveryOrder([&] {
+      for (int i = 0; i < threads; ++i) {
+        REQUIRE(scene.Code(i) == 0);
+        REQUIRE(scene.IsReady(i));
+        REQUIRE(scene.HasOneAnswer(i));
+        REQUIRE(scene.CallsOf(i) == 1);
+      }
+      REQUIRE(scene.cache->metrics.numOfHelpFuncCalled == threads);
+      REQUIRE(scene.cache->activeThreads == 0);
+      REQUIRE(scene.cache->PathsInOrder().empty());
+    });
+    CHECK(scene.mostWaits == threads - 1);
+  }
+}
+
+TEST_CASE("a host that fails or throws holds nobody up, whatever the order of threads") {
+  for (const bool throws : {false, true}) {
+    CAPTURE(throws);
+    for (const int threads : {2, 3}) {
+      Scene scene(throws ? "the host throws" : "the host fails");
+      if (throws) {
+        scene.onHash = []() -> int { throw std::runtime_error("no disk"); };
+      } else {
+        scene.onHash = [] { return kFailed; };
+      }
+      for (int i = 0; i < threads; ++i) scene.Ask();
+      scene.InEveryOrder([&] {
+        for (int i = 0; i < threads; ++i) {
+          REQUIRE(scene.Code(i) == (throws ? kThrew : kFailed));
+          REQUIRE_FALSE(scene.IsReady(i));
+          REQUIRE(scene.CallsOf(i) == 1);
+        }
+        REQUIRE(scene.cache->metrics.numOfHelpFuncCalled == threads);
+        REQUIRE(scene.cache->activeThreads == 0);
+        REQUIRE(scene.cache->PathsInOrder().empty());
+      });
+      CHECK(scene.mostWaits == threads - 1);
+    }
+  }
+}
+
+TEST_CASE("threads that ask for another path are woken in vain and sleep on, whatever the order") {
+  Scene scene("two paths");
+  scene.Ask("/a");
+  scene.Ask("/b");
+  scene.Ask("/a");
+  scene.InEveryOrder([&] {
+    for (const size_t i : {0, 1, 2}) {
+      REQUIRE(scene.Code(i) == 0);
+      REQUIRE(scene.HasOneAnswer(i));
+    }
+    REQUIRE(scene.CallsOf(1) == 1);
+    REQUIRE(scene.cache->activeThreads == 0);
+    REQUIRE(scene.cache->CacheNodeList.size() == 2);
+  });
+  CHECK(scene.mostWaits == 1);
+}
+
+TEST_CASE("every thread leaves a cache that is stopped, whatever the order") {
+  for (const size_t askers : {1, 2}) {
+    Scene scene("stopped meanwhile");
+    for (size_t i = 0; i < askers; ++i) scene.Ask();
+    int code = -1;
+    int refused = 0;
+    scene.Meanwhile([&] { code = scene.cache->DeinitLRUCache(); });
+    scene.InEveryOrder([&] {
+      REQUIRE(code == 0);
+      for (size_t i = 0; i < askers; ++i) {
+        if (scene.Code(i) == ORVEX_CACHE_NOT_INITIALISED) {
+          ++refused;
+          REQUIRE_FALSE(scene.IsReady(i));
+        } else {
+          REQUIRE(scene.Code(i) == 0);
+          REQUIRE(scene.HasOneAnswer(i));
+        }
+      }
+      REQUIRE(scene.cache->activeThreads == 0);
+      REQUIRE_FALSE(scene.cache->IsInit());
+      REQUIRE_FALSE(scene.cache->calHashSet.active);
+      // It starts afresh; an answer that came too late for the stop is in it.
+      scene.cache->InitLRUCache();
+      REQUIRE(scene.cache->CacheNodeList.size() <= 1);
+      REQUIRE(scene.cache->Ask("/a") == 0);
+    });
+    CHECK(refused > 0);
+  }
+}
+
+TEST_CASE("nobody is left behind in a cache that is stopped and started, whatever the order") {
+  Scene scene("stopped and started meanwhile");
+  scene.Ask();
+  scene.Ask();
+  scene.Meanwhile([&] {
+    scene.cache->DeinitLRUCache();
+    scene.cache->InitLRUCache();
+  });
+  scene.InEveryOrder([&] {
+    for (const size_t i : {0, 1}) {
+      if (scene.Code(i) == ORVEX_CACHE_NOT_INITIALISED) continue;
+      REQUIRE(scene.Code(i) == 0);
+      REQUIRE(scene.HasOneAnswer(i));
+    }
+    REQUIRE(scene.cache->IsInit());
+    REQUIRE(scene.cache->Ask("/a") == 0);
+  });
+}
+
+TEST_CASE("a flush takes no answer from those that ask, whatever the order") {
+  for (const size_t askers : {1, 2}) {
+    Scene scene("flushed meanwhile");
+    for (size_t i = 0; i < askers; ++i) scene.Ask();
+    scene.Meanwhile([&] { scene.cache->FlushCache(); });
+    scene.InEveryOrder([&] {
+      for (size_t i = 0; i < askers; ++i) {
+        REQUIRE(scene.Code(i) == 0);
+        REQUIRE(scene.IsReady(i));
+        REQUIRE(scene.HasOneAnswer(i));
+      }
+      REQUIRE(scene.cache->metrics.numOfHelpFuncCalled == scene.calls);
+      REQUIRE(scene.cache->activeThreads == 0);
+      REQUIRE(scene.cache->CacheNodeList.size() <= 1);
+    });
+    CHECK(scene.mostCalls == static_cast<int>(askers));
+  }
+}
+
+TEST_CASE("a thread that asks the cache only neither waits nor calls, whatever the order") {
+  for (const size_t askers : {1, 2}) {
+    Scene scene("cache only meanwhile");
+    for (size_t i = 0; i < askers; ++i) scene.Ask();
+    scene.Ask("/a", INV_CACHE_ONLY);
+    int answered = 0;
+    int unanswered = 0;
+    scene.InEveryOrder([&] {
+      for (size_t i = 0; i < askers; ++i) {
+        REQUIRE(scene.Code(i) == 0);
+        REQUIRE(scene.HasOneAnswer(i));
+      }
+      REQUIRE(scene.Code(askers) == 0);
+      REQUIRE(scene.CallsOf(askers) == 0);
+      if (scene.IsReady(askers)) REQUIRE(scene.HasOneAnswer(askers));
+      ++(scene.IsReady(askers) ? answered : unanswered);
+      REQUIRE(scene.cache->metrics.numOfHelpFuncCalled == scene.calls);
+      REQUIRE(scene.cache->activeThreads == 0);
+    });
+    CHECK(scene.mostWaits == static_cast<int>(askers) - 1);
+    CHECK(answered > 0);
+    CHECK(unanswered > 0);
+  }
+}
+
+TEST_CASE("every thread leaves an engine that is stopped, whatever the order") {
+  ORVEX_LOG_BASE::LogEnable = false;
+  for (const size_t askers : {1, 2}) {
+    metadata_query_fptrs_s callbacks = Host::Callbacks();
+    Host host;
+    std::array<int, 2> codes{};
+    std::vector<EverySchedule::Body> bodies;
+    for (size_t i = 0; i < askers; ++i) {
+      bodies.emplace_back([&host, &code = codes[i]] {
+        metadata_input_s in = InputFor("/a");
+        Answer out;
+        code = orvex_query(&in, &out, &host);
+      });
+    }
+    int stopped = -1;
+    bodies.emplace_back([&stopped] { stopped = orvex_deinit(); });
+    const int preemptions = Preemptions(bodies.size());
+    EverySchedule schedules(preemptions, bodies);
+    orvex_init(&callbacks);
+    while (schedules.RunNext()) {
+      INFO(schedules.Description());
+      REQUIRE(stopped == 0);
+      for (size_t i = 0; i < askers; ++i) {
+        CAPTURE(codes[i]);
+        REQUIRE((codes[i] == 0 || codes[i] == ORVEX_CACHE_NOT_INITIALISED ||
+                 codes[i] == ORVEX_NOT_INITIALISED));
+      }
+      REQUIRE(orvex_get_status() == ORVEX_NOT_INITIALISED);
+      // An answer that came too late for the stop would shorten the next schedule.
+      orvex_flush_cache(ORVEX_HASH_CACHE);
+      REQUIRE(orvex_init(&callbacks) == 0);
+    }
+    orvex_deinit();
+    std::printf(
+        "engine stopped meanwhile: %ld schedules of %zu threads, each with up to %d "
+        "preemptions\n",
+        schedules.Count(), bodies.size(), preemptions);
+  }
+}
