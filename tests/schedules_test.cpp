@@ -4,11 +4,15 @@
 // Three threads with three preemptions take a while: ORVEX_DEEP=1 asks for that.
 #include <doctest/doctest.h>
 
+#include <algorithm>
 #include <array>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <initializer_list>
+#include <mutex>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -54,6 +58,7 @@ class Scene {
       } catch (const std::runtime_error&) {
         asker.code = kThrew;
       }
+      if (afterAsking) afterAsking();
     });
   }
   // A thread that does something else.
@@ -91,6 +96,9 @@ class Scene {
   std::optional<OpenHashCache> cache;
   // What the host does; its answer is stamped with the number of the call.
   std::function<int()> onHash = [] { return 0; };
+  // What is done before each schedule, and by each asker at its end.
+  std::function<void()> beforehand;
+  std::function<void()> afterAsking;
   int calls = 0;
   // Over all schedules so far: to see that they differ.
   int mostCalls = 0;
@@ -104,6 +112,7 @@ class Scene {
   };
 
   void Begin() {
+    if (beforehand) beforehand();
     calls = 0;
     for (Asker& asker : askers_) {
       asker.code = asker.calls = 0;
@@ -152,6 +161,8 @@ TEST_CASE("threads that ask for one path all get one answer, whatever their orde
       REQUIRE(counted.Query == threads);
       REQUIRE(counted.Miss == scene.calls);
       REQUIRE(counted.numOfHelpFuncCalled == scene.calls);
+      // Who waited found the answer.
+      REQUIRE(counted.numOfWaitInHashCalculation + scene.calls <= threads);
       REQUIRE(scene.cache->activeThreads == 0);
       REQUIRE(scene.cache->PathsInOrder() == Paths{"/a"});
     });
@@ -217,6 +228,7 @@ TEST_CASE("threads that ask for another path are woken in vain and sleep on, wha
       REQUIRE(scene.HasOneAnswer(i));
     }
     REQUIRE(scene.CallsOf(1) == 1);
+    REQUIRE(scene.cache->metrics.numOfWaitInHashCalculation + scene.calls <= 3);
     REQUIRE(scene.cache->activeThreads == 0);
     REQUIRE(scene.cache->CacheNodeList.size() == 2);
   });
@@ -251,6 +263,45 @@ TEST_CASE("every thread leaves a cache that is stopped, whatever the order") {
     });
     CHECK(refused > 0);
   }
+}
+
+TEST_CASE("sleepers leave a cache that is stopped, however long the host takes") {
+  Scene scene("stopped while the host is busy");
+  std::mutex lock;
+  std::condition_variable changed;
+  int others = 0;  // The stop, and the other thread once it has left or calculates too.
+  const auto another = [&] {
+    const std::lock_guard guard(lock);
+    ++others;
+    changed.notify_all();
+  };
+  scene.onHash = [&] {
+    if (scene.calls > 1) {
+      another();
+      return 0;
+    }
+    std::unique_lock guard(lock);
+    changed.wait(guard, [&] { return others >= 2; });
+    return 0;
+  };
+  int refused = 0;
+  scene.Ask();
+  scene.Ask();
+  scene.Meanwhile([&] {
+    scene.cache->DeinitLRUCache();
+    another();
+  });
+  scene.afterAsking = another;
+  scene.beforehand = [&] { others = 0; };
+  scene.InEveryOrder([&] {
+    for (const size_t i : {0, 1}) {
+      if (scene.Code(i) == 0) continue;
+      REQUIRE(scene.Code(i) == ORVEX_CACHE_NOT_INITIALISED);
+      ++refused;
+    }
+    REQUIRE(scene.cache->activeThreads == 0);
+  });
+  CHECK(refused > 0);
 }
 
 TEST_CASE("nobody is left behind in a cache that is stopped and started, whatever the order") {
