@@ -148,71 +148,71 @@ class Scene {
 }  // namespace
 
 TEST_CASE("threads that ask for one path all get one answer, whatever their order") {
-  for (const int threads : {2, 3}) {
+  for (const size_t threads : {2u, 3u}) {
     Scene scene("answers kept");
-    for (int i = 0; i < threads; ++i) scene.Ask();
+    for (size_t i = 0; i < threads; ++i) scene.Ask();
     scene.InEveryOrder([&] {
-      for (int i = 0; i < threads; ++i) {
+      for (size_t i = 0; i < threads; ++i) {
         REQUIRE(scene.Code(i) == 0);
         REQUIRE(scene.IsReady(i));
         REQUIRE(scene.HasOneAnswer(i));
       }
       const LRUCacheMetrics_s& counted = scene.cache->metrics;
-      REQUIRE(counted.Query == threads);
+      REQUIRE(counted.Query == static_cast<int>(threads));
       REQUIRE(counted.Miss == scene.calls);
       REQUIRE(counted.numOfHelpFuncCalled == scene.calls);
       // Who waited found the answer.
-      REQUIRE(counted.numOfWaitInHashCalculation + scene.calls <= threads);
+      REQUIRE(counted.numOfWaitInHashCalculation + scene.calls <= static_cast<int>(threads));
       REQUIRE(scene.cache->activeThreads == 0);
       REQUIRE(scene.cache->PathsInOrder() == Paths{"/a"});
     });
     // Some waited for the others, and in another order all got in at once.
-    CHECK(scene.mostWaits == threads - 1);
-    CHECK(scene.mostCalls == threads);
+    CHECK(scene.mostWaits == static_cast<int>(threads) - 1);
+    CHECK(scene.mostCalls == static_cast<int>(threads));
   }
 }
 
 TEST_CASE("threads whose answers are not kept all ask the host, whatever their order") {
-  for (const int threads : {2, 3}) {
+  for (const size_t threads : {2u, 3u}) {
     Scene scene("answers not kept");
-    for (int i = 0; i < threads; ++i) scene.Ask("/a", 0);
+    for (size_t i = 0; i < threads; ++i) scene.Ask("/a", 0);
     scene.InEveryOrder([&] {
-      for (int i = 0; i < threads; ++i) {
+      for (size_t i = 0; i < threads; ++i) {
         REQUIRE(scene.Code(i) == 0);
         REQUIRE(scene.IsReady(i));
         REQUIRE(scene.HasOneAnswer(i));
         REQUIRE(scene.CallsOf(i) == 1);
       }
-      REQUIRE(scene.cache->metrics.numOfHelpFuncCalled == threads);
+      REQUIRE(scene.cache->metrics.numOfHelpFuncCalled == static_cast<int>(threads));
       REQUIRE(scene.cache->activeThreads == 0);
       REQUIRE(scene.cache->PathsInOrder().empty());
     });
-    CHECK(scene.mostWaits == threads - 1);
+    CHECK(scene.mostWaits == static_cast<int>(threads) - 1);
   }
 }
 
 TEST_CASE("a host that fails or throws holds nobody up, whatever the order of threads") {
   for (const bool throws : {false, true}) {
     CAPTURE(throws);
-    for (const int threads : {2, 3}) {
+    for (const size_t threads : {2u, 3u}) {
       Scene scene(throws ? "the host throws" : "the host fails");
       if (throws) {
         scene.onHash = []() -> int { throw std::runtime_error("no disk"); };
       } else {
         scene.onHash = [] { return kFailed; };
       }
-      for (int i = 0; i < threads; ++i) scene.Ask();
+      for (size_t i = 0; i < threads; ++i) scene.Ask();
       scene.InEveryOrder([&] {
-        for (int i = 0; i < threads; ++i) {
+        for (size_t i = 0; i < threads; ++i) {
           REQUIRE(scene.Code(i) == (throws ? kThrew : kFailed));
           REQUIRE_FALSE(scene.IsReady(i));
           REQUIRE(scene.CallsOf(i) == 1);
         }
-        REQUIRE(scene.cache->metrics.numOfHelpFuncCalled == threads);
+        REQUIRE(scene.cache->metrics.numOfHelpFuncCalled == static_cast<int>(threads));
         REQUIRE(scene.cache->activeThreads == 0);
         REQUIRE(scene.cache->PathsInOrder().empty());
       });
-      CHECK(scene.mostWaits == threads - 1);
+      CHECK(scene.mostWaits == static_cast<int>(threads) - 1);
     }
   }
 }
@@ -223,7 +223,7 @@ TEST_CASE("threads that ask for another path are woken in vain and sleep on, wha
   scene.Ask("/b");
   scene.Ask("/a");
   scene.InEveryOrder([&] {
-    for (const size_t i : {0, 1, 2}) {
+    for (const size_t i : {0u, 1u, 2u}) {
       REQUIRE(scene.Code(i) == 0);
       REQUIRE(scene.HasOneAnswer(i));
     }
@@ -236,7 +236,7 @@ TEST_CASE("threads that ask for another path are woken in vain and sleep on, wha
 }
 
 TEST_CASE("every thread leaves a cache that is stopped, whatever the order") {
-  for (const size_t askers : {1, 2}) {
+  for (const size_t askers : {1u, 2u}) {
     Scene scene("stopped meanwhile");
     for (size_t i = 0; i < askers; ++i) scene.Ask();
     int code = -1;
@@ -294,7 +294,7 @@ TEST_CASE("sleepers leave a cache that is stopped, however long the host takes")
   scene.afterAsking = another;
   scene.beforehand = [&] { others = 0; };
   scene.InEveryOrder([&] {
-    for (const size_t i : {0, 1}) {
+    for (const size_t i : {0u, 1u}) {
       if (scene.Code(i) == 0) continue;
       REQUIRE(scene.Code(i) == ORVEX_CACHE_NOT_INITIALISED);
       ++refused;
@@ -313,7 +313,7 @@ TEST_CASE("nobody is left behind in a cache that is stopped and started, whateve
     scene.cache->InitLRUCache();
   });
   scene.InEveryOrder([&] {
-    for (const size_t i : {0, 1}) {
+    for (const size_t i : {0u, 1u}) {
       if (scene.Code(i) == ORVEX_CACHE_NOT_INITIALISED) continue;
       REQUIRE(scene.Code(i) == 0);
       REQUIRE(scene.HasOneAnswer(i));
@@ -324,7 +324,7 @@ TEST_CASE("nobody is left behind in a cache that is stopped and started, whateve
 }
 
 TEST_CASE("a flush takes no answer from those that ask, whatever the order") {
-  for (const size_t askers : {1, 2}) {
+  for (const size_t askers : {1u, 2u}) {
     Scene scene("flushed meanwhile");
     for (size_t i = 0; i < askers; ++i) scene.Ask();
     scene.Meanwhile([&] { scene.cache->FlushCache(); });
@@ -343,7 +343,7 @@ TEST_CASE("a flush takes no answer from those that ask, whatever the order") {
 }
 
 TEST_CASE("a thread that asks the cache only neither waits nor calls, whatever the order") {
-  for (const size_t askers : {1, 2}) {
+  for (const size_t askers : {1u, 2u}) {
     Scene scene("cache only meanwhile");
     for (size_t i = 0; i < askers; ++i) scene.Ask();
     scene.Ask("/a", INV_CACHE_ONLY);
@@ -369,7 +369,7 @@ TEST_CASE("a thread that asks the cache only neither waits nor calls, whatever t
 
 TEST_CASE("every thread leaves an engine that is stopped, whatever the order") {
   ORVEX_LOG_BASE::LogEnable = false;
-  for (const size_t askers : {1, 2}) {
+  for (const size_t askers : {1u, 2u}) {
     metadata_query_fptrs_s callbacks = Host::Callbacks();
     Host host;
     std::array<int, 2> codes{};
