@@ -1,0 +1,31 @@
+// The engine itself, through its exported functions only.
+#pragma once
+
+#include <stdexcept>
+
+#include "host.h"
+#include "orvexeng.h"
+
+namespace bench {
+
+// One at a time: there is one engine in a process.
+class Engine {
+ public:
+  static constexpr const char* kName = "engine";
+  static constexpr bool kExact = true;
+
+  explicit Engine(size_t capacity) {
+    // A host that keeps its messages would pay for writing them, too.
+    orvex_register_log_cb(
+        [](unsigned int, unsigned int, const char*, const char*, const char*, unsigned int) {});
+    if (orvex_init(&hostCallbacks) != 0) throw std::runtime_error("bench: orvex_init");
+    orvex_set_cache_capacity(ORVEX_HASH_CACHE, static_cast<int>(capacity));
+  }
+  ~Engine() { orvex_deinit(); }
+  Engine(const Engine&) = delete;
+  Engine& operator=(const Engine&) = delete;
+
+  void Query(metadata_input_s& in, metadata_output_s& out) { orvex_query(&in, &out, nullptr); }
+};
+
+}  // namespace bench
