@@ -1,0 +1,15 @@
+// Times the engine and its peers. Takes Google Benchmark's options.
+#include <benchmark/benchmark.h>
+
+#include "loops.h"
+
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
+  bench::AllFiles();
+  bench::AddHits();
+  bench::AddInsertions();
+  bench::AddColdPath();
+  bench::AddEngineQueries();
+  benchmark::RunSpecifiedBenchmarks();
+}
