@@ -24,10 +24,11 @@ namespace {
 template <class Operation>
 void Count(const std::string& contender, const char* name, const Operation& operation) {
   constexpr size_t kTimes = 1000;
+  const std::string profile = contender + '/' + name;
   const Allocations before = AllocationsOfThisThread();
   CALLGRIND_ZERO_STATS;
   for (size_t i = 0; i < kTimes; ++i) operation(i);
-  CALLGRIND_DUMP_STATS_AT((contender + '/' + name).c_str());
+  CALLGRIND_DUMP_STATS_AT(profile.c_str());
   const Allocations used = AllocationsOfThisThread() - before;
   std::printf("%s %s %zu %zu %zu -\n", contender.c_str(), name, kTimes, used.made, used.freed);
 }

@@ -10,7 +10,8 @@ template <class C>
 void StartFull(const benchmark::State&) {
   running<C> = std::make_unique<C>(kFiles);
   metadata_output_s out{};
-  for (size_t file = 0; file < kFiles; ++file) {
+  // From the last to the first, so that those asked for below are the most recent.
+  for (size_t file = kFiles; file-- > 0;) {
     out.queryFlags = 0;
     running<C>->Query(AllFiles()[file], out);
   }
