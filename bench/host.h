@@ -20,6 +20,8 @@ extern metadata_query_fptrs_s hostCallbacks;
 
 // How often AnswerHash was called. Relaxed: read when all threads have gone.
 extern std::atomic<int> hashCalls;
+// ... and by this thread.
+extern thread_local int hashCallsHere;
 // How long AnswerHash takes. Changed only while no thread queries.
 extern std::chrono::milliseconds hashTakes;
 
