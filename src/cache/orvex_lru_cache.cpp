@@ -24,7 +24,7 @@ int LRUCache::InitLRUCache() {
     calHashSet.active = true;
   }
   const ORVEX_ScopeLock guard(&lock);
-  active = true;
+  ORVEX_StoreRelaxed(active, true);
   ORVEX_StoreRelaxed(activeThreads, 0);
   return ORVEX_OK;
 }
@@ -33,7 +33,7 @@ int LRUCache::DeinitLRUCache() {
   {
     const ORVEX_ScopeLock guard(&lock);
     ZeroMetrics();
-    active = false;
+    ORVEX_StoreRelaxed(active, false);
   }
   {
     const ORVEX_ScopeLock guard(&calHashSet.condLock);

@@ -64,7 +64,7 @@ int LRUCache::Query(metadata_input_s* metaIn, metadata_output_s* metaOut, void* 
   const ORVEX_ScopeRefCnt inFlight(&activeThreads);
   const ORVEX_Profiling profiling("LRUCache::Query");
   // Before the records: a stopped cache answers 8 whatever it is handed.
-  if (!IsInit()) return ORVEX_CACHE_NOT_INITIALISED;
+  if (!IsActive()) return ORVEX_CACHE_NOT_INITIALISED;
   if (metaIn == nullptr || metaOut == nullptr) return ORVEX_INVALID_PARAMETER;
 
   std::string path;
@@ -78,7 +78,7 @@ int LRUCache::Query(metadata_input_s* metaIn, metadata_output_s* metaOut, void* 
   const bool cacheOnly = (metaIn->invOperation & INV_CACHE_ONLY) != 0;
   if (!cacheOnly) {
     WaitUntilFree(path);
-    if (!IsInit()) {
+    if (!IsActive()) {
       ORVEX_LOG_MESSAGE(ORVEX_LOG_WARNING, kLRUCacheSourceFile,
                         "[CalHashSet] File hash is skipped due to inactive state: %s",
                         path.c_str());

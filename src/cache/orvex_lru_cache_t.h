@@ -11,6 +11,7 @@
 #include "cache/orvex_lru_cache_text.h"
 #include "orvexeng.h"
 #include "support/orvex_annotations.h"
+#include "support/orvex_atomic.h"
 #include "support/orvex_local.h"
 #include "support/orvex_lock.h"
 #include "support/orvex_log.h"
@@ -42,9 +43,9 @@ enum LRU_LOOKUP : int {
 // Ownership: owns its nodes until they are evicted or flushed. Destruction does
 // not delete them: a cache is flushed before its process ends.
 // Threads: any number at once.
-// Locking: lock guards everything but the counters, which are atomics. It is
-// never held while the host computes. Operations that say so expect it held,
-// all others take it themselves.
+// Locking: lock guards everything but the counters and the active flag, which are
+// atomics. It is never held while the host computes. Operations that say so expect
+// it held, all others take it themselves.
 // Invariant: every node is in the list once. An entry of the map designates the
 // list position of a node whose mapEntry designates the entry. Only keys of
 // different masks can leave a node without an entry of its own: insertion then
@@ -94,6 +95,9 @@ class ORVEX_API LRUCacheT {
  protected:
   ~LRUCacheT() = default;
 
+  // IsInit without the lock, for the way of every query: an answer either way is
+  // right for a call that meets a start or a stop.
+  ORVEX_LOCAL bool IsActive() const { return ORVEX_LoadRelaxed(active); }
   // The node under an equivalent key, or null.
   template <typename AnyKey>
   ORVEX_LOCAL Node* Find(const AnyKey& key) const ORVEX_REQUIRES(lock);
@@ -111,8 +115,9 @@ class ORVEX_API LRUCacheT {
   std::list<Node*> CacheNodeList ORVEX_GUARDED_BY(lock);
   LRUCacheMap<Key, Node> CacheMap ORVEX_GUARDED_BY(lock);
   mutable ORVEX_PThread_Lock lock;
-  // From InitLRUCache to DeinitLRUCache.
-  bool active ORVEX_GUARDED_BY(lock) = false;
+  // From InitLRUCache to DeinitLRUCache. Written under the lock; an atomic, so that
+  // a query need not take the lock to read it.
+  bool active = false;
   // In nodes. What is beyond it goes in LRUCacheNodeWipe.
   unsigned int capacity ORVEX_GUARDED_BY(lock) = ORVEX_MAX_CAPACITY;
   // Null until registered; survives flush and stop.
@@ -127,7 +132,7 @@ LRUCacheT<Key, Node, Metrics>::LRUCacheT() = default;
 template <typename Key, typename Node, typename Metrics>
 int LRUCacheT<Key, Node, Metrics>::InitLRUCache() {
   const ORVEX_ScopeLock guard(&lock);
-  active = true;
+  ORVEX_StoreRelaxed(active, true);
   return ORVEX_OK;
 }
 
@@ -135,7 +140,7 @@ template <typename Key, typename Node, typename Metrics>
 int LRUCacheT<Key, Node, Metrics>::DeinitLRUCache() {
   {
     const ORVEX_ScopeLock guard(&lock);
-    active = false;
+    ORVEX_StoreRelaxed(active, false);
   }
   FlushCache();
   ResetMetrics();
@@ -234,7 +239,7 @@ void LRUCacheT<Key, Node, Metrics>::DumpCacheNodeList() const {
 template <typename Key, typename Node, typename Metrics>
 bool LRUCacheT<Key, Node, Metrics>::IsInit() const {
   const ORVEX_ScopeLock guard(&lock);
-  return active;
+  return IsActive();
 }
 
 template <typename Key, typename Node, typename Metrics>
