@@ -1,8 +1,21 @@
 // The identity of a file in both caches.
 #include "cache/orvex_lru_cache_key.h"
 
+#include <functional>
+
 #include "cache/orvex_lru_cache_text.h"
 #include "support/orvex_log.h"
+
+namespace {
+
+// Multiplicative hashing (Knuth, The Art of Computer Programming, volume 3, 6.4) by
+// the golden ratio, its high half folded back into the low one.
+uint64_t Mix(uint64_t hash, uint64_t number) {
+  hash = (hash ^ number) * UINT64_C(0x9E3779B97F4A7C15);
+  return hash ^ (hash >> 32);
+}
+
+}  // namespace
 
 LRUCacheKey::LRUCacheKey() = default;
 
@@ -60,6 +73,29 @@ LRUCacheKeyView::LRUCacheKeyView(const LRUCacheKey& key)
       mtime(key.mtime),
       deviceID(key.deviceID),
       fileID(key.fileID) {}
+
+bool LRUCacheKeyView::Equals(const LRUCacheKeyView& other) const {
+  const auto differs = [this](uint32_t field, uint64_t left, uint64_t right) {
+    return (flags & field) != 0 && left != right;
+  };
+  return !differs(KEY_FILE_ID, fileID, other.fileID) && !differs(KEY_SIZE, size, other.size) &&
+         !differs(KEY_MTIME, mtime, other.mtime) &&
+         !differs(KEY_DEVICE_ID, deviceID, other.deviceID) &&
+         ((flags & KEY_PATH) == 0 || path == other.path);
+}
+
+uint32_t LRUCacheKeyView::Hash(bool alsoPath) const {
+  uint64_t hash = 0;
+  if ((flags & KEY_SIZE) != 0) hash = Mix(hash, size);
+  if ((flags & KEY_MTIME) != 0) hash = Mix(hash, mtime);
+  if ((flags & KEY_DEVICE_ID) != 0) hash = Mix(hash, deviceID);
+  if ((flags & KEY_FILE_ID) != 0) hash = Mix(hash, fileID);
+  const bool numbersSuffice = !alsoPath && (flags & KEY_FILE_ID) != 0 && fileID != 0;
+  if (!numbersSuffice && (flags & KEY_PATH) != 0) {
+    hash = Mix(hash, std::hash<std::string_view>()(path));
+  }
+  return static_cast<uint32_t>(hash);
+}
 
 bool operator<(const LRUCacheKeyView& left, const LRUCacheKeyView& right) {
   if ((left.flags & KEY_PATH) != 0) {

@@ -7,6 +7,7 @@
 #include <list>
 #include <memory>
 
+#include "cache/orvex_lru_cache_index.h"
 #include "cache/orvex_lru_cache_map.h"
 #include "cache/orvex_lru_cache_text.h"
 #include "orvexeng.h"
@@ -124,6 +125,10 @@ class ORVEX_API LRUCacheT {
   orvex_query_cb queryCallback ORVEX_GUARDED_BY(lock) = nullptr;
   // Atomics: counted without the lock by some, zeroed under it.
   mutable Metrics metrics{};
+
+ private:
+  // Of the nodes that have an entry of their own.
+  LRUCacheIndex<Key, Node> index_ ORVEX_GUARDED_BY(lock);
 };
 
 template <typename Key, typename Node, typename Metrics>
@@ -188,11 +193,13 @@ void LRUCacheT<Key, Node, Metrics>::LRUCacheNodeUpdate(Key& key, Node* node,
     ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile, "Cache node updated: path=%s",
                       node->path.c_str());
   } else if (operation == LRU_INSERT) {
-    // A list of its own first, so that both allocations are made before the cache
+    // A list of its own first, so that all allocations are made before the cache
     // changes.
     std::list<Node*> element(1, node);
+    index_.MakeRoom();
     node->mapEntry = CacheMap.try_emplace(CacheMap.begin(), key, element.begin());
     CacheNodeList.splice(CacheNodeList.begin(), element);
+    if (*node->mapEntry->second == node) index_.Add(node);
     ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile, "Insert new cache node: path=%s",
                       node->path.c_str());
   }
@@ -201,6 +208,7 @@ void LRUCacheT<Key, Node, Metrics>::LRUCacheNodeUpdate(Key& key, Node* node,
 template <typename Key, typename Node, typename Metrics>
 int LRUCacheT<Key, Node, Metrics>::FlushCache() {
   const ORVEX_ScopeLock guard(&lock);
+  index_.Clear();
   CacheMap.clear();
   for (const Node* node : CacheNodeList) delete node;
   CacheNodeList.clear();
@@ -267,6 +275,7 @@ void LRUCacheT<Key, Node, Metrics>::RegisterMetaQueryCallback(orvex_query_cb cal
 template <typename Key, typename Node, typename Metrics>
 template <typename AnyKey>
 Node* LRUCacheT<Key, Node, Metrics>::Find(const AnyKey& key) const {
+  if (index_.Answers(key)) return index_.Find(key);
   const auto entry = CacheMap.find(key);
   return entry != CacheMap.end() ? *entry->second : nullptr;
 }
@@ -295,6 +304,7 @@ void LRUCacheT<Key, Node, Metrics>::EvictOldest() {
   const std::unique_ptr<const Node> oldest(CacheNodeList.back());
   const auto entry = oldest->mapEntry;
   if (entry != CacheMap.end()) {
+    index_.Remove(*entry->second);
     // Some node has no entry of its own. Those that shared this one have none
     // from now on.
     if (CacheNodeList.size() != CacheMap.size()) {
