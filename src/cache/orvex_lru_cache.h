@@ -1,8 +1,6 @@
 // The cache of digests, signers and other per-file metadata.
 #pragma once
 
-#include <string>
-
 #include "cache/orvex_lru_cache_key.h"
 #include "cache/orvex_lru_cache_node.h"
 #include "cache/orvex_lru_cache_t.h"
@@ -75,9 +73,9 @@ class ORVEX_API LRUCache : public LRUCacheT<LRUCacheKey, LRUCacheNode, LRUCacheM
 
  private:
   // Sleeps while another thread calculates the path, and counts that.
-  ORVEX_LOCAL void WaitUntilFree(const std::string& path);
-  ORVEX_LOCAL int Calculate(const std::string& path, metadata_input_s* metaIn,
-                            metadata_output_s* metaOut, void* ctx) ORVEX_EXCLUDES(lock);
+  ORVEX_LOCAL int WaitUntilFree(const char* pathOfCaller);
+  ORVEX_LOCAL int Calculate(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx)
+      ORVEX_EXCLUDES(lock);
 };
 
 extern template class LRUCacheT<LRUCacheKey, LRUCacheNode, LRUCacheMetrics_s>;

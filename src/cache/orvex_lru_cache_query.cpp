@@ -14,15 +14,29 @@ namespace {
 // Every message below belongs to the query.
 constexpr char kFunction[] = "Query";
 
+// Throws std::logic_error.
+int RefuseMissingPath() {
+  try {
+    throw std::logic_error("a hash query needs a path");
+  } catch (const std::bad_alloc&) {
+    // Thrown while its message was copied.
+    return ORVEX_NO_MEMORY;
+  }
+}
+
 // Whether the path was free and is now marked. Throws std::bad_alloc.
 bool MarkAsCalculating(ORVEX_Set& set, const std::string& path) {
   const ORVEX_ScopeLock guard(&set.condLock);
-  return set.active && set.paths.insert(path).second;
+  if (!set.active || !set.paths.insert(path).second) return false;
+  set.TellSize();
+  return true;
 }
 
 bool Unmark(ORVEX_Set& set, const std::string& path) {
   const ORVEX_ScopeLock guard(&set.condLock);
-  return set.active && set.paths.erase(path) != 0;
+  if (!set.active || set.paths.erase(path) == 0) return false;
+  set.TellSize();
+  return true;
 }
 
 // Frees a path and wakes those that wait for it, whichever way the host's
@@ -67,26 +81,22 @@ int LRUCache::Query(metadata_input_s* metaIn, metadata_output_s* metaOut, void* 
   if (!IsActive()) return ORVEX_CACHE_NOT_INITIALISED;
   if (metaIn == nullptr || metaOut == nullptr) return ORVEX_INVALID_PARAMETER;
 
-  std::string path;
-  try {
-    if (metaIn->path == nullptr) throw std::logic_error("a hash query needs a path");
-    path = metaIn->path;
-  } catch (const std::bad_alloc&) {
-    return ORVEX_NO_MEMORY;
-  }
+  if (metaIn->path == nullptr) return RefuseMissingPath();
 
   const bool cacheOnly = (metaIn->invOperation & INV_CACHE_ONLY) != 0;
   if (!cacheOnly) {
-    WaitUntilFree(path);
+    if (calHashSet.MayHoldPaths()) {
+      if (const int code = WaitUntilFree(metaIn->path); code != ORVEX_OK) return code;
+    }
     if (!IsActive()) {
       ORVEX_LOG_MESSAGE(ORVEX_LOG_WARNING, kLRUCacheSourceFile,
                         "[CalHashSet] File hash is skipped due to inactive state: %s",
-                        path.c_str());
+                        metaIn->path);
       return ORVEX_CACHE_NOT_INITIALISED;
     }
   }
   ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile, "Free to calculate file hash: %s",
-                    path.c_str());
+                    metaIn->path);
 
   switch (QueryLRUCache(metaIn, metaOut)) {
     case LRU_HIT:
@@ -103,13 +113,20 @@ int LRUCache::Query(metadata_input_s* metaIn, metadata_output_s* metaOut, void* 
   if (cacheOnly) return ORVEX_OK;
   if (!IsInit()) {
     ORVEX_LOG_MESSAGE(ORVEX_LOG_WARNING, kLRUCacheSourceFile,
-                      "File hash calculation is skipped due to inactive state: %s", path.c_str());
+                      "File hash calculation is skipped due to inactive state: %s", metaIn->path);
     return ORVEX_CACHE_NOT_INITIALISED;
   }
-  return Calculate(path, metaIn, metaOut, ctx);
+  return Calculate(metaIn, metaOut, ctx);
 }
 
-void LRUCache::WaitUntilFree(const std::string& path) {
+int LRUCache::WaitUntilFree(const char* pathOfCaller) {
+  // A copy: the caller's text may go away while this thread sleeps.
+  std::string path;
+  try {
+    path = pathOfCaller;
+  } catch (const std::bad_alloc&) {
+    return ORVEX_NO_MEMORY;
+  }
   ORVEX_Set::PathInSet pathInSet(&calHashSet, &path);
   auto* const pathArg = const_cast<std::string*>(&path);  // Only read; void* has no const.
   CondWaitCallbacks_t callbacks{ORVEX_Set::PredicateFunc,
@@ -121,12 +138,15 @@ void LRUCache::WaitUntilFree(const std::string& path) {
   bool waited = false;
   calHashSet.condLock.Wait(waited, callbacks);
   if (waited) ORVEX_atomic_increment_64(&metrics.numOfWaitInHashCalculation);
+  return ORVEX_OK;
 }
 
-int LRUCache::Calculate(const std::string& path, metadata_input_s* metaIn,
-                        metadata_output_s* metaOut, void* ctx) {
+int LRUCache::Calculate(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx) {
+  // A copy: the host may change its record meanwhile.
+  std::string path;
   bool marked = false;
   try {
+    path = metaIn->path;
     marked = MarkAsCalculating(calHashSet, path);
   } catch (const std::exception&) {
     return ORVEX_NO_MEMORY;

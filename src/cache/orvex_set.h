@@ -1,6 +1,7 @@
 // The paths whose hash metadata is being calculated right now.
 #pragma once
 
+#include <cstddef>
 #include <functional>
 #include <set>
 #include <string>
@@ -8,6 +9,8 @@
 
 #include "orvexeng.h"
 #include "support/orvex_annotations.h"
+#include "support/orvex_atomic.h"
+#include "support/orvex_local.h"
 #include "support/orvex_lock.h"
 
 // Lets one thread calculate a path while the others that want it wait.
@@ -38,7 +41,19 @@ class ORVEX_API ORVEX_Set {
   static void PreWaitLogFunc(void* arg);
   static void PostWaitLogFunc(void* arg);
 
+  // False once no path is in the set: then nobody needs the lock to find his own
+  // path missing. A path comes in before its callback runs, and what a callback
+  // brought is in the cache before its path leaves.
+  ORVEX_LOCAL bool MayHoldPaths() const { return ORVEX_LoadAcquire(pathCount_) != 0; }
+  // After each change of paths.
+  ORVEX_LOCAL void TellSize() ORVEX_REQUIRES(condLock) {
+    ORVEX_StoreRelease(pathCount_, paths.size());
+  }
+
   bool active ORVEX_GUARDED_BY(condLock) = false;  // as long as the cache is
   std::set<std::string> paths ORVEX_GUARDED_BY(condLock);
   ORVEX_PThread_CondLock condLock;
+
+ private:
+  size_t pathCount_ = 0;
 };

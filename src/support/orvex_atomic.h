@@ -35,6 +35,19 @@ void ORVEX_StoreRelaxed(T volatile& cell, T value) {
   __atomic_store(&cell, &value, __ATOMIC_RELAXED);
 }
 
+// The same where the value read also tells that what its writer did before is done.
+template <typename T>
+T ORVEX_LoadAcquire(const T& cell) {
+  T value;
+  __atomic_load(&cell, &value, __ATOMIC_ACQUIRE);
+  return value;
+}
+
+template <typename T>
+void ORVEX_StoreRelease(T volatile& cell, T value) {
+  __atomic_store(&cell, &value, __ATOMIC_RELEASE);
+}
+
 // A counter whose alignment the compiler knows: without it clang has no untorn
 // store for it on 32-bit x86. An alias declaration would lose the attribute there.
 typedef long long ORVEX_AlignedCounter __attribute__((aligned(8)));
