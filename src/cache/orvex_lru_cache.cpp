@@ -13,6 +13,11 @@
 template class LRUCacheT<LRUCacheKey, LRUCacheNode, LRUCacheMetrics_s>;
 template class ORVEX_Singleton<LRUCache>;
 
+namespace {
+// What the messages of a lookup carry.
+constexpr char kLookupFunction[] = "QueryLRUCache";
+}  // namespace
+
 LRUCache::LRUCache() { LRUCache::ResetMetrics(); }
 
 LRUCache::~LRUCache() = default;
@@ -117,33 +122,40 @@ void LRUCache::LRUCacheNodeUpdate(LRUCacheKey& key, LRUCacheNode* node, LRU_OPER
 int LRUCache::QueryLRUCache(metadata_input_s* metaIn, metadata_output_s* metaOut) {
   const ORVEX_Profiling profiling("LRUCache::QueryLRUCache");
   const ORVEX_ScopeLock guard(&lock);
+  const LRU_LOOKUP lookup = LookUp(*metaIn, *metaOut);
+  // Here and not where it was found out: a locked addition lets no later read of
+  // memory begin before it is done, and the lookup waits for memory most.
   ORVEX_atomic_increment_64(&metrics.Query);
-  LRUCacheNode* const node = Find(LRUCacheKeyView(*metaIn));
+  ORVEX_atomic_increment_64(lookup == LRU_HIT           ? &metrics.Hit
+                            : lookup == LRU_MISS        ? &metrics.Miss
+                            : lookup == LRU_PARTIAL_HIT ? &metrics.PartialHit
+                                                        : &metrics.OutOfDate);
+  return lookup;
+}
+
+LRU_LOOKUP LRUCache::LookUp(const metadata_input_s& in, metadata_output_s& out) {
+  LRUCacheNode* const node = Find(LRUCacheKeyView(in));
   if (node == nullptr) {
-    ORVEX_atomic_increment_64(&metrics.Miss);
-    ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile, "Cache query: cache miss, %s",
-                      metaIn->path);
+    ORVEX_LOG_FROM(ORVEX_LOG_DEBUG, kLookupFunction, kLRUCacheSourceFile,
+                   "Cache query: cache miss, %s", in.path);
     return LRU_MISS;
   }
-  if (metaIn->mtime != 0 && metaIn->mtime != node->mtime) {
-    ORVEX_atomic_increment_64(&metrics.OutOfDate);
-    ORVEX_LOG_MESSAGE(ORVEX_LOG_WARNING, kLRUCacheSourceFile,
-                      "Cache query: cache out-of-date, (%llu/%llu) %s",
-                      PrintableNumber(metaIn->mtime), PrintableNumber(node->mtime), metaIn->path);
+  if (in.mtime != 0 && in.mtime != node->mtime) {
+    ORVEX_LOG_FROM(ORVEX_LOG_WARNING, kLookupFunction, kLRUCacheSourceFile,
+                   "Cache query: cache out-of-date, (%llu/%llu) %s", PrintableNumber(in.mtime),
+                   PrintableNumber(node->mtime), in.path);
     return LRU_OUT_OF_DATE;
   }
   // Signers that could not be copied leave their bit clear, and the comparison
   // sees that.
-  node->GetDataFromCacheNode(*metaOut);
-  const bool complete = (metaIn->queryFlags & ~metaOut->queryFlags) == 0;
+  node->GetDataFromCacheNode(out);
+  const bool complete = (in.queryFlags & ~out.queryFlags) == 0;
   if (complete) {
-    ORVEX_atomic_increment_64(&metrics.Hit);
-    ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile, "Cache query: cache hits, %s",
-                      metaIn->path);
+    ORVEX_LOG_FROM(ORVEX_LOG_DEBUG, kLookupFunction, kLRUCacheSourceFile,
+                   "Cache query: cache hits, %s", in.path);
   } else {
-    ORVEX_atomic_increment_64(&metrics.PartialHit);
-    ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile, "Cache query: cache partial hits, %s",
-                      metaIn->path);
+    ORVEX_LOG_FROM(ORVEX_LOG_DEBUG, kLookupFunction, kLRUCacheSourceFile,
+                   "Cache query: cache partial hits, %s", in.path);
   }
   MoveToFront(node);
   return complete ? LRU_HIT : LRU_PARTIAL_HIT;

@@ -66,24 +66,6 @@ LRUCacheKeyView::LRUCacheKeyView(const metadata_input_s& in)
       deviceID(in.deviceID),
       fileID(in.fileID) {}
 
-LRUCacheKeyView::LRUCacheKeyView(const LRUCacheKey& key)
-    : flags(key.flags),
-      path(key.path),
-      size(key.size),
-      mtime(key.mtime),
-      deviceID(key.deviceID),
-      fileID(key.fileID) {}
-
-bool LRUCacheKeyView::Equals(const LRUCacheKeyView& other) const {
-  const auto differs = [this](uint32_t field, uint64_t left, uint64_t right) {
-    return (flags & field) != 0 && left != right;
-  };
-  return !differs(KEY_FILE_ID, fileID, other.fileID) && !differs(KEY_SIZE, size, other.size) &&
-         !differs(KEY_MTIME, mtime, other.mtime) &&
-         !differs(KEY_DEVICE_ID, deviceID, other.deviceID) &&
-         ((flags & KEY_PATH) == 0 || path == other.path);
-}
-
 uint32_t LRUCacheKeyView::Hash(bool alsoPath) const {
   uint64_t hash = 0;
   if ((flags & KEY_SIZE) != 0) hash = Mix(hash, size);

@@ -42,8 +42,15 @@ class ORVEX_API LRUCacheKey {
 // Ownership: valid while the record or key it was made from is.
 struct LRUCacheKeyView {
   explicit LRUCacheKeyView(const metadata_input_s& in);
-  // Implicit, so that a lookup compares views with stored keys.
-  LRUCacheKeyView(const LRUCacheKey& key);
+  // Implicit, so that a lookup compares views with stored keys. Inline, so that a
+  // comparison reads no more of a key than it compares.
+  LRUCacheKeyView(const LRUCacheKey& key)
+      : flags(key.flags),
+        path(key.path),
+        size(key.size),
+        mtime(key.mtime),
+        deviceID(key.deviceID),
+        fileID(key.fileID) {}
 
   // The mask bits that select a field.
   uint32_t Fields() const { return flags & kAllFields; }
@@ -65,3 +72,13 @@ struct LRUCacheKeyView {
 };
 
 bool operator<(const LRUCacheKeyView& left, const LRUCacheKeyView& right);
+
+inline bool LRUCacheKeyView::Equals(const LRUCacheKeyView& other) const {
+  const auto differs = [this](uint32_t field, uint64_t left, uint64_t right) {
+    return (flags & field) != 0 && left != right;
+  };
+  return !differs(KEY_FILE_ID, fileID, other.fileID) && !differs(KEY_SIZE, size, other.size) &&
+         !differs(KEY_MTIME, mtime, other.mtime) &&
+         !differs(KEY_DEVICE_ID, deviceID, other.deviceID) &&
+         ((flags & KEY_PATH) == 0 || path == other.path);
+}
