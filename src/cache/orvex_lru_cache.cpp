@@ -68,12 +68,12 @@ int LRUCache::UpdateMetaData(metadata_input_s* metaIn, metadata_output_s* metaOu
 }
 
 int LRUCache::UpdateCache(metadata_input_s* metaIn, metadata_output_s* metaOut) {
-  const ORVEX_Profiling profiling("LRUCache::UpdateCache");
+  const ORVEX_ProfilingScope profiling("LRUCache::UpdateCache");
   return LRUCacheT::UpdateCache(metaIn, metaOut);
 }
 
 int LRUCache::FlushCache() {
-  const ORVEX_Profiling profiling("LRUCache::FlushCache");
+  const ORVEX_ProfilingScope profiling("LRUCache::FlushCache");
   return LRUCacheT::FlushCache();
 }
 
@@ -115,12 +115,12 @@ void LRUCache::DumpMetrics() const {
 }
 
 void LRUCache::LRUCacheNodeUpdate(LRUCacheKey& key, LRUCacheNode* node, LRU_OPERATION operation) {
-  const ORVEX_Profiling profiling("LRUCache::LRUCacheNodeUpdate");
+  const ORVEX_ProfilingScope profiling("LRUCache::LRUCacheNodeUpdate");
   LRUCacheT::LRUCacheNodeUpdate(key, node, operation);
 }
 
 int LRUCache::QueryLRUCache(metadata_input_s* metaIn, metadata_output_s* metaOut) {
-  const ORVEX_Profiling profiling("LRUCache::QueryLRUCache");
+  const ORVEX_ProfilingScope profiling("LRUCache::QueryLRUCache");
   const ORVEX_ScopeLock guard(&lock);
   const LRU_LOOKUP lookup = LookUp(*metaIn, *metaOut);
   // Here and not where it was found out: a locked addition lets no later read of
@@ -162,7 +162,7 @@ LRU_LOOKUP LRUCache::LookUp(const metadata_input_s& in, metadata_output_s& out) 
 }
 
 void LRUCache::LRUCacheNodeWipe() {
-  const ORVEX_Profiling profiling("LRUCache::LRUCacheNodeWipe");
+  const ORVEX_ProfilingScope profiling("LRUCache::LRUCacheNodeWipe");
   while (IsBeyondCapacity()) {
     ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile,
                       "Reach max cache capacity, start to remove oldest one");

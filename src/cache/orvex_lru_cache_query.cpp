@@ -76,7 +76,7 @@ class LeavePathOnReturn {
 
 int LRUCache::Query(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx) {
   const ORVEX_ScopeRefCnt inFlight(&activeThreads);
-  const ORVEX_Profiling profiling("LRUCache::Query");
+  const ORVEX_ProfilingScope profiling("LRUCache::Query");
   // Before the records: a stopped cache answers 8 whatever it is handed.
   if (!IsActive()) return ORVEX_CACHE_NOT_INITIALISED;
   if (metaIn == nullptr || metaOut == nullptr) return ORVEX_INVALID_PARAMETER;
@@ -163,7 +163,7 @@ int LRUCache::Calculate(metadata_input_s* metaIn, metadata_output_s* metaOut, vo
   }
   int code;
   {
-    const ORVEX_Profiling profiling("LRUCache::MetaQueryCallback");
+    const ORVEX_ProfilingScope profiling("LRUCache::MetaQueryCallback");
     ORVEX_LOG_FROM(ORVEX_LOG_DEBUG, kFunction, kLRUCacheSourceFile,
                    "Calling query callback for file %s", path.c_str());
     code = AskHost(metaIn, metaOut, ctx, &metrics.numOfHelpFuncCalled);

@@ -109,7 +109,7 @@ int ORVEX_ENGINE::GetStatus() {
 
 int ORVEX_ENGINE::Query(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx) {
   const ORVEX_ScopeRefCnt inFlight(&refCount);
-  const ORVEX_Profiling profiling("ORVEX_ENGINE::Query");
+  const ORVEX_ProfilingScope profiling("ORVEX_ENGINE::Query");
   if (!IsInit()) return ORVEX_NOT_INITIALISED;
   if (metaOut == nullptr || metaIn == nullptr) {
     ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kSourceFile,
@@ -144,7 +144,7 @@ int ORVEX_ENGINE::GetMetrics(orvex_metrics_s& metrics, unsigned int size,
 int ORVEX_ENGINE::GetMetrics(orvex_metrics_s* metrics, unsigned int size,
                              unsigned int* outSize) const {
   const ORVEX_ScopeRefCnt inFlight(&refCount);
-  const ORVEX_Profiling profiling("ORVEX_ENGINE::GetMetrics");
+  const ORVEX_ProfilingScope profiling("ORVEX_ENGINE::GetMetrics");
   if (!IsInit()) return ORVEX_NOT_INITIALISED;
   if (size == 0) {
     ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kSourceFile, "Invalid metrics data size = %d", 0);

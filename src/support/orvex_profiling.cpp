@@ -6,8 +6,27 @@
 #include "support/orvex_log.h"
 
 namespace {
+
 constexpr long kNanosecondsPerSecond = 1000000000;
+
+timespec Elapsed(const timespec& start, const timespec& stop) {
+  timespec elapsed{};
+  elapsed.tv_sec = stop.tv_sec - start.tv_sec;
+  elapsed.tv_nsec = stop.tv_nsec - start.tv_nsec;
+  if (elapsed.tv_nsec < 0) {
+    elapsed.tv_nsec += kNanosecondsPerSecond;
+    elapsed.tv_sec -= 1;
+  }
+  return elapsed;
 }
+
+void Print(const char* name, const timespec& elapsed) {
+  ORVEX_LOG_FROM(ORVEX_LOG_INFO, "PrintProfilingResult", "orvex_profiling",
+                 "[PROFILING] %s used %ld (s) and %ld (ns)", name,
+                 static_cast<long>(elapsed.tv_sec), elapsed.tv_nsec);
+}
+
+}  // namespace
 
 bool ORVEX_Profiling::EnableProfiling = false;
 
@@ -17,19 +36,10 @@ ORVEX_Profiling::ORVEX_Profiling(std::string scopeName) : name_(std::move(scopeN
   if (ORVEX_LoadRelaxed(EnableProfiling)) StartProfiling();
 }
 
-ORVEX_Profiling::ORVEX_Profiling(const char* scopeName) : borrowedName_(scopeName) {
-  if (ORVEX_LoadRelaxed(EnableProfiling)) StartProfiling();
-}
-
 ORVEX_Profiling::~ORVEX_Profiling() {
   if (!ORVEX_LoadRelaxed(EnableProfiling)) return;
   StopProfiling();
-  elapsedTime_.tv_sec = stopTime_.tv_sec - startTime_.tv_sec;
-  elapsedTime_.tv_nsec = stopTime_.tv_nsec - startTime_.tv_nsec;
-  if (elapsedTime_.tv_nsec < 0) {
-    elapsedTime_.tv_nsec += kNanosecondsPerSecond;
-    elapsedTime_.tv_sec -= 1;
-  }
+  elapsedTime_ = Elapsed(startTime_, stopTime_);
   PrintProfilingResult();
 }
 
@@ -37,8 +47,10 @@ void ORVEX_Profiling::StartProfiling() { clock_gettime(CLOCK_MONOTONIC, &startTi
 
 void ORVEX_Profiling::StopProfiling() { clock_gettime(CLOCK_MONOTONIC, &stopTime_); }
 
-void ORVEX_Profiling::PrintProfilingResult() {
-  ORVEX_LOG_MESSAGE(ORVEX_LOG_INFO, "orvex_profiling", "[PROFILING] %s used %ld (s) and %ld (ns)",
-                    borrowedName_ != nullptr ? borrowedName_ : name_.c_str(),
-                    static_cast<long>(elapsedTime_.tv_sec), elapsedTime_.tv_nsec);
+void ORVEX_Profiling::PrintProfilingResult() { Print(name_.c_str(), elapsedTime_); }
+
+void ORVEX_ProfilingScope::Report() const {
+  timespec stop{};
+  clock_gettime(CLOCK_MONOTONIC, &stop);
+  Print(name_, Elapsed(startTime_, stop));
 }

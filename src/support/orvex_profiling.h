@@ -6,6 +6,8 @@
 #include <string>
 
 #include "orvexeng.h"
+#include "support/orvex_atomic.h"
+#include "support/orvex_local.h"
 
 // Logs how long the scope it stands in took, at INFO, when profiling is on.
 //
@@ -18,8 +20,6 @@ class ORVEX_API ORVEX_Profiling {
   ORVEX_Profiling();
   // Keeps a copy of the name.
   explicit ORVEX_Profiling(std::string scopeName);
-  // Keeps the pointer: for names that outlive the scope. Never fails.
-  explicit ORVEX_Profiling(const char* scopeName);
   virtual ~ORVEX_Profiling();
   ORVEX_Profiling(const ORVEX_Profiling&) = delete;
   ORVEX_Profiling& operator=(const ORVEX_Profiling&) = delete;
@@ -38,5 +38,26 @@ class ORVEX_API ORVEX_Profiling {
   timespec stopTime_{};
   timespec elapsedTime_{};
   std::string name_;
-  const char* borrowedName_ = nullptr;  // printed in place of name_ unless null
+};
+
+// The same for the library's own scopes, which are on the way of every query: it
+// keeps the pointer to its name, never fails, and its flag tests need no call.
+class ORVEX_LOCAL ORVEX_ProfilingScope {
+ public:
+  // The name outlives the scope.
+  explicit ORVEX_ProfilingScope(const char* name) : name_(name) {
+    if (IsOn()) clock_gettime(CLOCK_MONOTONIC, &startTime_);
+  }
+  ~ORVEX_ProfilingScope() {
+    if (IsOn()) Report();
+  }
+  ORVEX_ProfilingScope(const ORVEX_ProfilingScope&) = delete;
+  ORVEX_ProfilingScope& operator=(const ORVEX_ProfilingScope&) = delete;
+
+ private:
+  static bool IsOn() { return ORVEX_LoadRelaxed(ORVEX_Profiling::EnableProfiling); }
+  void Report() const;
+
+  const char* name_;
+  timespec startTime_{};
 };
