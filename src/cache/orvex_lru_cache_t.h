@@ -102,6 +102,8 @@ class ORVEX_API LRUCacheT {
   // The node under an equivalent key, or null.
   template <typename AnyKey>
   ORVEX_LOCAL Node* Find(const AnyKey& key) const ORVEX_REQUIRES(lock);
+  ORVEX_LOCAL typename std::list<Node*>::iterator PositionOf(Node* node) ORVEX_REQUIRES(lock);
+  ORVEX_LOCAL void EnterNew(const Key& key, Node* node) ORVEX_REQUIRES(lock);
   // For a node that Find returned.
   ORVEX_LOCAL void MoveToFront(Node* node) ORVEX_REQUIRES(lock);
   ORVEX_LOCAL void InsertNew(Key& key, std::unique_ptr<Node> node) ORVEX_REQUIRES(lock);
@@ -185,24 +187,32 @@ void LRUCacheT<Key, Node, Metrics>::LRUCacheNodeUpdate(Key& key, Node* node,
                                                        LRU_OPERATION operation) {
   if (node == nullptr) return;
   if (operation == LRU_UPDATE) {
-    const auto entry = node->mapEntry;
-    const bool ownsEntry = entry != CacheMap.end() && *entry->second == node;
-    const auto position =
-        ownsEntry ? entry->second : std::find(CacheNodeList.begin(), CacheNodeList.end(), node);
-    CacheNodeList.splice(CacheNodeList.begin(), CacheNodeList, position);
+    CacheNodeList.splice(CacheNodeList.begin(), CacheNodeList, PositionOf(node));
     ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile, "Cache node updated: path=%s",
                       node->path.c_str());
   } else if (operation == LRU_INSERT) {
-    // A list of its own first, so that all allocations are made before the cache
-    // changes.
-    std::list<Node*> element(1, node);
-    index_.MakeRoom();
-    node->mapEntry = CacheMap.try_emplace(CacheMap.begin(), key, element.begin());
-    CacheNodeList.splice(CacheNodeList.begin(), element);
-    if (*node->mapEntry->second == node) index_.Add(node);
+    EnterNew(key, node);
     ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile, "Insert new cache node: path=%s",
                       node->path.c_str());
   }
+}
+
+template <typename Key, typename Node, typename Metrics>
+typename std::list<Node*>::iterator LRUCacheT<Key, Node, Metrics>::PositionOf(Node* node) {
+  const auto entry = node->mapEntry;
+  if (entry != CacheMap.end() && *entry->second == node) return entry->second;
+  return std::find(CacheNodeList.begin(), CacheNodeList.end(), node);
+}
+
+template <typename Key, typename Node, typename Metrics>
+void LRUCacheT<Key, Node, Metrics>::EnterNew(const Key& key, Node* node) {
+  // A list of its own first, so that all allocations are made before the cache
+  // changes.
+  std::list<Node*> element(1, node);
+  index_.MakeRoom();
+  node->mapEntry = CacheMap.try_emplace(CacheMap.begin(), key, element.begin());
+  CacheNodeList.splice(CacheNodeList.begin(), element);
+  if (*node->mapEntry->second == node) index_.Add(node);
 }
 
 template <typename Key, typename Node, typename Metrics>
