@@ -61,7 +61,7 @@ class LRUCacheIndex<LRUCacheKey, Node> {
     if (gaveUp_) return;
     if (size_ == 0) fields_ = KeyOf(node).Fields();
     ++size_;
-    if (!Answers(KeyOf(node)) || (!Place(node) && !PlaceByPath(node))) GiveUp();
+    if (!Answers(KeyOf(node)) || (!Place(CellOf(node)) && !PlaceByPath(node))) GiveUp();
   }
 
   // While the node still has its entry in the map.
@@ -101,30 +101,34 @@ class LRUCacheIndex<LRUCacheKey, Node> {
     std::vector<Cell> old(cells);
     cells_.swap(old);
     for (const Cell& cell : old) {
-      if (cell.node != nullptr && !Place(cell.node)) return GiveUp();
+      if (cell.node != nullptr && !Place(cell)) return GiveUp();
     }
   }
 
+  Cell CellOf(Node* node) const { return {KeyOf(node).Hash(hashesPaths_), node}; }
+
   // False when the probe is too long.
-  bool Place(Node* node) {
-    const uint32_t hash = KeyOf(node).Hash(hashesPaths_);
-    size_t at = Home(hash);
+  bool Place(const Cell& cell) {
+    size_t at = Home(cell.hash);
     for (int probe = 0; cells_[at].node != nullptr; at = Next(at)) {
       if (++probe == kLongestProbe) return false;
     }
-    cells_[at] = Cell{hash, node};
+    cells_[at] = cell;
     return true;
   }
 
   // Many names of one file have all numbers in common; their paths tell them apart.
   bool PlaceByPath(Node* node) {
     if (std::exchange(hashesPaths_, true)) return false;
+    for (Cell& cell : cells_) {
+      if (cell.node != nullptr) cell = CellOf(cell.node);
+    }
     try {
       Rebuild(cells_.size());
     } catch (const std::exception&) {
       return false;
     }
-    return !gaveUp_ && Place(node);
+    return !gaveUp_ && Place(CellOf(node));
   }
 
   void GiveUp() {
