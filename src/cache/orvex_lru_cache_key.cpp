@@ -15,6 +15,21 @@ uint64_t Mix(uint64_t hash, uint64_t number) {
   return hash ^ (hash >> 32);
 }
 
+// For a key and for what borrows its path: an insertion into a full cache compares a
+// dozen keys, and need not make views of them first.
+template <typename Key>
+bool Less(const Key& left, const Key& right) {
+  if ((left.flags & KEY_PATH) != 0) {
+    if (const int order = left.path.compare(right.path); order != 0) return order < 0;
+  }
+  if ((left.flags & KEY_SIZE) != 0 && left.size != right.size) return left.size < right.size;
+  if ((left.flags & KEY_MTIME) != 0 && left.mtime != right.mtime) return left.mtime < right.mtime;
+  if ((left.flags & KEY_DEVICE_ID) != 0 && left.deviceID != right.deviceID) {
+    return left.deviceID < right.deviceID;
+  }
+  return (left.flags & KEY_FILE_ID) != 0 && left.fileID < right.fileID;
+}
+
 }  // namespace
 
 LRUCacheKey::LRUCacheKey() = default;
@@ -42,9 +57,7 @@ LRUCacheKey& LRUCacheKey::operator=(const LRUCacheKey& other) {
   return *this;
 }
 
-bool LRUCacheKey::operator<(const LRUCacheKey& right) const {
-  return LRUCacheKeyView(*this) < LRUCacheKeyView(right);
-}
+bool LRUCacheKey::operator<(const LRUCacheKey& right) const { return Less(*this, right); }
 
 bool LRUCacheKey::operator==(const LRUCacheKey& other) {
   return path == other.path && size == other.size && mtime == other.mtime &&
@@ -80,13 +93,5 @@ uint32_t LRUCacheKeyView::Hash(bool alsoPath) const {
 }
 
 bool operator<(const LRUCacheKeyView& left, const LRUCacheKeyView& right) {
-  if ((left.flags & KEY_PATH) != 0) {
-    if (const int order = left.path.compare(right.path); order != 0) return order < 0;
-  }
-  if ((left.flags & KEY_SIZE) != 0 && left.size != right.size) return left.size < right.size;
-  if ((left.flags & KEY_MTIME) != 0 && left.mtime != right.mtime) return left.mtime < right.mtime;
-  if ((left.flags & KEY_DEVICE_ID) != 0 && left.deviceID != right.deviceID) {
-    return left.deviceID < right.deviceID;
-  }
-  return (left.flags & KEY_FILE_ID) != 0 && left.fileID < right.fileID;
+  return Less(left, right);
 }
