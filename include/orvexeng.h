@@ -338,7 +338,7 @@ ORVEX_API int orvex_get_status(void);
  * Ownership: both records stay the caller's. A signer array left in *out is
  * the caller's from then on. ctx goes to the callbacks untouched.
  * Errors: a hash query with a null path throws std::logic_error once the
- * cache is known to run. An exception of a callback passes through; nothing is
+ * cache is known to run (2 without memory for it). An exception of a callback passes through; nothing is
  * stored and threads waiting for the path go on.
  * Returns: 0, with out->resultReady telling whether there is an answer (a
  * cache-only query without one is no error); 100 before orvex_init, whatever

@@ -231,6 +231,23 @@ TEST_CASE("a path that cannot be marked gives 2 before the host is asked") {
   CHECK(engine.Query("/a") == 0);
 }
 
+TEST_CASE("a hash query without a path gives 2 when there is no memory for the exception either") {
+  EngineUnderTest engine;
+  RecordedLog quiet(ORVEX_LOG_FATAL);
+  metadata_input_s in = InputFor(nullptr);
+  Answer out;
+  int code = 0;
+  bool thrown = false;
+  try {
+    const FailingNew failing(1);
+    code = engine.Query(in, out);
+  } catch (const std::bad_alloc&) {
+    thrown = true;
+  }
+  CHECK_FALSE(thrown);
+  CHECK(code == 2);
+}
+
 TEST_CASE("an engine that runs out of memory while it reads its configuration does not start") {
   std::ofstream("orvexeng.ini") << "CacheCapacity=7\n" << kLongPath << "=1\n";
   RecordedLog quiet(ORVEX_LOG_FATAL);
