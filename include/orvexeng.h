@@ -344,7 +344,7 @@ ORVEX_API int orvex_get_status(void);
  * cache-only query without one is no error); 100 before orvex_init, whatever
  * the pointers; 3 for a null record; 8 when a cache is being stopped; 2 when
  * an answer could not be stored (it is in *out all the same, resultReady 1) or
- * memory ran out before; otherwise a callback's status. The file type cache's
+ * memory ran out before (resultReady 0); otherwise a callback's status. The file type cache's
  * code comes first, the hash cache's only if that one was 0.
  */
 ORVEX_API int orvex_query(metadata_input_s* in, metadata_output_s* out, void* ctx);

@@ -248,6 +248,24 @@ TEST_CASE("a hash query without a path gives 2 when there is no memory for the e
   CHECK(code == 2);
 }
 
+TEST_CASE("a file type does not make an answer whose hash part ran out of memory ready") {
+  EngineUnderTest engine;
+  RecordedLog quiet(ORVEX_LOG_FATAL);
+  metadata_input_s in = InputFor(kLongPath);
+  in.queryFlags = QUERY_FILE_TYPE | QUERY_DIGEST32;
+  Answer first;
+  REQUIRE(engine.Query(in, first) == 0);
+  Answer out;
+  int code = 0;
+  {
+    const FailingNew failing(1);
+    code = engine.Query(in, out);
+  }
+  CHECK(code == 2);
+  CHECK(out.resultReady == 0);
+  CHECK(out.queryFlags == (QUERY_FILE_TYPE | QUERY_MTIME));
+}
+
 TEST_CASE("an engine that runs out of memory while it reads its configuration does not start") {
   std::ofstream("orvexeng.ini") << "CacheCapacity=7\n" << kLongPath << "=1\n";
   RecordedLog quiet(ORVEX_LOG_FATAL);

@@ -74,8 +74,9 @@ class ORVEX_API LRUCache : public LRUCacheT<LRUCacheKey, LRUCacheNode, LRUCacheM
  private:
   ORVEX_LOCAL LRU_LOOKUP LookUp(const metadata_input_s& in, metadata_output_s& out)
       ORVEX_REQUIRES(lock);
-  // Sleeps while another thread calculates the path, and counts that.
-  ORVEX_LOCAL int WaitUntilFree(const char* pathOfCaller);
+  // Sleeps while another thread calculates the path, and counts that. False when
+  // there is no memory for a copy of it.
+  ORVEX_LOCAL bool WaitUntilFree(const char* pathOfCaller);
   ORVEX_LOCAL int Calculate(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx)
       ORVEX_EXCLUDES(lock);
 };

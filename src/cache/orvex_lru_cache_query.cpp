@@ -14,13 +14,19 @@ namespace {
 // Every message below belongs to the query.
 constexpr char kFunction[] = "Query";
 
+int EndWithoutMemory(metadata_output_s& out) {
+  // The file type cache may have called its part of the answer ready.
+  out.resultReady = 0;
+  return ORVEX_NO_MEMORY;
+}
+
 // Throws std::logic_error.
-int RefuseMissingPath() {
+int RefuseMissingPath(metadata_output_s& out) {
   try {
     throw std::logic_error("a hash query needs a path");
   } catch (const std::bad_alloc&) {
     // Thrown while its message was copied.
-    return ORVEX_NO_MEMORY;
+    return EndWithoutMemory(out);
   }
 }
 
@@ -81,12 +87,12 @@ int LRUCache::Query(metadata_input_s* metaIn, metadata_output_s* metaOut, void* 
   if (!IsActive()) return ORVEX_CACHE_NOT_INITIALISED;
   if (metaIn == nullptr || metaOut == nullptr) return ORVEX_INVALID_PARAMETER;
 
-  if (metaIn->path == nullptr) return RefuseMissingPath();
+  if (metaIn->path == nullptr) return RefuseMissingPath(*metaOut);
 
   const bool cacheOnly = (metaIn->invOperation & INV_CACHE_ONLY) != 0;
   if (!cacheOnly) {
-    if (calHashSet.MayHoldPaths()) {
-      if (const int code = WaitUntilFree(metaIn->path); code != ORVEX_OK) return code;
+    if (calHashSet.MayHoldPaths() && !WaitUntilFree(metaIn->path)) {
+      return EndWithoutMemory(*metaOut);
     }
     if (!IsActive()) {
       ORVEX_LOG_MESSAGE(ORVEX_LOG_WARNING, kLRUCacheSourceFile,
@@ -119,13 +125,13 @@ int LRUCache::Query(metadata_input_s* metaIn, metadata_output_s* metaOut, void* 
   return Calculate(metaIn, metaOut, ctx);
 }
 
-int LRUCache::WaitUntilFree(const char* pathOfCaller) {
+bool LRUCache::WaitUntilFree(const char* pathOfCaller) {
   // A copy: the caller's text may go away while this thread sleeps.
   std::string path;
   try {
     path = pathOfCaller;
   } catch (const std::bad_alloc&) {
-    return ORVEX_NO_MEMORY;
+    return false;
   }
   ORVEX_Set::PathInSet pathInSet(&calHashSet, &path);
   auto* const pathArg = const_cast<std::string*>(&path);  // Only read; void* has no const.
@@ -138,7 +144,7 @@ int LRUCache::WaitUntilFree(const char* pathOfCaller) {
   bool waited = false;
   calHashSet.condLock.Wait(waited, callbacks);
   if (waited) ORVEX_atomic_increment_64(&metrics.numOfWaitInHashCalculation);
-  return ORVEX_OK;
+  return true;
 }
 
 int LRUCache::Calculate(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx) {
