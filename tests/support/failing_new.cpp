@@ -1,12 +1,28 @@
 // Memory that runs out when a test wants it to.
 #include "support/failing_new.h"
 
+#include <atomic>
 #include <cstdlib>
 #include <new>
+
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer) || \
+    __has_feature(memory_sanitizer)
+#define ORVEXENG_FOREIGN_MALLOC
+#endif
+#endif
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define ORVEXENG_FOREIGN_MALLOC
+#endif
+#if defined(ORVEXENG_FAIL_MALLOC) && !defined(ORVEXENG_FOREIGN_MALLOC)
+#define ORVEXENG_REPLACE_MALLOC
+#endif
 
 namespace {
 
 thread_local FailingNew* current = nullptr;
+
+std::atomic<long> live{0};
 
 }  // namespace
 
@@ -18,6 +34,45 @@ bool AllocationFails() {
   return fails;
 }
 
+#ifdef ORVEXENG_REPLACE_MALLOC
+
+extern "C" {
+void* __libc_malloc(size_t size);
+void* __libc_calloc(size_t count, size_t size);
+void* __libc_realloc(void* memory, size_t size);
+
+void* malloc(size_t size) { return AllocationFails() ? nullptr : __libc_malloc(size); }
+
+void* calloc(size_t count, size_t size) {
+  return AllocationFails() ? nullptr : __libc_calloc(count, size);
+}
+
+void* realloc(void* memory, size_t size) {
+  return AllocationFails() ? nullptr : __libc_realloc(memory, size);
+}
+}
+
+#endif
+
+namespace {
+
+void* Allocate(size_t size) {
+#ifndef ORVEXENG_REPLACE_MALLOC
+  if (AllocationFails()) return nullptr;
+#endif
+  void* const memory = std::malloc(size);
+  if (memory != nullptr) ++live;
+  return memory;
+}
+
+void Free(void* memory) {
+  if (memory == nullptr) return;
+  --live;
+  std::free(memory);
+}
+
+}  // namespace
+
 FailingNew::FailingNew(int failingAllocation, bool fromThereOn)
     : failing_(failingAllocation), staysOut_(fromThereOn) {
   current = this;
@@ -25,26 +80,28 @@ FailingNew::FailingNew(int failingAllocation, bool fromThereOn)
 
 FailingNew::~FailingNew() { current = nullptr; }
 
+MemoryForHost::MemoryForHost() : paused_(current) { current = nullptr; }
+
+MemoryForHost::~MemoryForHost() { current = paused_; }
+
+long LiveAllocations() { return live; }
+
 void* operator new(size_t size) {
-  void* const memory = AllocationFails() ? nullptr : std::malloc(size);
+  void* const memory = Allocate(size);
   if (memory == nullptr) throw std::bad_alloc();
   return memory;
 }
 
 void* operator new[](size_t size) { return operator new(size); }
 
-void* operator new(size_t size, const std::nothrow_t&) noexcept {
-  return AllocationFails() ? nullptr : std::malloc(size);
-}
+void* operator new(size_t size, const std::nothrow_t&) noexcept { return Allocate(size); }
 
-void* operator new[](size_t size, const std::nothrow_t&) noexcept {
-  return operator new(size, std::nothrow);
-}
+void* operator new[](size_t size, const std::nothrow_t&) noexcept { return Allocate(size); }
 
-void operator delete(void* memory) noexcept { std::free(memory); }
+void operator delete(void* memory) noexcept { Free(memory); }
 
-void operator delete[](void* memory) noexcept { std::free(memory); }
+void operator delete[](void* memory) noexcept { Free(memory); }
 
-void operator delete(void* memory, size_t) noexcept { std::free(memory); }
+void operator delete(void* memory, size_t) noexcept { Free(memory); }
 
-void operator delete[](void* memory, size_t) noexcept { std::free(memory); }
+void operator delete[](void* memory, size_t) noexcept { Free(memory); }

@@ -1,0 +1,352 @@
+// Every allocation of every exported function fails once, and from there on.
+//
+// A story is told afresh for each point: it is prepared with memory, called
+// without, judged, and told again with memory, from another thread too. The
+// framework allocates, so a point collects what is wrong in a text first.
+#include <doctest/doctest.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <future>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/opened_caches.h"
+#include "support/counted_sleep.h"
+#include "support/engine_under_test.h"
+#include "support/failing_new.h"
+#include "support/latch.h"
+#include "support/orvex_config.h"
+#include "support/orvex_profiling.h"
+
+namespace {
+
+// Longer than a string holds in itself.
+const char* const kPath = "/a/path/of/more/characters/than/a/string/holds/in/itself";
+const char* const kOther = "/another/path/of/more/characters/than/a/string/holds";
+const char* const kSigner = "Kelda";
+
+constexpr int kNullPathThrown = 1000;
+
+// Messages are made at DEBUG and dropped without memory.
+std::atomic<int> errorsOpeningConfig{0};
+std::function<void(const char*)> onMessage;
+
+void DropMessage(unsigned int, unsigned int, const char*, const char*, const char* message,
+                 unsigned int) {
+  if (std::strncmp(message, "Open config file", 16) == 0) ++errorsOpeningConfig;
+  if (onMessage) onMessage(message);
+}
+
+// Everything that can be logged or timed is.
+class TalkativeLibrary {
+ public:
+  TalkativeLibrary() {
+    orvex_register_log_cb(DropMessage);
+    ORVEX_LOG_BASE::LogLevel = ORVEX_LOG_DEBUG;
+    orvex_profiling_set_enable(true);
+  }
+  ~TalkativeLibrary() {
+    orvex_profiling_set_enable(false);
+    onMessage = nullptr;
+  }
+};
+
+// A signer array as the host makes it, whose memory never runs out.
+void HostGivesSigner(metadata_output_s& out) {
+  const MemoryForHost memory;
+  GiveSigners(out, {kSigner});
+}
+
+// One engine, one query about one file, and a host that answers it.
+struct Stage {
+  Stage() : in(InputFor(kPath)) {
+    in.queryFlags = kAllDigests;
+    engine.host.onHash = [this](metadata_input_s& asked, metadata_output_s& answer) {
+      if (hostCode != 0) return hostCode;
+      if (givesSigners) HostGivesSigner(answer);
+      return Host::AnswerHash(asked, answer);
+    };
+    engine.host.onFileType = [this](metadata_input_s& asked, metadata_output_s& answer) {
+      return hostCode != 0 ? hostCode : Host::AnswerFileType(asked, answer);
+    };
+  }
+  ~Stage() {
+    orvex_set_cache_capacity(ORVEX_HASH_CACHE, ORVEX_MAX_CAPACITY);
+    orvex_set_cache_capacity(ORVEX_FILE_TYPE_CACHE, ORVEX_MAX_CAPACITY);
+  }
+
+  int Ask(metadata_output_s& answer) {
+    try {
+      return engine.Query(in, answer);
+    } catch (const std::logic_error&) {
+      return kNullPathThrown;
+    }
+  }
+
+  // Puts the file into the caches as a query would.
+  void Cache(uint32_t parts) {
+    metadata_input_s other = in;
+    other.queryFlags = parts;
+    other.invOperation = INV_KEEP_IN_CACHE;
+    Answer answer;
+    engine.Query(other, answer);
+  }
+
+  EngineUnderTest engine;
+  metadata_input_s in;
+  bool givesSigners = false;
+  int hostCode = 0;
+};
+
+bool IsComplete(const metadata_input_s& in, const metadata_output_s& out) {
+  const auto wanted = in.queryFlags;
+  if ((wanted & ~out.queryFlags) != 0 || out.resultReady != 1) return false;
+  if ((wanted & QUERY_DIGEST32) != 0 && out.digest32[31] != std::strlen(in.path)) return false;
+  if ((wanted & QUERY_FILE_TYPE) != 0 && out.minor != 4) return false;
+  return (wanted & QUERY_SIGNERS) == 0 ||
+         (out.signerCount == 1 && std::strcmp(out.signers, kSigner) == 0);
+}
+
+// What both caches hold, whatever the order.
+std::vector<std::string> Contents() {
+  std::vector<std::string> contents;
+  using OpenHash = OpenedCache<LRUCacheKey, LRUCacheNode, LRUCacheMetrics_s>;
+  using OpenType = OpenedCache<LRUCacheKey, FileTypeCacheNode, FileTypeCacheMetrics_s>;
+  for (const LRUCacheNode* node : OpenHash::List(HashCache())) {
+    contents.push_back("hash " + node->path + " " + std::to_string(node->queryFlags) + " " +
+                       std::to_string(node->mtime) + " " + std::to_string(node->signerCount));
+  }
+  for (const FileTypeCacheNode* node : OpenType::List(TypeCache())) {
+    contents.push_back("type " + node->path + " " + std::to_string(node->queryFlag) + " " +
+                       std::to_string(node->mtime));
+  }
+  std::sort(contents.begin(), contents.end());
+  return contents;
+}
+
+// One point of a story: how many allocations failed, and what went wrong.
+struct Point {
+  int failures = 0;
+  std::string wrong;
+};
+
+// Tells a story with its first allocation failing, its second, and so on, until
+// none is left to fail; with both kinds of failure. Prints and returns how many
+// points there were.
+int CountPoints(const char* function, const char* story,
+                const std::function<Point(int allocation, bool fromThereOn)>& tell) {
+  int points = 0;
+  for (const bool fromThereOn : {false, true}) {
+    CAPTURE(fromThereOn);
+    for (int allocation = 1;; ++allocation) {
+      CAPTURE(allocation);
+      const Point point = tell(allocation, fromThereOn);
+      CHECK(point.wrong == "");
+      if (point.failures == 0) break;
+      ++points;
+    }
+  }
+  std::printf("%4d points: %s, %s\n", points, function, story);
+  return points;
+}
+
+struct QueryStory {
+  std::string name;
+  std::function<void(Stage&)> prepare;
+  int code = 0;           // with memory
+  bool allocates = true;  // a hit by a short path does not
+  bool hasAnswer = true;  // a cache-only miss has none
+};
+
+// Judges a query that ran out of memory; "" when it did as promised.
+std::string Judge(const QueryStory& story, const Stage& stage, int code,
+                  const metadata_output_s& out, const std::vector<std::string>& before) {
+  if (code != 2 && code != story.code) return "gave " + std::to_string(code);
+  // One cache may store while the other cannot.
+  const bool asksBoth =
+      (stage.in.queryFlags & QUERY_FILE_TYPE) != 0 && stage.in.queryFlags != QUERY_FILE_TYPE;
+  if (code == 2 && !asksBoth && Contents() != before) return "a failed store changed the cache";
+  if (out.resultReady == 1 && code != kNullPathThrown && !IsComplete(stage.in, out)) {
+    return "said to be ready and is not complete";
+  }
+  if (code == 0 && story.hasAnswer && !IsComplete(stage.in, out)) return "0 without the answer";
+  return BrokenInvariantOfIdleCaches();
+}
+
+Point TellQuery(const QueryStory& story, int allocation, bool fromThereOn) {
+  const CountedSleep pauses;
+  Point point;
+  const long liveBefore = LiveAllocations();
+  {
+    Stage stage;
+    story.prepare(stage);
+    const std::vector<std::string> before = Contents();
+    {
+      Answer out;
+      int code = 0;
+      try {
+        FailingNew failing(allocation, fromThereOn);
+        code = stage.Ask(out);
+        point.failures = failing.failures;
+      } catch (const std::bad_alloc&) {
+        point.wrong = "bad_alloc left the library";
+        point.failures = 1;
+        return point;
+      }
+      point.wrong = Judge(story, stage, code, out, before);
+    }
+    const auto again = [&] {
+      Answer out;
+      const int code = stage.Ask(out);
+      return code == story.code && (code != 0 || !story.hasAnswer || IsComplete(stage.in, out));
+    };
+    if (point.wrong.empty() && !again()) point.wrong = "the same call failed with memory";
+    if (point.wrong.empty() && !std::async(std::launch::async, again).get()) {
+      point.wrong = "another thread got no answer";
+    }
+    if (point.wrong.empty()) point.wrong = BrokenInvariantOfIdleCaches();
+  }
+  if (point.wrong.empty() && pauses.sleeps != 0) point.wrong = "somebody was still counted";
+  if (point.wrong.empty() && LiveAllocations() != liveBefore) {
+    point.wrong = "leaked " + std::to_string(LiveAllocations() - liveBefore);
+  }
+  return point;
+}
+
+void CacheAnother(Stage& stage, uint32_t parts) {
+  metadata_input_s other = InputFor(kOther);
+  other.queryFlags = parts;
+  Answer out;
+  stage.engine.Query(other, out);
+}
+
+// An older self of the file is cached, found because mtime is not in the key.
+void CacheOlderSelf(Stage& stage, uint32_t parts) {
+  stage.in.fileOperation = KEY_PATH;
+  stage.Cache(parts);
+  stage.in.mtime = 6;
+}
+
+const std::vector<QueryStory> kQueryStories = {
+    {"hash miss, kept", [](Stage&) {}},
+    {"hash miss, not kept", [](Stage& stage) { stage.in.invOperation = 0; }},
+    {"hash miss with signers, kept",
+     [](Stage& stage) {
+       stage.givesSigners = true;
+       stage.in.queryFlags |= QUERY_SIGNERS;
+     }},
+    {"hash miss that evicts",
+     [](Stage& stage) {
+       orvex_set_cache_capacity(ORVEX_HASH_CACHE, 1);
+       CacheAnother(stage, kAllDigests);
+     }},
+    {"hash miss whose host fails", [](Stage& stage) { stage.hostCode = 77; }, 77},
+    {"hash hit", [](Stage& stage) { stage.Cache(stage.in.queryFlags); }},
+    {"hash hit by a short path",
+     [](Stage& stage) {
+       stage.in.path = "/a";
+       stage.Cache(stage.in.queryFlags);
+     },
+     0, false},
+    {"hash hit with signers",
+     [](Stage& stage) {
+       stage.givesSigners = true;
+       stage.in.queryFlags |= QUERY_SIGNERS;
+       stage.Cache(stage.in.queryFlags);
+     }},
+    {"hash partial hit, kept",
+     [](Stage& stage) {
+       stage.Cache(kAllDigests);
+       stage.givesSigners = true;
+       stage.in.queryFlags |= QUERY_SIGNERS;
+     }},
+    {"hash partial hit that holds signers, kept",
+     [](Stage& stage) {
+       stage.givesSigners = true;
+       stage.engine.host.onHash = [](metadata_input_s& in, metadata_output_s& out) {
+         const bool isFirst = in.queryFlags == QUERY_SIGNERS;
+         HostGivesSigner(out);
+         return isFirst ? 0 : Host::AnswerHash(in, out);
+       };
+       stage.Cache(QUERY_SIGNERS);
+       stage.in.queryFlags |= QUERY_SIGNERS;
+     }},
+    {"hash out of date, kept", [](Stage& stage) { CacheOlderSelf(stage, kAllDigests); }},
+    {"hash out of date, not kept",
+     [](Stage& stage) {
+       CacheOlderSelf(stage, kAllDigests);
+       stage.in.invOperation = 0;
+     }},
+    {"hash update under a longer path",
+     [](Stage& stage) {
+       stage.in.fileOperation = KEY_FILE_ID;
+       stage.in.path = "/a";
+       stage.Cache(QUERY_DIGEST32);
+       stage.in.path = kPath;
+       stage.in.mtime = 6;
+     }},
+    {"cache-only miss", [](Stage& stage) { stage.in.invOperation = INV_CACHE_ONLY; }, 0, true,
+     false},
+    {"cache-only hit with signers",
+     [](Stage& stage) {
+       stage.givesSigners = true;
+       stage.in.queryFlags |= QUERY_SIGNERS;
+       stage.Cache(stage.in.queryFlags);
+       stage.in.invOperation = INV_CACHE_ONLY;
+     },
+     0, true, false},
+    {"hash query without a path", [](Stage& stage) { stage.in.path = nullptr; }, kNullPathThrown},
+    {"file type miss, kept", [](Stage& stage) { stage.in.queryFlags = QUERY_FILE_TYPE; }},
+    {"file type miss, not kept",
+     [](Stage& stage) {
+       stage.in.queryFlags = QUERY_FILE_TYPE;
+       stage.in.invOperation = 0;
+     },
+     0, false},
+    {"file type miss that evicts",
+     [](Stage& stage) {
+       stage.in.queryFlags = QUERY_FILE_TYPE;
+       orvex_set_cache_capacity(ORVEX_FILE_TYPE_CACHE, 1);
+       CacheAnother(stage, QUERY_FILE_TYPE);
+     }},
+    {"file type hit",
+     [](Stage& stage) {
+       stage.in.queryFlags = QUERY_FILE_TYPE;
+       stage.Cache(QUERY_FILE_TYPE);
+     },
+     0, false},
+    {"file type out of date, kept",
+     [](Stage& stage) {
+       stage.in.queryFlags = QUERY_FILE_TYPE;
+       CacheOlderSelf(stage, QUERY_FILE_TYPE);
+     }},
+    {"both caches, both miss", [](Stage& stage) { stage.in.queryFlags |= QUERY_FILE_TYPE; }},
+    {"both caches, both hit",
+     [](Stage& stage) {
+       stage.in.queryFlags |= QUERY_FILE_TYPE;
+       stage.Cache(stage.in.queryFlags);
+     }},
+};
+
+}  // namespace
+
+TEST_CASE("a query that runs out of memory anywhere gives 2 and leaves nothing behind") {
+  const TalkativeLibrary talkative;
+  int total = 0;
+  for (const QueryStory& story : kQueryStories) {
+    CAPTURE(story.name);
+    const int points =
+        CountPoints("orvex_query", story.name.c_str(), [&story](int allocation, bool fromThereOn) {
+          return TellQuery(story, allocation, fromThereOn);
+        });
+    CHECK((points > 0) == story.allocates);
+    total += points;
+  }
+  std::printf("%4d points in all: orvex_query\n", total);
+}
