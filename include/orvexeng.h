@@ -338,14 +338,14 @@ ORVEX_API int orvex_get_status(void);
  * Ownership: both records stay the caller's. A signer array left in *out is
  * the caller's from then on. ctx goes to the callbacks untouched.
  * Errors: a hash query with a null path throws std::logic_error once the
- * cache is known to run (2 without memory for it). An exception of a callback passes through; nothing is
- * stored and threads waiting for the path go on.
+ * cache is known to run (2 without memory for it). An exception of a callback
+ * passes through; nothing is stored and threads waiting for the path go on.
  * Returns: 0, with out->resultReady telling whether there is an answer (a
  * cache-only query without one is no error); 100 before orvex_init, whatever
  * the pointers; 3 for a null record; 8 when a cache is being stopped; 2 when
  * an answer could not be stored (it is in *out all the same, resultReady 1) or
- * memory ran out before (resultReady 0); otherwise a callback's status. The file type cache's
- * code comes first, the hash cache's only if that one was 0.
+ * memory ran out before (resultReady 0); otherwise a callback's status. The
+ * file type cache's code comes first, the hash cache's only if that one was 0.
  */
 ORVEX_API int orvex_query(metadata_input_s* in, metadata_output_s* out, void* ctx);
 
