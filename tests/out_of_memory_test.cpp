@@ -350,3 +350,375 @@ TEST_CASE("a query that runs out of memory anywhere gives 2 and leaves nothing b
   }
   std::printf("%4d points in all: orvex_query\n", total);
 }
+
+TEST_CASE(
+    "a thread that waits for a path and runs out of memory gives 2 and wakes nobody wrongly") {
+  const TalkativeLibrary talkative;
+  for (const bool leaderFails : {false, true}) {
+    CAPTURE(leaderFails);
+    const char* const name = leaderFails ? "waits, then calculates" : "waits, then hits";
+    const int points = CountPoints("orvex_query", name, [&](int allocation, bool fromThereOn) {
+      Point point;
+      const long liveBefore = LiveAllocations();
+      {
+        Stage stage;
+        Latch leaderInside;
+        Latch mayAnswer;
+        std::atomic<bool> leaderAnswered{false};
+        stage.engine.host.onHash = [&](metadata_input_s& in, metadata_output_s& out) {
+          leaderInside.Open();
+          mayAnswer.Wait();
+          return leaderFails && !leaderAnswered.exchange(true) ? 77 : Host::AnswerHash(in, out);
+        };
+        onMessage = [&mayAnswer](const char* message) {
+          if (std::strstr(message, "wait for signal") != nullptr) mayAnswer.Open();
+        };
+        std::thread leader([&stage] {
+          Answer out;
+          stage.Ask(out);
+        });
+        leaderInside.Wait();
+        Answer out;
+        int code = 0;
+        {
+          const FailingNew failing(allocation, fromThereOn);
+          code = stage.Ask(out);
+          point.failures = failing.failures;
+        }
+        mayAnswer.Open();
+        leader.join();
+        onMessage = nullptr;
+        if (code != 2 && !(code == 0 && IsComplete(stage.in, out))) point.wrong = "no answer";
+        Answer again;
+        if (stage.Ask(again) != 0) point.wrong = "the same call failed with memory";
+        if (point.wrong.empty()) point.wrong = BrokenInvariantOfIdleCaches();
+      }
+      if (point.wrong.empty() && LiveAllocations() != liveBefore) point.wrong = "leaked";
+      return point;
+    });
+    CHECK(points > 0);
+  }
+}
+
+TEST_CASE("a thread that calculates and runs out of memory lets those that wait for it go on") {
+  const TalkativeLibrary talkative;
+  const int points = CountPoints(
+      "orvex_query", "calculates while another waits", [](int allocation, bool fromThereOn) {
+        Point point;
+        const long liveBefore = LiveAllocations();
+        {
+          Stage stage;
+          Latch leaderInside;
+          Latch waiterAsleep;
+          const std::thread::id leader = std::this_thread::get_id();
+          stage.engine.host.onHash = [&](metadata_input_s& in, metadata_output_s& out) {
+            if (std::this_thread::get_id() == leader) {
+              leaderInside.Open();
+              waiterAsleep.Wait();
+            }
+            return Host::AnswerHash(in, out);
+          };
+          onMessage = [&waiterAsleep](const char* message) {
+            if (std::strstr(message, "wait for signal") != nullptr) waiterAsleep.Open();
+          };
+          bool waiterAnswered = false;
+          std::thread waiter([&] {
+            leaderInside.Wait();
+            Answer out;
+            waiterAnswered = stage.Ask(out) == 0 && IsComplete(stage.in, out);
+          });
+          int code = 0;
+          Answer out;
+          {
+            const FailingNew failing(allocation, fromThereOn);
+            code = stage.Ask(out);
+            point.failures = failing.failures;
+          }
+          leaderInside.Open();
+          waiter.join();
+          onMessage = nullptr;
+          if (code != (point.failures == 0 ? 0 : 2)) point.wrong = "gave " + std::to_string(code);
+          if (!waiterAnswered) point.wrong = "the waiter got no answer";
+          if (point.wrong.empty()) point.wrong = BrokenInvariantOfIdleCaches();
+        }
+        if (point.wrong.empty() && LiveAllocations() != liveBefore) point.wrong = "leaked";
+        return point;
+      });
+  CHECK(points > 0);
+}
+
+namespace {
+
+using OpenHash = OpenedCache<LRUCacheKey, LRUCacheNode, LRUCacheMetrics_s>;
+
+struct UpdateStory {
+  const char* name;
+  std::function<void(Stage&)> prepare;
+  bool withSigners;
+};
+
+// With signers a success may be a store without them.
+Point TellUpdate(const UpdateStory& story, int allocation, bool fromThereOn) {
+  Point point;
+  const long liveBefore = LiveAllocations();
+  {
+    Stage stage;
+    story.prepare(stage);
+    Answer out;
+    Host::AnswerHash(stage.in, out);
+    if (story.withSigners) GiveSigners(out, {kSigner});
+    LRUCacheMetrics_s& counters = OpenHash::Counters(HashCache());
+    const std::vector<std::string> before = Contents();
+    int code = 0;
+    {
+      const FailingNew failing(allocation, fromThereOn);
+      code = orvex_update_metadata(&stage.in, &out);
+      point.failures = failing.failures;
+    }
+    if (code != 0) point.wrong = "gave " + std::to_string(code);
+    const long long stored = counters.numOfCacheUpdateMetaDataSuccess;
+    const long long failed = counters.numOfCacheUpdateMetaDataFailure;
+    if (stored + failed != 1) point.wrong = "one call is not counted once";
+    if (failed == 1 && Contents() != before) point.wrong = "a failed store changed the cache";
+    if (stored == 1 && point.failures > 0 && !story.withSigners)
+      point.wrong = "stored all the same";
+    if (point.wrong.empty()) point.wrong = BrokenInvariantOfIdleCaches();
+    orvex_update_metadata(&stage.in, &out);
+    if (counters.numOfCacheUpdateMetaDataSuccess != stored + 1) point.wrong = "not stored later";
+    // Stopped stays stopped; a running engine has the entry for everybody.
+    if (orvex_get_status() == ORVEX_INITIALISED) {
+      const bool hit = std::async(std::launch::async, [&stage] {
+                         Answer answer;
+                         return stage.Ask(answer) == 0 && IsComplete(stage.in, answer) &&
+                                stage.engine.host.hashCalls == 0;
+                       }).get();
+      if (!hit) point.wrong = "another thread got no hit";
+    }
+    orvex_flush_cache(ORVEX_HASH_CACHE);
+  }
+  if (point.wrong.empty() && LiveAllocations() != liveBefore) point.wrong = "leaked";
+  return point;
+}
+
+void Push(Stage& stage, const char* path, bool withSigners) {
+  metadata_input_s in = stage.in;
+  in.path = path;
+  Answer out;
+  GiveDigests(out, QUERY_DIGEST16, 1);
+  if (withSigners) GiveSigners(out, {"Other"});
+  HashCache().UpdateCache(&in, &out);
+}
+
+const UpdateStory kUpdateStories[] = {
+    {"new entry", [](Stage&) {}, false},
+    {"new entry with a name", [](Stage& stage) { stage.in.name = kOther; }, false},
+    {"new entry with signers", [](Stage&) {}, true},
+    {"new entry that evicts",
+     [](Stage& stage) {
+       orvex_set_cache_capacity(ORVEX_HASH_CACHE, 1);
+       Push(stage, kOther, false);
+     },
+     false},
+    {"cached entry", [](Stage& stage) { Push(stage, kPath, false); }, false},
+    {"cached entry with signers", [](Stage& stage) { Push(stage, kPath, true); }, true},
+    {"stopped engine", [](Stage&) { orvex_deinit(); }, false},
+};
+
+}  // namespace
+
+TEST_CASE("pushing metadata without memory gives 0, counts a failure and changes nothing") {
+  const TalkativeLibrary talkative;
+  const CountedSleep pauses;
+  int total = 0;
+  for (const UpdateStory& story : kUpdateStories) {
+    CAPTURE(story.name);
+    const int points = CountPoints("orvex_update_metadata", story.name,
+                                   [&story](int allocation, bool fromThereOn) {
+                                     return TellUpdate(story, allocation, fromThereOn);
+                                   });
+    CHECK(points > 0);
+    total += points;
+  }
+  std::printf("%4d points in all: orvex_update_metadata\n", total);
+}
+
+TEST_CASE("a node that cannot be inserted stays the caller's whichever allocation fails") {
+  const TalkativeLibrary talkative;
+  for (const bool evicts : {false, true}) {
+    const int points = CountPoints(
+        "LRUCache::InsertCacheNode", evicts ? "evicts" : "new", [&](int allocation, bool always) {
+          Point point;
+          const long liveBefore = LiveAllocations();
+          {
+            Stage stage;
+            orvex_set_cache_capacity(ORVEX_HASH_CACHE, 1);
+            if (evicts) Push(stage, kOther, true);
+            const std::vector<std::string> before = Contents();
+            Answer out;
+            LRUCacheKey key(stage.in);
+            auto node = std::make_unique<LRUCacheNode>(stage.in, out);
+            int code = 0;
+            {
+              const FailingNew failing(allocation, always);
+              code = HashCache().InsertCacheNode(key, node.get());
+              point.failures = failing.failures;
+            }
+            if (code != (point.failures == 0 ? 0 : 2)) point.wrong = "gave " + std::to_string(code);
+            if (code == 2 && Contents() != before) point.wrong = "the cache changed";
+            if (code == 2 && HashCache().InsertCacheNode(key, node.get()) != 0) {
+              point.wrong = "not inserted with memory";
+            }
+            node.release();  // The cache's by now.
+            if (point.wrong.empty()) point.wrong = BrokenInvariantOfIdleCaches();
+          }
+          if (point.wrong.empty() && LiveAllocations() != liveBefore) point.wrong = "leaked";
+          return point;
+        });
+    CHECK(points > 0);
+  }
+}
+
+namespace {
+
+// A file whose entries the configuration does not hold yet.
+void WriteFreshConfig(const char* settings) {
+  static int number = 0;
+  ++number;
+  std::ofstream file("orvexeng.ini");
+  for (int entry = 0; entry < 3; ++entry) {
+    file << "a_key_of_more_characters_than_a_string_holds_" << number << "_" << entry
+         << " = and_a_value_of_more_characters_than_a_string_holds\n";
+  }
+  file << settings;
+}
+
+bool StartsAndAnswers() {
+  metadata_query_fptrs_s callbacks = Host::Callbacks();
+  Host host;
+  metadata_input_s in = InputFor(kPath);
+  in.queryFlags = kAllDigests;
+  Answer out;
+  return orvex_init(&callbacks) == 0 && orvex_query(&in, &out, &host) == 0 && IsComplete(in, out) &&
+         orvex_deinit() == 0;
+}
+
+Point TellStart(const char* settings, int allocation, bool fromThereOn) {
+  Point point;
+  WriteFreshConfig(settings);
+  metadata_query_fptrs_s callbacks = Host::Callbacks();
+  errorsOpeningConfig = 0;
+  int code = 0;
+  {
+    const FailingNew failing(allocation, fromThereOn);
+    code = orvex_init(&callbacks);
+    point.failures = failing.failures;
+  }
+  // A file that the C library has no memory to open is a file not opened, which
+  // never keeps the engine from starting.
+  const bool mayStart = point.failures == 0 || errorsOpeningConfig == 1;
+  if (code != 2 && !(code == 0 && mayStart)) point.wrong = "gave " + std::to_string(code);
+  if (orvex_get_status() != (code == 0 ? 101 : 100)) point.wrong = "code and status disagree";
+  if (point.wrong.empty()) point.wrong = BrokenInvariantOfIdleCaches();
+  if (code == 0) orvex_deinit();
+  if (!std::async(std::launch::async, StartsAndAnswers).get()) point.wrong = "no start with memory";
+  return point;
+}
+
+}  // namespace
+
+TEST_CASE("an engine that runs out of memory while it starts gives 2 and starts with memory") {
+  const TalkativeLibrary talkative;
+  const CountedSleep pauses;
+  ORVEX_Config::ConfigFilePath = "./././././././././././orvexeng.ini";
+  const struct {
+    const char* name;
+    const char* settings;
+  } stories[] = {{"entries without effect", ""},
+                 {"all settings",
+                  "LogEnable = 1\nLogLevel = 4\nDatabaseEnable = 1\nProfilingEnable = 1\n"
+                  "CacheCapacity = 7\n"}};
+  int total = 0;
+  for (const auto& story : stories) {
+    CAPTURE(story.name);
+    // What one start with memory adds to the configuration, which keeps all.
+    TellStart(story.settings, 0, false);
+    const long liveBefore = LiveAllocations();
+    TellStart(story.settings, 0, false);
+    const long kept = LiveAllocations() - liveBefore;
+    CHECK(kept > 0);
+    const int points = CountPoints("orvex_init", story.name, [&](int allocation, bool fromThereOn) {
+      const long live = LiveAllocations();
+      Point point = TellStart(story.settings, allocation, fromThereOn);
+      if (point.wrong.empty() && LiveAllocations() - live != kept) point.wrong = "leaked";
+      return point;
+    });
+    CHECK(points > 0);
+    total += points;
+  }
+  std::printf("%4d points in all: orvex_init\n", total);
+}
+
+TEST_CASE("no other function needs memory at all") {
+  const TalkativeLibrary talkative;
+  const CountedSleep pauses;
+  metadata_query_fptrs_s callbacks = Host::Callbacks();
+  orvex_metrics_s metrics{};
+  unsigned int written = 0;
+  bool enabled = false;
+  const struct {
+    const char* function;
+    std::function<int(Stage&)> call;
+    int code;
+  } rows[] = {
+      {"orvex_init (again)", [&](Stage&) { return orvex_init(&callbacks); }, 101},
+      {"orvex_deinit", [](Stage&) { return orvex_deinit(); }, 0},
+      {"orvex_get_status", [](Stage&) { return orvex_get_status(); }, 101},
+      {"orvex_query (no record)", [](Stage&) { return orvex_query(nullptr, nullptr, nullptr); }, 3},
+      {"orvex_get_metrics",
+       [&](Stage&) { return orvex_get_metrics(&metrics, sizeof metrics, &written); }, 0},
+      {"orvex_dump_metrics", [](Stage&) { return orvex_dump_metrics(), 0; }, 0},
+      {"orvex_reset_metrics", [](Stage&) { return orvex_reset_metrics(); }, 0},
+      {"orvex_update_metadata (no record)",
+       [](Stage&) { return orvex_update_metadata(nullptr, nullptr); }, 0},
+      {"orvex_dump_cache", [](Stage&) { return orvex_dump_cache(), 0; }, 0},
+      {"orvex_flush_cache (hash)", [](Stage&) { return orvex_flush_cache(0); }, 0},
+      {"orvex_flush_cache (file type)", [](Stage&) { return orvex_flush_cache(1); }, 0},
+      {"orvex_set_cache_capacity (hash)", [](Stage&) { return orvex_set_cache_capacity(0, 1); }, 0},
+      {"orvex_set_cache_capacity (file type)",
+       [](Stage&) { return orvex_set_cache_capacity(1, 1); }, 0},
+      {"orvex_register_log_cb", [](Stage&) { return orvex_register_log_cb(DropMessage); }, 0},
+      {"orvex_profiling_set_enable", [](Stage&) { return orvex_profiling_set_enable(true); }, 0},
+      {"orvex_profiling_get_enable", [&](Stage&) { return orvex_profiling_get_enable(&enabled); },
+       0},
+      {"orvex_db_init", [](Stage&) { return orvex_db_init(); }, 312},
+      {"orvex_db_set_enable", [](Stage&) { return orvex_db_set_enable(true); }, 312},
+      {"orvex_db_get_enable", [&](Stage&) { return orvex_db_get_enable(&enabled); }, 312},
+      {"orvex_db_get_status", [](Stage&) { return orvex_db_get_status(nullptr); }, 312},
+  };
+  for (const auto& row : rows) {
+    CAPTURE(std::string(row.function));
+    const long liveBefore = LiveAllocations();
+    int code = 0;
+    int allocations = 0;
+    std::string broken;
+    {
+      Stage stage;
+      for (const char* path : {kPath, kOther}) {
+        stage.in.path = path;
+        stage.Cache(QUERY_DIGEST32 | QUERY_FILE_TYPE);
+      }
+      {
+        const FailingNew failing(1);
+        code = row.call(stage);
+        allocations = failing.allocations;
+      }
+      broken = BrokenInvariantOfIdleCaches();
+    }
+    const long leaked = LiveAllocations() - liveBefore;
+    CHECK(code == row.code);
+    CHECK(allocations == 0);
+    CHECK(broken == "");
+    CHECK(leaked == 0);
+    std::printf("   0 points: %s needs no memory\n", row.function);
+  }
+}
