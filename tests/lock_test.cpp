@@ -266,6 +266,57 @@ TEST_CASE("a wait that cannot lock is over at once and unlocks nothing") {
   CHECK(unlocks == 0);
 }
 
+TEST_CASE("a waiter that cannot sleep lets others have the mutex between its looks") {
+  Waiting waiting;
+  CondWaitCallbacks_t callbacks = waiting.Callbacks();
+  bool waited = false;
+  unsigned int result = 99;
+  int wrongUnlocks = -1;
+  std::thread waiter([&] {
+    FailingPThread failing;
+    failing.waitError = 22;
+    result = waiting.condition.Wait(waited, callbacks);
+    wrongUnlocks = failing.wrongUnlocks;
+  });
+  waiting.asleep.Wait();
+  {
+    const ORVEX_ScopeLock guard(&waiting.condition);
+    waiting.open = true;
+  }
+  waiter.join();
+  CHECK(result == 0);
+  CHECK(waited);
+  CHECK(wrongUnlocks == 0);
+}
+
+TEST_CASE("a waiter that can neither sleep nor have its mutex again is done and unlocks nothing") {
+  // Its first lock is the wait's own, its second the one after the failed sleep.
+  ORVEX_PThread_CondLock condition;
+  CondWaitCallbacks_t callbacks{};
+  callbacks.predicate = [](void*) { return true; };
+  callbacks.predicateArg = &condition;
+  bool waited = false;
+  int wrongUnlocks = 0;
+  int unlocks = 0;
+  unsigned int code = 9;
+  {
+    FailingPThread failing;
+    failing.waitError = EINVAL;
+    failing.lockError = EINVAL;
+    failing.firstFailing = 2;
+    failing.waits = 1;  // The first wait counts as the second.
+    code = condition.Wait(waited, callbacks);
+    wrongUnlocks = failing.wrongUnlocks;
+    unlocks = failing.unlocks;
+  }
+  CHECK(code == 0);
+  CHECK(waited);
+  CHECK(wrongUnlocks == 0);
+  CHECK(unlocks == 1);
+  CHECK(condition.Lock() == 0);
+  CHECK(condition.Unlock() == 0);
+}
+
 TEST_CASE("a waiter that is cancelled in its sleep gives the mutex back") {
   Waiting waiting;
   pthread_t sleeper;

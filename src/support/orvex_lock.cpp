@@ -1,6 +1,8 @@
 // Mutexes and condition waits behind an interface that reports failures as codes.
 #include "support/orvex_lock.h"
 
+#include <unistd.h>
+
 #include <cstdio>
 
 #include "support/orvex_atomic.h"
@@ -16,16 +18,33 @@ void ReportFailure(const char* operation, const ORVEX_Lock& lock) {
   std::fflush(stdout);
 }
 
-// Releases a mutex on every way out: a host may cancel its thread while it
-// sleeps.
-class MutexRelease {
+// A mutex that was locked, released on every way out: a host may cancel its
+// thread while it sleeps.
+class HeldMutex {
  public:
-  explicit MutexRelease(pthread_mutex_t* held) : mutex_(held) {}
-  ~MutexRelease() { pthread_mutex_unlock(mutex_); }
-  MutexRelease(const MutexRelease&) = delete;
-  MutexRelease& operator=(const MutexRelease&) = delete;
+  explicit HeldMutex(pthread_mutex_t* held) : mutex_(held) {}
+  ~HeldMutex() {
+    if (mutex_ != nullptr) pthread_mutex_unlock(mutex_);
+  }
+  HeldMutex(const HeldMutex&) = delete;
+  HeldMutex& operator=(const HeldMutex&) = delete;
+
+  // Lets other threads have the mutex for a moment. False when it cannot be had
+  // again.
+  bool Lend() {
+    pthread_mutex_t* const lent = mutex_;
+    pthread_mutex_unlock(lent);
+    mutex_ = nullptr;
+    usleep(kLendingUs);
+    if (pthread_mutex_lock(lent) != 0) return false;
+    mutex_ = lent;
+    return true;
+  }
 
  private:
+  // Short beside what a host computes, long beside the lines of a look.
+  static constexpr unsigned int kLendingUs = 1000;
+
   pthread_mutex_t* mutex_;
 };
 
@@ -79,11 +98,14 @@ unsigned int ORVEX_PThread_CondLock::Wait(bool& waited, CondWaitCallbacks_t& cal
   }
   // Not through Lock: a wait leaves the last error of Lock and Unlock alone.
   if (pthread_mutex_lock(&mutex_) != 0) return ORVEX_OK;
-  const MutexRelease release(&mutex_);
+  HeldMutex held(&mutex_);
   while (callbacks.predicate(callbacks.predicateArg)) {
     waited = true;
     if (callbacks.preWait != nullptr) callbacks.preWait(callbacks.preWaitArg);
-    pthread_cond_wait(&condition_, &mutex_);
+    // A sleep that failed has not given the mutex back, and who is to make the
+    // predicate false needs it.
+    const bool holds = pthread_cond_wait(&condition_, &mutex_) == 0 || held.Lend();
+    if (!holds) return ORVEX_OK;
     if (callbacks.postWait != nullptr) callbacks.postWait(callbacks.postWaitArg);
   }
   return ORVEX_OK;

@@ -90,9 +90,10 @@ class ORVEX_API ORVEX_PThread_CondLock : public ORVEX_CondVar, public ORVEX_PThr
   // becomes true if the thread slept at all and is otherwise left alone.
   //
   // All three callbacks run with the mutex held; the predicate runs again after
-  // every wake-up, so wake-ups meant for others do no harm. Failures of the
-  // condition are ignored. If the mutex cannot be had, the wait is over at once:
-  // sleeping would give back a mutex that somebody else may hold.
+  // every wake-up, so wake-ups meant for others do no harm. A failure of the
+  // condition counts as a wake-up, a millisecond later, in which the mutex is
+  // free. If the mutex cannot be had, the wait is over at once: sleeping would
+  // give back a mutex that somebody else may hold.
   // Returns ORVEX_INVALID_PARAMETER, without locking, when the predicate or its
   // argument is null; otherwise 0.
   unsigned int Wait(bool& waited, CondWaitCallbacks_t& callbacks) override ORVEX_EXCLUDES(this);

@@ -11,8 +11,19 @@ thread_local FailingPThread* current = nullptr;
 
 int CountAndFail(int FailingPThread::*count, int FailingPThread::*error) {
   if (current == nullptr) return 0;
-  ++(current->*count);
-  return current->*error;
+  const int number = ++(current->*count);
+  const int first = current->firstFailing;
+  return (current->once ? number == first : number >= first) ? current->*error : 0;
+}
+
+void NoteUnlock(const pthread_mutex_t* mutex) {
+  if (current == nullptr) return;
+  const auto held = current->held.find(mutex);
+  if (held == current->held.end()) {
+    ++current->wrongUnlocks;
+  } else {
+    current->held.erase(held);
+  }
 }
 
 }  // namespace
@@ -21,14 +32,33 @@ FailingPThread::FailingPThread() { current = this; }
 
 FailingPThread::~FailingPThread() { current = nullptr; }
 
+extern "C" int pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* how) noexcept {
+  static auto* const real =
+      RealFunction<int(pthread_mutex_t*, const pthread_mutexattr_t*)>("pthread_mutex_init");
+  const int error = CountAndFail(&FailingPThread::mutexInits, &FailingPThread::mutexInitError);
+  return error != 0 ? error : real(mutex, how);
+}
+
+extern "C" int pthread_cond_init(pthread_cond_t* condition,
+                                 const pthread_condattr_t* how) noexcept {
+  static auto* const real =
+      RealFunction<int(pthread_cond_t*, const pthread_condattr_t*)>("pthread_cond_init");
+  const int error =
+      CountAndFail(&FailingPThread::conditionInits, &FailingPThread::conditionInitError);
+  return error != 0 ? error : real(condition, how);
+}
+
 extern "C" int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept {
   static auto* const real = RealFunction<int(pthread_mutex_t*)>("pthread_mutex_lock");
-  const int error = CountAndFail(&FailingPThread::locks, &FailingPThread::lockError);
-  return error != 0 ? error : real(mutex);
+  int error = CountAndFail(&FailingPThread::locks, &FailingPThread::lockError);
+  if (error == 0) error = real(mutex);
+  if (error == 0 && current != nullptr) current->held.insert(mutex);
+  return error;
 }
 
 extern "C" int pthread_mutex_unlock(pthread_mutex_t* mutex) noexcept {
   static auto* const real = RealFunction<int(pthread_mutex_t*)>("pthread_mutex_unlock");
+  NoteUnlock(mutex);
   const int error = CountAndFail(&FailingPThread::unlocks, &FailingPThread::unlockError);
   // Given back all the same: a mutex must not be destroyed while it is locked.
   const int result = real(mutex);

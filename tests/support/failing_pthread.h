@@ -1,6 +1,10 @@
 // A system whose mutexes and conditions fail when a test wants them to.
 #pragma once
 
+#include <pthread.h>
+
+#include <set>
+
 // Stands in for the POSIX thread functions of the whole program while it lives:
 // counts their calls, and fails those whose error is not 0 without doing anything,
 // but for an unlock, which gives the mutex back and then reports its error.
@@ -18,8 +22,21 @@ class FailingPThread {
   int unlockError = 0;
   int waitError = 0;
   int broadcastError = 0;
+  int mutexInitError = 0;
+  int conditionInitError = 0;
+  // Which call of a kind fails first, counted from 1, and whether it is the only
+  // one.
+  int firstFailing = 1;
+  bool once = false;
+
   int locks = 0;
   int unlocks = 0;
   int waits = 0;
   int broadcasts = 0;
+  int mutexInits = 0;
+  int conditionInits = 0;
+  // Unlocks of a mutex that this thread had not locked.
+  int wrongUnlocks = 0;
+  // What this thread holds.
+  std::multiset<const pthread_mutex_t*> held;
 };
