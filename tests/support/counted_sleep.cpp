@@ -1,6 +1,7 @@
 // A usleep that returns at once and remembers what it was asked for.
 #include "support/counted_sleep.h"
 
+#include <errno.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -21,5 +22,7 @@ extern "C" int usleep(useconds_t microseconds) {
   ++current->sleeps;
   current->microseconds += microseconds;
   if (current->onSleep) current->onSleep();
-  return 0;
+  if (!current->interrupted) return 0;
+  errno = EINTR;
+  return -1;
 }

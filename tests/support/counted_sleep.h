@@ -15,4 +15,6 @@ class CountedSleep {
   std::atomic<int> sleeps{0};
   std::atomic<unsigned int> microseconds{0};  // in all
   std::function<void()> onSleep;
+  // Whether each sleep ends as a signal would end it.
+  bool interrupted = false;
 };

@@ -25,7 +25,8 @@ extern "C" int clock_gettime(clockid_t clock, timespec* now) noexcept {
   if (current == nullptr) return static_cast<int>(syscall(SYS_clock_gettime, clock, now));
   const bool isMonotonic = clock == CLOCK_MONOTONIC;
   ++(isMonotonic ? current->monotonicReadings : current->realTimeReadings);
-  if (current->broken) return -1;
+  const int reading = current->monotonicReadings + current->realTimeReadings;
+  if (current->broken || reading == current->failingReading) return -1;
   *now = Next(isMonotonic ? current->monotonic : current->realTime);
   return 0;
 }

@@ -22,4 +22,6 @@ class ScriptedClock {
   int realTimeReadings = 0;
   // A clock that cannot be read returns -1 and tells nothing.
   bool broken = false;
+  // The one reading that fails of both clocks together, counted from 1; 0 for none.
+  int failingReading = 0;
 };
