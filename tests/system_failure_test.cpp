@@ -417,6 +417,15 @@ unsigned int HashCapacity() {
 
 }  // namespace
 
+TEST_CASE("a configuration that opens and cannot be read changes nothing") {
+  const TalkativeLibrary talkative;
+  orvex_set_cache_capacity(ORVEX_HASH_CACHE, ORVEX_MAX_CAPACITY);
+  ORVEX_Config::ConfigFilePath = ".";  // A directory opens for reading and reads EISDIR.
+  CHECK(Start() == 0);
+  CHECK(HashCapacity() == 4096);
+  CHECK(orvex_deinit() == 0);
+}
+
 TEST_CASE("a configuration that the system does not open is one ERROR and no obstacle") {
   const TalkativeLibrary talkative;
   orvex_set_cache_capacity(ORVEX_HASH_CACHE, ORVEX_MAX_CAPACITY);
@@ -463,13 +472,4 @@ TEST_CASE("a configuration that the system does not open is one ERROR and no obs
   CHECK(HashCapacity() == 7);
   CHECK(orvex_deinit() == 0);
   std::printf("%4d points: opening the configuration\n", points);
-}
-
-TEST_CASE("a configuration that opens and cannot be read changes nothing") {
-  const TalkativeLibrary talkative;
-  orvex_set_cache_capacity(ORVEX_HASH_CACHE, ORVEX_MAX_CAPACITY);
-  ORVEX_Config::ConfigFilePath = ".";  // A directory opens for reading and reads EISDIR.
-  CHECK(Start() == 0);
-  CHECK(HashCapacity() == 4096);
-  CHECK(orvex_deinit() == 0);
 }
