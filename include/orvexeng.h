@@ -28,9 +28,10 @@
  *          std::logic_error. A C host should compile with -fexceptions if its
  *          callbacks can throw.
  * fork     A child of a process that has other threads inside the library may
- *          only call exec or _exit: a lock that another thread held stays
- *          locked in the child for ever. A child forked while no thread is
- *          inside may use the library; it has its own copy of the caches.
+ *          only call exec or _exit, not exit: a lock that another thread held
+ *          stays locked in the child for ever, and a thread that slept is
+ *          waited for. A child forked while no thread is inside may use the
+ *          library; it has its own copy of the caches.
  * exit     The library's objects are destroyed at process exit and by the last
  *          dlclose. No thread may be inside the library then, nor call in
  *          afterwards: call orvex_deinit first.
@@ -293,11 +294,12 @@ ORVEX_API int orvex_init(metadata_query_fptrs_s* fptrs);
  * callback and what the configuration file set survive.
  *
  * Waits up to a second for queries inside the hash cache and up to another for
- * calls inside the engine, then returns whether or not they have left. A query
- * that outlives the call still comes back from its callback into the library:
- * do not unload the library until all have returned. It takes the count of
- * calls in flight below zero if the engine was started again meanwhile, and
- * the next orvex_deinit then waits its full time.
+ * calls inside the engine, less when signals interrupt the thread, then returns
+ * whether or not they have left. A query that outlives the call still comes
+ * back from its callback into the library: do not unload the library until all
+ * have returned. It takes the count of calls in flight below zero if the engine
+ * was started again meanwhile, and the next orvex_deinit then waits its full
+ * time.
  *
  * Threads: one at a time, and not beside orvex_init. From a callback it would
  * wait for itself until its time is up.

@@ -1,4 +1,5 @@
-// One virtual operation of one object, replaced for the length of a scope.
+// Virtual operations by their place in the table, as a host compiled against an
+// earlier header finds them.
 #pragma once
 
 #include <cstddef>
@@ -13,8 +14,18 @@
 constexpr size_t kHashCacheSlots = 17;
 constexpr size_t kFileTypeCacheSlots = 15;
 
-// Stands in for a subclass where the library makes the object itself. A method of
-// the C++ ABI in use is a function whose first argument is the object.
+// Calls the operation in this slot, the first one being 0. A method of the C++ ABI
+// in use is a function whose first argument is the object.
+template <typename Result, typename... Arguments>
+Result CallSlot(void* object, size_t slot, Arguments... arguments) {
+  void** table = nullptr;
+  std::memcpy(&table, object, sizeof table);
+  return reinterpret_cast<Result (*)(void*, Arguments...)>(table[slot])(object, arguments...);
+}
+
+// One virtual operation of one object, replaced for the length of a scope.
+//
+// Stands in for a subclass where the library makes the object itself.
 class ReplacedOperation {
  public:
   template <typename Result, typename... Arguments>
