@@ -274,27 +274,35 @@ TEST_CASE("ten thousand signals a second change no answer and hold up no stop") 
               queries, starts);
 }
 
-TEST_CASE("a storm of starts and stops under load ends every stop after twenty pauses at most") {
+TEST_CASE("a storm of starts and stops under load pauses two seconds at most in every stop") {
   const int kCycles = InDeepForm(10000, 2000);
+  // How fast it goes is up to the scheduler; the short form ends in time.
+  const auto end = Clock::now() + std::chrono::seconds(InDeepForm(100000, 5));
   CountedSleep pauses;
   pauses.onSleep = [] { sched_yield(); };
   Load load(8);
   int wrong = 0;
+  int cycles = 0;
   int mostPauses = 0;
-  for (int i = 0; i < kCycles; ++i) {
+  unsigned int mostMicroseconds = 0;
+  for (; cycles < kCycles && Clock::now() < end; ++cycles) {
     if (Start() != 0 || orvex_get_status() != 101) ++wrong;
-    for (int wait = i % 4; wait > 0; --wait) sched_yield();
+    for (int wait = cycles % 4; wait > 0; --wait) sched_yield();
     pauses.sleeps = 0;
+    pauses.microseconds = 0;
     if (orvex_deinit() != 0 || orvex_get_status() != 100) ++wrong;
     mostPauses = std::max(mostPauses, pauses.sleeps.load());
+    mostMicroseconds = std::max(mostMicroseconds, pauses.microseconds.load());
   }
   load.Stop();
   CHECK(wrong == 0);
+  CHECK(cycles > 0);
   CHECK(mostPauses <= 20);
+  CHECK(mostMicroseconds <= 2000000);
   CHECK(load.wrongAnswers == 0);
   CHECK(load.wrongCodes == 0);
   CHECK(load.queries > 0);
-  std::printf("%d starts and stops beside %ld queries, %d pauses in the longest stop\n", kCycles,
+  std::printf("%d starts and stops beside %ld queries, %d pauses in the longest stop\n", cycles,
               load.queries.load(), mostPauses);
 }
 
