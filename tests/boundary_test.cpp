@@ -9,7 +9,7 @@
 #include <string>
 
 #include "engine/orvex_engine.h"
-#include "support/cache_invariant.h"
+#include "support/opened_caches.h"
 #include "support/failing_new.h"
 #include "support/failing_pthread.h"
 #include "support/orvex_config.h"

@@ -17,7 +17,7 @@
 #include <thread>
 #include <vector>
 
-#include "support/cache_invariant.h"
+#include "support/opened_caches.h"
 #include "support/counted_sleep.h"
 #include "support/deep_form.h"
 #include "support/failing_new.h"

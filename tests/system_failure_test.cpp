@@ -15,7 +15,7 @@
 #include <string>
 #include <thread>
 
-#include "support/cache_invariant.h"
+#include "support/opened_caches.h"
 #include "support/captured_output.h"
 #include "support/counted_sleep.h"
 #include "support/failing_pthread.h"
@@ -123,7 +123,6 @@ TEST_CASE("a mutex that says it cannot be unlocked changes nothing that a host s
       {
         FailingPThread failing;
         failing.unlockError = EPERM;
-        failing.unlocksAllTheSame = true;
         failing.firstFailing = first;
         failing.once = once;
         steps = life.Tell();

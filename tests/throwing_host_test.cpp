@@ -9,7 +9,7 @@
 #include <string>
 #include <thread>
 
-#include "support/cache_invariant.h"
+#include "support/opened_caches.h"
 #include "support/counted_sleep.h"
 #include "support/latch.h"
 #include "support/orvex_log.h"
