@@ -4,7 +4,7 @@
 #include "support/orvex_log.h"
 
 namespace {
-constexpr char kSourceFile[] = "orvex_set";
+constexpr char kSetSourceFile[] = "orvex_set";
 }
 
 ORVEX_Set::ORVEX_Set() = default;
@@ -20,14 +20,14 @@ bool ORVEX_Set::PredicateFunc(void* arg) {
 
 void ORVEX_Set::PreWaitLogFunc(void* arg) {
   if (arg == nullptr) return;
-  ORVEX_LOG_MESSAGE(ORVEX_LOG_INFO, kSourceFile,
+  ORVEX_LOG_MESSAGE(ORVEX_LOG_INFO, kSetSourceFile,
                     "[CalHashSet] File hash is calculating, wait for signal: %s",
                     static_cast<const std::string*>(arg)->c_str());
 }
 
 void ORVEX_Set::PostWaitLogFunc(void* arg) {
   if (arg == nullptr) return;
-  ORVEX_LOG_MESSAGE(ORVEX_LOG_INFO, kSourceFile,
+  ORVEX_LOG_MESSAGE(ORVEX_LOG_INFO, kSetSourceFile,
                     "[CalHashSet] File hash is calculating, signaled: %s",
                     static_cast<const std::string*>(arg)->c_str());
 }

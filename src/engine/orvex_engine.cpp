@@ -18,7 +18,7 @@ template class ORVEX_Singleton<ORVEX_ENGINE>;
 
 namespace {
 
-constexpr char kSourceFile[] = "orvex_engine";
+constexpr char kEngineSourceFile[] = "orvex_engine";
 
 // False when memory runs out. A file that cannot be opened is no failure.
 bool Configure() {
@@ -46,28 +46,28 @@ ORVEX_ENGINE::~ORVEX_ENGINE() = default;
 int ORVEX_ENGINE::Init(metadata_query_fptrs_s* fptrs) {
   PassLock();
   if (ORVEX_LoadRelaxed(inited)) {
-    ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kSourceFile,
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kEngineSourceFile,
                       "Kelda Inventory Engine init failed: already been initialized");
     return ORVEX_INITIALISED;
   }
   if (fptrs == nullptr || fptrs->fileTypeQueryCallback == nullptr ||
       fptrs->metaQueryCallback == nullptr) {
-    ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kSourceFile,
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kEngineSourceFile,
                       "Kelda Inventory Engine register query callback failed: invalid parameter");
     return ORVEX_INVALID_CALLBACKS;
   }
-  ORVEX_LOG_MESSAGE(ORVEX_LOG_INFO, kSourceFile,
+  ORVEX_LOG_MESSAGE(ORVEX_LOG_INFO, kEngineSourceFile,
                     "Kelda Inventory Engine is initializing, version=%s", ORVEX_VERSION);
   if (!Configure()) return ORVEX_NO_MEMORY;
 
   if (const int code = HashCache().InitLRUCache(); code != ORVEX_OK) {
-    ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kSourceFile,
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kEngineSourceFile,
                       "Kelda Inventory Engine init failed: cache init failed, rc=%d", code);
     return code;
   }
   if (const int code = TypeCache().InitLRUCache(); code != ORVEX_OK) {
     HashCache().DeinitLRUCache();
-    ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kSourceFile,
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kEngineSourceFile,
                       "Kelda Inventory Engine init failed: file type cache init failed, rc=%d",
                       code);
     return code;
@@ -77,14 +77,14 @@ int ORVEX_ENGINE::Init(metadata_query_fptrs_s* fptrs) {
   ORVEX_StoreRelaxed(inited, true);
   // Calls that came too early, or outlived an earlier stop, are not counted.
   ORVEX_StoreRelaxed(refCount, 0);
-  ORVEX_LOG_MESSAGE(ORVEX_LOG_INFO, kSourceFile, "Kelda Inventory Engine init successfully");
+  ORVEX_LOG_MESSAGE(ORVEX_LOG_INFO, kEngineSourceFile, "Kelda Inventory Engine init successfully");
   return ORVEX_OK;
 }
 
 int ORVEX_ENGINE::Deinit() {
   PassLock();
   if (!ORVEX_LoadRelaxed(inited)) {
-    ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kSourceFile,
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kEngineSourceFile,
                       "Kelda Inventory Engine deinit failed: Engine is not inited");
     return ORVEX_NOT_INITIALISED;
   }
@@ -92,8 +92,10 @@ int ORVEX_ENGINE::Deinit() {
   // Before the wait: threads that sleep in a cache leave only once it stops.
   HashCache().DeinitLRUCache();
   TypeCache().DeinitLRUCache();
-  ORVEX_DrainCalls(&refCount, "Kelda Inventory Engine deinit", __LINE__, __func__, kSourceFile);
-  ORVEX_LOG_MESSAGE(ORVEX_LOG_WARNING, kSourceFile, "Kelda Inventory Engine deinit successfully");
+  ORVEX_DrainCalls(&refCount, "Kelda Inventory Engine deinit", __LINE__, __func__,
+                   kEngineSourceFile);
+  ORVEX_LOG_MESSAGE(ORVEX_LOG_WARNING, kEngineSourceFile,
+                    "Kelda Inventory Engine deinit successfully");
   return ORVEX_OK;
 }
 
@@ -112,7 +114,7 @@ int ORVEX_ENGINE::Query(metadata_input_s* metaIn, metadata_output_s* metaOut, vo
   const ORVEX_ProfilingScope profiling("ORVEX_ENGINE::Query");
   if (!IsInit()) return ORVEX_NOT_INITIALISED;
   if (metaOut == nullptr || metaIn == nullptr) {
-    ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kSourceFile,
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kEngineSourceFile,
                       "Invalid parameter: metaIn=0x%08x, metaOut=0x%08x", Low32Bits(metaIn),
                       Low32Bits(metaOut));
     return ORVEX_INVALID_PARAMETER;
@@ -121,7 +123,7 @@ int ORVEX_ENGINE::Query(metadata_input_s* metaIn, metadata_output_s* metaOut, vo
   if ((metaIn->queryFlags & QUERY_FILE_TYPE) != 0) {
     code = TypeCache().Query(metaIn, metaOut, ctx);
     if (code != ORVEX_OK) {
-      ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kSourceFile, "Error query file type cache %d", code);
+      ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kEngineSourceFile, "Error query file type cache %d", code);
     }
   }
   // Read again: the host's callback may have changed what is wanted.
@@ -129,7 +131,7 @@ int ORVEX_ENGINE::Query(metadata_input_s* metaIn, metadata_output_s* metaOut, vo
     const int hashCode = HashCache().Query(metaIn, metaOut, ctx);
     if (hashCode != ORVEX_OK) {
       // The code so far, on purpose: a lone failure of the hash cache prints 0.
-      ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kSourceFile, "Error query hash cache %d", code);
+      ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kEngineSourceFile, "Error query hash cache %d", code);
       if (code == ORVEX_OK) code = hashCode;
     }
   }
@@ -147,22 +149,22 @@ int ORVEX_ENGINE::GetMetrics(orvex_metrics_s* metrics, unsigned int size,
   const ORVEX_ProfilingScope profiling("ORVEX_ENGINE::GetMetrics");
   if (!IsInit()) return ORVEX_NOT_INITIALISED;
   if (size == 0) {
-    ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kSourceFile, "Invalid metrics data size = %d", 0);
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kEngineSourceFile, "Invalid metrics data size = %d", 0);
     return ORVEX_INVALID_PARAMETER;
   }
   LRUCacheMetrics_s hash;
   if (const int code = HashCache().GetMetrics(hash); code != ORVEX_OK) {
-    ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kSourceFile, "Get cache metrics failed: rc=%d", code);
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kEngineSourceFile, "Get cache metrics failed: rc=%d", code);
     return code;
   }
   FileTypeCacheMetrics_s fileType;
   if (const int code = TypeCache().GetMetrics(fileType); code != ORVEX_OK) {
-    ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kSourceFile, "Get file type cache metrics failed: rc=%d",
-                      code);
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kEngineSourceFile,
+                      "Get file type cache metrics failed: rc=%d", code);
     return code;
   }
   if (metrics == nullptr) {
-    ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kSourceFile, "Memory copy metrics operation failed");
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kEngineSourceFile, "Memory copy metrics operation failed");
     return ORVEX_COPY_FAILED;
   }
   alignas(8) orvex_metrics_s all{};

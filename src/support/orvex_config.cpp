@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr char kSourceFile[] = "orvex_config";
+constexpr char kConfigSourceFile[] = "orvex_config";
 
 // The longest line that is read, its terminator included.
 constexpr int kLineSize = 255;
@@ -28,7 +28,8 @@ ORVEX_Config::~ORVEX_Config() = default;
 unsigned int ORVEX_Config::ReadConfig(std::string path) {
   std::ifstream file(path);
   if (!file.is_open()) {
-    ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kSourceFile, "Open config file %s failed", path.c_str());
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kConfigSourceFile, "Open config file %s failed",
+                      path.c_str());
     return ORVEX_CONFIG_NOT_OPENED;
   }
   char line[kLineSize] = {};
@@ -61,23 +62,23 @@ unsigned int ORVEX_Config::SetConfig() {
   unsigned int number = 0;
   if (GetConfigBool("LogEnable", flag) == ORVEX_OK) {
     ORVEX_StoreRelaxed(ORVEX_LOG_BASE::LogEnable, flag);
-    ORVEX_LOG_MESSAGE(ORVEX_LOG_INFO, kSourceFile, "Set config LogEnable to %d", flag);
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_INFO, kConfigSourceFile, "Set config LogEnable to %d", flag);
   }
   if (GetConfigInteger("LogLevel", number) == ORVEX_OK) {
     ORVEX_StoreRelaxed(ORVEX_LOG_BASE::LogLevel, static_cast<ORVEX_LOG>(number));
-    ORVEX_LOG_MESSAGE(ORVEX_LOG_INFO, kSourceFile, "Set config LogLevel to %u", number);
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_INFO, kConfigSourceFile, "Set config LogLevel to %u", number);
   }
   if (GetConfigBool("DatabaseEnable", flag) == ORVEX_OK) {
     orvex_db_set_enable(flag);
-    ORVEX_LOG_MESSAGE(ORVEX_LOG_INFO, kSourceFile, "Set config DatabaseEnable to %d", flag);
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_INFO, kConfigSourceFile, "Set config DatabaseEnable to %d", flag);
   }
   if (GetConfigBool("ProfilingEnable", flag) == ORVEX_OK) {
     orvex_profiling_set_enable(flag);
-    ORVEX_LOG_MESSAGE(ORVEX_LOG_INFO, kSourceFile, "Set config ProfilingEnable to %d", flag);
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_INFO, kConfigSourceFile, "Set config ProfilingEnable to %d", flag);
   }
   if (GetConfigInteger("CacheCapacity", number) == ORVEX_OK) {
     orvex_set_cache_capacity(ORVEX_HASH_CACHE, static_cast<int>(number));
-    ORVEX_LOG_MESSAGE(ORVEX_LOG_INFO, kSourceFile, "Set config CacheCapacity to %u", number);
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_INFO, kConfigSourceFile, "Set config CacheCapacity to %u", number);
   }
   return ORVEX_OK;
 }
@@ -108,9 +109,10 @@ unsigned int ORVEX_Config::GetConfigBool(const char* key, bool& value) {
 }
 
 void ORVEX_Config::Dump() const {
-  ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kSourceFile, "Dump config map ...");
+  ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kConfigSourceFile, "Dump config map ...");
   for (const auto& [key, value] : entries_) {
-    ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kSourceFile, "[CONFIG] %s=%s", key.c_str(), value.c_str());
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kConfigSourceFile, "[CONFIG] %s=%s", key.c_str(),
+                      value.c_str());
   }
 }
 
