@@ -9,9 +9,9 @@
 #include <string>
 
 #include "engine/orvex_engine.h"
-#include "support/opened_caches.h"
 #include "support/failing_new.h"
 #include "support/failing_pthread.h"
+#include "support/opened_caches.h"
 #include "support/orvex_config.h"
 #include "support/orvex_profiling.h"
 #include "support/recorded_log.h"

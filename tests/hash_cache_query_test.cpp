@@ -229,10 +229,10 @@ TEST_CASE("a thread that ends inside the log callback leaves no path behind") {
   OpenHashCache cache;
   cache.InitLRUCache();
   ORVEX_LOG_BASE::LogLevel = ORVEX_LOG_DEBUG;
-  orvex_register_log_cb([](unsigned int, unsigned int, const char*, const char*, const char* message,
-                           unsigned int) {
-    if (std::strstr(message, "Insert CalHashSet succeed") != nullptr) pthread_exit(nullptr);
-  });
+  orvex_register_log_cb(
+      [](unsigned int, unsigned int, const char*, const char*, const char* message, unsigned int) {
+        if (std::strstr(message, "Insert CalHashSet succeed") != nullptr) pthread_exit(nullptr);
+      });
   std::thread([&] {
     Answer out;
     cache.Ask(InputFor("/a"), out);

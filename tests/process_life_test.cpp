@@ -17,11 +17,11 @@
 #include <thread>
 #include <vector>
 
-#include "support/opened_caches.h"
 #include "support/counted_sleep.h"
 #include "support/deep_form.h"
 #include "support/failing_new.h"
 #include "support/latch.h"
+#include "support/opened_caches.h"
 #include "support/orvex_log.h"
 #include "support/records.h"
 

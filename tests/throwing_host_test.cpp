@@ -9,9 +9,9 @@
 #include <string>
 #include <thread>
 
-#include "support/opened_caches.h"
 #include "support/counted_sleep.h"
 #include "support/latch.h"
+#include "support/opened_caches.h"
 #include "support/orvex_log.h"
 #include "support/whole_life.h"
 

@@ -40,7 +40,6 @@ WholeLife::WholeLife() {
 
 Steps WholeLife::Tell() {
   steps_.clear();
-  queriesThatLookForOthers = 0;
   metadata_query_fptrs_s callbacks = Host::Callbacks();
   Step("init", [&] { return orvex_init(&callbacks); });
   Step("init again", [&] { return orvex_init(&callbacks); });
@@ -114,10 +113,6 @@ void WholeLife::Step(const char* name, const std::function<int()>& call) {
 void WholeLife::Ask(const char* name, const metadata_input_s& in) {
   metadata_input_s asked = in;
   Answer out;
-  if ((in.queryFlags & ~uint32_t{QUERY_FILE_TYPE}) != 0 &&
-      (in.invOperation & INV_CACHE_ONLY) == 0 && orvex_get_status() == ORVEX_INITIALISED) {
-    ++queriesThatLookForOthers;
-  }
   Step(name, [&] { return orvex_query(&asked, &out, &host_); });
   steps_.back() += " ready=" + std::to_string(out.resultReady) +
                    " bits=" + std::to_string(out.queryFlags) +

@@ -27,9 +27,6 @@ class WholeLife {
   // Called after each step with its name.
   std::function<void(const char*)> afterStep;
 
-  // How many hash queries ask whether another thread is calculating.
-  int queriesThatLookForOthers = 0;
-
  private:
   void Step(const char* name, const std::function<int()>& call);
   void Ask(const char* name, const metadata_input_s& in);
