@@ -28,7 +28,7 @@ constexpr int kFailed = 77;
 constexpr int kThrew = -1;
 
 int Preemptions(size_t threads) {
-  return threads < 3 || std::getenv("ORVEX_DEEP") != nullptr ? 3 : 2;
+  return threads < 3 || std::getenv("ORVEXENG_DEEP") != nullptr ? 3 : 2;
 }
 
 // Whether every byte of the array is this one.

@@ -38,7 +38,7 @@ constexpr uint32_t kHotFiles = 4;
 
 // That many of a hundred.
 long Operations(long percent) {
-  const char* const wanted = std::getenv("ORVEX_OPERATIONS");
+  const char* const wanted = std::getenv("ORVEXENG_STRESS_OPERATIONS");
   return (wanted != nullptr ? std::atol(wanted) : kOperations) / 100 * percent;
 }
 
