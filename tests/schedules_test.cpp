@@ -1,7 +1,7 @@
 // How threads that ask for one path wait for each other, in every order in which
 // their locking and waiting can happen with a bounded number of preemptions.
 //
-// Three threads with three preemptions take a while: ORVEX_DEEP=1 asks for that.
+// Three threads with three preemptions take a while: ORVEXENG_DEEP=1 asks for that.
 #include <doctest/doctest.h>
 
 #include <algorithm>

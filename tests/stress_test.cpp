@@ -1,7 +1,7 @@
 // Many threads at everything at once, and sums that must be exact when they are done.
 //
 // Ten million operations, a tenth of that under a sanitizer, or as many as
-// ORVEX_OPERATIONS says.
+// ORVEXENG_STRESS_OPERATIONS says.
 #include <doctest/doctest.h>
 #include <sched.h>
 
