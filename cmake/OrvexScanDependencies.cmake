@@ -82,13 +82,15 @@ if(ORVEXENG_BITS EQUAL 32)
   # Files beyond 2 GiB, inodes of 64 bits, times beyond 2038.
   target_compile_definitions(orvex_scan_dependencies INTERFACE
     _FILE_OFFSET_BITS=64 _TIME_BITS=64)
-  # Found without LD_LIBRARY_PATH. The older kind of tag, as it also holds for what
-  # these libraries need themselves.
+  # In the build tree they are found without LD_LIBRARY_PATH; what is installed uses
+  # the system's. The older kind of tag, as it also holds for what these libraries
+  # need themselves.
+  set_target_properties(orvex_scan_dependencies PROPERTIES ORVEX_SCAN_BUILD_RPATH
+    "${ORVEXENG_SYSROOT_I386}/usr/lib/i386-linux-gnu;${ORVEXENG_SYSROOT_I386}/lib/i386-linux-gnu")
   target_link_options(orvex_scan_dependencies INTERFACE
     LINKER:--disable-new-dtags
-    LINKER:-rpath,${ORVEXENG_SYSROOT_I386}/usr/lib/i386-linux-gnu
-    LINKER:-rpath,${ORVEXENG_SYSROOT_I386}/lib/i386-linux-gnu
     LINKER:-rpath-link,${ORVEXENG_SYSROOT_I386}/lib/i386-linux-gnu)
 else()
+  set_target_properties(orvex_scan_dependencies PROPERTIES ORVEX_SCAN_BUILD_RPATH "")
   target_include_directories(orvex_scan_dependencies SYSTEM INTERFACE ${orvexScanIncludes})
 endif()

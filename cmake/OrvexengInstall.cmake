@@ -1,0 +1,74 @@
+# What `cmake --install` lays out, and how others find it.
+#
+# Directories are those of GNUInstallDirs, below a prefix that may be moved
+# afterwards: nothing installed names it. The library goes to lib/, and where Debian
+# keeps several widths in one /usr, to lib/i386-linux-gnu or lib/x86_64-linux-gnu.
+# To put both widths into another prefix, name CMAKE_INSTALL_LIBDIR for one of them.
+#
+# Three components: Runtime (the library), Development (header, link, CMake package,
+# pkg-config file, manual of the functions) and Tools (orvex-scan and its manual).
+
+include(CMakePackageConfigHelpers)
+# A 64-bit compiler with -m32 does not tell this.
+if(CMAKE_SIZEOF_VOID_P EQUAL 4 AND NOT CMAKE_LIBRARY_ARCHITECTURE)
+  set(CMAKE_LIBRARY_ARCHITECTURE i386-linux-gnu)
+endif()
+include(GNUInstallDirs)
+
+install(TARGETS orvexeng EXPORT orvexengTargets
+  LIBRARY
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}
+    COMPONENT Runtime
+    NAMELINK_COMPONENT Development
+  INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(DIRECTORY include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT Development
+  FILES_MATCHING PATTERN "orvexeng.h" PATTERN "orvexeng.hpp")
+
+# find_package(orvexeng). The version file refuses a library of another width.
+set(orvexengPackageDir ${CMAKE_INSTALL_LIBDIR}/cmake/orvexeng)
+install(EXPORT orvexengTargets NAMESPACE orvexeng:: FILE orvexeng-config.cmake
+  DESTINATION ${orvexengPackageDir} COMPONENT Development)
+write_basic_package_version_file(orvexeng-config-version.cmake COMPATIBILITY SameMajorVersion)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/orvexeng-config-version.cmake
+  DESTINATION ${orvexengPackageDir} COMPONENT Development)
+
+# pkg-config finds the rest from where its file lies. Directories outside the prefix
+# stay where they are.
+foreach(dir INCLUDEDIR LIBDIR)
+  if(IS_ABSOLUTE ${CMAKE_INSTALL_${dir}})
+    set(orvexengPc${dir} ${CMAKE_INSTALL_${dir}})
+  else()
+    set(orvexengPc${dir} "\${prefix}/${CMAKE_INSTALL_${dir}}")
+  endif()
+endforeach()
+if(IS_ABSOLUTE ${CMAKE_INSTALL_LIBDIR})
+  set(orvexengPcPrefix ${CMAKE_INSTALL_PREFIX})
+else()
+  file(RELATIVE_PATH orvexengPcPrefix /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
+  string(REGEX REPLACE "/$" "" orvexengPcPrefix "\${pcfiledir}/${orvexengPcPrefix}")
+endif()
+configure_file(cmake/orvexeng.pc.in orvexeng.pc @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/orvexeng.pc
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT Development)
+
+# The manual: section 1 is about the tool, the others about the library.
+foreach(section 1 3 5)
+  file(GLOB pages CONFIGURE_DEPENDS docs/man/*.${section})
+  if(pages)
+    set(component Development)
+    if(section EQUAL 1)
+      set(component Tools)
+    endif()
+    install(FILES ${pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section}
+      COMPONENT ${component})
+  endif()
+endforeach()
+
+if(TARGET orvex-scan)
+  # It finds the library that it was installed with, wherever both are moved.
+  if(NOT IS_ABSOLUTE ${CMAKE_INSTALL_LIBDIR})
+    file(RELATIVE_PATH toLibraries /${CMAKE_INSTALL_BINDIR} /${CMAKE_INSTALL_LIBDIR})
+    set_target_properties(orvex-scan PROPERTIES INSTALL_RPATH "$ORIGIN/${toLibraries}")
+  endif()
+  install(TARGETS orvex-scan RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT Tools)
+endif()

@@ -1,0 +1,105 @@
+#!/bin/sh
+# Hosts outside this project that build against the library and run.
+#
+# usage: consumer_test.sh install BUILD_DIRECTORY PREFIX
+#          installs the build, moves what was installed and leaves it in PREFIX;
+#        consumer_test.sh find PREFIX BITS CC CXX
+#        consumer_test.sh pkg-config PREFIX BITS CC CXX
+#          builds and runs the hosts in C and in C++ against it;
+#        consumer_test.sh refuse PREFIX BITS CC CXX
+#          asks for another word size and other versions, and gets none;
+#        consumer_test.sh add SOURCE_DIRECTORY BITS CC CXX
+#          builds and runs them with the library's source as a part of theirs;
+#        consumer_test.sh tool PREFIX [LIBRARY_PATH]
+#          runs the installed orvex-scan, with its other libraries from there.
+set -eu
+consumers=$(cd "$(dirname "$0")" && pwd)/consumer
+directory=$(mktemp -d)
+trap 'rm -rf "$directory"' EXIT
+
+fail() {
+  printf 'FAILED: %s\n' "$*"
+  exit 1
+}
+
+# configure LANGUAGE BITS [OPTION...]
+configure() {
+  language=$1
+  export CFLAGS="-m$2" CXXFLAGS="-m$2"
+  shift 2
+  cmake -G Ninja -S "$consumers/$language" -B "$directory/$language" \
+    -DCMAKE_C_COMPILER="$cc" -DCMAKE_CXX_COMPILER="$cxx" "$@" >"$directory/log" 2>&1
+}
+
+# What the host must use is the library in the prefix and no other.
+usesPrefix() {
+  LD_LIBRARY_PATH=${2:-} ldd "$1" | grep liborvexeng | grep -q "$prefix/" ||
+    fail "$1 runs with another library than that of $prefix"
+}
+
+command=$1
+shift
+if [ "$command" = install ]; then
+  DESTDIR="$directory/stage" cmake --install "$1" --prefix /first
+  rm -rf "$2"
+  mkdir -p "$(dirname "$2")"
+  mv "$directory/stage/first" "$2"
+  ! grep -rIl -e /first -e "$1" -e "$directory" "$2" || fail 'files name the place they were built in or installed to'
+  exit 0
+fi
+prefix=$1
+if [ "$command" = tool ]; then
+  tool=$prefix/bin/orvex-scan
+  usesPrefix "$tool"
+  # shellcheck disable=SC2016 # the loader's word, not ours
+  ! readelf -dW "$tool" | grep -E 'RPATH|RUNPATH' | grep -v '\[$ORIGIN/[^:]*\]' ||
+    fail 'orvex-scan searches for libraries outside its prefix'
+  LD_LIBRARY_PATH=${2:-} "$tool" --version
+  exit 0
+fi
+
+bits=$2
+cc=$3
+cxx=$4
+case $command in
+  find)
+    for language in c cpp; do
+      configure $language "$bits" -DCMAKE_PREFIX_PATH="$prefix" || { cat "$directory/log"; exit 1; }
+      cmake --build "$directory/$language"
+      usesPrefix "$directory/$language/consumer"
+      "$directory/$language/consumer"
+    done
+    ;;
+  add)
+    for language in c cpp; do
+      configure $language "$bits" -DORVEXENG_SOURCE="$prefix" || { cat "$directory/log"; exit 1; }
+      cmake --build "$directory/$language"
+      "$directory/$language/consumer"
+    done
+    ;;
+  refuse)
+    expectRefusal() {
+      configure c "$@" -DCMAKE_PREFIX_PATH="$prefix" && fail "a project got what it cannot use: $*"
+      grep -q 'orvexeng-config.cmake, version: 1.1' "$directory/log" ||
+        { cat "$directory/log"; fail "it was refused for another reason: $*"; }
+      rm -rf "$directory/c"
+    }
+    expectRefusal $((96 - bits))
+    expectRefusal "$bits" -DORVEXENG_WANTED=1.2
+    expectRefusal "$bits" -DORVEXENG_WANTED=2.0
+    ;;
+  pkg-config)
+    PKG_CONFIG_LIBDIR=$(dirname "$(find "$prefix" -name orvexeng.pc)")
+    export PKG_CONFIG_LIBDIR
+    flags=$(pkg-config --cflags --libs 'orvexeng >= 1.1')
+    libraries=$(pkg-config --variable=libdir orvexeng)
+    # shellcheck disable=SC2086 # flags are words
+    "$cc" "-m$bits" "$consumers/c/consumer.c" -o "$directory/c" $flags
+    # shellcheck disable=SC2086
+    "$cxx" "-m$bits" "$consumers/cpp/consumer.cpp" -o "$directory/cpp" $flags
+    for host in "$directory/c" "$directory/cpp"; do
+      usesPrefix "$host" "$libraries"
+      LD_LIBRARY_PATH=$libraries "$host"
+    done
+    ;;
+esac
