@@ -1,0 +1,23 @@
+#!/bin/sh
+# The binary interface of a built library against the one that hosts rely on.
+#
+# usage: abi_test.sh compare BASELINE LIBRARY
+#        abi_test.sh write BASELINE LIBRARY INCLUDE_DIRECTORY
+#          makes the library's interface the promised one; see docs/abi.md.
+set -eu
+public=$(dirname "$0")/abi/public.suppr
+case $1 in
+  compare)
+    # All types count: those of the baseline are public, and a filter for private
+    # ones would take them for such, as the baseline names no files.
+    abidiff --suppressions "$public" "$2" "$3" && exit 0
+    echo 'FAILED: the binary interface is not the promised one; docs/abi.md says what may change'
+    exit 1
+    ;;
+  write)
+    # Where it was built is no part of the promise.
+    abidw --suppressions "$public" --headers-dir "$4" --drop-private-types --exported-interfaces-only \
+      --no-show-locs --no-corpus-path --no-comp-dir-path --no-elf-needed "$3" |
+      sed "s|path='[^']*/src/|path='src/|" >"$2"
+    ;;
+esac
