@@ -1,0 +1,409 @@
+// What "Using the engine correctly" says, section by section.
+#include <doctest/doctest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <string>
+
+#include "free_signers.h"
+#include "support/counted_sleep.h"
+#include "support/engine_under_test.h"
+#include "support/latch.h"
+#include "support/recorded_log.h"
+
+namespace {
+
+// Logged by a thread that is about to wait for another one's calculation.
+constexpr char kWaiting[] = "File hash is calculating, wait for signal";
+
+// A query for these parts, under this mask and mtime.
+metadata_input_s Asking(const char* path, uint32_t parts, uint32_t mask = kAllKeyBits,
+                        uint64_t mtime = 5) {
+  metadata_input_s in = InputFor(path);
+  in.queryFlags = parts;
+  in.fileOperation = mask;
+  in.mtime = mtime;
+  return in;
+}
+
+// A callback that fills these digests with one byte.
+Host::Callback Giving(uint32_t parts, int byte) {
+  return [parts, byte](metadata_input_s&, metadata_output_s& out) {
+    GiveDigests(out, parts, byte);
+    return 0;
+  };
+}
+
+// Its first call opens one latch and waits at the other; then it answers with code.
+class HeldFirstCall {
+ public:
+  explicit HeldFirstCall(EngineUnderTest& engine, int code = 0) {
+    engine.host.onHash = [this, code](metadata_input_s& in, metadata_output_s& out) {
+      if (calls_++ != 0) return Host::AnswerHash(in, out);
+      entered.Open();
+      mayAnswer.Wait();
+      return code != 0 ? code : Host::AnswerHash(in, out);
+    };
+  }
+
+  Latch entered, mayAnswer;
+
+ private:
+  std::atomic<int> calls_{0};
+};
+
+// Another working directory, empty, for the length of a scope.
+class OwnDirectory {
+ public:
+  OwnDirectory() : before_(std::filesystem::current_path()) {
+    char name[] = "/tmp/using_test.XXXXXX";
+    REQUIRE(mkdtemp(name) != nullptr);
+    own_ = name;
+    std::filesystem::current_path(own_);
+  }
+  ~OwnDirectory() {
+    std::filesystem::current_path(before_);
+    std::filesystem::remove_all(own_);
+  }
+  OwnDirectory(const OwnDirectory&) = delete;
+  OwnDirectory& operator=(const OwnDirectory&) = delete;
+
+ private:
+  std::filesystem::path before_, own_;
+};
+
+// A capacity of the hash cache for the length of a scope.
+struct Capacity {
+  explicit Capacity(int entries) { orvex_set_cache_capacity(ORVEX_HASH_CACHE, entries); }
+  ~Capacity() { orvex_set_cache_capacity(ORVEX_HASH_CACHE, ORVEX_MAX_CAPACITY); }
+  Capacity(const Capacity&) = delete;
+  Capacity& operator=(const Capacity&) = delete;
+};
+
+}  // namespace
+
+TEST_CASE("an older part is served as current unless the key holds mtime or a refresh fills all") {
+  constexpr uint32_t kBoth = QUERY_DIGEST16 | QUERY_DIGEST32;
+  const struct {
+    const char* habit;
+    uint32_t mask;
+    uint32_t refreshed;
+    int digest16;
+  } rows[] = {{"neither", KEY_PATH, QUERY_DIGEST32, 1},
+              {"mtime in the key", KEY_PATH | KEY_MTIME, QUERY_DIGEST32, 2},
+              {"a full refresh", KEY_PATH, kBoth, 2}};
+  for (const auto& row : rows) {
+    CAPTURE(row.habit);
+    EngineUnderTest engine;
+    metadata_input_s in = Asking("/a", kBoth, row.mask, 5);
+    Answer older, refresh, newer;
+    engine.host.onHash = Giving(kBoth, 1);
+    engine.Query(in, older);
+    in = Asking("/a", QUERY_DIGEST32, row.mask, 6);
+    engine.host.onHash = Giving(row.refreshed, 2);
+    engine.Query(in, refresh);
+    in = Asking("/a", QUERY_DIGEST16, row.mask, 6);
+    engine.host.onHash = Giving(kBoth, 2);
+    engine.Query(in, newer);
+    CHECK(newer.digest16[0] == row.digest16);
+  }
+}
+
+TEST_CASE("a record that was not zeroed passes the part of another file off as an answer") {
+  EngineUnderTest engine;
+  engine.host.onHash = Giving(QUERY_DIGEST32, 2);
+  metadata_input_s in = Asking("/b", QUERY_DIGEST32);
+  Answer seed;
+  engine.Query(in, seed);
+
+  Answer used;
+  engine.host.onHash = Giving(QUERY_DIGEST16, 1);
+  in = Asking("/a", QUERY_DIGEST16);
+  engine.Query(in, used);
+  engine.host.onHash = Giving(QUERY_DIGEST16, 2);
+  in = Asking("/b", QUERY_DIGEST16);
+  const int before = engine.host.hashCalls;
+  engine.Query(in, used);
+  CHECK(engine.host.hashCalls == before);
+  CHECK(used.digest16[0] == 1);
+
+  Answer zeroed;
+  engine.Query(in, zeroed);
+  CHECK(engine.host.hashCalls == before + 1);
+  CHECK(zeroed.digest16[0] == 2);
+}
+
+TEST_CASE("a callback that assigns its bits instead of adding them takes the signers away") {
+  for (const bool assigns : {false, true}) {
+    CAPTURE(assigns);
+    EngineUnderTest engine;
+    engine.host.onHash = [](metadata_input_s&, metadata_output_s& out) {
+      GiveSigners(out, {"Example"});
+      return 0;
+    };
+    metadata_input_s in = Asking("/a", QUERY_SIGNERS);
+    Answer signers, digest, both;
+    engine.Query(in, signers);
+    engine.host.onHash = [assigns](metadata_input_s&, metadata_output_s& out) {
+      const uint32_t before = assigns ? 0 : out.queryFlags;
+      out.queryFlags = before | QUERY_DIGEST32;
+      return 0;
+    };
+    in = Asking("/a", QUERY_DIGEST32);
+    engine.Query(in, digest);
+    in = Asking("/a", QUERY_SIGNERS | QUERY_DIGEST32);
+    in.invOperation = INV_CACHE_ONLY;
+    engine.Query(in, both);
+    CHECK(both.resultReady == (assigns ? 0 : 1));
+    CHECK(SignersIn(both) == (assigns ? Names{} : Names{"Example"}));
+  }
+}
+
+TEST_CASE("a callback keeps its answer out of the cache by clearing a bit of the caller's record") {
+  EngineUnderTest engine;
+  engine.host.onHash = [](metadata_input_s& in, metadata_output_s& out) {
+    in.invOperation &= ~uint32_t{INV_KEEP_IN_CACHE};
+    return Host::AnswerHash(in, out);
+  };
+  metadata_input_s in = InputFor("/a");
+  Answer first, second;
+  CHECK(engine.Query(in, first) == 0);
+  CHECK(first.resultReady == 1);
+  CHECK((in.invOperation & INV_KEEP_IN_CACHE) == 0);
+  in.invOperation = INV_CACHE_ONLY;
+  CHECK(engine.Query(in, second) == 0);
+  CHECK(second.resultReady == 0);
+}
+
+TEST_CASE("one calculation serves the threads that waited for it only if its answer was kept") {
+  for (const bool keeps : {true, false}) {
+    CAPTURE(keeps);
+    EngineUnderTest engine;
+    RecordedLog log;
+    HeldFirstCall held(engine);
+    const auto query = [&] {
+      metadata_input_s in = InputFor("/a");
+      in.invOperation = keeps ? INV_KEEP_IN_CACHE : 0;
+      Answer out;
+      return engine.Query(in, out);
+    };
+    auto leader = std::async(std::launch::async, query);
+    held.entered.Wait();
+    auto waiter = std::async(std::launch::async, query);
+    log.WaitFor(kWaiting);
+    held.mayAnswer.Open();
+    CHECK(leader.get() == 0);
+    CHECK(waiter.get() == 0);
+    CHECK(engine.host.hashCalls == (keeps ? 1 : 2));
+  }
+}
+
+TEST_CASE("a file changed behind its mtime is another file once its ctime is part of fileID") {
+  // The finaliser of a well-known generator: a change of one bit reaches all.
+  const auto mixed = [](uint64_t inode, uint64_t ctime) {
+    uint64_t mix = inode * 0x9e3779b97f4a7c15u + ctime;
+    mix = (mix ^ (mix >> 30)) * 0xbf58476d1ce4e5b9u;
+    mix = (mix ^ (mix >> 27)) * 0x94d049bb133111ebu;
+    return mix ^ (mix >> 31);
+  };
+  for (const bool mixes : {false, true}) {
+    CAPTURE(mixes);
+    EngineUnderTest engine;
+    for (const uint64_t ctime : {uint64_t{100}, uint64_t{101}}) {
+      metadata_input_s in = InputFor("/a");
+      in.fileID = mixes ? mixed(2, ctime) : 2;
+      Answer out;
+      engine.Query(in, out);
+    }
+    CHECK(engine.host.hashCalls == (mixes ? 2 : 1));
+  }
+}
+
+TEST_CASE("a walk over more files than fit never hits, and the same walk backwards does") {
+  const Capacity room(2);
+  const struct {
+    const char* secondWalk;
+    const char* paths[3];
+    int64_t hits;
+  } rows[] = {{"the same", {"/a", "/b", "/c"}, 0}, {"backwards", {"/c", "/b", "/a"}, 2}};
+  for (const auto& row : rows) {
+    CAPTURE(row.secondWalk);
+    EngineUnderTest engine;
+    for (const char* path : {"/a", "/b", "/c"}) engine.Query(path);
+    for (const char* path : row.paths) engine.Query(path);
+    CHECK(engine.Metrics().cacheHit == row.hits);
+  }
+}
+
+TEST_CASE("a thread that waited for a failed calculation calculates itself") {
+  EngineUnderTest engine;
+  RecordedLog log;
+  HeldFirstCall held(engine, 7);
+  auto leader = engine.QueryFromAnotherThread("/a");
+  held.entered.Wait();
+  auto waiter = engine.QueryFromAnotherThread("/a");
+  log.WaitFor(kWaiting);
+  held.mayAnswer.Open();
+  CHECK(leader.get() == 7);
+  CHECK(waiter.get() == 0);
+  CHECK(engine.host.hashCalls == 2);
+}
+
+TEST_CASE("a cache-only query comes back at once where a full one waits for the calculation") {
+  EngineUnderTest engine;
+  RecordedLog log;
+  HeldFirstCall held(engine);
+  auto leader = engine.QueryFromAnotherThread("/a");
+  held.entered.Wait();
+  metadata_input_s in = InputFor("/a");
+  in.invOperation = INV_CACHE_ONLY;
+  Answer look;
+  CHECK(engine.Query(in, look) == 0);
+  CHECK(look.resultReady == 0);
+  auto waiter = engine.QueryFromAnotherThread("/a");
+  log.WaitFor(kWaiting);
+  held.mayAnswer.Open();
+  CHECK(leader.get() == 0);
+  CHECK(waiter.get() == 0);
+  CHECK(engine.host.hashCalls == 1);
+}
+
+TEST_CASE("a callback may query another path in full and its own from the cache only") {
+  EngineUnderTest engine;
+  int memberCode = -1, ownCode = -1;
+  uint32_t ownReady = 9;
+  engine.host.onHash = [&](metadata_input_s& in, metadata_output_s& out) {
+    if (std::string("/archive") == in.path) {
+      memberCode = engine.Query("/archive/member");
+      metadata_input_s own = InputFor(in.path);
+      own.invOperation = INV_CACHE_ONLY;
+      Answer look;
+      ownCode = engine.Query(own, look);
+      ownReady = look.resultReady;
+    }
+    return Host::AnswerHash(in, out);
+  };
+  CHECK(engine.Query("/archive") == 0);
+  CHECK(memberCode == 0);
+  CHECK(ownCode == 0);
+  CHECK(ownReady == 0);
+  CHECK(engine.host.hashCalls == 2);
+}
+
+TEST_CASE("a child forked while nobody is inside goes on with caches of its own") {
+  EngineUnderTest engine;
+  engine.Query("/a");
+  const pid_t child = fork();
+  if (child == 0) {
+    const bool served = engine.Query("/a") == 0 && engine.host.hashCalls == 1;
+    const bool added = engine.Query("/b") == 0 && engine.host.hashCalls == 2;
+    _exit(served && added ? 0 : 1);
+  }
+  REQUIRE(child > 0);
+  int status = -1;
+  REQUIRE(waitpid(child, &status, 0) == child);
+  CHECK(status == 0);
+  metadata_input_s in = InputFor("/b");
+  in.invOperation = INV_CACHE_ONLY;
+  Answer look;
+  engine.Query(in, look);
+  CHECK(look.resultReady == 0);
+}
+
+TEST_CASE("a query stuck in its callback outlives the stop and comes back into the library") {
+  const CountedSleep sleep;  // The stop's pauses take no time.
+  EngineUnderTest engine;
+  RecordedLog log;
+  HeldFirstCall held(engine);
+  auto stuck = engine.QueryFromAnotherThread("/a");
+  held.entered.Wait();
+  CHECK(orvex_deinit() == 0);
+  CHECK(log.CountOf("File hash calculation is done") == 0);
+  held.mayAnswer.Open();
+  CHECK(stuck.get() == 0);
+  CHECK(log.CountOf("File hash calculation is done") == 1);
+  orvex_flush_cache(ORVEX_HASH_CACHE);  // It stored its answer in the stopped cache.
+}
+
+TEST_CASE("signers made and freed by the drop-in for C hosts are kept, copied and gone") {
+  EngineUnderTest engine;
+  engine.host.onHash = [](metadata_input_s&, metadata_output_s& out) {
+    std::strcpy(new_signers(&out, 2) + ORVEX_SIGNER_SLOT, "Second");
+    return 0;
+  };
+  metadata_input_s in = Asking("/a", QUERY_SIGNERS);
+  metadata_output_s first{}, second{};
+  engine.Query(in, first);
+  engine.Query(in, second);
+  CHECK(engine.host.hashCalls == 1);
+  CHECK(first.signers != second.signers);
+  free_signers(&first);
+  CHECK(first.signers == nullptr);
+  CHECK(first.signerCount == 0);
+  CHECK((first.queryFlags & QUERY_SIGNERS) == 0);
+  CHECK(SignersIn(second) == Names{"", "Second"});
+  free_signers(&second);
+  CHECK(second.queryFlags == (QUERY_SIZE | QUERY_MTIME | QUERY_FEEDBACK));
+  // More than a 32-bit process can hold; a larger one might really be given it.
+  if (sizeof(void*) == 4) CHECK(new_signers(&second, UINT32_MAX / 2) == nullptr);
+}
+
+TEST_CASE("the configuration file is looked for where the process stands when the engine starts") {
+  const Capacity restored(ORVEX_MAX_CAPACITY);
+  const OwnDirectory directory;
+  const auto evictedOfTwo = [] {
+    EngineUnderTest engine;
+    engine.Query("/a");
+    engine.Query("/b");
+    return engine.Metrics().cacheWipeOuts;
+  };
+  CHECK(evictedOfTwo() == 0);
+  std::ofstream("orvexeng.ini") << "CacheCapacity=1\n";
+  CHECK(evictedOfTwo() == 1);
+}
+
+TEST_CASE("each counter rises for its own reason") {
+  EngineUnderTest engine;
+  const auto query = [&](const char* path, uint32_t parts, uint64_t mtime = 5) {
+    metadata_input_s in = Asking(path, parts, KEY_PATH, mtime);
+    Answer out;
+    engine.Query(in, out);
+  };
+  engine.host.onHash = Giving(QUERY_DIGEST32, 1);
+  query("/a", QUERY_DIGEST32);     // A miss,
+  query("/a", QUERY_DIGEST32);     // a hit,
+  query("/a", QUERY_DIGEST16);     // a partial hit,
+  query("/a", QUERY_DIGEST32, 6);  // and out of date.
+  for (const uint64_t mtime : {5u, 5u, 6u}) query("/a", QUERY_FILE_TYPE, mtime);
+  metadata_input_s in = Asking("/b", 0, KEY_PATH);
+  Answer pushed;
+  orvex_update_metadata(&in, &pushed);
+  orvex_update_metadata(&in, nullptr);
+  { const Capacity room(1); }
+  orvex_set_cache_capacity(ORVEX_FILE_TYPE_CACHE, 1);
+  query("/b", QUERY_FILE_TYPE);
+  orvex_set_cache_capacity(ORVEX_FILE_TYPE_CACHE, ORVEX_MAX_CAPACITY);
+
+  const orvex_metrics_s metrics = engine.Metrics();
+  CHECK(metrics.cacheQuery == 4);
+  CHECK(metrics.cacheMiss == 1);
+  CHECK(metrics.cacheHit == 1);
+  CHECK(metrics.cachePartialHit == 1);
+  CHECK(metrics.cacheOutOfDate == 1);
+  CHECK(metrics.cacheHelpFuncCalled == 3);
+  CHECK(metrics.cacheWipeOuts == 1);
+  CHECK(metrics.cacheUpdateMetaDataSuccess == 1);
+  CHECK(metrics.cacheUpdateMetaDataFailure == 1);
+  CHECK(metrics.cacheWaitInHashCalculation == 0);
+  CHECK(metrics.fileTypeHit == 1);
+  CHECK(metrics.fileTypeMiss == 2);
+  CHECK(metrics.fileTypeOutOfDate == 1);
+  CHECK(metrics.fileTypeHelpFuncCalled == 3);
+  CHECK(metrics.fileTypeWipeOuts == 1);
+}
