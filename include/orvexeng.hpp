@@ -1,0 +1,171 @@
+// liborvexeng for C++17: answers that free themselves, callbacks that are callables, and
+// an engine that is running for as long as its object lives.
+//
+// Nothing but this header and orvexeng.h; what that one promises holds here, too.
+#ifndef ORVEXENG_HPP
+#define ORVEXENG_HPP
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <functional>
+#include <new>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+#if defined(__GLIBCXX__)
+#include <cxxabi.h>
+#endif
+
+#include "orvexeng.h"
+
+namespace orvexeng {
+
+// What a query returns whose callback threw anything but std::bad_alloc, which is
+// ORVEX_NO_MEMORY.
+inline constexpr int callback_threw = -1;
+
+// A code of the library where there is no result to return it in.
+class error : public std::runtime_error {
+ public:
+  error(const std::string& what, int code)
+      : std::runtime_error(what + ": code " + std::to_string(code)), code_(code) {}
+  int code() const noexcept { return code_; }
+
+ private:
+  int code_;
+};
+
+// An output record that owns its signers and begins zeroed.
+//
+// Ownership: signers is null or an array from new[].
+class answer : public metadata_output_s {
+ public:
+  answer() noexcept : metadata_output_s() {}
+  ~answer() { delete[] signers; }
+  answer(answer&& other) noexcept : metadata_output_s(other) { other.forget(); }
+  answer& operator=(answer&& other) noexcept {
+    if (this != &other) {
+      delete[] signers;
+      record() = other;
+      other.forget();
+    }
+    return *this;
+  }
+  answer(const answer&) = delete;
+  answer& operator=(const answer&) = delete;
+
+  // Whether all of these parts, QUERY_*, are present.
+  bool has(std::uint32_t parts) const noexcept { return (parts & ~queryFlags) == 0; }
+
+  // The names, valid until the answer is changed or gone. Empty when there are none.
+  std::vector<std::string_view> signer_names() const {
+    std::vector<std::string_view> names;
+    if (!has(QUERY_SIGNERS) || signers == nullptr) return names;
+    names.reserve(signerCount);
+    for (std::uint32_t i = 0; i < signerCount; ++i) {
+      const char* const slot = signers + std::size_t{i} * ORVEX_SIGNER_SLOT;
+      names.emplace_back(slot, ::strnlen(slot, ORVEX_SIGNER_SLOT));
+    }
+    return names;
+  }
+
+  // For a callback that filled these parts.
+  void add(std::uint32_t parts) noexcept { queryFlags |= parts; }
+
+  // For a callback: replaces the signers and adds their bit. A name is cut to 256
+  // characters. Throws std::bad_alloc, and then the signers are as they were.
+  void set_signers(const std::vector<std::string_view>& names) {
+    char* const slots = names.empty() ? nullptr : new char[names.size() * ORVEX_SIGNER_SLOT]();
+    for (std::size_t i = 0; i < names.size(); ++i) {
+      names[i].copy(slots + i * ORVEX_SIGNER_SLOT, ORVEX_SIGNER_SLOT - 1);
+    }
+    delete[] signers;
+    signers = slots;
+    signerCount = static_cast<std::uint32_t>(names.size());
+    add(QUERY_SIGNERS);
+  }
+
+  // Frees the signers and zeroes the record.
+  void reset() noexcept {
+    delete[] signers;
+    forget();
+  }
+
+ private:
+  metadata_output_s& record() noexcept { return *this; }
+  void forget() noexcept { record() = metadata_output_s(); }
+};
+
+// Computes parts of an answer and returns 0, or a code that the query returns. What it
+// throws becomes a code.
+using callback = std::function<int(metadata_input_s& in, answer& out)>;
+
+// The engine of the process, initialised from construction to destruction.
+//
+// Ownership: keeps its callbacks, which may be called while it lives.
+// Threads: query from any number at once. All must have returned before the engine is
+// destroyed, and none may pass a query of this engine's time to orvex_query itself: the
+// callbacks find their engine in ctx.
+class engine {
+ public:
+  // Throws error with ORVEX_INITIALISED when an engine runs already, with
+  // ORVEX_INVALID_CALLBACKS for an empty callable and with ORVEX_NO_MEMORY.
+  engine(callback hash, callback file_type)
+      : hash_(std::move(hash)), fileType_(std::move(file_type)) {
+    if (!hash_ || !fileType_) throw error("orvexeng::engine", ORVEX_INVALID_CALLBACKS);
+    metadata_query_fptrs_s callbacks{call<&engine::hash_>, call<&engine::fileType_>};
+    if (const int code = orvex_init(&callbacks); code != ORVEX_OK) {
+      throw error("orvex_init", code);
+    }
+  }
+  ~engine() { orvex_deinit(); }
+  engine(const engine&) = delete;
+  engine& operator=(const engine&) = delete;
+
+  // Resets out and answers as orvex_query does. The input is a copy: a callback that takes
+  // INV_KEEP_IN_CACHE from it leaves the caller's as it was.
+  //
+  // Returns: as orvex_query, or callback_threw. Throws std::logic_error for a hash query
+  // without a path.
+  [[nodiscard]] int query(metadata_input_s in, answer& out) {
+    out.reset();
+    return orvex_query(&in, &out, this);
+  }
+
+  // Throws error.
+  orvex_metrics_s metrics() const {
+    orvex_metrics_s metrics{};
+    unsigned int size = 0;
+    if (const int code = orvex_get_metrics(&metrics, sizeof metrics, &size); code != ORVEX_OK) {
+      throw error("orvex_get_metrics", code);
+    }
+    return metrics;
+  }
+
+ private:
+  template <callback engine::*Which>
+  static int call(metadata_input_s* in, metadata_output_s* out, void* ctx) {
+    try {
+      // Every query passes an answer; see above.
+      return (static_cast<engine*>(ctx)->*Which)(*in, static_cast<answer&>(*out));
+    } catch (const std::bad_alloc&) {
+      return ORVEX_NO_MEMORY;
+#if defined(__GLIBCXX__)
+    } catch (const abi::__forced_unwind&) {
+      throw;  // The thread is being cancelled, and whoever stops that is aborted.
+#endif
+    } catch (...) {
+      return callback_threw;
+    }
+  }
+
+  callback hash_;
+  callback fileType_;
+};
+
+}  // namespace orvexeng
+
+#endif  // ORVEXENG_HPP

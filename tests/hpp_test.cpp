@@ -1,0 +1,181 @@
+// The C++ header: owning answers, callables, the engine as an object.
+#include <doctest/doctest.h>
+
+#include <new>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#include "orvexeng.hpp"
+#include "support/records.h"
+
+namespace {
+
+using Views = std::vector<std::string_view>;
+
+int NoAnswer(metadata_input_s&, orvexeng::answer&) { return 1; }
+
+int Signed(metadata_input_s&, orvexeng::answer& out) {
+  out.set_signers({"First", "Second"});
+  return 0;
+}
+
+metadata_input_s AskingForSigners() {
+  metadata_input_s in = InputFor("/a");
+  in.queryFlags = QUERY_SIGNERS;
+  return in;
+}
+
+// The code of the error that starting an engine throws, or 0.
+int CodeOfStart(orvexeng::callback hash, orvexeng::callback fileType) {
+  try {
+    const orvexeng::engine engine(std::move(hash), std::move(fileType));
+    return 0;
+  } catch (const orvexeng::error& error) {
+    return error.code();
+  }
+}
+
+}  // namespace
+
+TEST_CASE("an engine runs from its construction to its destruction") {
+  CHECK(orvex_get_status() == ORVEX_NOT_INITIALISED);
+  {
+    const orvexeng::engine engine(NoAnswer, NoAnswer);
+    CHECK(orvex_get_status() == ORVEX_INITIALISED);
+  }
+  CHECK(orvex_get_status() == ORVEX_NOT_INITIALISED);
+}
+
+TEST_CASE("an engine that cannot start throws the code and leaves what runs alone") {
+  CHECK(CodeOfStart(nullptr, NoAnswer) == ORVEX_INVALID_CALLBACKS);
+  CHECK(CodeOfStart(NoAnswer, nullptr) == ORVEX_INVALID_CALLBACKS);
+  CHECK(orvex_get_status() == ORVEX_NOT_INITIALISED);
+  const orvexeng::engine first(NoAnswer, NoAnswer);
+  CHECK(CodeOfStart(NoAnswer, NoAnswer) == ORVEX_INITIALISED);
+  CHECK(orvex_get_status() == ORVEX_INITIALISED);
+}
+
+TEST_CASE("each callable answers for its own cache") {
+  orvexeng::engine engine(
+      [](metadata_input_s&, orvexeng::answer& out) {
+        out.digest32[0] = 7;
+        out.add(QUERY_DIGEST32);
+        return 0;
+      },
+      [](metadata_input_s&, orvexeng::answer& out) {
+        out.major = 3;
+        out.add(QUERY_FILE_TYPE);
+        return 0;
+      });
+  metadata_input_s in = InputFor("/a");
+  in.queryFlags = QUERY_DIGEST32 | QUERY_FILE_TYPE;
+  orvexeng::answer out;
+  CHECK(engine.query(in, out) == 0);
+  CHECK(out.has(in.queryFlags));
+  CHECK(out.digest32[0] == 7);
+  CHECK(out.major == 3);
+  CHECK(engine.metrics().cacheHelpFuncCalled == 1);
+  CHECK(engine.metrics().fileTypeHelpFuncCalled == 1);
+}
+
+TEST_CASE("signers go through the cache and come back as names") {
+  orvexeng::engine engine(Signed, NoAnswer);
+  for (const char* pass : {"calculated", "cached"}) {
+    CAPTURE(pass);
+    orvexeng::answer out;
+    CHECK(out.signer_names().empty());
+    CHECK(engine.query(AskingForSigners(), out) == 0);
+    CHECK(out.signer_names() == Views{"First", "Second"});
+  }
+  CHECK(engine.metrics().cacheHit == 1);
+}
+
+TEST_CASE("a signer name is cut to what its slot holds") {
+  orvexeng::answer out;
+  const std::string name(300, 'n');
+  out.set_signers({name, "after"});
+  CHECK(out.signer_names() == Views{std::string_view(name).substr(0, 256), "after"});
+  out.set_signers({});
+  CHECK(out.has(QUERY_SIGNERS));
+  CHECK(out.signers == nullptr);
+  CHECK(out.signer_names().empty());
+}
+
+TEST_CASE("an answer can be moved and not copied, and leaves an empty one behind") {
+  static_assert(!std::is_copy_constructible_v<orvexeng::answer>);
+  static_assert(!std::is_copy_assignable_v<orvexeng::answer>);
+  orvexeng::answer from;
+  from.set_signers({"Name"});
+  orvexeng::answer made(std::move(from));
+  CHECK(from.signers == nullptr);
+  CHECK(from.queryFlags == 0);
+  orvexeng::answer assigned;
+  assigned.set_signers({"Freed by the assignment"});
+  assigned = std::move(made);
+  CHECK(made.signers == nullptr);
+  CHECK(assigned.signer_names() == Views{"Name"});
+}
+
+TEST_CASE("a query resets its answer, so that nothing of an earlier one counts as present") {
+  orvexeng::engine engine(NoAnswer, NoAnswer);
+  orvexeng::answer out;
+  out.set_signers({"Of another file"});
+  CHECK(engine.query(AskingForSigners(), out) == 1);
+  CHECK(out.queryFlags == 0);
+  CHECK(out.signer_names().empty());
+}
+
+TEST_CASE("a callback's veto does not reach the caller's record") {
+  orvexeng::engine engine(
+      [](metadata_input_s& in, orvexeng::answer& out) {
+        in.invOperation = 0;
+        return Signed(in, out);
+      },
+      NoAnswer);
+  const metadata_input_s in = AskingForSigners();
+  orvexeng::answer out;
+  CHECK(engine.query(in, out) == 0);
+  CHECK(in.invOperation == INV_KEEP_IN_CACHE);
+  CHECK(engine.query(in, out) == 0);
+  CHECK(engine.metrics().cacheMiss == 2);
+}
+
+TEST_CASE("what a callback throws becomes a code and nothing is stored") {
+  const struct {
+    const char* thrown;
+    orvexeng::callback callback;
+    int code;
+  } rows[] = {
+      {"memory", [](metadata_input_s&, orvexeng::answer&) -> int { throw std::bad_alloc(); },
+       ORVEX_NO_MEMORY},
+      {"an exception",
+       [](metadata_input_s&, orvexeng::answer&) -> int { throw std::runtime_error("no"); },
+       orvexeng::callback_threw},
+      {"a number", [](metadata_input_s&, orvexeng::answer&) -> int { throw 5; },
+       orvexeng::callback_threw}};
+  for (const auto& row : rows) {
+    CAPTURE(row.thrown);
+    orvexeng::engine engine(row.callback, row.callback);
+    metadata_input_s in = AskingForSigners();
+    orvexeng::answer out;
+    CHECK(engine.query(in, out) == row.code);
+    in.queryFlags = QUERY_FILE_TYPE;
+    CHECK(engine.query(in, out) == row.code);
+    in.invOperation = INV_CACHE_ONLY;
+    in.queryFlags = QUERY_SIGNERS;
+    CHECK(engine.query(in, out) == 0);
+    CHECK(out.resultReady == 0);
+  }
+}
+
+TEST_CASE("a hash query without a path throws") {
+  orvexeng::engine engine(NoAnswer, NoAnswer);
+  orvexeng::answer out;
+  metadata_input_s in = AskingForSigners();
+  in.path = nullptr;
+  CHECK_THROWS_AS(static_cast<void>(engine.query(in, out)), std::logic_error);
+}
