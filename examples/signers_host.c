@@ -1,0 +1,30 @@
+/* A C host with signers: free_signers.cpp beside it is compiled as C++. */
+#include <orvexeng.h>
+#include <stdio.h>
+#include <string.h>
+
+#include "free_signers.h"
+
+static int Signers(metadata_input_s* in, metadata_output_s* out, void* ctx) {
+  (void)in, (void)ctx;
+  char* slots = new_signers(out, 1);
+  if (slots == NULL) return ORVEX_NO_MEMORY;
+  strcpy(slots, "Example Builds");
+  return 0;
+}
+
+int main(void) {
+  metadata_query_fptrs_s callbacks = {Signers, Signers};
+  if (orvex_init(&callbacks) != ORVEX_OK) return 1;
+  metadata_input_s in = {.path = "/bin/true", .size = 43872, .mtime = 1663661352};
+  in.fileOperation = KEY_PATH | KEY_SIZE | KEY_MTIME;
+  in.invOperation = INV_KEEP_IN_CACHE;
+  in.queryFlags = QUERY_SIGNERS;
+  for (int i = 0; i < 2; ++i) {
+    metadata_output_s out = {0};
+    int code = orvex_query(&in, &out, NULL);
+    if (code == ORVEX_OK) printf("%u signer(s): %s\n", (unsigned)out.signerCount, out.signers);
+    free_signers(&out);
+  }
+  return orvex_deinit();
+}
