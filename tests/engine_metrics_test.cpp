@@ -5,6 +5,7 @@
 #include <string>
 
 #include "cache/orvex_caches.h"
+#include "engine/orvex_engine.h"
 #include "support/engine_under_test.h"
 #include "support/orvex_profiling.h"
 #include "support/recorded_log.h"
@@ -116,6 +117,19 @@ TEST_CASE("a null record is an error and no crash") {
   CHECK(orvex_get_metrics(nullptr, sizeof(orvex_metrics_s), &size) == 1);
   CHECK(size == 77);
   CHECK(log.TakeTranscript() == Lines({MetricsError("Memory copy metrics operation failed")}));
+}
+
+TEST_CASE("the engine tells its counters by reference as the exported function does") {
+  EngineUnderTest engine;
+  CauseEverything(engine);
+  const orvex_metrics_s exported = engine.Metrics();
+  orvex_metrics_s metrics{};
+  unsigned int size = 0;
+  const ORVEX_ENGINE& inside = *ORVEX_Singleton<ORVEX_ENGINE>::GetInstance();
+  CHECK(inside.GetMetrics(metrics, sizeof metrics, size) == 0);
+  CHECK(size == sizeof metrics);
+  CHECK(metrics.cacheQuery == 13);
+  CHECK(std::memcmp(&metrics, &exported, sizeof metrics) == 0);
 }
 
 TEST_CASE("before it is initialised the engine tells no counters") {

@@ -9,6 +9,7 @@
 
 #include "support/captured_output.h"
 #include "support/orvex_log.h"
+#include "support/real_function.h"
 #include "support/recorded_log.h"
 
 namespace {
@@ -17,7 +18,15 @@ void LogText(ORVEX_LOG level, const char* text) {
   ORVEX_LOGGER::GetInstance()->Log(level, 7, "Function", "file", "%s", text);
 }
 
+bool localTimeFails = false;
+
 }  // namespace
+
+// As the system's own does when the year would not fit.
+extern "C" tm* localtime_r(const time_t* when, tm* local) noexcept {
+  static auto* const real = RealFunction<tm*(const time_t*, tm*)>("localtime_r");
+  return localTimeFails ? nullptr : real(when, local);
+}
 
 TEST_CASE("messages up to the level are kept and more detailed ones dropped") {
   RecordedLog log(ORVEX_LOG_INFO);
@@ -150,6 +159,14 @@ TEST_CASE("without a callback a message is one flushed line on standard output")
   for (time_t second = before; second <= after; ++second) matches |= line == lineAt(second);
   CAPTURE(line);
   CHECK(matches);
+}
+
+TEST_CASE("a time that has no local form leaves its place in the line empty") {
+  CapturedOutput output;
+  localTimeFails = true;
+  LogText(ORVEX_LOG_ERROR, "the text");
+  localTimeFails = false;
+  CHECK(output.Take() == " [ERROR] the text file|7|Function\n");
 }
 
 TEST_CASE("a message longer than 511 characters is printed cut") {

@@ -217,6 +217,19 @@ TEST_CASE("more signers than fit the address space are stored as none at all") {
   out.signerCount = 1;
 }
 
+TEST_CASE("a node whose signers are counted but not there gives back none") {
+  LRUCacheNode node;
+  node.signerCount = 2;
+  node.queryFlags = QUERY_SIGNERS;
+  Answer back;
+  GiveSigners(back, {"Kelda"});
+  back.queryFlags = 0;
+  CHECK(node.GetDataFromCacheNode(back) == 0);
+  CHECK((back.queryFlags & QUERY_SIGNERS) != 0);
+  CHECK(back.signerCount == 0);
+  CHECK(back.signers == nullptr);
+}
+
 TEST_CASE("feedback is given back as 0 or 1") {
   metadata_input_s in = FileOf(0, 0);
   for (const int given : {7, -1, 1}) {
@@ -351,6 +364,29 @@ TEST_CASE("assigning a node copies signers unless they are the same already") {
   GiveSigners(others, {"Other"});
   target = LRUCacheNode(in, others);
   CHECK(std::string(target.signers.get()) == "Other");
+}
+
+TEST_CASE("signers that are counted on either side but not there are never the same") {
+  metadata_input_s in = FileOf(0, 0);
+  Answer out;
+  GiveSigners(out, {"Kelda"});
+  const LRUCacheNode whole(in, out);
+  LRUCacheNode counted;
+  counted.signerCount = 1;
+  counted.queryFlags = QUERY_SIGNERS;
+
+  LRUCacheNode gainsThem;
+  gainsThem.signerCount = 1;
+  gainsThem.queryFlags = QUERY_SIGNERS;
+  gainsThem = whole;
+  REQUIRE(gainsThem.signers != nullptr);
+  CHECK(std::string(gainsThem.signers.get()) == "Kelda");
+
+  LRUCacheNode losesThem(in, out);
+  losesThem = counted;
+  CHECK(losesThem.signers == nullptr);
+  CHECK(losesThem.signerCount == 0);
+  CHECK((losesThem.queryFlags & QUERY_SIGNERS) == 0);
 }
 
 TEST_CASE("assigning a node that is known to have no signers removes the target's") {
