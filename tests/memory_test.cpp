@@ -4,6 +4,7 @@
 #include <fstream>
 #include <string>
 
+#include "cache/orvex_lru_cache_file_type.h"
 #include "support/engine_under_test.h"
 #include "support/failing_new.h"
 #include "support/open_hash_cache.h"
@@ -12,6 +13,53 @@
 namespace {
 
 const char* const kLongPath = "/a/path/of/more/characters/than/a/string/holds/in/itself";
+
+// A path of its own for each number, every other one too long for a string to
+// hold in itself.
+std::string PathOf(int number) {
+  return (number % 2 == 0 ? "/" : kLongPath) + std::to_string(number);
+}
+
+// How many allocations the work leaves behind. The test framework allocates as
+// well: check nothing in there.
+template <typename Work>
+long LeftBehindBy(Work work) {
+  RecordedLog quiet(ORVEX_LOG_FATAL);
+  const long before = LiveAllocations();
+  work();
+  return LiveAllocations() - before;
+}
+
+// Stores, replaces and evicts nodes; more of them than the compiler would lay out
+// one by one.
+template <typename Cache>
+void Fill(Cache& cache) {
+  cache.SetCapacity(300);
+  for (int number = 0; number < 500; ++number) {
+    const std::string path = PathOf(number);
+    metadata_input_s in = InputFor(path.c_str());
+    in.name = path.c_str();
+    Answer out;
+    GiveSigners(out, {"Kelda"});
+    for (int time = 0; time < 2; ++time) cache.UpdateCache(&in, &out);
+  }
+}
+
+// Stores a file with each of the allocations failing in turn that this takes.
+template <typename Cache>
+void StoreWithoutMemory(Cache& cache) {
+  for (int allocation = 1, failures = 1; failures != 0; ++allocation) {
+    metadata_input_s in = InputFor(kLongPath);
+    in.name = kLongPath;
+    Answer out;
+    {
+      const FailingNew failing(allocation, false);
+      cache.UpdateCache(&in, &out);
+      failures = failing.failures;
+    }
+    cache.FlushCache();
+  }
+}
 
 }  // namespace
 
@@ -123,6 +171,83 @@ TEST_CASE("storing without memory is told at ERROR") {
     cache.UpdateCache(&in, &out);
   }
   CHECK(errors == 1);
+}
+
+TEST_CASE("storing a file type without memory is told at ERROR and by 2") {
+  static int errors = 0;
+  orvex_register_log_cb([](unsigned int level, unsigned int, const char*, const char*,
+                           const char* message, unsigned int) {
+    if (level == 1 && std::string_view(message) == "Insufficient memory for create cache node") {
+      ++errors;
+    }
+  });
+  FileTypeCache cache;
+  metadata_input_s in = InputFor(kLongPath);
+  Answer out;
+  for (const auto level : {ORVEX_LOG_FATAL, ORVEX_LOG_ERROR}) {
+    ORVEX_LOG_BASE::LogLevel = level;
+    int code = 0;
+    {
+      const FailingNew failing(1);
+      code = cache.UpdateCache(&in, &out);
+    }
+    CHECK(code == 2);
+    CHECK(errors == (level == ORVEX_LOG_ERROR ? 1 : 0));
+  }
+}
+
+TEST_CASE("a hash cache gives back all its memory when it stops") {
+  CHECK(LeftBehindBy([] {
+          OpenHashCache cache;
+          cache.InitLRUCache();
+          Fill(cache);
+          for (int file = 0; file < 1000; ++file) cache.calHashSet.paths.insert(PathOf(file));
+          cache.DeinitLRUCache();
+        }) == 0);
+}
+
+TEST_CASE("a file type cache gives back all its memory when it stops") {
+  CHECK(LeftBehindBy([] {
+          FileTypeCache cache;
+          cache.InitLRUCache();
+          Fill(cache);
+          cache.DeinitLRUCache();
+        }) == 0);
+}
+
+TEST_CASE("a cache keeps nothing of an answer that it has no memory for") {
+  CHECK(LeftBehindBy([] {
+          OpenHashCache cache;
+          StoreWithoutMemory(cache);
+        }) == 0);
+  CHECK(LeftBehindBy([] {
+          FileTypeCache cache;
+          StoreWithoutMemory(cache);
+        }) == 0);
+}
+
+TEST_CASE("a query keeps no memory of its own however it ends") {
+  CHECK(LeftBehindBy([] {
+          for (int allocation = 1, failures = 1; failures != 0; ++allocation) {
+            OpenHashCache cache;
+            cache.InitLRUCache();
+            metadata_input_s in = InputFor(kLongPath);
+            Answer out;
+            const FailingNew failing(allocation, false);
+            cache.Ask(in, out);
+            failures = failing.failures;
+          }
+        }) == 0);
+  CHECK(LeftBehindBy([] {
+          OpenHashCache cache;
+          cache.InitLRUCache();
+          cache.onHash = [](metadata_input_s&, metadata_output_s&) -> int { throw 1; };
+          Answer out;
+          try {
+            cache.Ask(InputFor(kLongPath), out);
+          } catch (int) {
+          }
+        }) == 0);
 }
 
 TEST_CASE("a node that cannot be inserted gives 2 and stays the caller's") {
