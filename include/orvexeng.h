@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * liborvexeng, the Kelda Inventory Engine: answers about files - digests,
  * signers, modification time, file type - kept in two caches in front of the
  * host's own computing.
@@ -42,6 +43,7 @@
 #include <stdbool.h>
 #include <stdint.h>
 
+/** Marks what the library exports. */
 #if defined(__GNUC__)
 #define ORVEX_API __attribute__((visibility("default")))
 #else
@@ -57,6 +59,7 @@ extern "C" {
 
 /** What a function of the library can return; see each function. */
 enum orvex_code {
+  /** Done. */
   ORVEX_OK = 0,
   /** The metrics record could not be copied out: no destination. */
   ORVEX_COPY_FAILED = 1,

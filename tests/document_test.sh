@@ -1,7 +1,12 @@
 #!/bin/sh
-# A document's marked blocks against what they show. A fenced block that follows
-#   <!-- file: PATH -->        is that file of the source tree, letter for letter;
-#   <!-- output: PROGRAM -->   is what that program prints, engine log lines apart.
+# A document's blocks against what they show. Every fenced block is one of these:
+#   after <!-- file: PATH -->        that file of the source tree, letter for letter;
+#   after <!-- output: PROGRAM -->   what that program prints, engine log lines apart;
+#   after <!-- sample: COMMAND -->   what that command printed once, as it is measured
+#                                    and differs from run to run: the command exists;
+#   opened with "sh"                 shell commands: each of them exists.
+# A command exists when it is a file of the source tree, a target whose program is
+# below build/, or known to the shell.
 #
 # usage: document_test.sh DOCUMENT SOURCE_DIRECTORY PROGRAM_DIRECTORY
 set -u
@@ -10,38 +15,65 @@ sources=$2
 programs=$3
 directory=$(mktemp -d) || exit 1
 trap 'rm -rf "$directory"' EXIT
+failures=0
 
-# Each marked block into a file of its own, in order, with its marker beside it.
+fail() {
+  printf 'FAILED: %s: %s\n' "$document" "$*"
+  failures=$((failures + 1))
+}
+
+# Each block into a file of its own, in order, with its kind and name beside it.
 awk -v to="$directory" '
-  /^<!-- (file|output): .* -->$/ { marker = $2 " " $3; next }
-  /^```/ && inside { inside = 0; close(block); next }
-  /^```/ && marker != "" {
+  /^ *<!-- (file|output|sample): .* -->$/ && !inside { marker = $2 " " $3; next }
+  /^ *(```|~~~)/ && inside { inside = 0; close(block); next }
+  /^ *(```|~~~)/ {
     inside = 1
     block = sprintf("%s/block%02d", to, ++blocks)
     printf "" >block
+    if (marker == "") marker = (/^ *```sh$/ ? "sh: " : "unmarked: ") "line " NR
     print marker >(block ".marker")
     close(block ".marker")
     marker = ""
     next
   }
-  inside { print >block }
+  inside { print >block; next }
+  /[^ ]/ { marker = "" }
+  END { if (inside) print "open: a block without an end" >(block ".marker") }
 ' "$document"
 
-failures=0
-checked=0
+exists() {
+  case $1 in
+    build/*) grep -rqw --include=CMakeLists.txt -- "$(basename "$1")" "$sources" ;;
+    */*) [ -x "$sources/$1" ] ;;
+    *) command -v "$1" >/dev/null ;;
+  esac
+}
+
+# The first word of each command, past what may stand before it.
+commands() {
+  sed -e ':join' -e '/\\$/{N;s/\\\n/ /;b join' -e '}' "$1" |
+    sed 's/\(^\|[ \t]\)#.*//; s/&&\|||\||\|;/\n/g' |
+    sed 's/^[ \t]*\(\(sudo\|[A-Za-z_]*=[^ ]*\) \{1,\}\)*//; s/[ \t].*//; /^$/d'
+}
+
 for marker in "$directory"/*.marker; do
   [ -e "$marker" ] || break
+  block=${marker%.marker}
   read -r kind name <"$marker"
   case $kind in
     file:) cp "$sources/$name" "$directory/expected" ;;
     # The engine's own lines carry the time of day and a level.
-    output:) (cd "$directory" && "$programs/$name") >"$directory/printed" || failures=$((failures + 1))
+    output:) (cd "$directory" && "$programs/$name") >"$directory/printed" || fail "$name fails"
       grep -vE '^[0-9]{4} .* \[[A-Z]+\] ' "$directory/printed" >"$directory/expected" ;;
+    sample:) exists "$name" || fail "a sample of $name, which does not exist"
+      continue ;;
+    sh:) for command in $(commands "$block"); do
+        exists "$command" || fail "$command does not exist"
+      done
+      continue ;;
+    *) fail "the block of $name is neither marked nor of shell commands"
+      continue ;;
   esac
-  checked=$((checked + 1))
-  diff -u "$directory/expected" "${marker%.marker}" && continue
-  printf 'FAILED: %s does not show %s %s as it is\n' "$document" "$kind" "$name"
-  failures=$((failures + 1))
+  diff -u "$directory/expected" "$block" || fail "$kind $name is not shown as it is"
 done
-[ "$checked" -gt 0 ] || { printf 'FAILED: %s has no marked block\n' "$document"; exit 1; }
 [ "$failures" -eq 0 ]
