@@ -300,7 +300,7 @@ void LRUCacheT<Key, Node, Metrics>::MoveToFront(Node* node) {
 template <typename Key, typename Node, typename Metrics>
 void LRUCacheT<Key, Node, Metrics>::InsertNew(Key& key, std::unique_ptr<Node> node) {
   LRUCacheNodeUpdate(key, node.get(), LRU_INSERT);
-  node.release();  // The list's from here on.
+  static_cast<void>(node.release());  // The list's from here on.
   LRUCacheNodeWipe();
 }
 
@@ -338,6 +338,7 @@ void LRUCacheT<Key, Node, Metrics>::ZeroMetrics() {
 
 template <typename Key, typename Node, typename Metrics>
 int LRUCacheT<Key, Node, Metrics>::AskHost(metadata_input_s* metaIn, metadata_output_s* metaOut,
+                                           // NOLINTNEXTLINE(readability-non-const-parameter)
                                            void* ctx, long long volatile* calls) {
   // Read once: a host that registers another callback meanwhile changes the next
   // query, not this one.

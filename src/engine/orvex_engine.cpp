@@ -39,7 +39,7 @@ unsigned int Low32Bits(const void* pointer) {
 
 }  // namespace
 
-ORVEX_ENGINE::ORVEX_ENGINE() : inited(false), refCount(0) {}
+ORVEX_ENGINE::ORVEX_ENGINE() = default;
 
 ORVEX_ENGINE::~ORVEX_ENGINE() = default;
 

@@ -45,9 +45,9 @@ class ORVEX_API ORVEX_ENGINE {
   ORVEX_LOCAL void PassLock() const ORVEX_EXCLUDES(lock);
 
   mutable ORVEX_PThread_Lock lock;
-  bool inited;
+  bool inited = false;
   // Threads inside Query, GetMetrics, ResetMetrics or GetStatus.
-  mutable int volatile refCount;
+  mutable int volatile refCount = 0;
 };
 
 extern template class ORVEX_Singleton<ORVEX_ENGINE>;

@@ -31,7 +31,7 @@ void PrintLine(ORVEX_LOG level, unsigned int line, const char* function, const c
 bool ORVEX_LOG_BASE::LogEnable = true;
 ORVEX_LOG ORVEX_LOG_BASE::LogLevel = ORVEX_LOG_INFO;
 
-ORVEX_LOG_BASE::ORVEX_LOG_BASE() : callback_(nullptr) {}
+ORVEX_LOG_BASE::ORVEX_LOG_BASE() = default;
 
 ORVEX_LOG_BASE::~ORVEX_LOG_BASE() = default;
 

@@ -49,7 +49,7 @@ class ORVEX_API ORVEX_LOG_BASE {
   static ORVEX_LOG LogLevel;  // the most detailed level kept
 
  private:
-  orvex_log_cb callback_;
+  orvex_log_cb callback_ = nullptr;
 };
 
 // The way to the one logger of the process.

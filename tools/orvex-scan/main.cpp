@@ -85,9 +85,10 @@ int Run(const Options& options) {
 }  // namespace
 }  // namespace orvexscan
 
+// NOLINTNEXTLINE(bugprone-exception-escape): when the last message fails, nothing is left to do.
 int main(int argc, char** argv) {
   // Characters only: numbers are written the same in every language.
-  std::setlocale(LC_CTYPE, "");
+  std::setlocale(LC_CTYPE, "");  // NOLINT(concurrency-mt-unsafe): no thread yet
   try {
     const orvexscan::CommandLine line = orvexscan::ParseCommandLine(argc, argv);
     return line.run ? orvexscan::Run(line.options) : line.exitCode;

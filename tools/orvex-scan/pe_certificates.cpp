@@ -108,7 +108,7 @@ PeCertificates ReadPeCertificates(FileReader* file) {
   const Table place = FindTable(file);
   if (place.offset == 0 && place.size == 0) return found;
   if (place.size == 0) {
-    found.faults.push_back("the table has zero length");
+    found.faults.emplace_back("the table has zero length");
     return found;
   }
   // In 64 bits: the sum of two 32-bit numbers from the file may be anything.
