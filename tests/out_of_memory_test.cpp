@@ -226,6 +226,19 @@ void CacheAnother(Stage& stage, uint32_t parts) {
   stage.engine.Query(other, out);
 }
 
+// Fills the cache up to where its index makes room, or looks at paths because
+// the numbers of all files are the same.
+void CacheMany(Stage& stage, int files, bool linked) {
+  for (int i = 0; i < files; ++i) {
+    const std::string path = "/" + std::to_string(i);
+    metadata_input_s other = InputFor(path.c_str());
+    if (!linked) other.fileID = static_cast<uint64_t>(100 + i);
+    other.queryFlags = QUERY_DIGEST32;
+    Answer out;
+    stage.engine.Query(other, out);
+  }
+}
+
 // An older self of the file is cached, found because mtime is not in the key.
 void CacheOlderSelf(Stage& stage, uint32_t parts) {
   stage.in.fileOperation = KEY_PATH;
@@ -247,6 +260,8 @@ const std::vector<QueryStory> kQueryStories = {
        CacheAnother(stage, kAllDigests);
      }},
     {"hash miss whose host fails", [](Stage& stage) { stage.hostCode = 77; }, 77},
+    {"hash miss that makes the index grow", [](Stage& stage) { CacheMany(stage, 32, false); }},
+    {"hash miss among links to one file", [](Stage& stage) { CacheMany(stage, 64, true); }},
     {"hash hit", [](Stage& stage) { stage.Cache(stage.in.queryFlags); }, 0, false},
     {"hash hit with signers",
      [](Stage& stage) {
@@ -357,6 +372,7 @@ TEST_CASE(
       const long liveBefore = LiveAllocations();
       {
         Stage stage;
+        stage.in.queryFlags |= QUERY_FILE_TYPE;
         Latch leaderInside;
         Latch mayAnswer;
         std::atomic<bool> leaderAnswered{false};
@@ -384,6 +400,7 @@ TEST_CASE(
         leader.join();
         onMessage = nullptr;
         if (code != 2 && !(code == 0 && IsComplete(stage.in, out))) point.wrong = "no answer";
+        if (out.resultReady == 1 && !IsComplete(stage.in, out)) point.wrong = "half an answer";
         Answer again;
         if (stage.Ask(again) != 0) point.wrong = "the same call failed with memory";
         if (point.wrong.empty()) point.wrong = BrokenInvariantOfIdleCaches();
