@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "cache/orvex_lru_cache_key.h"
+#include "cache/orvex_lru_cache_map.h"
 
 // For keys that have an order and nothing else: answers nothing.
 template <typename Key, typename Node>
@@ -44,7 +45,8 @@ class LRUCacheIndex<LRUCacheKey, Node> {
     if (size_ == 0) return nullptr;
     const uint32_t hash = key.Hash(hashesPaths_);
     for (size_t at = Home(hash); cells_[at].node != nullptr; at = Next(at)) {
-      if (cells_[at].hash == hash && key.Equals(KeyOf(cells_[at].node))) return cells_[at].node;
+      const Cell& cell = cells_[at];
+      if (cell.hash == hash && key.Equals(cell.entry->first)) return cell.node;
     }
     return nullptr;
   }
@@ -84,7 +86,8 @@ class LRUCacheIndex<LRUCacheKey, Node> {
  private:
   struct Cell {
     uint32_t hash = 0;
-    Node* node = nullptr;  // null in a free cell
+    Node* node = nullptr;                                       // null in a free cell
+    typename LRUCacheMap<LRUCacheKey, Node>::iterator entry{};  // the node's
   };
   static constexpr size_t kFirstCells = 64;
   // In a table at most half full a longer probe means keys that collide, by chance
@@ -93,19 +96,21 @@ class LRUCacheIndex<LRUCacheKey, Node> {
 
   static LRUCacheKeyView KeyOf(const Node* node) { return node->mapEntry->first; }
 
-  size_t Home(uint32_t hash) const { return hash & (cells_.size() - 1); }
-  size_t Next(size_t at) const { return (at + 1) & (cells_.size() - 1); }
-  size_t Distance(size_t from, size_t to) const { return (to - from) & (cells_.size() - 1); }
+  size_t Home(uint32_t hash) const { return hash >> shift_; }
+  size_t Next(size_t at) const { return (at + 1) & lastCell_; }
+  size_t Distance(size_t from, size_t to) const { return (to - from) & lastCell_; }
 
   void Rebuild(size_t cells) {
     std::vector<Cell> old(cells);
     cells_.swap(old);
+    lastCell_ = cells - 1;
+    shift_ = static_cast<unsigned int>(__builtin_clz(static_cast<unsigned int>(lastCell_)));
     for (const Cell& cell : old) {
       if (cell.node != nullptr && !Place(cell)) return GiveUp();
     }
   }
 
-  Cell CellOf(Node* node) const { return {KeyOf(node).Hash(hashesPaths_), node}; }
+  Cell CellOf(Node* node) const { return {KeyOf(node).Hash(hashesPaths_), node, node->mapEntry}; }
 
   // False when the probe is too long.
   bool Place(const Cell& cell) {
@@ -138,6 +143,8 @@ class LRUCacheIndex<LRUCacheKey, Node> {
 
   // Open addressing with linear probing; a power of two.
   std::vector<Cell> cells_;
+  size_t lastCell_ = 0;
+  unsigned int shift_ = 0;  // leaves of a hash the upper bits that number the cells
   size_t size_ = 0;
   uint32_t fields_ = 0;       // which every key in it selects
   bool hashesPaths_ = false;  // although numbers usually tell files apart

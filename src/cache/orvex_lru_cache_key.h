@@ -55,9 +55,9 @@ struct LRUCacheKeyView {
   // The mask bits that select a field.
   uint32_t Fields() const { return flags & kAllFields; }
   // Whether the selected fields equal the other's; for keys of the same fields.
-  bool Equals(const LRUCacheKeyView& other) const;
-  // Equal for equal keys. Of the numbers alone where they tell files apart: they
-  // cost a tenth of a path.
+  bool Equals(const LRUCacheKey& other) const;
+  // Equal for equal keys; its upper bits are the better ones. Of the numbers alone
+  // where they tell files apart: they cost a tenth of a path.
   uint32_t Hash(bool alsoPath) const;
 
   static constexpr uint32_t kAllFields =
@@ -73,7 +73,7 @@ struct LRUCacheKeyView {
 
 bool operator<(const LRUCacheKeyView& left, const LRUCacheKeyView& right);
 
-inline bool LRUCacheKeyView::Equals(const LRUCacheKeyView& other) const {
+inline bool LRUCacheKeyView::Equals(const LRUCacheKey& other) const {
   const auto differs = [this](uint32_t field, uint64_t left, uint64_t right) {
     return (flags & field) != 0 && left != right;
   };
