@@ -5,6 +5,7 @@
 
 #include "orvexeng.h"
 #include "support/orvex_annotations.h"
+#include "support/orvex_local.h"
 
 // Codes of the support layer; they stay inside the library.
 enum : unsigned int {
@@ -48,6 +49,12 @@ class ORVEX_API ORVEX_PThread_Lock : public ORVEX_Lock {
   pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER;
   // Relaxed, not guarded: Unlock writes it once the mutex is free again.
   int lastError_ = 0;
+
+ private:
+  ORVEX_LOCAL void PauseWhileTaken() const;
+
+  // A hint, relaxed: that somebody is between Lock and Unlock.
+  bool taken_ = false;
 };
 
 // What a thread that waits on a condition brings along.
