@@ -67,6 +67,7 @@ class ORVEX_API LRUCache : public LRUCacheT<LRUCacheKey, LRUCacheNode, LRUCacheM
 
  protected:
   ORVEX_Set calHashSet;
+  [[maybe_unused]] ORVEX_CacheLineGap beforeActiveThreads_;
   // Threads inside Query, GetMetrics or ResetMetrics. An atomic, but reset under
   // the cache lock at each start, whoever is inside.
   mutable int volatile activeThreads = 0;

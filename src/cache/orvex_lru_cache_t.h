@@ -117,6 +117,10 @@ class ORVEX_API LRUCacheT {
   // Most recently used first.
   std::list<Node*> CacheNodeList ORVEX_GUARDED_BY(lock);
   LRUCacheMap<Key, Node> CacheMap ORVEX_GUARDED_BY(lock);
+  // Apart from what it guards: who waits for it looks at it meanwhile.
+  [[maybe_unused]] ORVEX_RestOfCacheLine<sizeof(void*) + sizeof(std::list<Node*>) +
+                                         sizeof(LRUCacheMap<Key, Node>)>
+      beforeLock_;
   mutable ORVEX_PThread_Lock lock;
   // From InitLRUCache to DeinitLRUCache. Written under the lock; an atomic, so that
   // a query need not take the lock to read it.
@@ -125,10 +129,12 @@ class ORVEX_API LRUCacheT {
   unsigned int capacity ORVEX_GUARDED_BY(lock) = ORVEX_MAX_CAPACITY;
   // Null until registered; survives flush and stop.
   orvex_query_cb queryCallback ORVEX_GUARDED_BY(lock) = nullptr;
+  [[maybe_unused]] ORVEX_CacheLineGap beforeMetrics_;
   // Atomics: counted without the lock by some, zeroed under it.
   mutable Metrics metrics{};
 
  private:
+  [[maybe_unused]] ORVEX_CacheLineGap beforeIndex_;
   // Of the nodes that have an entry of their own.
   LRUCacheIndex<Key, Node> index_ ORVEX_GUARDED_BY(lock);
 };

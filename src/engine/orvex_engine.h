@@ -3,6 +3,7 @@
 
 #include "orvexeng.h"
 #include "support/orvex_annotations.h"
+#include "support/orvex_atomic.h"
 #include "support/orvex_local.h"
 #include "support/orvex_lock.h"
 #include "support/orvex_singleton.h"
@@ -46,6 +47,7 @@ class ORVEX_API ORVEX_ENGINE {
 
   mutable ORVEX_PThread_Lock lock;
   bool inited = false;
+  [[maybe_unused]] ORVEX_CacheLineGap beforeRefCount_;
   // Threads inside Query, GetMetrics, ResetMetrics or GetStatus.
   mutable int volatile refCount = 0;
 };

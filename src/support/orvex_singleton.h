@@ -2,6 +2,7 @@
 #pragma once
 
 #include "orvexeng.h"
+#include "support/orvex_atomic.h"
 
 // Threads: concurrent first calls build the object once.
 // Ownership: built on first use, destroyed at process exit or when the library
@@ -17,6 +18,7 @@ class ORVEX_API ORVEX_Singleton {
 
 template <typename T>
 T* ORVEX_Singleton<T>::GetInstance() {
-  static T instance;
+  // The gaps in T count from the beginning of a cache line.
+  alignas(kCacheLineBytes) static T instance;
   return &instance;
 }
