@@ -43,8 +43,7 @@ int LRUCache::DeinitLRUCache() {
   {
     const ORVEX_ScopeLock guard(&calHashSet.condLock);
     calHashSet.active = false;
-    calHashSet.paths.clear();
-    calHashSet.TellSize();
+    calHashSet.Clear();
   }
   // All that sleep in a query leave now, so that the drain need not wait for them.
   calHashSet.condLock.SignalAll();

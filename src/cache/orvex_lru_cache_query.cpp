@@ -33,16 +33,12 @@ int RefuseMissingPath(metadata_output_s& out) {
 // Whether the path was free and is now marked. Throws std::bad_alloc.
 bool MarkAsCalculating(ORVEX_Set& set, const std::string& path) {
   const ORVEX_ScopeLock guard(&set.condLock);
-  if (!set.active || !set.paths.insert(path).second) return false;
-  set.TellSize();
-  return true;
+  return set.active && set.Insert(path);
 }
 
 bool Unmark(ORVEX_Set& set, const std::string& path) {
   const ORVEX_ScopeLock guard(&set.condLock);
-  if (!set.active || set.paths.erase(path) == 0) return false;
-  set.TellSize();
-  return true;
+  return set.active && set.Erase(path);
 }
 
 // Frees a path and wakes those that wait for it, whichever way the host's
@@ -91,7 +87,7 @@ int LRUCache::Query(metadata_input_s* metaIn, metadata_output_s* metaOut, void* 
 
   const bool cacheOnly = (metaIn->invOperation & INV_CACHE_ONLY) != 0;
   if (!cacheOnly) {
-    if (calHashSet.MayHoldPaths() && !WaitUntilFree(metaIn->path)) {
+    if (calHashSet.MayHold(metaIn->path) && !WaitUntilFree(metaIn->path)) {
       return EndWithoutMemory(*metaOut);
     }
     if (!IsActive()) {

@@ -18,6 +18,28 @@ bool ORVEX_Set::PredicateFunc(void* arg) {
   return set->active && set->paths.find(*path) != set->paths.end();
 }
 
+bool ORVEX_Set::Insert(const std::string& path) {
+  if (!paths.insert(path).second) return false;
+  unsigned int& stripe = stripes_[IndexOf(path)];
+  ORVEX_StoreRelease(stripe, stripe + 1);
+  ORVEX_StoreRelease(pathCount_, paths.size());
+  return true;
+}
+
+bool ORVEX_Set::Erase(const std::string& path) {
+  if (paths.erase(path) == 0) return false;
+  unsigned int& stripe = stripes_[IndexOf(path)];
+  ORVEX_StoreRelease(stripe, stripe - 1);
+  ORVEX_StoreRelease(pathCount_, paths.size());
+  return true;
+}
+
+void ORVEX_Set::Clear() {
+  paths.clear();
+  for (unsigned int& stripe : stripes_) ORVEX_StoreRelease(stripe, 0U);
+  ORVEX_StoreRelease(pathCount_, paths.size());
+}
+
 void ORVEX_Set::PreWaitLogFunc(void* arg) {
   if (arg == nullptr) return;
   ORVEX_LOG_MESSAGE(ORVEX_LOG_INFO, kSetSourceFile,

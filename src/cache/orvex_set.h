@@ -5,6 +5,7 @@
 #include <functional>
 #include <set>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "orvexeng.h"
@@ -17,7 +18,7 @@
 //
 // Ownership: keeps its own copy of each path.
 // Threads: any number at once.
-// Locking: condLock guards both members, and its condition wakes the threads that
+// Locking: condLock guards active and paths, and its condition wakes the threads that
 // wait for a path to leave. It is never held while the host computes.
 // Invariant: a path is in paths while one thread calculates it. Who inserts a
 // path erases it again, whichever way the host's callback ends; an inactive set
@@ -41,19 +42,37 @@ class ORVEX_API ORVEX_Set {
   static void PreWaitLogFunc(void* arg);
   static void PostWaitLogFunc(void* arg);
 
-  // False once no path is in the set: then nobody needs the lock to find his own
-  // path missing. A path comes in before its callback runs, and what a callback
-  // brought is in the cache before its path leaves.
-  ORVEX_LOCAL bool MayHoldPaths() const { return ORVEX_LoadAcquire(pathCount_) != 0; }
-  // After each change of paths.
-  ORVEX_LOCAL void TellSize() ORVEX_REQUIRES(condLock) {
-    ORVEX_StoreRelease(pathCount_, paths.size());
+  // False once the path is not in the set: then nobody needs the lock to find it
+  // missing. A path comes in before its callback runs, and what a callback brought is
+  // in the cache before its path leaves.
+  ORVEX_LOCAL bool MayHold(const char* path) const {
+    return ORVEX_LoadAcquire(pathCount_) != 0 && ORVEX_LoadAcquire(StripeOf(path)) != 0;
   }
+  // False when it is there already. Throws std::bad_alloc, and then nothing has
+  // changed.
+  ORVEX_LOCAL bool Insert(const std::string& path) ORVEX_REQUIRES(condLock);
+  // False when it is not there.
+  ORVEX_LOCAL bool Erase(const std::string& path) ORVEX_REQUIRES(condLock);
+  ORVEX_LOCAL void Clear() ORVEX_REQUIRES(condLock);
 
   bool active ORVEX_GUARDED_BY(condLock) = false;  // as long as the cache is
   std::set<std::string> paths ORVEX_GUARDED_BY(condLock);
   ORVEX_PThread_CondLock condLock;
 
  private:
+  static constexpr size_t kStripes = 64;
+
+  ORVEX_LOCAL static size_t IndexOf(std::string_view path) {
+    return std::hash<std::string_view>()(path) % kStripes;
+  }
+  ORVEX_LOCAL const unsigned int& StripeOf(std::string_view path) const {
+    return stripes_[IndexOf(path)];
+  }
+
+  [[maybe_unused]] ORVEX_CacheLineGap beforeCounts_;
+  // How many paths there are, and how many with each remainder of their hash: asked by
+  // every query, so that none waits for the lock on account of another's path. Written
+  // under condLock.
   size_t pathCount_ = 0;
+  unsigned int stripes_[kStripes] = {};
 };
