@@ -2,6 +2,7 @@
 // mix.
 #include <doctest/doctest.h>
 
+#include <functional>
 #include <random>
 #include <string>
 #include <vector>
@@ -18,6 +19,8 @@ struct File {
   std::string path;
   uint64_t size;
   uint64_t fileID;
+  uint64_t mtime = 0;
+  uint64_t deviceID = 0;
 };
 
 metadata_input_s KeyOf(const File& file, uint32_t fields) {
@@ -25,8 +28,45 @@ metadata_input_s KeyOf(const File& file, uint32_t fields) {
   in.path = file.path.c_str();
   in.size = file.size;
   in.fileID = file.fileID;
+  in.mtime = file.mtime;
+  in.deviceID = file.deviceID;
   in.fileOperation = fields;
   return in;
+}
+
+// Who knows by which factors the index hashes can make files that all hash alike.
+struct Field {
+  uint32_t bit;
+  uint64_t factor;
+  uint64_t File::*number;
+};
+constexpr Field kSize{KEY_SIZE, 0xBB67AE8584CAA73B, &File::size};
+constexpr Field kMtime{KEY_MTIME, 0x3C6EF372FE94F82B, &File::mtime};
+constexpr Field kDevice{KEY_DEVICE_ID, 0xA54FF53A5F1D36F1, &File::deviceID};
+constexpr Field kFile{KEY_FILE_ID, 0x510E527FADE682D1, &File::fileID};
+constexpr uint64_t kPathFactor = 0x9B05688C2B3E6C1F;
+
+uint64_t Inverse(uint64_t factor) {
+  uint64_t inverse = factor;
+  for (int i = 0; i < 5; ++i) inverse *= 2 - factor * inverse;  // Newton's method
+  return inverse;
+}
+
+// The number which, hashed by the field, makes a hash of given rest the one that the
+// others have.
+uint64_t NumberToHashAlike(const Field& field, uint64_t rest, uint64_t which) {
+  return Inverse(field.factor) * ((uint64_t{0x12345678} << 32) + which - rest);
+}
+
+// Files that hash alike once paths are hashed as well, and not before.
+std::vector<File> FilesAlikeWithPaths(size_t count) {
+  std::vector<File> files;
+  for (uint64_t i = 0; i < count; ++i) {
+    const std::string path = "/alike-" + std::to_string(i);
+    const uint64_t rest = 9 * kFile.factor + std::hash<std::string>()(path) * kPathFactor;
+    files.push_back({path, NumberToHashAlike(kSize, rest, i), 9});
+  }
+  return files;
 }
 
 void Store(OpenHashCache& cache, const File& file, uint32_t fields) {
@@ -76,9 +116,39 @@ TEST_CASE("files without a file number are told apart by their paths") {
 
 TEST_CASE("files whose numbers all hash alike are found all the same") {
   std::vector<File> files;
-  // Odd multiples of so high a power of two have no low bit to be told apart by.
-  for (uint64_t i = 0; i < kMany; ++i) files.push_back({"/a", (i + 1) << 44, 0});
+  for (uint64_t i = 0; i < kMany; ++i) files.push_back({"/a", NumberToHashAlike(kSize, 0, i), 0});
   CheckThatEvenOnesAreFound(files, KEY_SIZE);
+}
+
+TEST_CASE("files that hash alike are told apart by each number") {
+  const struct {
+    const Field& first;
+    const Field& second;
+  } rows[] = {{kSize, kFile}, {kMtime, kSize}, {kDevice, kMtime}, {kFile, kDevice}};
+  for (const auto& row : rows) {
+    CAPTURE(row.first.bit);
+    std::vector<File> files;
+    for (uint64_t i = 0; i < 20; ++i) {
+      File file{"/a", 0, 0};
+      file.*row.second.number = i + 1;
+      file.*row.first.number = NumberToHashAlike(row.first, (i + 1) * row.second.factor, i);
+      files.push_back(file);
+    }
+    CheckThatEvenOnesAreFound(files, row.first.bit | row.second.bit);
+  }
+}
+
+TEST_CASE("names of one file are found beside files whose paths then hash alike") {
+  std::vector<File> files = FilesAlikeWithPaths(kMany);
+  for (uint64_t i = 0; i < kMany; ++i) files.push_back({PathNumber(i), 7, 8});
+  CheckThatEvenOnesAreFound(files, kAllKeyBits);
+}
+
+TEST_CASE("files that hash alike with their paths are found after names of one file") {
+  std::vector<File> files;
+  for (uint64_t i = 0; i < kMany; ++i) files.push_back({PathNumber(i), 7, 8});
+  for (const File& file : FilesAlikeWithPaths(kMany)) files.push_back(file);
+  CheckThatEvenOnesAreFound(files, kAllKeyBits);
 }
 
 TEST_CASE("files are found by one mask after files of another came in, and after a flush") {
