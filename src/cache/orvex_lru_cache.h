@@ -6,6 +6,7 @@
 #include "cache/orvex_lru_cache_t.h"
 #include "cache/orvex_set.h"
 #include "orvexeng.h"
+#include "support/orvex_atomic.h"
 #include "support/orvex_local.h"
 #include "support/orvex_singleton.h"
 
@@ -66,6 +67,7 @@ class ORVEX_API LRUCache : public LRUCacheT<LRUCacheKey, LRUCacheNode, LRUCacheM
   int InsertCacheNode(LRUCacheKey& key, LRUCacheNode* node) ORVEX_EXCLUDES(lock);
 
  protected:
+  [[maybe_unused]] ORVEX_CacheLineGap beforeCalHashSet_;
   ORVEX_Set calHashSet;
   [[maybe_unused]] ORVEX_CacheLineGap beforeActiveThreads_;
   // Threads inside Query, GetMetrics or ResetMetrics. An atomic, but reset under
@@ -73,6 +75,8 @@ class ORVEX_API LRUCache : public LRUCacheT<LRUCacheKey, LRUCacheNode, LRUCacheM
   mutable int volatile activeThreads = 0;
 
  private:
+  [[maybe_unused]] ORVEX_CacheLineGap afterActiveThreads_;
+
   ORVEX_LOCAL LRU_LOOKUP LookUp(const metadata_input_s& in, metadata_output_s& out)
       ORVEX_REQUIRES(lock);
   // Sleeps while another thread calculates the path, and counts that. False when

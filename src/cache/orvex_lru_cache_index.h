@@ -58,9 +58,9 @@ class LRUCacheIndex<LRUCacheKey, Node> {
     if (!gaveUp_ && size_ >= cells_.size() / 2) Rebuild(std::max(kFirstCells, cells_.size() * 2));
   }
 
-  // After the node has got its entry in the map.
+  // After the node has got its entry in the map. One that shares another's stays out.
   void Add(Node* node) {
-    if (gaveUp_) return;
+    if (gaveUp_ || *node->mapEntry->second != node) return;
     if (size_ == 0) fields_ = KeyOf(node).Fields();
     ++size_;
     if (!Answers(KeyOf(node)) || (!Place(CellOf(node)) && !PlaceByPath(node))) GiveUp();
@@ -86,8 +86,9 @@ class LRUCacheIndex<LRUCacheKey, Node> {
  private:
   struct Cell {
     uint32_t hash = 0;
-    Node* node = nullptr;                                       // null in a free cell
-    typename LRUCacheMap<LRUCacheKey, Node>::iterator entry{};  // the node's
+    Node* node = nullptr;  // null in a free cell
+    // The node's mapEntry: a probe need not read the node to compare keys.
+    typename LRUCacheMap<LRUCacheKey, Node>::iterator entry{};
   };
   static constexpr size_t kFirstCells = 64;
   // In a table at most half full a longer probe means keys that collide, by chance

@@ -117,11 +117,12 @@ class ORVEX_API LRUCacheT {
   // Most recently used first.
   std::list<Node*> CacheNodeList ORVEX_GUARDED_BY(lock);
   LRUCacheMap<Key, Node> CacheMap ORVEX_GUARDED_BY(lock);
-  // Apart from what it guards: who waits for it looks at it meanwhile.
+  // On a line of its own: who waits for it looks at it meanwhile.
   [[maybe_unused]] ORVEX_RestOfCacheLine<sizeof(void*) + sizeof(std::list<Node*>) +
                                          sizeof(LRUCacheMap<Key, Node>)>
       beforeLock_;
   mutable ORVEX_PThread_Lock lock;
+  [[maybe_unused]] ORVEX_CacheLineGap afterLock_;
   // From InitLRUCache to DeinitLRUCache. Written under the lock; an atomic, so that
   // a query need not take the lock to read it.
   bool active = false;
@@ -218,7 +219,7 @@ void LRUCacheT<Key, Node, Metrics>::EnterNew(const Key& key, Node* node) {
   index_.MakeRoom();
   node->mapEntry = CacheMap.try_emplace(CacheMap.begin(), key, element.begin());
   CacheNodeList.splice(CacheNodeList.begin(), element);
-  if (*node->mapEntry->second == node) index_.Add(node);
+  index_.Add(node);
 }
 
 template <typename Key, typename Node, typename Metrics>

@@ -42,7 +42,7 @@ class ORVEX_API ORVEX_Set {
   static void PreWaitLogFunc(void* arg);
   static void PostWaitLogFunc(void* arg);
 
-  // False once the path is not in the set: then nobody needs the lock to find it
+  // False only while the path is not in the set: then nobody needs the lock to find it
   // missing. A path comes in before its callback runs, and what a callback brought is
   // in the cache before its path leaves.
   ORVEX_LOCAL bool MayHold(const char* path) const {
@@ -56,6 +56,7 @@ class ORVEX_API ORVEX_Set {
   ORVEX_LOCAL void Clear() ORVEX_REQUIRES(condLock);
 
   bool active ORVEX_GUARDED_BY(condLock) = false;  // as long as the cache is
+  // Changed through Insert, Erase and Clear alone, which keep the counts below.
   std::set<std::string> paths ORVEX_GUARDED_BY(condLock);
   ORVEX_PThread_CondLock condLock;
 
@@ -71,8 +72,8 @@ class ORVEX_API ORVEX_Set {
 
   [[maybe_unused]] ORVEX_CacheLineGap beforeCounts_;
   // How many paths there are, and how many with each remainder of their hash: asked by
-  // every query, so that none waits for the lock on account of another's path. Written
-  // under condLock.
+  // queries that may call the host, so that hardly one takes the lock on account of
+  // another's path. Written under condLock.
   size_t pathCount_ = 0;
   unsigned int stripes_[kStripes] = {};
 };

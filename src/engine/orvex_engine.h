@@ -46,10 +46,12 @@ class ORVEX_API ORVEX_ENGINE {
   ORVEX_LOCAL void PassLock() const ORVEX_EXCLUDES(lock);
 
   mutable ORVEX_PThread_Lock lock;
+  [[maybe_unused]] ORVEX_CacheLineGap afterLock_;
   bool inited = false;
   [[maybe_unused]] ORVEX_CacheLineGap beforeRefCount_;
   // Threads inside Query, GetMetrics, ResetMetrics or GetStatus.
   mutable int volatile refCount = 0;
+  [[maybe_unused]] ORVEX_CacheLineGap afterRefCount_;
 };
 
 extern template class ORVEX_Singleton<ORVEX_ENGINE>;

@@ -79,8 +79,8 @@ unsigned int ORVEX_PThread_Lock::Unlock() {
   return ORVEX_OK;
 }
 
-// What the library does under a lock takes less time than putting a thread to sleep
-// and waking it again.
+// What the library does under a lock usually takes less time than putting a thread to
+// sleep and waking it again. A hundred pauses take about as long as that does.
 __attribute__((noinline)) void ORVEX_PThread_Lock::PauseWhileTaken() const {
   constexpr int kMostPauses = 100;
   int pauses = 0;

@@ -53,7 +53,8 @@ class ORVEX_API ORVEX_PThread_Lock : public ORVEX_Lock {
  private:
   ORVEX_LOCAL void PauseWhileTaken() const;
 
-  // A hint, relaxed: that somebody is between Lock and Unlock.
+  // A hint, relaxed: that somebody is between Lock and Unlock. A wait on a condition
+  // holds the mutex without it.
   bool taken_ = false;
 };
 

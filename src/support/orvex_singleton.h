@@ -18,7 +18,7 @@ class ORVEX_API ORVEX_Singleton {
 
 template <typename T>
 T* ORVEX_Singleton<T>::GetInstance() {
-  // The gaps in T count from the beginning of a cache line.
+  // Where T begins a cache line, ORVEX_RestOfCacheLine is what it says.
   alignas(kCacheLineBytes) static T instance;
   return &instance;
 }
