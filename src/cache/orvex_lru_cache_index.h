@@ -138,7 +138,7 @@ class LRUCacheIndex<LRUCacheKey, Node> {
   }
 
   void GiveUp() {
-    cells_ = {};
+    std::vector<Cell>().swap(cells_);
     gaveUp_ = true;
   }
 
