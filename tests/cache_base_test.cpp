@@ -2,6 +2,8 @@
 // for its own subclasses and for those of a host.
 #include <doctest/doctest.h>
 
+#include <algorithm>
+
 #include <string>
 #include <vector>
 
@@ -156,6 +158,24 @@ TEST_CASE_TEMPLATE("nodes that share an entry move to the front each alone", Cac
   second->mapEntry = cache.CacheMap.end();
   cache.Move(second);
   CHECK(cache.PathsInOrder() == Paths{"second", "third", "first", "/b"});
+}
+
+TEST_CASE_TEMPLATE("each of many nodes that share an entry is found wherever it lies", Cache,
+                   BareHashCache, BareFileTypeCache) {
+  Cache cache;
+  std::vector<typename Cache::NodeType*> nodes;
+  for (char name = 'a'; name <= 'j'; ++name) {
+    nodes.push_back(cache.InsertBeside("/a", std::string(1, name).c_str()));
+  }
+  for (size_t step = 1; step < nodes.size(); ++step) {
+    for (size_t i = 0; i < nodes.size(); ++i) {
+      Paths expected = cache.PathsInOrder();
+      const auto moved = std::find(expected.begin(), expected.end(), nodes[i * step % 10]->path);
+      std::rotate(expected.begin(), moved, moved + 1);
+      cache.Move(nodes[i * step % 10]);
+      REQUIRE(cache.PathsInOrder() == expected);
+    }
+  }
 }
 
 TEST_CASE_TEMPLATE("an operation on no node or of no known kind changes nothing", Cache,
