@@ -6,8 +6,8 @@
 #include <string>
 
 #include "calculation.h"
-#include "engine_log.h"
 #include "identity.h"
+#include "support/calculating_host.h"
 #include "support/temporary_directory.h"
 
 using orvexscan::Calculation;
@@ -15,38 +15,13 @@ using orvexscan::FailureReason;
 using orvexscan::Identity;
 using orvexscan::IdentityOf;
 
-namespace {
-
-// The engine with the tool's callbacks, and one worker's tools.
-class CalculatingHost {
- public:
-  CalculatingHost() {
-    orvexscan::TakeEngineLog(false);
-    metadata_query_fptrs_s callbacks = Calculation::Callbacks();
-    REQUIRE(orvex_init(&callbacks) == 0);
-  }
-  ~CalculatingHost() { orvex_deinit(); }
-
-  int Query(const std::string& path, const Identity& identity, Calculation* calculation) {
-    metadata_input_s in = orvexscan::QueryFor(path, identity);
-    metadata_output_s out{};
-    const int code = orvex_query(&in, &out, calculation);
-    delete[] out.signers;
-    return code;
-  }
-
-  orvexscan::Tools tools;
-};
-
-}  // namespace
-
 TEST_CASE("a file that vanishes before it is read is told as vanished") {
   const TemporaryDirectory directory;
   CalculatingHost host;
   const std::string path = directory.Write("file", "x");
   const Identity identity = IdentityOf(path, false);
   std::filesystem::remove(path);
-  Calculation calculation(&host.tools, false);
+  Calculation calculation(&host.tools, identity, host.rules);
   CHECK(host.Query(path, identity, &calculation) == static_cast<int>(FailureReason::kVanished));
   REQUIRE(calculation.failure());
   CHECK(calculation.failure()->reason() == FailureReason::kVanished);
@@ -59,7 +34,7 @@ TEST_CASE("a file that is another one by the time it is read is told as changed"
   const std::string path = directory.Write("file", "x");
   const Identity identity = IdentityOf(path, false);
   directory.Write("file", "longer");
-  Calculation calculation(&host.tools, false);
+  Calculation calculation(&host.tools, identity, host.rules);
   CHECK(host.Query(path, identity, &calculation) == static_cast<int>(FailureReason::kChanged));
   REQUIRE(calculation.failure());
   CHECK(std::string(calculation.failure()->what()) == "changed before it was read");
@@ -72,23 +47,24 @@ TEST_CASE("a file that has become a link by the time it is read is not followed"
   const Identity identity = IdentityOf(path, false);
   std::filesystem::rename(path, directory.PathOf("moved"));
   std::filesystem::create_symlink("moved", path);
-  Calculation calculation(&host.tools, false);
+  Calculation calculation(&host.tools, identity, host.rules);
   CHECK(host.Query(path, identity, &calculation) == static_cast<int>(FailureReason::kChanged));
 }
 
 TEST_CASE("a failure is not kept: the file is calculated as soon as it can be") {
   const TemporaryDirectory directory;
   CalculatingHost host;
-  const std::string path = directory.Write("file", "x");
+  const std::string path = directory.Write("in/file", "x");
   const Identity identity = IdentityOf(path, false);
-  std::filesystem::rename(path, directory.PathOf("moved"));
-  Calculation failing(&host.tools, false);
+  // With its directory, so that the file itself stays what it is.
+  std::filesystem::rename(directory.PathOf("in"), directory.PathOf("moved"));
+  Calculation failing(&host.tools, identity, host.rules);
   CHECK(host.Query(path, identity, &failing) != 0);
-  std::filesystem::rename(directory.PathOf("moved"), path);
-  Calculation calculating(&host.tools, false);
+  std::filesystem::rename(directory.PathOf("moved"), directory.PathOf("in"));
+  Calculation calculating(&host.tools, identity, host.rules);
   CHECK(host.Query(path, identity, &calculating) == 0);
   CHECK(calculating.hashed());
-  Calculation cached(&host.tools, false);
+  Calculation cached(&host.tools, identity, host.rules);
   CHECK(host.Query(path, identity, &cached) == 0);
   CHECK_FALSE(cached.hashed());
 }
@@ -97,11 +73,13 @@ TEST_CASE("a changed file is calculated anew although its older self is cached")
   const TemporaryDirectory directory;
   CalculatingHost host;
   const std::string path = directory.Write("file", "x");
-  Calculation first(&host.tools, false);
-  CHECK(host.Query(path, IdentityOf(path, false), &first) == 0);
+  const Identity older = IdentityOf(path, false);
+  Calculation first(&host.tools, older, host.rules);
+  CHECK(host.Query(path, older, &first) == 0);
   directory.Write("file", "longer");
-  Calculation second(&host.tools, false);
-  CHECK(host.Query(path, IdentityOf(path, false), &second) == 0);
+  const Identity newer = IdentityOf(path, false);
+  Calculation second(&host.tools, newer, host.rules);
+  CHECK(host.Query(path, newer, &second) == 0);
   CHECK(second.hashed());
   CHECK(second.bytesHashed() == 6);
 }
@@ -109,10 +87,12 @@ TEST_CASE("a changed file is calculated anew although its older self is cached")
 TEST_CASE("a file that changes after it was opened gets no digests") {
   const TemporaryDirectory directory;
   orvexscan::Tools tools;
+  const orvexscan::ReadingRules rules{false, orvexscan::Settling({})};
   const std::string path = directory.Write("file", "x");
-  metadata_input_s in = orvexscan::QueryFor(path, IdentityOf(path, false));
+  const Identity identity = IdentityOf(path, false);
+  metadata_input_s in = orvexscan::QueryFor(path, identity);
   metadata_output_s out{};
-  Calculation calculation(&tools, false);
+  Calculation calculation(&tools, identity, rules);
   const metadata_query_fptrs_s callbacks = Calculation::Callbacks();
   REQUIRE(callbacks.fileTypeQueryCallback(&in, &out, &calculation) == 0);  // opens it
   directory.Write("file", "longer");

@@ -60,7 +60,7 @@ TEST_CASE("size, time, device and inode are those of stat") {
 TEST_CASE("the second pass is answered from the cache") {
   const TemporaryDirectory directory;
   for (int i = 0; i < 20; ++i) directory.Write(std::to_string(i), Repeated(1000));
-  const nlohmann::json report = RunScan(directory.path(), "--json - .").Json();
+  const nlohmann::json report = RunScan(directory.path(), "--json - --settle 0 .").Json();
   const nlohmann::json& first = report["passes"][0];
   const nlohmann::json& second = report["passes"][1];
   CHECK(first["hashCache"]["misses"] == 20);
@@ -84,7 +84,7 @@ TEST_CASE("an empty file and one without a time are full hits the second time") 
   directory.Write("timeless", "x");
   directory.Write("both", "");
   REQUIRE(OutputOf(directory.path(), "touch -d @0 timeless both && echo done") == "done\n");
-  const nlohmann::json report = RunScan(directory.path(), "--json - .").Json();
+  const nlohmann::json report = RunScan(directory.path(), "--json - --settle 0 .").Json();
   CHECK(FileIn(report, "./timeless")["answer"]["mtimeNs"] == 0);
   CHECK(report["passes"][1]["hashCache"]["hits"] == 3);
   CHECK(report["passes"][1]["hashCache"]["partialHits"] == 0);
@@ -100,7 +100,8 @@ TEST_CASE("as many passes run as are wanted") {
 TEST_CASE("several workers ask about each file once in each pass") {
   const TemporaryDirectory directory;
   for (int i = 0; i < 200; ++i) directory.Write(std::to_string(i), Repeated(2000));
-  const nlohmann::json report = RunScan(directory.path(), "--json - --threads 8 .").Json();
+  const nlohmann::json report =
+      RunScan(directory.path(), "--json - --threads 8 --settle 0 .").Json();
   for (const auto& pass : report["passes"]) {
     CHECK(pass["hashCache"]["lookups"] == 200);
     CHECK(pass["failed"] == 0);
@@ -141,9 +142,9 @@ TEST_CASE("the table has a column for each pass and every count") {
   const ScanRun run = RunScan(directory.path(), "--passes 3 .");
   CHECK(run.exitCode == 0);
   for (const char* part :
-       {"PASS 1", "PASS 3", "files", "bytes read", "wall time", "hash cache: full hits",
-        "hash cache: partial hits", "hash cache: out of date", "hash cache: misses",
-        "hash cache: waits", "hash cache: callbacks", "hash cache: evictions",
+       {"PASS 1", "PASS 3", "files", "not kept, too young", "bytes read", "wall time",
+        "hash cache: full hits", "hash cache: partial hits", "hash cache: out of date",
+        "hash cache: misses", "hash cache: waits", "hash cache: callbacks", "hash cache: evictions",
         "file type cache: evictions", "hashing saved"}) {
     CAPTURE(part);
     CHECK(Contains(run.output, part));
@@ -175,7 +176,8 @@ TEST_CASE("a command line that makes no sense exits with 2") {
   directory.Write("file", "x");
   for (const char* arguments :
        {"", "--nonsense .", "--passes 0 .", "--passes x .", "--threads 0 .", "--capacity 0 .",
-        "--capacity 4097 .", "--processes .", "--json", "--json /nowhere/at/all ."}) {
+        "--capacity 4097 .", "--settle x .", "--settle -1 .", "--identity inode .", "--identity",
+        "--processes .", "--json", "--json /nowhere/at/all ."}) {
     CAPTURE(arguments);
     const ScanRun run = RunScan(directory.path(), arguments);
     CHECK(run.exitCode == 2);
@@ -267,7 +269,8 @@ TEST_CASE("a directory that holds itself by a link is told and left") {
 TEST_CASE("more files than a cache keeps cannot hit again, and the report says why") {
   const TemporaryDirectory directory;
   for (int i = 0; i < 5; ++i) directory.Write("in/" + std::to_string(i), "x");
-  const ScanRun tooMany = RunScan(directory.path(), "--json - --threads 1 --capacity 4 in");
+  const ScanRun tooMany =
+      RunScan(directory.path(), "--json - --threads 1 --capacity 4 --settle 0 in");
   CHECK(tooMany.exitCode == 0);
   const nlohmann::json report = tooMany.Json();
   CHECK(report["passes"][1]["hashCache"]["hits"] == 0);
@@ -276,7 +279,8 @@ TEST_CASE("more files than a cache keeps cannot hit again, and the report says w
   CHECK(report["passes"][0]["fileTypeCache"]["evictions"] == 1);
   CHECK(Contains(report["advice"], "a second pass cannot hit"));
   CHECK(Contains(tooMany.errors, "a second pass cannot hit"));
-  const ScanRun enough = RunScan(directory.path(), "--json - --threads 1 --capacity 5 in");
+  const ScanRun enough =
+      RunScan(directory.path(), "--json - --threads 1 --capacity 5 --settle 0 in");
   CHECK(enough.Json()["passes"][1]["hashCache"]["hits"] == 5);
   CHECK(enough.Json()["advice"] == "");
 }
@@ -309,7 +313,7 @@ TEST_CASE("the signers of a PE file are told, and again from the cache") {
   directory.Write("signed.exe", PeFile(Join(TableEntry(Signature({{"First Signer", ""}}, {nested})),
                                             TableEntry(Signature("Second Signer")))));
   directory.Write("unsigned.exe", PeFile({}));
-  const ScanRun run = RunScan(directory.path(), "--json - .");
+  const ScanRun run = RunScan(directory.path(), "--json - --settle 0 .");
   CHECK(run.exitCode == 0);
   const nlohmann::json report = run.Json();
   CHECK(FileIn(report, "./signed.exe")["answer"]["signers"] ==

@@ -23,20 +23,21 @@ metadata_query_fptrs_s Calculation::Callbacks() {
 }
 
 int Calculation::CalculateHash(metadata_input_s* in, metadata_output_s* out, void* ctx) noexcept {
-  return static_cast<Calculation*>(ctx)->Attempt(&Calculation::Hash, *in, out);
+  return static_cast<Calculation*>(ctx)->Attempt(&Calculation::Hash, in, out);
 }
 
 int Calculation::CalculateFileType(metadata_input_s* in, metadata_output_s* out,
                                    void* ctx) noexcept {
-  return static_cast<Calculation*>(ctx)->Attempt(&Calculation::FindFileType, *in, out);
+  return static_cast<Calculation*>(ctx)->Attempt(&Calculation::FindFileType, in, out);
 }
 
-int Calculation::Attempt(Step step, const metadata_input_s& in, metadata_output_s* out) {
+int Calculation::Attempt(Step step, metadata_input_s* in, metadata_output_s* out) {
   // The file type failed: the digests would fail for the same reason, and the engine
   // asks for them all the same.
   if (failure_) return static_cast<int>(failure_->reason());
   try {
-    (this->*step)(in, out);
+    (this->*step)(*in, out);
+    if (!settled_) in->invOperation &= ~static_cast<uint32_t>(INV_KEEP_IN_CACHE);
     return 0;
   } catch (const FileFailure& failure) {
     failure_ = failure;
@@ -89,8 +90,12 @@ void Calculation::FindFileType(const metadata_input_s& in, metadata_output_s* ou
 }
 
 FileReader& Calculation::Open(const metadata_input_s& in) {
-  if (!file_)
-    file_.emplace(in.path, Identity{in.size, in.mtime, in.deviceID, in.fileID}, followLinks_);
+  if (!file_) {
+    // Before anything is read: what is written from now on has later times.
+    const Settling::Instant now = rules_.settling.Now();
+    file_.emplace(in.path, identity_, rules_.followLinks);
+    settled_ = rules_.settling.IsSettled(identity_, now);
+  }
   return *file_;
 }
 

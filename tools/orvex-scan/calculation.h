@@ -11,7 +11,9 @@
 #include "file_failure.h"
 #include "file_reader.h"
 #include "file_type.h"
+#include "identity.h"
 #include "orvexeng.h"
+#include "settling.h"
 
 namespace orvexscan {
 
@@ -24,14 +26,23 @@ struct Tools {
   std::vector<unsigned char> buffer;
 };
 
+// How files are read.
+struct ReadingRules {
+  bool followLinks;
+  Settling settling;
+};
+
 // One query's calculation, given to orvex_query as its context.
 //
-// Ownership: borrows the tools, which no other calculation may use meanwhile. Keeps the
-// file open from the first callback on, so that type and digests are those of one file.
+// Ownership: borrows the tools, which no other calculation may use meanwhile, and the
+// rules. Keeps the file open from the first callback on, so that type and digests are
+// those of one file.
 // Threads: one at a time; the engine calls back on the thread that asks.
 class Calculation {
  public:
-  Calculation(Tools* tools, bool followLinks) : tools_(tools), followLinks_(followLinks) {}
+  /// For a query about what identity was taken of.
+  Calculation(Tools* tools, const Identity& identity, const ReadingRules& rules)
+      : tools_(tools), identity_(identity), rules_(rules) {}
   Calculation(const Calculation&) = delete;
   Calculation& operator=(const Calculation&) = delete;
 
@@ -42,6 +53,8 @@ class Calculation {
   const std::optional<FileFailure>& failure() const { return failure_; }
   /// Whether the whole file was read for its digests, as nothing cached could serve.
   bool hashed() const { return hashed_; }
+  /// False when the file was read while it was too young for its answer to be kept.
+  bool settled() const { return settled_; }
   uint64_t bytesHashed() const { return bytesHashed_; }
   std::chrono::nanoseconds hashTime() const { return hashTime_; }
   /// What is wrong with the file's certificate table, if it was hashed.
@@ -51,7 +64,7 @@ class Calculation {
   using Step = void (Calculation::*)(const metadata_input_s&, metadata_output_s*);
   static int CalculateHash(metadata_input_s* in, metadata_output_s* out, void* ctx) noexcept;
   static int CalculateFileType(metadata_input_s* in, metadata_output_s* out, void* ctx) noexcept;
-  int Attempt(Step step, const metadata_input_s& in, metadata_output_s* out);
+  int Attempt(Step step, metadata_input_s* in, metadata_output_s* out);
 
   void Hash(const metadata_input_s& in, metadata_output_s* out);
   std::vector<std::string> FindSigners();
@@ -59,9 +72,11 @@ class Calculation {
   FileReader& Open(const metadata_input_s& in);
 
   Tools* const tools_;
-  const bool followLinks_;
+  const Identity identity_;
+  const ReadingRules& rules_;
   std::optional<FileReader> file_;
   std::optional<FileFailure> failure_;
+  bool settled_ = true;
   bool hashed_ = false;
   uint64_t bytesHashed_ = 0;
   std::chrono::nanoseconds hashTime_{0};

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "descriptor.h"
 #include "identity.h"
 
 namespace orvexscan {
@@ -18,9 +19,6 @@ class FileReader {
   /// Opens path and checks that it is the very file that expected was taken of.
   /// Throws FileFailure otherwise.
   FileReader(const std::string& path, const Identity& expected, bool followLinks);
-  ~FileReader();
-  FileReader(const FileReader&) = delete;
-  FileReader& operator=(const FileReader&) = delete;
 
   /// Hands the whole content to sink, piece by piece, through buffer, and returns
   /// the number of bytes. Throws FileFailure when a read fails.
@@ -30,16 +28,17 @@ class FileReader {
   /// Reads up to count bytes at offset; fewer only at the end of the file.
   size_t ReadAt(uint64_t offset, unsigned char* bytes, size_t count);
 
-  /// Throws FileFailure if the file is no longer what it was when it was opened. What
-  /// was read before a call that returns is one state of the file.
+  /// Throws FileFailure if the file is no longer what it was when it was opened; its
+  /// ctime tells in every mode. What was read before a call that returns is one state of
+  /// the file, once the file is settled.
   void CheckUnchanged() const;
 
   uint64_t size() const { return opened_.size; }
-  int descriptor() const { return descriptor_; }
+  int descriptor() const { return descriptor_.get(); }
 
  private:
-  int descriptor_;
-  Identity opened_;
+  const Descriptor descriptor_;
+  const Identity opened_;
 };
 
 }  // namespace orvexscan

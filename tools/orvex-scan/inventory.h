@@ -19,6 +19,7 @@ namespace orvexscan {
 // What the engine answered about a file.
 struct Answer {
   Identity identity;
+  bool settled = true;  ///< kept in the caches, as the file was old enough for that
   std::array<uint8_t, 16> md5{};
   std::array<uint8_t, 20> sha1{};
   std::array<uint8_t, 32> sha256{};

@@ -4,17 +4,29 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <map>
+#include <string>
 #include <thread>
 
 namespace orvexscan {
 namespace {
 
 constexpr int kMostThreads = 256;
+constexpr int kMostSettleSeconds = 24 * 60 * 60;
 
 constexpr const char kExitCodes[] =
     "Exit codes: 0 all went well; 1 some files have no answer (each is listed with its\n"
     "reason); 2 the command line is wrong. A malformed certificate table is listed too, but\n"
     "the file has its answer.";
+
+std::map<std::string, IdentityMode> IdentityModes() {
+  std::map<std::string, IdentityMode> modes;
+  for (const IdentityMode mode :
+       {IdentityMode::kMtime, IdentityMode::kCtime, IdentityMode::kStrict}) {
+    modes[NameOf(mode)] = mode;
+  }
+  return modes;
+}
 
 void Describe(CLI::App* app, Options* options) {
   app->set_version_flag(
@@ -26,6 +38,14 @@ void Describe(CLI::App* app, Options* options) {
   app->add_flag("--follow", options->followLinks, "Follow symbolic links");
   app->add_flag("-x,--one-file-system", options->oneFileSystem,
                 "Do not enter other mounted file systems");
+  app->add_option("--identity", options->identity,
+                  "What tells a changed file: mtime, ctime as well, or all there is (strict)")
+      ->transform(CLI::CheckedTransformer(IdentityModes()))
+      ->option_text("MODE [ctime]");
+  app->add_option("--settle", options->settleSeconds,
+                  "Keep no answer about a file changed less than this many seconds ago")
+      ->check(CLI::Range(0, kMostSettleSeconds))
+      ->capture_default_str();
   app->add_option("--threads", options->threads, "Workers that ask the engine at once")
       ->check(CLI::Range(1, kMostThreads))
       ->capture_default_str();

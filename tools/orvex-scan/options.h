@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "identity.h"
 #include "orvexeng.h"
 
 namespace orvexscan {
@@ -18,6 +19,8 @@ struct Options {
   bool processes = false;  ///< the files that processes map, instead of paths
   bool followLinks = false;
   bool oneFileSystem = false;
+  IdentityMode identity = IdentityMode::kCtime;
+  int settleSeconds = 2;
   int threads = 1;
   int passes = 2;
   int capacity = ORVEX_MAX_CAPACITY;  ///< of each cache, in entries

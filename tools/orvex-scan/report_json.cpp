@@ -15,9 +15,10 @@ std::string HexOf(const std::array<uint8_t, kLength>& digest) {
 }
 
 Json OptionsJson(const Options& options) {
-  return {{"processes", options.processes}, {"follow", options.followLinks},
-          {"threads", options.threads},     {"passes", options.passes},
-          {"capacity", options.capacity},   {"paths", options.paths}};
+  return {{"processes", options.processes},       {"follow", options.followLinks},
+          {"identity", NameOf(options.identity)}, {"settleSeconds", options.settleSeconds},
+          {"threads", options.threads},           {"passes", options.passes},
+          {"capacity", options.capacity},         {"paths", options.paths}};
 }
 
 Json PassJson(const PassReport& pass) {
@@ -25,6 +26,7 @@ Json PassJson(const PassReport& pass) {
   return {{"pass", pass.number},
           {"visits", pass.visits},
           {"failed", pass.failed},
+          {"unsettled", pass.unsettled},
           {"bytesHashed", pass.bytesHashed},
           {"bytesSaved", pass.bytesSaved},
           {"wallSeconds", pass.wallSeconds},

@@ -80,6 +80,8 @@ std::vector<Row> Rows(const Inventory& inventory) {
       {"files", [files](const PassReport&) { return fmt::format("{}", files); }},
       {"files asked about", [](const PassReport& pass) { return fmt::format("{}", pass.visits); }},
       {"failed", [](const PassReport& pass) { return fmt::format("{}", pass.failed); }},
+      {"not kept, too young",
+       [](const PassReport& pass) { return fmt::format("{}", pass.unsettled); }},
       {"bytes read", [](const PassReport& pass) { return Bytes(pass.bytesHashed); }},
       {"wall time",
        [](const PassReport& pass) { return fmt::format("{:.3f} s", pass.wallSeconds); }},

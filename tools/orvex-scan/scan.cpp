@@ -48,9 +48,10 @@ struct Output : metadata_output_s {
   Output& operator=(const Output&) = delete;
 };
 
-Answer AnswerIn(const Output& output, const Identity& identity) {
+Answer AnswerIn(const Output& output, const Identity& identity, bool settled) {
   Answer answer;
   answer.identity = identity;
+  answer.settled = settled;
   std::copy(std::begin(output.digest16), std::end(output.digest16), answer.md5.begin());
   std::copy(std::begin(output.digest20), std::end(output.digest20), answer.sha1.begin());
   std::copy(std::begin(output.digest32), std::end(output.digest32), answer.sha256.begin());
@@ -62,6 +63,7 @@ Answer AnswerIn(const Output& output, const Identity& identity) {
 // What one worker counts, added to the pass when it is done.
 struct Tally {
   uint64_t failed = 0;
+  uint64_t unsettled = 0;
   uint64_t bytesHashed = 0;
   uint64_t bytesSaved = 0;
   std::chrono::nanoseconds hashTime{0};
@@ -73,7 +75,11 @@ struct Tally {
 class Worker {
  public:
   Worker(const Options& options, Tools* tools, Inventory* inventory, Progress* progress)
-      : options_(options), tools_(tools), inventory_(inventory), progress_(progress) {}
+      : identityMode_(options.identity),
+        rules_{options.followLinks, Settling(std::chrono::seconds(options.settleSeconds))},
+        tools_(tools),
+        inventory_(inventory),
+        progress_(progress) {}
 
   Tally Run(int pass, std::atomic<size_t>* nextVisit) {
     tally_ = Tally();
@@ -95,10 +101,10 @@ class Worker {
  private:
   void Ask(size_t record) {
     const std::string& path = inventory_->PathOf(record);
-    const Identity identity = IdentityOf(path, options_.followLinks);
+    const Identity identity = IdentityOf(path, rules_.followLinks, identityMode_);
     metadata_input_s query = QueryFor(path, identity);
     Output output;
-    Calculation calculation(tools_, options_.followLinks);
+    Calculation calculation(tools_, identity, rules_);
     const int code = orvex_query(&query, &output, &calculation);
     if (calculation.failure()) throw *calculation.failure();
     if (code != ORVEX_OK) {
@@ -108,16 +114,18 @@ class Worker {
     if (calculation.hashed()) {
       inventory_->StoreCertificateFaults(record, calculation.certificateFaults());
     }
-    inventory_->StoreAnswer(record, AnswerIn(output, identity));
+    inventory_->StoreAnswer(record, AnswerIn(output, identity, calculation.settled()));
   }
 
   void Count(const Calculation& calculation, const Identity& identity) {
+    if (!calculation.settled()) ++tally_.unsettled;
     if (!calculation.hashed()) tally_.bytesSaved += identity.size;
     tally_.bytesHashed += calculation.bytesHashed();
     tally_.hashTime += calculation.hashTime();
   }
 
-  const Options& options_;
+  const IdentityMode identityMode_;
+  const ReadingRules rules_;
   Tools* const tools_;
   Inventory* const inventory_;
   Progress* const progress_;
@@ -153,6 +161,7 @@ PassReport RunPass(int number, std::vector<Worker>* workers, asio::thread_pool* 
   for (auto& pending : tallies) {
     const Tally tally = pending.get();
     report.failed += tally.failed;
+    report.unsettled += tally.unsettled;
     report.bytesHashed += tally.bytesHashed;
     report.bytesSaved += tally.bytesSaved;
     report.hashSeconds += Seconds(tally.hashTime).count();

@@ -16,6 +16,7 @@ struct PassReport {
   int number = 0;
   uint64_t visits = 0;
   uint64_t failed = 0;
+  uint64_t unsettled = 0;    ///< answered, but not kept: the file was too young
   uint64_t bytesHashed = 0;  ///< read for the digests
   uint64_t bytesSaved = 0;   ///< not read, as the digests came from the cache
   double wallSeconds = 0;
