@@ -78,6 +78,40 @@ TEST_CASE("the second pass is answered from the cache") {
   CHECK(second["bytesSaved"] == 20000);
 }
 
+TEST_CASE("files just written are asked about anew in each pass, and counted") {
+  const TemporaryDirectory directory;
+  for (int i = 0; i < 3; ++i) directory.Write("in/" + std::to_string(i), "x");
+  // With one file that is older than any test. Its name may be a link.
+  const ScanRun run = RunScan(directory.path(), "--json - --follow in /bin/sh");
+  const nlohmann::json report = run.Json();
+  for (const auto& pass : report["passes"]) CHECK(pass["unsettled"] == 3);
+  CHECK(report["passes"][1]["hashCache"]["hits"] == 1);
+  CHECK(report["passes"][1]["hashCache"]["callbacks"] == 3);
+  CHECK(report["passes"][1]["fileTypeCache"]["hits"] == 1);
+  CHECK(report["passes"][1]["fileTypeCache"]["callbacks"] == 3);
+  CHECK(Contains(run.errors, "not kept, too young"));
+}
+
+TEST_CASE("the JSON report tells what a changed file is known by") {
+  const TemporaryDirectory directory;
+  directory.Write("file", "x");
+  const nlohmann::json plain = RunScan(directory.path(), "--json - .").Json()["options"];
+  CHECK(plain["identity"] == "ctime");
+  CHECK(plain["settleSeconds"] == 2);
+  for (const std::string mode : {"mtime", "ctime", "strict"}) {
+    const nlohmann::json report =
+        RunScan(directory.path(), "--json - --settle 0 --identity " + mode + " .").Json();
+    CHECK(report["options"]["identity"] == mode);
+    CHECK(report["options"]["settleSeconds"] == 0);
+    CHECK(report["passes"][1]["hashCache"]["hits"] == 1);
+    // The true ones, whatever the engine is told.
+    const nlohmann::json answer = FileIn(report, "./file")["answer"];
+    CHECK(std::to_string(answer["device"].get<uint64_t>()) + " " +
+              std::to_string(answer["inode"].get<uint64_t>()) + "\n" ==
+          OutputOf(directory.path(), "stat -c '%d %i' file"));
+  }
+}
+
 TEST_CASE("an empty file and one without a time are full hits the second time") {
   const TemporaryDirectory directory;
   directory.Write("empty", "");

@@ -35,8 +35,15 @@ class CalculatingHost {
 
   int Query(const std::string& path, const orvexscan::Identity& identity,
             orvexscan::Calculation* calculation) {
-    metadata_input_s in = orvexscan::QueryFor(path, identity);
-    return Ask(&in, calculation);
+    return Ask(orvexscan::QueryFor(path, identity), calculation);
+  }
+  int Ask(metadata_input_s in, orvexscan::Calculation* calculation) {
+    metadata_output_s out{};
+    const int code = orvex_query(&in, &out, calculation);
+    std::memcpy(digest.data(), out.digest32, digest.size());
+    ready_ = out.resultReady;
+    delete[] out.signers;
+    return code;
   }
 
   /// Whether the hash cache holds an answer, which is digest then.
@@ -44,8 +51,7 @@ class CalculatingHost {
     metadata_input_s in = orvexscan::QueryFor(path, identity);
     in.invOperation |= INV_CACHE_ONLY;
     in.queryFlags = QUERY_DIGEST32;
-    ready_ = 0;
-    CHECK(Ask(&in, nullptr) == 0);
+    CHECK(Ask(in, nullptr) == 0);
     return ready_ != 0;
   }
 
@@ -54,14 +60,5 @@ class CalculatingHost {
   Sha256 digest{};  ///< of the last answer
 
  private:
-  int Ask(metadata_input_s* in, orvexscan::Calculation* calculation) {
-    metadata_output_s out{};
-    const int code = orvex_query(in, &out, calculation);
-    std::memcpy(digest.data(), out.digest32, digest.size());
-    ready_ = out.resultReady;
-    delete[] out.signers;
-    return code;
-  }
-
   uint32_t ready_ = 0;
 };
