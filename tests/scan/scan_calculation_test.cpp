@@ -94,9 +94,9 @@ TEST_CASE("a file that changes after it was opened gets no digests") {
   metadata_output_s out{};
   Calculation calculation(&tools, identity, rules);
   const metadata_query_fptrs_s callbacks = Calculation::Callbacks();
-  REQUIRE(callbacks.fileTypeQueryCallback(&in, &out, &calculation) == 0);  // opens it
+  REQUIRE(callbacks.fileTypeQueryCallback(&in, &out, calculation.context()) == 0);  // opens it
   directory.Write("file", "longer");
-  CHECK(callbacks.metaQueryCallback(&in, &out, &calculation) ==
+  CHECK(callbacks.metaQueryCallback(&in, &out, calculation.context()) ==
         static_cast<int>(FailureReason::kChanged));
   CHECK(out.queryFlags == QUERY_FILE_TYPE);
   delete[] out.signers;

@@ -15,20 +15,12 @@ constexpr size_t kBufferBytes = 256 << 10;
 
 Tools::Tools() : buffer(kBufferBytes) {}
 
-metadata_query_fptrs_s Calculation::Callbacks() {
-  metadata_query_fptrs_s callbacks{};
-  callbacks.metaQueryCallback = CalculateHash;
-  callbacks.fileTypeQueryCallback = CalculateFileType;
-  return callbacks;
+int Calculation::AnswerHash(metadata_input_s* in, metadata_output_s* out) noexcept {
+  return Attempt(&Calculation::Hash, in, out);
 }
 
-int Calculation::CalculateHash(metadata_input_s* in, metadata_output_s* out, void* ctx) noexcept {
-  return static_cast<Calculation*>(ctx)->Attempt(&Calculation::Hash, in, out);
-}
-
-int Calculation::CalculateFileType(metadata_input_s* in, metadata_output_s* out,
-                                   void* ctx) noexcept {
-  return static_cast<Calculation*>(ctx)->Attempt(&Calculation::FindFileType, in, out);
+int Calculation::AnswerFileType(metadata_input_s* in, metadata_output_s* out) noexcept {
+  return Attempt(&Calculation::FindFileType, in, out);
 }
 
 int Calculation::Attempt(Step step, metadata_input_s* in, metadata_output_s* out) {

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "answer_source.h"
 #include "digests.h"
 #include "file_failure.h"
 #include "file_reader.h"
@@ -38,16 +39,11 @@ struct ReadingRules {
 // rules. Keeps the file open from the first callback on, so that type and digests are
 // those of one file.
 // Threads: one at a time; the engine calls back on the thread that asks.
-class Calculation {
+class Calculation : public AnswerSource {
  public:
   /// For a query about what identity was taken of.
   Calculation(Tools* tools, const Identity& identity, const ReadingRules& rules)
       : tools_(tools), identity_(identity), rules_(rules) {}
-  Calculation(const Calculation&) = delete;
-  Calculation& operator=(const Calculation&) = delete;
-
-  /// The callbacks that the engine is started with. Each takes a Calculation as context.
-  static metadata_query_fptrs_s Callbacks();
 
   /// Why a callback failed; nothing when none did.
   const std::optional<FileFailure>& failure() const { return failure_; }
@@ -62,8 +58,8 @@ class Calculation {
 
  private:
   using Step = void (Calculation::*)(const metadata_input_s&, metadata_output_s*);
-  static int CalculateHash(metadata_input_s* in, metadata_output_s* out, void* ctx) noexcept;
-  static int CalculateFileType(metadata_input_s* in, metadata_output_s* out, void* ctx) noexcept;
+  int AnswerHash(metadata_input_s* in, metadata_output_s* out) noexcept override;
+  int AnswerFileType(metadata_input_s* in, metadata_output_s* out) noexcept override;
   int Attempt(Step step, metadata_input_s* in, metadata_output_s* out);
 
   void Hash(const metadata_input_s& in, metadata_output_s* out);

@@ -15,6 +15,12 @@ void Inventory::AddFailure(const std::string& path, const FileFailure& failure) 
   records_[RecordOf(path)].failure = Failure{0, failure.reason(), failure.what()};
 }
 
+std::optional<size_t> Inventory::Find(const std::string& path) const {
+  const auto entry = byPath_.find(path);
+  if (entry == byPath_.end()) return std::nullopt;
+  return entry->second;
+}
+
 void Inventory::StoreAnswer(size_t record, Answer answer) {
   const std::lock_guard<std::mutex> guard(lock_);
   records_[record].answer = std::move(answer);

@@ -60,6 +60,8 @@ class Inventory {
 
   size_t visitCount() const { return visits_.size(); }
   size_t RecordOfVisit(size_t visit) const { return visits_[visit]; }
+  /// The record of a path that is visited or has failed; nothing if there is none.
+  std::optional<size_t> Find(const std::string& path) const;
   const std::string& PathOf(size_t record) const { return records_[record].path; }
 
   void StoreAnswer(size_t record, Answer answer);

@@ -20,6 +20,7 @@
 #include "report_json.h"
 #include "report_table.h"
 #include "scan.h"
+#include "snapshot.h"
 #include "walk.h"
 
 namespace orvexscan {
@@ -79,6 +80,7 @@ int Run(const Options& options) {
     fmt::print(json, "{}", JsonReport(options, passes, inventory, advice));
     Finish(json);
   }
+  if (!options.snapshot.empty()) WriteSnapshot(options, inventory);
   return AnyFailed(inventory) ? kSomeFilesFailed : kAllFine;
 }
 

@@ -55,6 +55,9 @@ void Describe(CLI::App* app, Options* options) {
   app->add_option("--capacity", options->capacity, "Entries that each cache keeps")
       ->check(CLI::Range(1, ORVEX_MAX_CAPACITY))
       ->capture_default_str();
+  app->add_option("--snapshot", options->snapshot,
+                  "Start with the answers in this file, and leave those of this scan in it")
+      ->type_name("FILE");
   app->add_option("--json", options->json, "Write everything to this file; - for standard output")
       ->type_name("FILE");
   app->add_flag("--verbose", options->verbose, "Show the engine's log on standard error");

@@ -24,6 +24,7 @@ struct Options {
   int threads = 1;
   int passes = 2;
   int capacity = ORVEX_MAX_CAPACITY;  ///< of each cache, in entries
+  std::string snapshot;               ///< a file to start with and to leave behind, or empty
   std::string json;                   ///< a file to write, "-" for standard output, or empty
   bool verbose = false;
 };

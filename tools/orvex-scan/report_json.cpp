@@ -15,10 +15,15 @@ std::string HexOf(const std::array<uint8_t, kLength>& digest) {
 }
 
 Json OptionsJson(const Options& options) {
-  return {{"processes", options.processes},       {"follow", options.followLinks},
-          {"identity", NameOf(options.identity)}, {"settleSeconds", options.settleSeconds},
-          {"threads", options.threads},           {"passes", options.passes},
-          {"capacity", options.capacity},         {"paths", options.paths}};
+  return {{"processes", options.processes},
+          {"follow", options.followLinks},
+          {"identity", NameOf(options.identity)},
+          {"settleSeconds", options.settleSeconds},
+          {"threads", options.threads},
+          {"passes", options.passes},
+          {"capacity", options.capacity},
+          {"snapshot", options.snapshot},
+          {"paths", options.paths}};
 }
 
 Json PassJson(const PassReport& pass) {

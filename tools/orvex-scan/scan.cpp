@@ -15,6 +15,7 @@
 
 #include "calculation.h"
 #include "signer_names.h"
+#include "warm_start.h"
 
 namespace orvexscan {
 namespace {
@@ -105,7 +106,7 @@ class Worker {
     metadata_input_s query = QueryFor(path, identity);
     Output output;
     Calculation calculation(tools_, identity, rules_);
-    const int code = orvex_query(&query, &output, &calculation);
+    const int code = orvex_query(&query, &output, calculation.context());
     if (calculation.failure()) throw *calculation.failure();
     if (code != ORVEX_OK) {
       throw FileFailure(FailureReason::kEngine, fmt::format("orvex_query returns {}", code));
@@ -181,6 +182,7 @@ std::vector<PassReport> Scan(const Options& options, Inventory* inventory, Progr
     workers.emplace_back(options, tools.back().get(), inventory, progress);
   }
   const RunningEngine engine(options.capacity);
+  if (!options.snapshot.empty()) WarmStart(options, inventory);
   asio::thread_pool pool(static_cast<size_t>(options.threads));
 
   std::vector<PassReport> passes;

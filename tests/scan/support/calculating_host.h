@@ -35,11 +35,11 @@ class CalculatingHost {
 
   int Query(const std::string& path, const orvexscan::Identity& identity,
             orvexscan::Calculation* calculation) {
-    return Ask(orvexscan::QueryFor(path, identity), calculation);
+    return Ask(orvexscan::QueryFor(path, identity), calculation->context());
   }
-  int Ask(metadata_input_s in, orvexscan::Calculation* calculation) {
+  int Ask(metadata_input_s in, void* context) {
     metadata_output_s out{};
-    const int code = orvex_query(&in, &out, calculation);
+    const int code = orvex_query(&in, &out, context);
     std::memcpy(digest.data(), out.digest32, digest.size());
     ready_ = out.resultReady;
     delete[] out.signers;
