@@ -1,6 +1,7 @@
 // Signers of PE files, and tables made to harm.
 #include <doctest/doctest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <filesystem>
 #include <string>
@@ -168,6 +169,31 @@ TEST_CASE("nesting without end is told and left") {
   const SignerNames found = SignersOf(signature);
   CHECK(found.names.size() == 9);
   CHECK(found.faults == Texts{"signatures are nested too deeply"});
+}
+
+TEST_CASE("a nested signature that is none is a fault, and its holder is told") {
+  const Bytes inner{0x30, 3, 2, 1, 7};  // a sequence, and no more than that
+  Bytes outer = Signature({{"Outer", ""}}, {inner});
+  const SignerNames noSignature = SignersOf(outer);
+  CHECK(noSignature.names == Texts{"Outer"});
+  CHECK(noSignature.faults == Texts{"a signature is no signed PKCS#7"});
+  const auto at = std::search(outer.begin(), outer.end(), inner.begin(), inner.end());
+  REQUIRE(at != outer.end());
+  *at = 0x04;  // a string of bytes instead
+  const SignerNames noSequence = SignersOf(outer);
+  CHECK(noSequence.names == Texts{"Outer"});
+  CHECK(noSequence.faults == Texts{"a nested signature is no sequence"});
+}
+
+TEST_CASE("signers beyond the most that an answer may have are a fault") {
+  const Bytes signature = Signature("Signer");
+  SignerNames found;
+  for (int i = 0; i < 256; ++i) AddSigners(signature, &found);
+  CHECK(found.names.size() == 256);
+  CHECK(found.faults.empty());
+  AddSigners(signature, &found);
+  CHECK(found.names.size() == 256);
+  CHECK(found.faults == Texts{"there are more than 256 signers"});
 }
 
 TEST_CASE("a name is cut to what its slot holds, at the beginning of a character") {
