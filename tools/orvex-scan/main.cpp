@@ -19,6 +19,7 @@
 #include "progress.h"
 #include "report_json.h"
 #include "report_table.h"
+#include "running_engine.h"
 #include "scan.h"
 #include "walk.h"
 
@@ -68,6 +69,7 @@ int Run(const Options& options) {
   Inventory inventory;
   Gather(options, &inventory);
   Progress progress(!options.verbose);
+  const RunningEngine engine(options.capacity);
   const std::vector<PassReport> passes = Scan(options, &inventory, &progress);
   const std::string advice = CapacityAdvice(options, inventory.FileCount());
 

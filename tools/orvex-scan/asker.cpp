@@ -1,0 +1,72 @@
+#include "asker.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <iterator>
+#include <utility>
+
+#include "file_failure.h"
+#include "orvexeng.h"
+#include "signer_names.h"
+
+namespace orvexscan {
+namespace {
+
+// An output record that frees the signer array the engine leaves in it.
+struct Output : metadata_output_s {
+  Output() : metadata_output_s() {}
+  ~Output() { delete[] signers; }
+  Output(const Output&) = delete;
+  Output& operator=(const Output&) = delete;
+};
+
+Answer AnswerIn(const Output& output, const Identity& identity) {
+  Answer answer;
+  answer.identity = identity;
+  std::copy(std::begin(output.digest16), std::end(output.digest16), answer.md5.begin());
+  std::copy(std::begin(output.digest20), std::end(output.digest20), answer.sha1.begin());
+  std::copy(std::begin(output.digest32), std::end(output.digest32), answer.sha256.begin());
+  answer.signers = NamesInSlots(output.signers, output.signerCount);
+  answer.type = {output.major, output.minor};
+  return answer;
+}
+
+}  // namespace
+
+Reply Asker::Ask(const std::string& path) {
+  ++tally_.visits;
+  try {
+    return Query(path);
+  } catch (const FileFailure&) {
+    ++tally_.failed;
+    throw;
+  }
+}
+
+Tally Asker::TakeTally() { return std::exchange(tally_, Tally()); }
+
+Reply Asker::Query(const std::string& path) {
+  const Identity identity = IdentityOf(path, options_.followLinks);
+  metadata_input_s query = QueryFor(path, identity);
+  Output output;
+  Calculation calculation(&tools_, options_.followLinks);
+  const int code = orvex_query(&query, &output, &calculation);
+  if (calculation.failure()) throw *calculation.failure();
+  if (code != ORVEX_OK) {
+    throw FileFailure(FailureReason::kEngine, fmt::format("orvex_query returns {}", code));
+  }
+  Count(calculation, identity);
+  Reply reply;
+  reply.answer = AnswerIn(output, identity);
+  if (calculation.hashed()) reply.certificateFaults = calculation.certificateFaults();
+  return reply;
+}
+
+void Asker::Count(const Calculation& calculation, const Identity& identity) {
+  if (!calculation.hashed()) tally_.bytesSaved += identity.size;
+  tally_.bytesHashed += calculation.bytesHashed();
+  tally_.hashTime += calculation.hashTime();
+}
+
+}  // namespace orvexscan
