@@ -175,7 +175,8 @@ TEST_CASE("a command line that makes no sense exits with 2") {
   directory.Write("file", "x");
   for (const char* arguments :
        {"", "--nonsense .", "--passes 0 .", "--passes x .", "--threads 0 .", "--capacity 0 .",
-        "--capacity 4097 .", "--processes .", "--json", "--json /nowhere/at/all ."}) {
+        "--capacity 4097 .", "--processes .", "--json", "--json /nowhere/at/all .", "--metrics",
+        "--metrics xml .", "--metrics json --json - ."}) {
     CAPTURE(arguments);
     const ScanRun run = RunScan(directory.path(), arguments);
     CHECK(run.exitCode == 2);

@@ -13,6 +13,7 @@
 #include "capacity_advice.h"
 #include "engine_log.h"
 #include "inventory.h"
+#include "metrics.h"
 #include "options.h"
 #include "printable.h"
 #include "process_maps.h"
@@ -73,13 +74,19 @@ int Run(const Options& options) {
   const std::vector<PassReport> passes = Scan(options, &inventory, &progress);
   const std::string advice = CapacityAdvice(options, inventory.FileCount());
 
-  std::FILE* const table = jsonToOutput ? stderr : stdout;
+  const bool outputIsForPrograms = jsonToOutput || !options.metrics.empty();
+  std::FILE* const table = outputIsForPrograms ? stderr : stdout;
   PrintReport(passes, inventory, advice, table);
   Finish(table);
   if (!options.json.empty()) {
     std::FILE* const json = jsonToOutput ? stdout : jsonFile.get();
     fmt::print(json, "{}", JsonReport(options, passes, inventory, advice));
     Finish(json);
+  }
+  if (!options.metrics.empty()) {
+    const std::vector<Metric> metrics = MetricsOf(passes, inventory.FileCount());
+    fmt::print("{}", options.metrics == "json" ? JsonText(metrics) : PrometheusText(metrics));
+    Finish(stdout);
   }
   return AnyFailed(inventory) ? kSomeFilesFailed : kAllFine;
 }
