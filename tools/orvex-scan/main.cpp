@@ -10,7 +10,7 @@
 #include <memory>
 #include <system_error>
 
-#include "capacity_advice.h"
+#include "advice.h"
 #include "engine_log.h"
 #include "inventory.h"
 #include "metrics.h"
@@ -72,7 +72,7 @@ int Run(const Options& options) {
   Progress progress(!options.verbose);
   const RunningEngine engine(options.capacity);
   const std::vector<PassReport> passes = Scan(options, &inventory, &progress);
-  const std::string advice = CapacityAdvice(options, inventory.FileCount());
+  const std::string advice = Advice(options, inventory.FileCount(), passes);
 
   const bool outputIsForPrograms = jsonToOutput || !options.metrics.empty();
   std::FILE* const table = outputIsForPrograms ? stderr : stdout;
