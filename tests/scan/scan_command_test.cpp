@@ -176,7 +176,8 @@ TEST_CASE("a command line that makes no sense exits with 2") {
   for (const char* arguments :
        {"", "--nonsense .", "--passes 0 .", "--passes x .", "--threads 0 .", "--capacity 0 .",
         "--capacity 4097 .", "--processes .", "--json", "--json /nowhere/at/all .", "--metrics",
-        "--metrics xml .", "--metrics json --json - ."}) {
+        "--metrics xml .", "--metrics json --json - .", "--watch", "--watch --processes",
+        "--watch --json - .", "--watch --metrics json ."}) {
     CAPTURE(arguments);
     const ScanRun run = RunScan(directory.path(), arguments);
     CHECK(run.exitCode == 2);

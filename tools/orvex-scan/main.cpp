@@ -15,6 +15,7 @@
 #include "inventory.h"
 #include "metrics.h"
 #include "options.h"
+#include "output.h"
 #include "printable.h"
 #include "process_maps.h"
 #include "progress.h"
@@ -23,6 +24,7 @@
 #include "running_engine.h"
 #include "scan.h"
 #include "walk.h"
+#include "watcher.h"
 
 namespace orvexscan {
 namespace {
@@ -32,18 +34,13 @@ struct CloseFile {
 };
 using File = std::unique_ptr<std::FILE, CloseFile>;
 
-void Gather(const Options& options, Inventory* inventory) {
-  if (options.processes) {
+void Gather(const Options& options, Watcher* watcher, Inventory* inventory) {
+  if (watcher != nullptr) {
+    watcher->Gather(inventory);
+  } else if (options.processes) {
     AddMappedFiles("/proc", inventory);
   } else {
     Walk(options.paths, {options.followLinks, options.oneFileSystem}, inventory);
-  }
-}
-
-// Makes sure that what was written to the stream is out: a full disk is no success.
-void Finish(std::FILE* stream) {
-  if (std::fflush(stream) != 0 || std::ferror(stream) != 0) {
-    throw std::system_error(errno, std::generic_category(), "the report cannot be written");
   }
 }
 
@@ -68,11 +65,13 @@ int Run(const Options& options) {
 
   TakeEngineLog(options.verbose);
   Inventory inventory;
-  Gather(options, &inventory);
+  const auto watcher = options.watch ? std::make_unique<Watcher>(options) : nullptr;
+  Gather(options, watcher.get(), &inventory);
   Progress progress(!options.verbose);
   const RunningEngine engine(options.capacity);
-  const std::vector<PassReport> passes = Scan(options, &inventory, &progress);
+  std::vector<PassReport> passes = Scan(options, &inventory, &progress);
   const std::string advice = Advice(options, inventory.FileCount(), passes);
+  if (watcher) watcher->Run(inventory, &passes);
 
   const bool outputIsForPrograms = jsonToOutput || !options.metrics.empty();
   std::FILE* const table = outputIsForPrograms ? stderr : stdout;

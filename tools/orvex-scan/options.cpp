@@ -41,6 +41,8 @@ void Describe(CLI::App* app, Options* options) {
                   "Print the figures for monitoring instead of the table: prometheus or json")
       ->check(CLI::IsMember({"prometheus", "json"}))
       ->option_text("FORMAT");
+  app->add_flag("--watch", options->watch,
+                "Then print each change of a file until interrupted or terminated");
   app->add_flag("--verbose", options->verbose, "Show the engine's log on standard error");
   app->footer(kExitCodes);
 }
@@ -50,9 +52,11 @@ void Check(const Options& options) {
   if (options.paths.empty() && !options.processes) {
     throw CLI::RequiredError("PATH or --processes");
   }
-  if (options.json == "-" && !options.metrics.empty()) {
-    throw CLI::ValidationError("--metrics", "has standard output, where --json - would write");
+  if ((options.json == "-") + !options.metrics.empty() + options.watch > 1) {
+    throw CLI::ValidationError("standard output",
+                               "has room for only one of --json -, --metrics and --watch");
   }
+  if (options.watch && options.processes) throw CLI::ExcludesError("--watch", "--processes");
 }
 
 }  // namespace

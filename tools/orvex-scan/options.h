@@ -23,6 +23,7 @@ struct Options {
   int capacity = ORVEX_MAX_CAPACITY;  ///< of each cache, in entries
   std::string json;                   ///< a file to write, "-" for standard output, or empty
   std::string metrics;                ///< "prometheus", "json" or empty
+  bool watch = false;
   bool verbose = false;
 };
 

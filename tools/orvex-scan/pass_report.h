@@ -10,9 +10,10 @@
 
 namespace orvexscan {
 
-// One pass over all visits.
+// One pass over all visits, or the time of watching after them.
 struct PassReport {
-  int number = 0;  ///< from 1
+  int number = 0;         ///< from 1
+  bool watching = false;  ///< a visit is a look at a file that may have changed
   uint64_t visits = 0;
   uint64_t failed = 0;
   uint64_t bytesHashed = 0;  ///< read for the digests
