@@ -1,7 +1,7 @@
 #!/bin/sh
 # The manual pages against what there is, both ways: functions with their types,
 # constants with their values, the fields of records, configuration keys, and the
-# options and exit codes of orvex-scan where that is built.
+# options, exit codes and metrics of orvex-scan where that is built.
 #
 # usage: documented_test.sh SOURCE_DIRECTORY [ORVEX_SCAN]
 set -u
@@ -91,5 +91,9 @@ if [ -n "$scan" ]; then
     tr -dc '0-9\n' | there
   sed -n 's/^\.It \([0-9]*\)$/\1/p' "$tool" | told
   same 'exit codes of orvex-scan'
+
+  "$scan" --metrics prometheus "$tool" 2>"$directory/table" | sed -n 's/^# TYPE \([^ ]*\) .*/\1/p' | there
+  sed -n 's/^\.It Ic \(orvex_[a-z_]*\) .*/\1/p' "$tool" | told
+  same 'metrics of orvex-scan'
 fi
 [ "$failures" -eq 0 ]

@@ -208,10 +208,27 @@ TEST_CASE("a progress bar is drawn on a terminal and wiped at the end") {
 TEST_CASE("a command line that makes no sense exits with 2") {
   const TemporaryDirectory directory;
   directory.Write("file", "x");
-  for (const char* arguments :
-       {"", "--nonsense .", "--passes 0 .", "--passes x .", "--threads 0 .", "--capacity 0 .",
-        "--capacity 4097 .", "--settle x .", "--settle -1 .", "--identity inode .", "--identity",
-        "--processes .", "--json", "--json /nowhere/at/all ."}) {
+  for (const char* arguments : {"",
+                                "--nonsense .",
+                                "--passes 0 .",
+                                "--passes x .",
+                                "--threads 0 .",
+                                "--capacity 0 .",
+                                "--capacity 4097 .",
+                                "--settle x .",
+                                "--settle -1 .",
+                                "--identity inode .",
+                                "--identity",
+                                "--processes .",
+                                "--json",
+                                "--json /nowhere/at/all .",
+                                "--metrics",
+                                "--metrics xml .",
+                                "--metrics json --json - .",
+                                "--watch",
+                                "--watch --processes",
+                                "--watch --json - .",
+                                "--watch --metrics json ."}) {
     CAPTURE(arguments);
     const ScanRun run = RunScan(directory.path(), arguments);
     CHECK(run.exitCode == 2);

@@ -3,28 +3,10 @@
 
 #include <string>
 
-#include "capacity_advice.h"
-#include "options.h"
 #include "printable.h"
 
-using orvexscan::CapacityAdvice;
 using orvexscan::IsUtf8;
-using orvexscan::Options;
 using orvexscan::Printable;
-
-namespace {
-
-Options WithCapacity(int capacity) {
-  Options options;
-  options.capacity = capacity;
-  return options;
-}
-
-bool Contains(const std::string& text, const std::string& part) {
-  return text.find(part) != std::string::npos;
-}
-
-}  // namespace
 
 TEST_CASE("text for a terminal keeps its letters and shows all else as bytes") {
   const struct {
@@ -65,24 +47,4 @@ TEST_CASE("bytes are written as two digits each") {
   const unsigned char bytes[] = {0x00, 0x0f, 0xa5, 0xff};
   CHECK(orvexscan::Hex(bytes, 4) == "000fa5ff");
   CHECK(orvexscan::Hex(bytes, 0).empty());
-}
-
-TEST_CASE("there is advice exactly when there are more files than entries") {
-  CHECK(CapacityAdvice(WithCapacity(4096), 4096).empty());
-  CHECK(Contains(CapacityAdvice(WithCapacity(4096), 4097), "cannot hit"));
-  CHECK(CapacityAdvice(WithCapacity(10), 10).empty());
-  CHECK(Contains(CapacityAdvice(WithCapacity(10), 11), "cannot hit"));
-}
-
-TEST_CASE("a larger capacity is advised only when there is one") {
-  CHECK(Contains(CapacityAdvice(WithCapacity(10), 11), "--capacity 11"));
-  CHECK(Contains(CapacityAdvice(WithCapacity(10), 9999), "--capacity 4096"));
-  CHECK_FALSE(Contains(CapacityAdvice(WithCapacity(4096), 9999), "--capacity"));
-}
-
-TEST_CASE("mapped files come again within a pass, so that the advice is another") {
-  Options options = WithCapacity(10);
-  options.processes = true;
-  CHECK_FALSE(Contains(CapacityAdvice(options, 11), "cannot hit"));
-  CHECK(Contains(CapacityAdvice(options, 11), "evicted"));
 }

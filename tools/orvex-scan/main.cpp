@@ -10,18 +10,23 @@
 #include <memory>
 #include <system_error>
 
-#include "capacity_advice.h"
+#include "advice.h"
 #include "engine_log.h"
 #include "inventory.h"
+#include "metrics.h"
 #include "options.h"
+#include "output.h"
 #include "printable.h"
 #include "process_maps.h"
 #include "progress.h"
 #include "report_json.h"
 #include "report_table.h"
+#include "running_engine.h"
 #include "scan.h"
 #include "snapshot.h"
 #include "walk.h"
+#include "warm_start.h"
+#include "watcher.h"
 
 namespace orvexscan {
 namespace {
@@ -31,18 +36,13 @@ struct CloseFile {
 };
 using File = std::unique_ptr<std::FILE, CloseFile>;
 
-void Gather(const Options& options, Inventory* inventory) {
-  if (options.processes) {
+void Gather(const Options& options, Watcher* watcher, Inventory* inventory) {
+  if (watcher != nullptr) {
+    watcher->Gather(inventory);
+  } else if (options.processes) {
     AddMappedFiles("/proc", inventory);
   } else {
     Walk(options.paths, {options.followLinks, options.oneFileSystem}, inventory);
-  }
-}
-
-// Makes sure that what was written to the stream is out: a full disk is no success.
-void Finish(std::FILE* stream) {
-  if (std::fflush(stream) != 0 || std::ferror(stream) != 0) {
-    throw std::system_error(errno, std::generic_category(), "the report cannot be written");
   }
 }
 
@@ -67,18 +67,28 @@ int Run(const Options& options) {
 
   TakeEngineLog(options.verbose);
   Inventory inventory;
-  Gather(options, &inventory);
+  const auto watcher = options.watch ? std::make_unique<Watcher>(options) : nullptr;
+  Gather(options, watcher.get(), &inventory);
   Progress progress(!options.verbose);
-  const std::vector<PassReport> passes = Scan(options, &inventory, &progress);
-  const std::string advice = CapacityAdvice(options, inventory.FileCount());
+  const RunningEngine engine(options.capacity);
+  if (!options.snapshot.empty()) WarmStart(options, &inventory);
+  std::vector<PassReport> passes = Scan(options, &inventory, &progress);
+  const std::string advice = Advice(options, inventory.FileCount(), passes);
+  if (watcher) watcher->Run(inventory, &passes);
 
-  std::FILE* const table = jsonToOutput ? stderr : stdout;
+  const bool outputIsForPrograms = jsonToOutput || !options.metrics.empty();
+  std::FILE* const table = outputIsForPrograms ? stderr : stdout;
   PrintReport(passes, inventory, advice, table);
   Finish(table);
   if (!options.json.empty()) {
     std::FILE* const json = jsonToOutput ? stdout : jsonFile.get();
     fmt::print(json, "{}", JsonReport(options, passes, inventory, advice));
     Finish(json);
+  }
+  if (!options.metrics.empty()) {
+    const std::vector<Metric> metrics = MetricsOf(passes, inventory.FileCount());
+    fmt::print("{}", options.metrics == "json" ? JsonText(metrics) : PrometheusText(metrics));
+    Finish(stdout);
   }
   if (!options.snapshot.empty()) WriteSnapshot(options, inventory);
   return AnyFailed(inventory) ? kSomeFilesFailed : kAllFine;

@@ -60,8 +60,26 @@ void Describe(CLI::App* app, Options* options) {
       ->type_name("FILE");
   app->add_option("--json", options->json, "Write everything to this file; - for standard output")
       ->type_name("FILE");
+  app->add_option("--metrics", options->metrics,
+                  "Print the figures for monitoring instead of the table: prometheus or json")
+      ->check(CLI::IsMember({"prometheus", "json"}))
+      ->option_text("FORMAT");
+  app->add_flag("--watch", options->watch,
+                "Then print each change of a file until interrupted or terminated");
   app->add_flag("--verbose", options->verbose, "Show the engine's log on standard error");
   app->footer(kExitCodes);
+}
+
+// What CLI11 has no words for.
+void Check(const Options& options) {
+  if (options.paths.empty() && !options.processes) {
+    throw CLI::RequiredError("PATH or --processes");
+  }
+  if ((options.json == "-") + !options.metrics.empty() + options.watch > 1) {
+    throw CLI::ValidationError("standard output",
+                               "has room for only one of --json -, --metrics and --watch");
+  }
+  if (options.watch && options.processes) throw CLI::ExcludesError("--watch", "--processes");
 }
 
 }  // namespace
@@ -75,9 +93,7 @@ CommandLine ParseCommandLine(int argc, const char* const* argv) {
   Describe(&app, &line.options);
   try {
     app.parse(argc, argv);
-    if (line.options.paths.empty() && !line.options.processes) {
-      throw CLI::RequiredError("PATH or --processes");
-    }
+    Check(line.options);
     line.run = true;
   } catch (const CLI::ParseError& error) {
     line.exitCode = app.exit(error) == 0 ? kAllFine : kUsage;

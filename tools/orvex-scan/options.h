@@ -26,6 +26,8 @@ struct Options {
   int capacity = ORVEX_MAX_CAPACITY;  ///< of each cache, in entries
   std::string snapshot;               ///< a file to start with and to leave behind, or empty
   std::string json;                   ///< a file to write, "-" for standard output, or empty
+  std::string metrics;                ///< "prometheus", "json" or empty
+  bool watch = false;
   bool verbose = false;
 };
 

@@ -29,6 +29,7 @@ Json OptionsJson(const Options& options) {
 Json PassJson(const PassReport& pass) {
   const orvex_metrics_s& engine = pass.engine;
   return {{"pass", pass.number},
+          {"watching", pass.watching},
           {"visits", pass.visits},
           {"failed", pass.failed},
           {"unsettled", pass.unsettled},

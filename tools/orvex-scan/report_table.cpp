@@ -111,7 +111,7 @@ void PrintPasses(const std::vector<PassReport>& passes, const Inventory& invento
   Table table;
   table.AddColumn("", 0);
   for (const PassReport& pass : passes) {
-    table.AddColumn(fmt::format("PASS {}", pass.number), SCOLS_FL_RIGHT);
+    table.AddColumn(pass.watching ? "WATCH" : fmt::format("PASS {}", pass.number), SCOLS_FL_RIGHT);
   }
   for (const Row& row : Rows(inventory)) {
     std::vector<std::string> cells{row.name};

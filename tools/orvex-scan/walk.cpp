@@ -61,10 +61,14 @@ void WalkOne(const std::string& path, const WalkRules& rules, Inventory* invento
                       (rules.oneFileSystem ? FTS_XDEV : 0);
   const std::unique_ptr<FTS, Close> walk(fts_open(roots, options, ByName));
   if (!walk) throw std::system_error(errno, std::generic_category(), "walk");
+  dev_t device = 0;
   for (;;) {
     errno = 0;
     const FTSENT* entry = fts_read(walk.get());
     if (entry == nullptr) break;
+    if (entry->fts_level == FTS_ROOTLEVEL) device = entry->fts_dev;
+    const bool left = rules.oneFileSystem && entry->fts_dev != device;
+    if (entry->fts_info == FTS_D && !left && rules.entering) rules.entering(entry->fts_path);
     Add(*entry, rules, inventory);
   }
   if (errno != 0) throw std::system_error(errno, std::generic_category(), "walk");

@@ -1,6 +1,7 @@
 // The regular files below some paths.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -11,6 +12,8 @@ namespace orvexscan {
 struct WalkRules {
   bool followLinks = false;
   bool oneFileSystem = false;  ///< do not enter directories on which another one is mounted
+  /// Called with each directory before what it holds is read.
+  std::function<void(const std::string& directory)> entering = {};
 };
 
 /// Adds every regular file at or below paths to *inventory: the paths in the order
