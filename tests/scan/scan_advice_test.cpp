@@ -118,11 +118,14 @@ TEST_CASE("answers that are often out of date are told") {
   CHECK(Advice(WithCapacity(4096), 100, seldom).empty());
 }
 
-TEST_CASE("a failed file and an evicted one are not out of date") {
+TEST_CASE("a file that failed, was evicted or was too young is not out of date") {
   std::vector<PassReport> failed = {Pass(1, 100, 0), Pass(2, 100, 80)};
   failed[1].failed = 20;
   CHECK(Advice(WithCapacity(4096), 100, failed).empty());
   std::vector<PassReport> evicted = {Pass(1, 100, 0), Pass(2, 100, 80)};
   evicted[0].engine.cacheWipeOuts = 20;
   CHECK(Advice(WithCapacity(4096), 100, evicted).empty());
+  std::vector<PassReport> young = {Pass(1, 100, 0), Pass(2, 100, 80)};
+  young[0].unsettled = 20;
+  CHECK(Advice(WithCapacity(4096), 100, young).empty());
 }

@@ -57,7 +57,7 @@ Reply Asker::Query(const std::string& path) {
   Output output;
   Calculation calculation(&tools_, identity, rules_);
   const int code = orvex_query(&query, &output, calculation.context());
-  if (calculation.failure()) throw *calculation.failure();
+  if (calculation.failure()) throw FileFailure(*calculation.failure());
   if (code != ORVEX_OK) {
     throw FileFailure(FailureReason::kEngine, fmt::format("orvex_query returns {}", code));
   }

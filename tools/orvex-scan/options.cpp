@@ -4,6 +4,7 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <initializer_list>
 #include <map>
 #include <string>
 #include <thread>
@@ -75,7 +76,9 @@ void Check(const Options& options) {
   if (options.paths.empty() && !options.processes) {
     throw CLI::RequiredError("PATH or --processes");
   }
-  if ((options.json == "-") + !options.metrics.empty() + options.watch > 1) {
+  const std::initializer_list<bool> printing = {options.json == "-", !options.metrics.empty(),
+                                                options.watch};
+  if (std::count(printing.begin(), printing.end(), true) > 1) {
     throw CLI::ValidationError("standard output",
                                "has room for only one of --json -, --metrics and --watch");
   }

@@ -4,15 +4,12 @@
 #include <fmt/chrono.h>
 #include <fmt/format.h>
 
-#include <algorithm>
-#include <asio/post.hpp>
 #include <asio/signal_set.hpp>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
-#include <set>
 #include <system_error>
 
 #include "file_failure.h"
@@ -75,11 +72,20 @@ void Watcher::Run(const Inventory& inventory, std::vector<PassReport>* passes) {
   known_ = std::make_unique<KnownFiles>(inventory);
   PassMeasurement measurement;
   asio::signal_set signals(context_, SIGINT, SIGTERM);
-  signals.async_wait([this](const std::error_code&, int) { context_.stop(); });
+  bool ended = false;
+  signals.async_wait([&ended](const std::error_code&, int) { ended = true; });
   events_.assign(Duplicate(watches_->descriptor()));
   fmt::print(stderr, "orvex-scan: watching {} directories\n", watches_->count());
-  Listen();
-  context_.run();
+  while (!ended) {
+    if (!listening_) Listen();
+    // One file at a time, so that a signal between two of them is heard.
+    if (waiting_.empty()) {
+      context_.run_one();
+    } else {
+      LookAtNext();
+      context_.poll();
+    }
+  }
   measurement.Add(asker_.TakeTally());
   measurement.Finish(passes);
   passes->back().watching = true;
@@ -122,24 +128,13 @@ void Watcher::TellLimit(bool full) {
 }
 
 void Watcher::Listen() {
+  listening_ = true;
   events_.async_wait(asio::posix::stream_descriptor::wait_read,
                      [this](const std::error_code& error) {
+                       listening_ = false;
                        if (error) throw std::system_error(error, "inotify");
                        for (const Hint& hint : watches_->Read()) Follow(hint);
-                       AskNext();
                      });
-}
-
-// One file at a time, so that a signal between two of them is heard.
-void Watcher::AskNext() {
-  if (waiting_.empty()) {
-    Listen();
-    return;
-  }
-  const std::string path = waiting_.front();
-  waiting_.pop_front();
-  Look(path);
-  asio::post(context_, [this] { AskNext(); });
 }
 
 void Watcher::Follow(const Hint& hint) {
@@ -187,7 +182,9 @@ void Watcher::StartAnew() {
   LookThrough(options_.paths);
 }
 
-void Watcher::Look(const std::string& path) {
+void Watcher::LookAtNext() {
+  const std::string path = waiting_.front();
+  waiting_.pop_front();
   Change change;
   try {
     change = known_->Learn(path, asker_.Ask(path).answer);

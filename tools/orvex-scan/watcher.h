@@ -41,16 +41,15 @@ class Watcher {
   void TellLimit(bool full);
 
   void Listen();
-  void AskNext();
   void Follow(const Hint& hint);
   void LookThrough(const std::vector<std::string>& paths);
   void AskAllStartingWith(const std::string& prefix);
   void StartAnew();
-  void Queue(const Inventory& found);
-  void Look(const std::string& path);
+  void LookAtNext();
 
   const Options& options_;
   bool limitTold_ = false;
+  bool listening_ = false;
   asio::io_context context_;
   asio::posix::stream_descriptor events_;  // a duplicate of the watches' descriptor
   std::unique_ptr<DirectoryWatches> watches_;
