@@ -138,6 +138,17 @@ TEST_CASE("files that hash alike are told apart by each number") {
   }
 }
 
+TEST_CASE("files that hash alike with their paths are told apart by the device") {
+  std::vector<File> files;
+  for (uint64_t i = 0; i < 20; ++i) {
+    File file{PathNumber(i), 0, 0};
+    const uint64_t rest = std::hash<std::string>()(file.path) * kPathFactor;
+    file.deviceID = NumberToHashAlike(kDevice, rest, i);
+    files.push_back(file);
+  }
+  CheckThatEvenOnesAreFound(files, KEY_PATH | KEY_DEVICE_ID);
+}
+
 TEST_CASE("names of one file are found beside files whose paths then hash alike") {
   std::vector<File> files = FilesAlikeWithPaths(kMany);
   for (uint64_t i = 0; i < kMany; ++i) files.push_back({PathNumber(i), 7, 8});

@@ -1,0 +1,15 @@
+#!/bin/sh
+# Runs the commands by which the README brings a host to life, but for the first, which
+# installs packages, on a copy of the tree; and looks for what the host prints.
+#
+# usage: readme_test.sh SOURCE_DIRECTORY
+set -eu
+directory=$(mktemp -d)
+trap 'rm -rf "$directory"' EXIT
+tar -C "$1" --exclude=./build --exclude=./.git -cf - . | tar -C "$directory" -xf -
+cd "$directory"
+sed -n '/^<!-- run: on a bare machine -->$/,/^```$/p' README.md | sed '/^<!--/d; /^```/d' >commands
+[ "$(wc -l <commands)" -eq 5 ]
+sed 1d commands >without_first
+sh -eu ./without_first | tee printed
+[ "$(grep -c '^code 0, digest .* computed 1 time(s)$' printed)" -eq 2 ]
