@@ -4,6 +4,7 @@
 #   after <!-- output: PROGRAM -->   what that program prints, engine log lines apart;
 #   after <!-- sample: COMMAND -->   what that command printed once, as it is measured
 #                                    and differs from run to run: the command exists;
+#   after <!-- run: TEST -->         shell commands that this script of tests/ runs;
 #   opened with "sh"                 shell commands: each of them exists.
 # A command exists when it is a file of the source tree, a target whose program is
 # below build/, or known to the shell.
@@ -24,7 +25,7 @@ fail() {
 
 # Each block into a file of its own, in order, with its kind and name beside it.
 awk -v to="$directory" '
-  /^ *<!-- (file|output|sample): .* -->$/ && !inside { marker = $2 " " $3; next }
+  /^ *<!-- (file|output|sample|run): .* -->$/ && !inside { marker = $2 " " $3; next }
   /^ *(```|~~~)/ && inside { inside = 0; close(block); next }
   /^ *(```|~~~)/ {
     inside = 1
@@ -66,6 +67,8 @@ for marker in "$directory"/*.marker; do
     output:) (cd "$directory" && "$programs/$name") >"$directory/printed" || fail "$name fails"
       grep -vE '^[0-9]{4} .* \[[A-Z]+\] ' "$directory/printed" >"$directory/expected" ;;
     sample:) exists "$name" || fail "a sample of $name, which does not exist"
+      continue ;;
+    run:) [ -x "$sources/tests/$name" ] || fail "$name does not exist"
       continue ;;
     sh:) for command in $(commands "$block"); do
         exists "$command" || fail "$command does not exist"

@@ -8,7 +8,7 @@ directory=$(mktemp -d)
 trap 'rm -rf "$directory"' EXIT
 tar -C "$1" --exclude=./build --exclude=./.git -cf - . | tar -C "$directory" -xf -
 cd "$directory"
-sed -n '/^<!-- run: on a bare machine -->$/,/^```$/p' README.md | sed '/^<!--/d; /^```/d' >commands
+sed -n '/^<!-- run: readme_test.sh -->$/,/^```$/p' README.md | sed '/^<!--/d; /^```/d' >commands
 [ "$(wc -l <commands)" -eq 5 ]
 sed 1d commands >without_first
 sh -eu ./without_first | tee printed
