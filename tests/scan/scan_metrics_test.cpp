@@ -106,10 +106,11 @@ TEST_CASE("the figures for monitoring are in the text exposition format") {
   const TemporaryDirectory directory;
   const Exposition all = Parse(RunWithCounts(directory, "prometheus").output);
   CHECK(all.samples.size() >= all.typeOf.size());
-  for (const auto& [name, type] : all.typeOf) {
+  for (const auto& metric : all.typeOf) {
+    const auto& name = metric.first;
     CAPTURE(name);
     CHECK(name.compare(0, 6, "orvex_") == 0);
-    CHECK(EndsIn(name, "_total") == (type == "counter"));
+    CHECK(EndsIn(name, "_total") == (metric.second == "counter"));
   }
 }
 
@@ -117,10 +118,11 @@ TEST_CASE("the figures for monitoring are the sums of those of the passes") {
   const TemporaryDirectory directory;
   const Exposition all = Parse(RunWithCounts(directory, "prometheus").output);
   const auto report = nlohmann::json::parse(OutputOf(directory.path(), "cat report.json"));
-  for (const auto& [name, place] : kPlaces) {
+  for (const auto& metric : kPlaces) {
+    const auto& name = metric.first;
     CAPTURE(name);
     REQUIRE(all.samples.count(name) == 1);
-    CHECK(all.samples.at(name) == doctest::Approx(Total(report, place)));
+    CHECK(all.samples.at(name) == doctest::Approx(Total(report, metric.second)));
   }
   CHECK(all.samples.at("orvex_passes_total") == 3);
   CHECK(all.samples.at("orvex_files") == 6);

@@ -181,7 +181,7 @@ TEST_CASE("a snapshot of another version, mode or trust is told and ignored") {
 TEST_CASE("a snapshot that others could have written is told and ignored") {
   const TemporaryDirectory directory;
   directory.Write("in/file", "x");
-  for (const mode_t mode : {0620, 0602}) {
+  for (const mode_t mode : {0620U, 0602U}) {
     Report(directory);
     REQUIRE(chmod(directory.PathOf("snapshot").c_str(), mode) == 0);
     CheckIgnored(directory, "others may write to it");
