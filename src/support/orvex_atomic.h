@@ -11,14 +11,14 @@ constexpr size_t kCacheLineBytes = 64;
 // that different threads write would otherwise travel between processors together. A
 // gap, not an alignment, which would ask more of memory than operator new gives.
 struct ORVEX_CacheLineGap {
-  char bytes[kCacheLineBytes];
+  char bytes[kCacheLineBytes] = {};
 };
 
 // The same for an object that begins with a line, after so many bytes of it: what
 // stands behind begins the next line.
 template <size_t kBytes>
 struct ORVEX_RestOfCacheLine {
-  char bytes[kCacheLineBytes - kBytes % kCacheLineBytes];
+  char bytes[kCacheLineBytes - kBytes % kCacheLineBytes] = {};
 };
 
 // The counters of the library are plain cells, so that records and classes keep
