@@ -1,7 +1,6 @@
 /* A C host with signers: free_signers.cpp beside it is compiled as C++. */
 #include <orvexeng.h>
 #include <stdio.h>
-#include <string.h>
 
 #include "free_signers.h"
 
@@ -9,7 +8,7 @@ static int Signers(metadata_input_s* in, metadata_output_s* out, void* ctx) {
   (void)in, (void)ctx;
   char* slots = new_signers(out, 1);
   if (slots == NULL) return ORVEX_NO_MEMORY;
-  strcpy(slots, "Example Builds");
+  snprintf(slots, ORVEX_SIGNER_SLOT, "%s", "Example Builds");
   return 0;
 }
 
