@@ -56,6 +56,7 @@ std::string CommonName(const X509_NAME* subject) {
 
 void AddSignature(const unsigned char* der, size_t length, int depth, SignerNames* found);
 
+// NOLINTNEXTLINE(misc-no-recursion): as deep as kDeepestNesting allows.
 void AddNested(const PKCS7_SIGNER_INFO* signer, int depth, SignerNames* found) {
   const Object nested(OBJ_txt2obj(kNestedSignature, 1));
   for (int i = 0; i < sk_X509_ATTRIBUTE_num(signer->unauth_attr); ++i) {
@@ -64,7 +65,7 @@ void AddNested(const PKCS7_SIGNER_INFO* signer, int depth, SignerNames* found) {
     for (int j = 0; j < X509_ATTRIBUTE_count(attribute); ++j) {
       const ASN1_TYPE* value = X509_ATTRIBUTE_get0_type(attribute, j);
       if (value == nullptr || value->type != V_ASN1_SEQUENCE) {
-        found->faults.push_back("a nested signature is no sequence");
+        found->faults.emplace_back("a nested signature is no sequence");
         continue;
       }
       const ASN1_STRING* der = value->value.sequence;
@@ -74,23 +75,25 @@ void AddNested(const PKCS7_SIGNER_INFO* signer, int depth, SignerNames* found) {
   }
 }
 
+// NOLINTNEXTLINE(misc-no-recursion): see AddNested.
 void AddSignature(const unsigned char* der, size_t length, int depth, SignerNames* found) {
   if (depth > kDeepestNesting) {
-    found->faults.push_back("signatures are nested too deeply");
+    found->faults.emplace_back("signatures are nested too deeply");
     return;
   }
   // Bytes after the signature are the padding of its entry.
   const Pkcs7 signature(d2i_PKCS7(nullptr, &der, static_cast<long>(length)));
   ERR_clear_error();
   if (!signature || !PKCS7_type_is_signed(signature.get()) || signature->d.sign == nullptr) {
-    found->faults.push_back("a signature is no signed PKCS#7");
+    found->faults.emplace_back("a signature is no signed PKCS#7");
     return;
   }
   STACK_OF(PKCS7_SIGNER_INFO)* signers = PKCS7_get_signer_info(signature.get());
-  if (sk_PKCS7_SIGNER_INFO_num(signers) <= 0) found->faults.push_back("a signature has no signer");
+  if (sk_PKCS7_SIGNER_INFO_num(signers) <= 0)
+    found->faults.emplace_back("a signature has no signer");
   for (int i = 0; i < sk_PKCS7_SIGNER_INFO_num(signers); ++i) {
     if (found->names.size() == kMostSigners) {
-      found->faults.push_back("there are more than 256 signers");
+      found->faults.emplace_back("there are more than 256 signers");
       return;
     }
     const PKCS7_SIGNER_INFO* signer = sk_PKCS7_SIGNER_INFO_value(signers, i);
@@ -98,7 +101,7 @@ void AddSignature(const unsigned char* der, size_t length, int depth, SignerName
         X509_find_by_issuer_and_serial(signature->d.sign->cert, signer->issuer_and_serial->issuer,
                                        signer->issuer_and_serial->serial);
     if (certificate == nullptr) {
-      found->faults.push_back("a signer's certificate is missing");
+      found->faults.emplace_back("a signer's certificate is missing");
     } else {
       found->names.push_back(FitForSlot(CommonName(X509_get_subject_name(certificate))));
     }
