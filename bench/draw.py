@@ -84,6 +84,16 @@ def draw_growth(times, top):
         yield text(GROWTH_AT + GROWTH + 8, at, who, weight="bold" if who == "engine" else "normal")
 
 
+def print_picture(height, label, parts):
+    print(f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {WIDTH} {height}" '
+          f'width="{WIDTH}" height="{height}" font-family="system-ui, sans-serif" role="img" '
+          f'aria-label="{label}">')
+    # White under it, so that it can be read on a dark page as well.
+    print(f'<rect width="{WIDTH}" height="{height}" fill="#ffffff"/>')
+    print("\n".join(parts))
+    print("</svg>")
+
+
 def main(reports):
     parts = []
     for row, report in enumerate(json.loads(Path(name).read_text()) for name in reports):
@@ -94,13 +104,8 @@ def main(reports):
                   text(GROWTH_AT, top + 50, "by the number of entries, ns"),
                   *draw_contenders(report["times"], top + TOP),
                   *draw_growth(report["times"], top + TOP)]
-    height = len(reports) * ROW
-    print(f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {WIDTH} {height}" '
-          f'width="{WIDTH}" height="{height}" font-family="system-ui, sans-serif" role="img" '
-          f'aria-label="What a full hit costs, by cache and by number of entries">')
-    print(f'<rect width="{WIDTH}" height="{height}" fill="#ffffff"/>')
-    print("\n".join(parts))
-    print("</svg>")
+    print_picture(len(reports) * ROW, "What a full hit costs, by cache and by number of entries",
+                  parts)
 
 
 if __name__ == "__main__":
