@@ -18,7 +18,7 @@ class ORVEX_API ORVEX_Singleton {
 
 template <typename T>
 T* ORVEX_Singleton<T>::GetInstance() {
-  // Where T begins a cache line, ORVEX_RestOfCacheLine is what it says.
+  // The gaps in T that fill up a cache line count on T beginning one.
   alignas(kCacheLineBytes) static T instance;
   return &instance;
 }
