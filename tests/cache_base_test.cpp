@@ -3,12 +3,12 @@
 #include <doctest/doctest.h>
 
 #include <algorithm>
-
 #include <string>
 #include <vector>
 
 #include "cache/orvex_lru_cache.h"
 #include "cache/orvex_lru_cache_file_type.h"
+#include "support/failing_new.h"
 #include "support/recorded_log.h"
 #include "support/records.h"
 
@@ -29,7 +29,9 @@ class BareCache : public LRUCacheT<LRUCacheKey, Node, Metrics> {
   using Base::metrics;
   using Base::queryCallback;
 
-  ~BareCache() { Base::FlushCache(); }
+  ~BareCache() {
+    if (flushesAtEnd) Base::FlushCache();
+  }
 
   int Query(metadata_input_s*, metadata_output_s*, void*) override { return 0; }
   int GetMetrics(Metrics&) const override { return 0; }
@@ -63,6 +65,7 @@ class BareCache : public LRUCacheT<LRUCacheKey, Node, Metrics> {
   }
 
   int wipes = 0;
+  bool flushesAtEnd = true;
 };
 
 using BareHashCache = BareCache<LRUCacheNode, LRUCacheMetrics_s>;
@@ -91,6 +94,23 @@ TEST_CASE_TEMPLATE("a cache is active from its start to its stop, which empties 
   CHECK(cache.CacheNodeList.empty());
   CHECK(cache.metrics.Hit == 0);
   CHECK(cache.metrics.numOfHelpFuncCalled == 0);
+}
+
+TEST_CASE_TEMPLATE("a cache that ends without a flush leaves its nodes behind and no more", Cache,
+                   BareHashCache, BareFileTypeCache) {
+  std::vector<typename Cache::NodeType*> nodes;
+  nodes.reserve(100);
+  const long before = LiveAllocations();
+  {
+    Cache cache;
+    cache.flushesAtEnd = false;
+    for (int i = 0; i < 100; ++i) cache.Store(("/" + std::to_string(i)).c_str());
+    nodes.assign(cache.CacheNodeList.begin(), cache.CacheNodeList.end());
+  }
+  for (const auto* node : nodes) delete node;
+  const long left = LiveAllocations() - before;
+  CHECK(nodes.size() == 100);
+  CHECK(left == 0);
 }
 
 TEST_CASE_TEMPLATE("resetting zeroes every counter of a cache", Cache, BareHashCache,

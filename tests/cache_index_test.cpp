@@ -2,11 +2,13 @@
 // mix.
 #include <doctest/doctest.h>
 
+#include <algorithm>
 #include <functional>
 #include <random>
 #include <string>
 #include <vector>
 
+#include "support/failing_new.h"
 #include "support/open_hash_cache.h"
 #include "support/records.h"
 
@@ -81,15 +83,50 @@ bool Holds(OpenHashCache& cache, const File& file, uint32_t fields) {
   return cache.QueryLRUCache(&in, &out) == LRU_HIT;
 }
 
-// Stores the even ones of many files and looks all of them up.
+// Stores the even ones of many files and looks all of them up. No memory stays behind.
 void CheckThatEvenOnesAreFound(const std::vector<File>& files, uint32_t fields) {
-  OpenHashCache cache;
-  for (size_t i = 0; i < files.size(); i += 2) Store(cache, files[i], fields);
+  std::vector<bool> found(files.size());
+  const long before = LiveAllocations();
+  {
+    OpenHashCache cache;
+    for (size_t i = 0; i < files.size(); i += 2) Store(cache, files[i], fields);
+    for (size_t i = 0; i < files.size(); ++i) found[i] = Holds(cache, files[i], fields);
+  }
+  const long left = LiveAllocations() - before;
+  CHECK(left == 0);
   for (size_t i = 0; i < files.size(); ++i) {
     CAPTURE(files[i].path);
     CAPTURE(files[i].size);
-    CHECK(Holds(cache, files[i], fields) == (i % 2 == 0));
+    CHECK(found[i] == (i % 2 == 0));
   }
+}
+
+using Insertions = std::vector<size_t>;
+
+// At which of the insertions the index asks for memory. It grows as long as it works:
+// what it finds by itself and what it leaves to the map are the same, only its memory
+// tells.
+Insertions GrowthsWith(const std::vector<File>& files) {
+  OpenHashCache cache;
+  std::vector<int> allocations;
+  for (const File& file : files) {
+    metadata_input_s in = KeyOf(file, kAllKeyBits);
+    Answer out;
+    int made = 0;
+    {
+      const FailingNew counted(0, false);
+      cache.UpdateCache(&in, &out);
+      made = counted.allocations;
+    }
+    allocations.push_back(made);
+  }
+  // All take what an entry takes, some a table as well.
+  const int ofEntry = *std::min_element(allocations.begin(), allocations.end());
+  Insertions growths;
+  for (size_t i = 0; i < files.size(); ++i) {
+    if (allocations[i] > ofEntry) growths.push_back(i);
+  }
+  return growths;
 }
 
 std::string PathNumber(uint64_t number) { return "/usr/share/name-" + std::to_string(number); }
@@ -160,6 +197,24 @@ TEST_CASE("files that hash alike with their paths are found after names of one f
   for (uint64_t i = 0; i < kMany; ++i) files.push_back({PathNumber(i), 7, 8});
   for (const File& file : FilesAlikeWithPaths(kMany)) files.push_back(file);
   CheckThatEvenOnesAreFound(files, kAllKeyBits);
+}
+
+TEST_CASE("the index grows by doubling while files are told apart by their numbers") {
+  std::vector<File> files;
+  for (uint64_t i = 0; i < kMany; ++i) files.push_back({"/a", i, i + 1});
+  CHECK(GrowthsWith(files) == Insertions{0, 32, 64, 128, 256});
+}
+
+TEST_CASE("the index grows by doubling while names of one file are told apart by their paths") {
+  std::vector<File> files;
+  for (uint64_t i = 0; i < kMany; ++i) files.push_back({PathNumber(i), 7, 9});
+  CHECK(GrowthsWith(files) == Insertions{0, 32, 64, 128, 256});
+}
+
+TEST_CASE("the index grows no more once it meets too many files that hash alike") {
+  std::vector<File> files;
+  for (uint64_t i = 0; i < kMany; ++i) files.push_back({"/a", NumberToHashAlike(kSize, 0, i), 0});
+  CHECK(GrowthsWith(files) == Insertions{0, 32, 64});
 }
 
 TEST_CASE("files are found by one mask after files of another came in, and after a flush") {

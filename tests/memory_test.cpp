@@ -2,9 +2,12 @@
 #include <doctest/doctest.h>
 
 #include <fstream>
+#include <memory>
 #include <string>
+#include <vector>
 
 #include "cache/orvex_lru_cache_file_type.h"
+#include "support/cache_invariant.h"
 #include "support/engine_under_test.h"
 #include "support/failing_new.h"
 #include "support/open_hash_cache.h"
@@ -156,6 +159,7 @@ TEST_CASE("a node that cannot be made is an error with 2 and leaves the hash cac
 }
 
 TEST_CASE("storing without memory is told at ERROR") {
+  ORVEX_LOG_BASE::LogLevel = ORVEX_LOG_ERROR;
   static int errors = 0;
   orvex_register_log_cb([](unsigned int level, unsigned int, const char*, const char*,
                            const char* message, unsigned int) {
@@ -212,6 +216,22 @@ TEST_CASE("a file type cache gives back all its memory when it stops") {
           cache.InitLRUCache();
           Fill(cache);
           cache.DeinitLRUCache();
+        }) == 0);
+}
+
+TEST_CASE("a hash cache that ends without a flush leaves its nodes behind and no more") {
+  CHECK(LeftBehindBy([] {
+          std::vector<const LRUCacheNode*> nodes;
+          const auto fill = [&nodes](LRUCache& cache) {
+            Fill(cache);
+            const auto& list = HashCacheInside::ListOf(cache);
+            nodes.insert(nodes.end(), list.begin(), list.end());
+          };
+          LRUCache cache;
+          fill(cache);
+          const auto onHeap = std::make_unique<LRUCache>();
+          fill(*onHeap);
+          for (const LRUCacheNode* node : nodes) delete node;
         }) == 0);
 }
 
