@@ -94,7 +94,7 @@ class ORVEX_API LRUCacheT {
   void RegisterMetaQueryCallback(orvex_query_cb callback) ORVEX_EXCLUDES(lock);
 
  protected:
-  ~LRUCacheT() = default;
+  ~LRUCacheT();
 
   // IsInit without the lock, for the way of every query: an answer either way is
   // right for a call that meets a start or a stop.
@@ -142,6 +142,9 @@ class ORVEX_API LRUCacheT {
 
 template <typename Key, typename Node, typename Metrics>
 LRUCacheT<Key, Node, Metrics>::LRUCacheT() = default;
+
+template <typename Key, typename Node, typename Metrics>
+LRUCacheT<Key, Node, Metrics>::~LRUCacheT() = default;
 
 template <typename Key, typename Node, typename Metrics>
 int LRUCacheT<Key, Node, Metrics>::InitLRUCache() {
