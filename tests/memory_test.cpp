@@ -7,10 +7,10 @@
 #include <vector>
 
 #include "cache/orvex_lru_cache_file_type.h"
-#include "support/cache_invariant.h"
 #include "support/engine_under_test.h"
 #include "support/failing_new.h"
 #include "support/open_hash_cache.h"
+#include "support/opened_caches.h"
 #include "support/recorded_log.h"
 
 namespace {
@@ -220,11 +220,12 @@ TEST_CASE("a file type cache gives back all its memory when it stops") {
 }
 
 TEST_CASE("a hash cache that ends without a flush leaves its nodes behind and no more") {
+  using Opened = OpenedCache<LRUCacheKey, LRUCacheNode, LRUCacheMetrics_s>;
   CHECK(LeftBehindBy([] {
           std::vector<const LRUCacheNode*> nodes;
           const auto fill = [&nodes](LRUCache& cache) {
             Fill(cache);
-            const auto& list = HashCacheInside::ListOf(cache);
+            const auto& list = Opened::List(cache);
             nodes.insert(nodes.end(), list.begin(), list.end());
           };
           LRUCache cache;

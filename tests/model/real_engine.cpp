@@ -6,7 +6,7 @@
 
 #include "cache/orvex_caches.h"
 #include "engine/orvex_engine.h"
-#include "support/cache_invariant.h"
+#include "support/opened_caches.h"
 #include "support/orvex_config.h"
 #include "support/orvex_log.h"
 #include "support/orvex_profiling.h"
@@ -72,13 +72,14 @@ NodeState StateOf(const FileTypeCacheNode& node) {
   return state;
 }
 
-template <typename Inside>
-void LookInto(const typename Inside::Cache& cache, CacheState& state) {
-  const auto& map = Inside::MapOf(cache);
-  state.active = Inside::IsActive(cache);
-  state.capacity = Inside::CapacityOf(cache);
+template <typename Key, typename Node, typename Metrics>
+void LookInto(LRUCacheT<Key, Node, Metrics>& cache, CacheState& state) {
+  using Opened = OpenedCache<Key, Node, Metrics>;
+  const auto& map = Opened::Map(cache);
+  state.active = Opened::IsActive(cache);
+  state.capacity = Opened::Capacity(cache);
   state.nodes.clear();
-  for (const auto* node : Inside::ListOf(cache)) {
+  for (const auto* node : Opened::List(cache)) {
     state.nodes.push_back(StateOf(*node));
     state.nodes.back().hasEntry = node->mapEntry != map.end();
   }
@@ -154,8 +155,8 @@ void RealEngine::Look(EngineState& state) {
   state.logLevel = ORVEX_LOG_BASE::LogLevel;
   state.profiling = ORVEX_Profiling::EnableProfiling;
   LRUCache& hash = HashCache();
-  LookInto<HashCacheInside>(hash, state.hash);
-  LookInto<FileTypeCacheInside>(TypeCache(), state.fileType);
+  LookInto(hash, state.hash);
+  LookInto(TypeCache(), state.fileType);
   LRUCacheMetrics_s hashCounters;
   FileTypeCacheMetrics_s typeCounters;
   hash.GetMetrics(hashCounters);
@@ -164,14 +165,14 @@ void RealEngine::Look(EngineState& state) {
   std::memcpy(state.counters.data(), &hashCounters, sizeof hashCounters);
   std::memcpy(state.counters.data() + 10, &typeCounters, sizeof typeCounters);
   LookAtCalls(state.calls);
-  state.broken = BrokenInvariant<HashCacheInside>(hash);
-  if (state.broken.empty()) state.broken = BrokenInvariant<FileTypeCacheInside>(TypeCache());
+  state.broken = BrokenInvariant(hash, true);
+  if (state.broken.empty()) state.broken = BrokenInvariant(TypeCache(), true);
 }
 
 void RealEngine::LookAtCalls(CallState& state) {
-  const LRUCache& hash = HashCache();
-  const ORVEX_Set& set = HashCacheThreads::SetOf(hash);
-  state.threads = HashCacheThreads::CountOf(hash);
+  LRUCache& hash = HashCache();
+  const ORVEX_Set& set = OpenedHashCache::Set(hash);
+  state.threads = OpenedHashCache::ThreadsInside(hash);
   state.setActive = set.active;
   state.pathsBeingCalculated.assign(set.paths.begin(), set.paths.end());
 }

@@ -1,7 +1,6 @@
 // The promise that the inside of a cache keeps, checked from outside.
 #pragma once
 
-#include <algorithm>
 #include <string>
 
 #include "cache/orvex_caches.h"
@@ -13,6 +12,7 @@ struct OpenedCache : LRUCacheT<Key, Node, Metrics> {
   static auto& List(Cache& cache) { return cache.*(&OpenedCache::CacheNodeList); }
   static auto& Map(Cache& cache) { return cache.*(&OpenedCache::CacheMap); }
   static auto& Lock(Cache& cache) { return cache.*(&OpenedCache::lock); }
+  static bool IsActive(Cache& cache) { return cache.*(&OpenedCache::active); }
   static auto& Capacity(Cache& cache) { return cache.*(&OpenedCache::capacity); }
   static auto& Counters(Cache& cache) { return cache.*(&OpenedCache::metrics); }
 };
@@ -30,28 +30,30 @@ std::string BrokenInvariant(LRUCacheT<Key, Node, Metrics>& cache, bool mixedMask
   const ORVEX_ScopeLock guard(&Opened::Lock(cache));
   auto& list = Opened::List(cache);
   auto& map = Opened::Map(cache);
+  if (list.size() > Opened::Capacity(cache)) return "more nodes than the capacity";
+  if (!mixedMasks && map.size() != list.size()) return "a node without an entry of its own";
   const auto isEntry = [&map](auto wanted) {
     for (auto entry = map.begin(); entry != map.end(); ++entry) {
       if (entry == wanted) return true;
     }
     return false;
   };
-  if (list.size() > Opened::Capacity(cache)) return "more nodes than the capacity";
-  if (map.size() > list.size()) return "more entries than nodes";
-  if (!mixedMasks && map.size() != list.size()) return "a node without an entry of its own";
+  size_t owners = 0;
   for (auto position = list.begin(); position != list.end(); ++position) {
     if (*position == nullptr) return "a null node in the list";
-    if (std::count(list.begin(), list.end(), *position) != 1) return "a node twice in the list";
     const auto entry = (*position)->mapEntry;
-    if (entry == map.end() && mixedMasks) continue;
-    if (!isEntry(entry)) return "a node whose entry is not in the map: " + (*position)->path;
-    if (entry->second != position && !mixedMasks) return "a foreign entry: " + (*position)->path;
+    if (entry == map.end()) continue;
+    if (entry->second == position) {
+      ++owners;
+    } else if (!isEntry(entry)) {
+      return "a node whose entry is not in the map: " + (*position)->path;
+    }
   }
+  // No entry designates two places, so that as many owners as entries are one for each.
+  if (owners != map.size()) return "an entry that designates none of its node's places";
   for (auto entry = map.begin(); entry != map.end(); ++entry) {
-    auto found = list.begin();
-    while (found != list.end() && found != entry->second) ++found;
-    if (found == list.end()) return "an entry that designates no node: " + entry->first.path;
-    if ((*found)->mapEntry != entry) return "a node that forgot its entry: " + entry->first.path;
+    if ((*entry->second)->mapEntry == entry) continue;
+    return "a node that forgot its entry: " + entry->first.path;
   }
   return "";
 }
