@@ -96,6 +96,20 @@ TEST_CASE_TEMPLATE("a cache is active from its start to its stop, which empties 
   CHECK(cache.metrics.numOfHelpFuncCalled == 0);
 }
 
+TEST_CASE_TEMPLATE("a stop flushes and resets by the operations of the subclass", Cache,
+                   BareHashCache, BareFileTypeCache) {
+  struct Counting : Cache {
+    int FlushCache() override { return ++flushes; }
+    int ResetMetrics() override { return ++resets; }
+    int flushes = 0;
+    int resets = 0;
+  };
+  Counting cache;
+  CHECK(cache.DeinitLRUCache() == 0);
+  CHECK(cache.flushes == 1);
+  CHECK(cache.resets == 1);
+}
+
 TEST_CASE_TEMPLATE("a cache that ends without a flush leaves its nodes behind and no more", Cache,
                    BareHashCache, BareFileTypeCache) {
   std::vector<typename Cache::NodeType*> nodes;
@@ -139,7 +153,7 @@ TEST_CASE_TEMPLATE("storing refuses with 3 unless there are both records", Cache
   CHECK(cache.wipes == 1);
 }
 
-TEST_CASE_TEMPLATE("storing and moving are told at DEBUG and at no other level", Cache,
+TEST_CASE_TEMPLATE("storing and moving are told at DEBUG, unless the log is off or above", Cache,
                    BareHashCache, BareFileTypeCache) {
   Cache cache;
   const auto story = [&] {
@@ -156,6 +170,10 @@ TEST_CASE_TEMPLATE("storing and moving are told at DEBUG and at no other level",
                Message("DEBUG", "LRUCacheNodeUpdate", "Cache node updated: path=/a")}));
   ORVEX_LOG_BASE::LogLevel = ORVEX_LOG_INFO;
   story();
+  ORVEX_LOG_BASE::LogLevel = ORVEX_LOG_DEBUG;
+  ORVEX_LOG_BASE::LogEnable = false;
+  story();
+  ORVEX_LOG_BASE::LogEnable = true;
   CHECK(log.TakeTranscript() == "");
 }
 

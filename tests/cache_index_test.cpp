@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "support/failing_new.h"
-#include "support/open_hash_cache.h"
+#include "support/opened_caches.h"
 #include "support/records.h"
 
 namespace {
@@ -71,26 +71,47 @@ std::vector<File> FilesAlikeWithPaths(size_t count) {
   return files;
 }
 
-void Store(OpenHashCache& cache, const File& file, uint32_t fields) {
-  metadata_input_s in = KeyOf(file, fields);
-  Answer out;
-  REQUIRE(cache.UpdateCache(&in, &out) == 0);
-}
+// A cache of either kind that empties itself at its end.
+template <typename Cache>
+class CacheOfFiles {
+ public:
+  ~CacheOfFiles() { cache.FlushCache(); }
 
-bool Holds(OpenHashCache& cache, const File& file, uint32_t fields) {
-  metadata_input_s in = KeyOf(file, fields);
-  Answer out;
-  return cache.QueryLRUCache(&in, &out) == LRU_HIT;
-}
+  int Store(const File& file, uint32_t fields) {
+    metadata_input_s in = KeyOf(file, fields);
+    Answer out;
+    return cache.UpdateCache(&in, &out);
+  }
+  bool Holds(const File& file, uint32_t fields) {
+    metadata_input_s in = KeyOf(file, fields);
+    Answer out;
+    return cache.QueryLRUCache(&in, &out) == LRU_HIT;
+  }
+  // A node beside one that may be there under the same key.
+  void InsertBeside(const File& file, uint32_t fields) { InsertBesideIn(cache, file, fields); }
+
+  Cache cache;
+
+ private:
+  template <typename Node, typename Metrics>
+  static void InsertBesideIn(LRUCacheT<LRUCacheKey, Node, Metrics>& cache, const File& file,
+                             uint32_t fields) {
+    metadata_input_s in = KeyOf(file, fields);
+    Answer out;
+    LRUCacheKey key(in);
+    cache.LRUCacheNodeUpdate(key, new Node(in, out), LRU_INSERT);
+  }
+};
 
 // Stores the even ones of many files and looks all of them up. No memory stays behind.
+template <typename Cache>
 void CheckThatEvenOnesAreFound(const std::vector<File>& files, uint32_t fields) {
   std::vector<bool> found(files.size());
   const long before = LiveAllocations();
   {
-    OpenHashCache cache;
-    for (size_t i = 0; i < files.size(); i += 2) Store(cache, files[i], fields);
-    for (size_t i = 0; i < files.size(); ++i) found[i] = Holds(cache, files[i], fields);
+    CacheOfFiles<Cache> cache;
+    for (size_t i = 0; i < files.size(); i += 2) REQUIRE(cache.Store(files[i], fields) == 0);
+    for (size_t i = 0; i < files.size(); ++i) found[i] = cache.Holds(files[i], fields);
   }
   const long left = LiveAllocations() - before;
   CHECK(left == 0);
@@ -101,21 +122,26 @@ void CheckThatEvenOnesAreFound(const std::vector<File>& files, uint32_t fields) 
   }
 }
 
+template <typename Node, typename Metrics>
+bool IsInMap(LRUCacheT<LRUCacheKey, Node, Metrics>& cache, const LRUCacheKey& key) {
+  const auto& map = OpenedCache<LRUCacheKey, Node, Metrics>::Map(cache);
+  return map.find(key) != map.end();
+}
+
 using Insertions = std::vector<size_t>;
 
 // At which of the insertions the index asks for memory. It grows as long as it works:
 // what it finds by itself and what it leaves to the map are the same, only its memory
 // tells.
+template <typename Cache>
 Insertions GrowthsWith(const std::vector<File>& files) {
-  OpenHashCache cache;
+  CacheOfFiles<Cache> cache;
   std::vector<int> allocations;
   for (const File& file : files) {
-    metadata_input_s in = KeyOf(file, kAllKeyBits);
-    Answer out;
     int made = 0;
     {
       const FailingNew counted(0, false);
-      cache.UpdateCache(&in, &out);
+      cache.Store(file, kAllKeyBits);
       made = counted.allocations;
     }
     allocations.push_back(made);
@@ -133,31 +159,35 @@ std::string PathNumber(uint64_t number) { return "/usr/share/name-" + std::to_st
 
 }  // namespace
 
-TEST_CASE("files are told apart by their numbers") {
+TEST_CASE_TEMPLATE("files are told apart by their numbers", Cache, LRUCache, FileTypeCache) {
   std::vector<File> files;
   for (uint64_t i = 0; i < kMany; ++i) files.push_back({"/a", i, i + 1});
-  CheckThatEvenOnesAreFound(files, kAllKeyBits);
+  CheckThatEvenOnesAreFound<Cache>(files, kAllKeyBits);
 }
 
-TEST_CASE("many names of one file are told apart by their paths") {
+TEST_CASE_TEMPLATE("many names of one file are told apart by their paths", Cache, LRUCache,
+                   FileTypeCache) {
   std::vector<File> files;
   for (uint64_t i = 0; i < kMany; ++i) files.push_back({PathNumber(i), 7, 9});
-  CheckThatEvenOnesAreFound(files, kAllKeyBits);
+  CheckThatEvenOnesAreFound<Cache>(files, kAllKeyBits);
 }
 
-TEST_CASE("files without a file number are told apart by their paths") {
+TEST_CASE_TEMPLATE("files without a file number are told apart by their paths", Cache, LRUCache,
+                   FileTypeCache) {
   std::vector<File> files;
   for (uint64_t i = 0; i < kMany; ++i) files.push_back({PathNumber(i), 0, 0});
-  CheckThatEvenOnesAreFound(files, kAllKeyBits);
+  CheckThatEvenOnesAreFound<Cache>(files, kAllKeyBits);
 }
 
-TEST_CASE("files whose numbers all hash alike are found all the same") {
+TEST_CASE_TEMPLATE("files whose numbers all hash alike are found all the same", Cache, LRUCache,
+                   FileTypeCache) {
   std::vector<File> files;
   for (uint64_t i = 0; i < kMany; ++i) files.push_back({"/a", NumberToHashAlike(kSize, 0, i), 0});
-  CheckThatEvenOnesAreFound(files, KEY_SIZE);
+  CheckThatEvenOnesAreFound<Cache>(files, KEY_SIZE);
 }
 
-TEST_CASE("files that hash alike are told apart by each number") {
+TEST_CASE_TEMPLATE("files that hash alike are told apart by each number", Cache, LRUCache,
+                   FileTypeCache) {
   const struct {
     const Field& first;
     const Field& second;
@@ -171,11 +201,12 @@ TEST_CASE("files that hash alike are told apart by each number") {
       file.*row.first.number = NumberToHashAlike(row.first, (i + 1) * row.second.factor, i);
       files.push_back(file);
     }
-    CheckThatEvenOnesAreFound(files, row.first.bit | row.second.bit);
+    CheckThatEvenOnesAreFound<Cache>(files, row.first.bit | row.second.bit);
   }
 }
 
-TEST_CASE("files that hash alike with their paths are told apart by the device") {
+TEST_CASE_TEMPLATE("files that hash alike with their paths are told apart by the device", Cache,
+                   LRUCache, FileTypeCache) {
   std::vector<File> files;
   for (uint64_t i = 0; i < 20; ++i) {
     File file{PathNumber(i), 0, 0};
@@ -183,78 +214,92 @@ TEST_CASE("files that hash alike with their paths are told apart by the device")
     file.deviceID = NumberToHashAlike(kDevice, rest, i);
     files.push_back(file);
   }
-  CheckThatEvenOnesAreFound(files, KEY_PATH | KEY_DEVICE_ID);
+  CheckThatEvenOnesAreFound<Cache>(files, KEY_PATH | KEY_DEVICE_ID);
 }
 
-TEST_CASE("names of one file are found beside files whose paths then hash alike") {
+TEST_CASE_TEMPLATE("names of one file are found beside files whose paths then hash alike", Cache,
+                   LRUCache, FileTypeCache) {
   std::vector<File> files = FilesAlikeWithPaths(kMany);
   for (uint64_t i = 0; i < kMany; ++i) files.push_back({PathNumber(i), 7, 8});
-  CheckThatEvenOnesAreFound(files, kAllKeyBits);
+  CheckThatEvenOnesAreFound<Cache>(files, kAllKeyBits);
 }
 
-TEST_CASE("files that hash alike with their paths are found after names of one file") {
+TEST_CASE_TEMPLATE("files that hash alike with their paths are found after names of one file",
+                   Cache, LRUCache, FileTypeCache) {
   std::vector<File> files;
   for (uint64_t i = 0; i < kMany; ++i) files.push_back({PathNumber(i), 7, 8});
   for (const File& file : FilesAlikeWithPaths(kMany)) files.push_back(file);
-  CheckThatEvenOnesAreFound(files, kAllKeyBits);
+  CheckThatEvenOnesAreFound<Cache>(files, kAllKeyBits);
 }
 
-TEST_CASE("the index grows by doubling while files are told apart by their numbers") {
+TEST_CASE_TEMPLATE("the index grows by doubling while files are told apart by their numbers", Cache,
+                   LRUCache, FileTypeCache) {
   std::vector<File> files;
   for (uint64_t i = 0; i < kMany; ++i) files.push_back({"/a", i, i + 1});
-  CHECK(GrowthsWith(files) == Insertions{0, 32, 64, 128, 256});
+  CHECK(GrowthsWith<Cache>(files) == Insertions{0, 32, 64, 128, 256});
 }
 
-TEST_CASE("the index grows by doubling while names of one file are told apart by their paths") {
-  std::vector<File> files;
-  for (uint64_t i = 0; i < kMany; ++i) files.push_back({PathNumber(i), 7, 9});
-  CHECK(GrowthsWith(files) == Insertions{0, 32, 64, 128, 256});
+TEST_CASE_TEMPLATE(
+    "the index grows by doubling while names of one file are told apart by their paths", Cache,
+    LRUCache, FileTypeCache) {
+  // Of several directories: in some of them two names meet when it matters.
+  for (char directory = 'a'; directory <= 'p'; ++directory) {
+    CAPTURE(directory);
+    std::vector<File> files;
+    for (uint64_t i = 0; i < kMany; ++i) {
+      files.push_back({"/" + std::string(1, directory) + PathNumber(i), 7, 9});
+    }
+    CHECK(GrowthsWith<Cache>(files) == Insertions{0, 32, 64, 128, 256});
+  }
 }
 
-TEST_CASE("the index grows no more once it meets too many files that hash alike") {
+TEST_CASE_TEMPLATE("the index grows no more once it meets too many files that hash alike", Cache,
+                   LRUCache, FileTypeCache) {
   std::vector<File> files;
   for (uint64_t i = 0; i < kMany; ++i) files.push_back({"/a", NumberToHashAlike(kSize, 0, i), 0});
-  CHECK(GrowthsWith(files) == Insertions{0, 32, 64});
+  CHECK(GrowthsWith<Cache>(files) == Insertions{0, 32, 64});
 }
 
-TEST_CASE("files are found by one mask after files of another came in, and after a flush") {
-  OpenHashCache cache;
-  Store(cache, {"/a", 1, 1}, KEY_PATH);
-  CHECK(Holds(cache, {"/a", 2, 2}, KEY_PATH));
-  Store(cache, {"/b", 1, 1}, KEY_PATH | KEY_SIZE);
-  CHECK(Holds(cache, {"/a", 2, 2}, KEY_PATH));
-  CHECK(Holds(cache, {"/b", 1, 2}, KEY_PATH | KEY_SIZE));
-  cache.FlushCache();
-  CHECK_FALSE(Holds(cache, {"/a", 2, 2}, KEY_PATH));
-  Store(cache, {"/c", 1, 1}, KEY_SIZE);
-  CHECK(Holds(cache, {"/d", 1, 2}, KEY_SIZE));
+TEST_CASE_TEMPLATE("files are found by one mask after files of another came in, and after a flush",
+                   Cache, LRUCache, FileTypeCache) {
+  CacheOfFiles<Cache> files;
+  files.Store({"/a", 1, 1}, KEY_PATH);
+  CHECK(files.Holds({"/a", 2, 2}, KEY_PATH));
+  files.Store({"/b", 1, 1}, KEY_PATH | KEY_SIZE);
+  CHECK(files.Holds({"/a", 2, 2}, KEY_PATH));
+  CHECK(files.Holds({"/b", 1, 2}, KEY_PATH | KEY_SIZE));
+  files.cache.FlushCache();
+  CHECK_FALSE(files.Holds({"/a", 2, 2}, KEY_PATH));
+  files.Store({"/c", 1, 1}, KEY_SIZE);
+  CHECK(files.Holds({"/d", 1, 2}, KEY_SIZE));
 }
 
-TEST_CASE("an entry that goes with another's node is no longer found") {
-  OpenHashCache cache;
-  cache.SetCapacity(2);
+TEST_CASE_TEMPLATE("an entry goes with its node, and who shared it is no longer found", Cache,
+                   LRUCache, FileTypeCache) {
+  CacheOfFiles<Cache> files;
+  files.cache.SetCapacity(2);
   const File file{"/a", 1, 1};
-  metadata_input_s in = KeyOf(file, kAllKeyBits);
-  Answer out;
-  LRUCacheKey key(in);
-  // Two nodes of one key, which only this operation lets in.
-  for (int i = 0; i < 2; ++i) cache.LRUCacheNodeUpdate(key, new LRUCacheNode(in, out), LRU_INSERT);
-  CHECK(Holds(cache, file, kAllKeyBits));
-  for (uint64_t i = 2; i < 5; ++i) Store(cache, {"/a", i, i}, kAllKeyBits);
-  CHECK_FALSE(Holds(cache, file, kAllKeyBits));
-  CHECK(cache.CacheNodeList.size() == 2);
+  for (int i = 0; i < 2; ++i) files.InsertBeside(file, kAllKeyBits);
+  CHECK(files.Holds(file, kAllKeyBits));
+  files.cache.SetCapacity(1);
+  CHECK_FALSE(files.Holds(file, kAllKeyBits));
+  CHECK(BrokenInvariant(files.cache, true) == "");
+  files.cache.SetCapacity(2);
+  for (uint64_t i = 2; i < 5; ++i) files.Store({"/a", i, i}, kAllKeyBits);
+  CHECK_FALSE(files.Holds(file, kAllKeyBits));
+  CHECK(BrokenInvariant(files.cache) == "");
 }
 
-TEST_CASE("what is found stays right while files come and go at random") {
-  OpenHashCache cache;
-  cache.SetCapacity(100);
+TEST_CASE_TEMPLATE("what is found stays right while files come and go at random", Cache, LRUCache,
+                   FileTypeCache) {
+  CacheOfFiles<Cache> files;
+  files.cache.SetCapacity(100);
   std::mt19937 random(1);
   for (int step = 0; step < 20000; ++step) {
     const uint64_t number = random() % 300;
     const File file{PathNumber(number % 7), number, number / 50};
     metadata_input_s in = KeyOf(file, kAllKeyBits);
-    const bool inMap = cache.CacheMap.find(LRUCacheKey(in)) != cache.CacheMap.end();
-    REQUIRE(Holds(cache, file, kAllKeyBits) == inMap);
-    if (random() % 2 == 0) Store(cache, file, kAllKeyBits);
+    REQUIRE(files.Holds(file, kAllKeyBits) == IsInMap(files.cache, LRUCacheKey(in)));
+    if (random() % 2 == 0) files.Store(file, kAllKeyBits);
   }
 }
