@@ -4,12 +4,15 @@
 
 #include <pthread.h>
 
+#include <algorithm>
 #include <atomic>
-#include <cstring>
 #include <future>
+#include <random>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "support/counted_sleep.h"
 #include "support/latch.h"
@@ -228,15 +231,18 @@ TEST_CASE("a failing host's code is returned, nothing is kept and the path is fr
 TEST_CASE("a thread that ends inside the log callback leaves no path behind") {
   OpenHashCache cache;
   cache.InitLRUCache();
-  ORVEX_LOG_BASE::LogLevel = ORVEX_LOG_DEBUG;
-  orvex_register_log_cb(
-      [](unsigned int, unsigned int, const char*, const char*, const char* message, unsigned int) {
-        if (std::strstr(message, "Insert CalHashSet succeed") != nullptr) pthread_exit(nullptr);
-      });
+  RecordedLog log;
+  bool ended = false;
+  log.onMessage = [&ended](const LogRecord& record) {
+    if (record.text.find("Insert CalHashSet succeed") == std::string::npos) return;
+    ended = true;
+    pthread_exit(nullptr);
+  };
   std::thread([&] {
     Answer out;
     cache.Ask(InputFor("/a"), out);
   }).join();
+  CHECK(ended);
   CHECK_FALSE(IsBeingCalculated(cache, "/a"));
 }
 
@@ -618,6 +624,16 @@ TEST_CASE("the query and the host's part of it are timed under their names") {
                "[PROFILING] LRUCache::Query"}));
 }
 
+TEST_CASE("a query says nothing while the log is off") {
+  OpenHashCache cache;
+  cache.InitLRUCache();
+  RecordedLog log;
+  ORVEX_LOG_BASE::LogEnable = false;
+  for (const char* path : {"/a", "/a", "/b"}) cache.Ask(path);
+  ORVEX_LOG_BASE::LogEnable = true;
+  CHECK(log.TakeTranscript() == "");
+}
+
 TEST_CASE("the predicate of a set holds for its own paths while it is active") {
   ORVEX_Set set;
   const std::string path = "/a";
@@ -629,6 +645,42 @@ TEST_CASE("the predicate of a set holds for its own paths while it is active") {
   CHECK(ORVEX_Set::PredicateFunc(&arg));
   set.paths.clear();
   CHECK_FALSE(ORVEX_Set::PredicateFunc(&arg));
+}
+
+TEST_CASE("paths that are calculated at once are told apart and leave in any order") {
+  // They begin alike, and some differ in their length alone.
+  std::vector<std::string> paths;
+  for (size_t i = 0; i < 40; ++i)
+    paths.push_back("/" + std::string(i % 8, 'x') + char('a' + i / 8));
+  std::mt19937 random(1);
+  for (int round = 0; round < 20; ++round) {
+    std::shuffle(paths.begin(), paths.end(), random);
+    OpenHashCache cache;
+    cache.InitLRUCache();
+    std::set<std::string> calculated;
+    const auto isExact = [&] {
+      bool exact = cache.calHashSet.paths == calculated;
+      for (const std::string& path : paths) {
+        ORVEX_Set::PathInSet arg(&cache.calHashSet, &path);
+        exact = exact && ORVEX_Set::PredicateFunc(&arg) == (calculated.count(path) != 0);
+      }
+      return exact;
+    };
+    // Each callback asks about the next path.
+    int inexact = 0;
+    cache.onHash = [&](metadata_input_s& in, metadata_output_s&) {
+      calculated.insert(in.path);
+      if (!isExact()) ++inexact;
+      if (calculated.size() < paths.size()) cache.Ask(paths[calculated.size()].c_str());
+      if (!isExact()) ++inexact;
+      calculated.erase(in.path);
+      return 0;
+    };
+    cache.Ask(paths[0].c_str());
+    CHECK(inexact == 0);
+    CHECK(cache.calHashSet.paths.empty());
+    CHECK(cache.metrics.numOfHelpFuncCalled == 40);
+  }
 }
 
 TEST_CASE("the messages around a sleep name the path and need one") {

@@ -132,7 +132,10 @@ TEST_CASE("equality sees fields that no mask selects") {
   LRUCacheKey key = KeyOf(KEY_PATH, {});
   CHECK(key == KeyOf(0, {}));
   CHECK(key == KeyOf(KEY_PATH, {}, "another name"));
-  CHECK_FALSE(key == KeyOf(KEY_PATH, {"/bin/false"}));
+  for (const char* path : {"", "/bin/false", "/bin/trua", "/bin/tru", "/bin/true ", "#bin/true"}) {
+    CAPTURE(path);
+    CHECK_FALSE(key == KeyOf(KEY_PATH, {path}));
+  }
   CHECK_FALSE(key == KeyOf(KEY_PATH, {"/bin/true", 9}));
   CHECK_FALSE(key == KeyOf(KEY_PATH, {"/bin/true", 1, 9}));
   CHECK_FALSE(key == KeyOf(KEY_PATH, {"/bin/true", 1, 2, 9}));

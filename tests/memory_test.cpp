@@ -2,6 +2,7 @@
 #include <doctest/doctest.h>
 
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -46,6 +47,12 @@ void Fill(Cache& cache) {
     GiveSigners(out, {"Kelda"});
     for (int time = 0; time < 2; ++time) cache.UpdateCache(&in, &out);
   }
+}
+
+template <typename Node, typename Metrics>
+std::vector<Node*> NodesOf(LRUCacheT<LRUCacheKey, Node, Metrics>& cache) {
+  const auto& list = OpenedCache<LRUCacheKey, Node, Metrics>::List(cache);
+  return {list.begin(), list.end()};
 }
 
 // Stores a file with each of the allocations failing in turn that this takes.
@@ -200,6 +207,22 @@ TEST_CASE("storing a file type without memory is told at ERROR and by 2") {
   }
 }
 
+TEST_CASE("a node frees signers that others replace, in itself and in a record, and at its end") {
+  CHECK(LeftBehindBy([] {
+          metadata_input_s in = InputFor("/a");
+          Answer kelda;
+          GiveSigners(kelda, {"Kelda"});
+          Answer other;
+          GiveSigners(other, {"Other"});
+          LRUCacheNode node(in, kelda);
+          node.SetDataToCacheNode(in, other);
+          LRUCacheNode copy(in, kelda);
+          copy = node;
+          Answer back;
+          for (int time = 0; time < 2; ++time) node.GetDataFromCacheNode(back);
+        }) == 0);
+}
+
 TEST_CASE("a hash cache gives back all its memory when it stops") {
   CHECK(LeftBehindBy([] {
           OpenHashCache cache;
@@ -219,20 +242,25 @@ TEST_CASE("a file type cache gives back all its memory when it stops") {
         }) == 0);
 }
 
-TEST_CASE("a hash cache that ends without a flush leaves its nodes behind and no more") {
-  using Opened = OpenedCache<LRUCacheKey, LRUCacheNode, LRUCacheMetrics_s>;
+TEST_CASE_TEMPLATE("a cache that ends without a flush leaves its nodes behind and no more", Cache,
+                   LRUCache, FileTypeCache) {
   CHECK(LeftBehindBy([] {
-          std::vector<const LRUCacheNode*> nodes;
-          const auto fill = [&nodes](LRUCache& cache) {
+          std::function<void()> deleteNodes = [] {};
+          const auto fill = [&deleteNodes](auto& cache) {
             Fill(cache);
-            const auto& list = Opened::List(cache);
-            nodes.insert(nodes.end(), list.begin(), list.end());
+            auto nodes = NodesOf(cache);
+            deleteNodes = [nodes, rest = deleteNodes] {
+              for (const auto* node : nodes) delete node;
+              rest();
+            };
           };
-          LRUCache cache;
-          fill(cache);
-          const auto onHeap = std::make_unique<LRUCache>();
-          fill(*onHeap);
-          for (const LRUCacheNode* node : nodes) delete node;
+          {
+            Cache cache;
+            fill(cache);
+            const auto onHeap = std::make_unique<Cache>();
+            fill(*onHeap);
+          }
+          deleteNodes();
         }) == 0);
 }
 

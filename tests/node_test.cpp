@@ -98,22 +98,26 @@ TEST_CASE("a size or mtime that was never given is not given back") {
   CHECK((back.queryFlags & (QUERY_SIZE | QUERY_MTIME)) == 0);
 }
 
-TEST_CASE("each digest is stored and given back by its own bit") {
+TEST_CASE("each digest is stored, assigned and given back by its own bit") {
   for (const uint32_t part : {QUERY_DIGEST16, QUERY_DIGEST20, QUERY_DIGEST32, QUERY_AUX_DIGEST20}) {
     CAPTURE(part);
     metadata_input_s in = FileOf(0, 0);
     Answer out;
     GiveDigests(out, part, 0xab);
     LRUCacheNode node(in, out);
-    Answer back;
-    GiveDigests(back, kAllDigests, 0x11);
-    back.queryFlags = 0;
-    node.GetDataFromCacheNode(back);
-    CHECK((back.queryFlags & kAllDigests) == part);
-    CHECK(back.digest16[15] == (part == QUERY_DIGEST16 ? 0xab : 0x11));
-    CHECK(back.digest20[19] == (part == QUERY_DIGEST20 ? 0xab : 0x11));
-    CHECK(back.digest32[31] == (part == QUERY_DIGEST32 ? 0xab : 0x11));
-    CHECK(back.auxDigest20[19] == (part == QUERY_AUX_DIGEST20 ? 0xab : 0x11));
+    LRUCacheNode assigned;
+    assigned = node;
+    for (LRUCacheNode* from : {&node, &assigned}) {
+      Answer back;
+      GiveDigests(back, kAllDigests, 0x11);
+      back.queryFlags = 0;
+      from->GetDataFromCacheNode(back);
+      CHECK((back.queryFlags & kAllDigests) == part);
+      CHECK(back.digest16[15] == (part == QUERY_DIGEST16 ? 0xab : 0x11));
+      CHECK(back.digest20[19] == (part == QUERY_DIGEST20 ? 0xab : 0x11));
+      CHECK(back.digest32[31] == (part == QUERY_DIGEST32 ? 0xab : 0x11));
+      CHECK(back.auxDigest20[19] == (part == QUERY_AUX_DIGEST20 ? 0xab : 0x11));
+    }
   }
 }
 
