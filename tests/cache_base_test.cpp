@@ -96,15 +96,28 @@ TEST_CASE_TEMPLATE("a cache is active from its start to its stop, which empties 
   CHECK(cache.metrics.numOfHelpFuncCalled == 0);
 }
 
-TEST_CASE_TEMPLATE("a stop flushes and resets by the operations of the subclass", Cache,
+TEST_CASE_TEMPLATE("storing, a stop and a dump go by the operations of the subclass", Cache,
                    BareHashCache, BareFileTypeCache) {
   struct Counting : Cache {
+    void LRUCacheNodeUpdate(LRUCacheKey& key, typename Cache::NodeType* node,
+                            LRU_OPERATION operation) override {
+      ++updates;
+      Cache::LRUCacheNodeUpdate(key, node, operation);
+    }
+    void DumpCacheMap() const override { ++dumps; }
+    void DumpCacheNodeList() const override { ++dumps; }
     int FlushCache() override { return ++flushes; }
     int ResetMetrics() override { return ++resets; }
+    int updates = 0;
+    mutable int dumps = 0;
     int flushes = 0;
     int resets = 0;
   };
   Counting cache;
+  for (const char* path : {"/a", "/b", "/a"}) cache.Store(path);
+  CHECK(cache.updates == 3);
+  cache.DumpCache();
+  CHECK(cache.dumps == 2);
   CHECK(cache.DeinitLRUCache() == 0);
   CHECK(cache.flushes == 1);
   CHECK(cache.resets == 1);
@@ -173,6 +186,23 @@ TEST_CASE_TEMPLATE("storing and moving are told at DEBUG, unless the log is off 
   ORVEX_LOG_BASE::LogLevel = ORVEX_LOG_DEBUG;
   ORVEX_LOG_BASE::LogEnable = false;
   story();
+  ORVEX_LOG_BASE::LogEnable = true;
+  CHECK(log.TakeTranscript() == "");
+}
+
+TEST_CASE_TEMPLATE("nodes that come and move one by one are told as those of a store", Cache,
+                   BareHashCache, BareFileTypeCache) {
+  Cache cache;
+  RecordedLog log;
+  cache.Move(cache.InsertBeside("/a", "first"));
+  CHECK(log.TakeTranscript() ==
+        Lines({Message("DEBUG", "LRUCacheNodeUpdate", "Insert new cache node: path=first"),
+               Message("DEBUG", "LRUCacheNodeUpdate", "Cache node updated: path=first")}));
+  ORVEX_LOG_BASE::LogLevel = ORVEX_LOG_INFO;
+  cache.Move(cache.InsertBeside("/b", "second"));
+  ORVEX_LOG_BASE::LogLevel = ORVEX_LOG_DEBUG;
+  ORVEX_LOG_BASE::LogEnable = false;
+  cache.Move(cache.InsertBeside("/c", "third"));
   ORVEX_LOG_BASE::LogEnable = true;
   CHECK(log.TakeTranscript() == "");
 }

@@ -10,6 +10,7 @@
 
 #include "support/failing_new.h"
 #include "support/opened_caches.h"
+#include "support/recorded_log.h"
 #include "support/records.h"
 
 namespace {
@@ -230,6 +231,32 @@ TEST_CASE_TEMPLATE("files that hash alike with their paths are found after names
   for (uint64_t i = 0; i < kMany; ++i) files.push_back({PathNumber(i), 7, 8});
   for (const File& file : FilesAlikeWithPaths(kMany)) files.push_back(file);
   CheckThatEvenOnesAreFound<Cache>(files, kAllKeyBits);
+}
+
+TEST_CASE_TEMPLATE("names of one file are found though memory ran out as they became many", Cache,
+                   LRUCache, FileTypeCache) {
+  // So many go in by their numbers.
+  constexpr uint64_t kMostAlike = 64;
+  const RecordedLog quiet(ORVEX_LOG_FATAL);
+  std::vector<File> names;
+  for (uint64_t i = 0; i < kMostAlike; ++i) names.push_back({PathNumber(i), 7, 9});
+  const File last{PathNumber(kMostAlike), 7, 9};
+  int points = 0;
+  for (int failures = 1; failures != 0; ++points) {
+    CAPTURE(points);
+    CacheOfFiles<Cache> files;
+    for (const File& name : names) files.Store(name, kAllKeyBits);
+    int code = 0;
+    {
+      const FailingNew failing(points + 1, false);
+      code = files.Store(last, kAllKeyBits);
+      failures = failing.failures;
+    }
+    CHECK(BrokenInvariant(files.cache) == "");
+    CHECK(files.Holds(last, kAllKeyBits) == (code == 0));
+    for (const File& name : names) CHECK(files.Holds(name, kAllKeyBits));
+  }
+  CHECK(points > 1);
 }
 
 TEST_CASE_TEMPLATE("the index grows by doubling while files are told apart by their numbers", Cache,

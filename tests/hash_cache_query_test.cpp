@@ -494,6 +494,16 @@ TEST_CASE("two that passed the wait at once both calculate and only the first on
                "INFO Query orvex_lru_cache: [CalHashSet] File hash calculation is done, broadcast "
                "signal: /a"}));
   CHECK(IsBeingCalculated(cache, "/a"));
+
+  ORVEX_LOG_BASE::LogLevel = ORVEX_LOG_INFO;
+  CHECK(cache.Ask(in, out) == 0);
+  CHECK(log.TakeTranscript() ==
+        Lines({"INFO Query orvex_lru_cache: [CalHashSet] File hash calculation is done, broadcast "
+               "signal: /a"}));
+  ORVEX_LOG_BASE::LogEnable = false;
+  CHECK(cache.Ask(in, out) == 0);
+  ORVEX_LOG_BASE::LogEnable = true;
+  CHECK(log.TakeTranscript() == "");
 }
 
 TEST_CASE("a lookup with an unknown result ends the query with 0") {

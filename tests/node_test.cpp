@@ -1,6 +1,8 @@
 // What the hash cache keeps of one file.
 #include <doctest/doctest.h>
 
+#include <algorithm>
+#include <new>
 #include <string>
 
 #include "cache/orvex_lru_cache_node.h"
@@ -29,6 +31,27 @@ TEST_CASE("a new node is empty but for the time it was made") {
   CHECK(node.path == "");
   CHECK(node.signers == nullptr);
   CHECK(node.recordTime == 5000000006);
+}
+
+TEST_CASE("a new node is zero wherever it is made") {
+  alignas(LRUCacheNode) unsigned char memory[sizeof(LRUCacheNode)];
+  for (volatile unsigned char& byte : memory) byte = 0xff;
+  auto* const node = new (memory) LRUCacheNode;
+  const auto isZero = [](const auto& field) {
+    const auto* const bytes = reinterpret_cast<const unsigned char*>(&field);
+    return std::count(bytes, bytes + sizeof field, 0) == static_cast<int>(sizeof field);
+  };
+  CHECK(isZero(node->digest16));
+  CHECK(isZero(node->digest20));
+  CHECK(isZero(node->digest32));
+  CHECK(isZero(node->auxDigest20));
+  CHECK(node->size == 0);
+  CHECK(node->mtime == 0);
+  CHECK(node->deviceID == 0);
+  CHECK(node->fileID == 0);
+  CHECK(node->signerCount == 0);
+  CHECK_FALSE(node->feedback);
+  node->~LRUCacheNode();
 }
 
 TEST_CASE("storing an answer stamps the node with the time of storing") {
@@ -99,11 +122,19 @@ TEST_CASE("a size or mtime that was never given is not given back") {
 }
 
 TEST_CASE("each digest is stored, assigned and given back by its own bit") {
-  for (const uint32_t part : {QUERY_DIGEST16, QUERY_DIGEST20, QUERY_DIGEST32, QUERY_AUX_DIGEST20}) {
-    CAPTURE(part);
+  // Each set of them: what is done about one does not depend on another.
+  for (unsigned int chosen = 0; chosen < 16; ++chosen) {
+    CAPTURE(chosen);
+    uint32_t parts = 0;
+    if ((chosen & 1) != 0) parts |= QUERY_DIGEST16;
+    if ((chosen & 2) != 0) parts |= QUERY_DIGEST20;
+    if ((chosen & 4) != 0) parts |= QUERY_DIGEST32;
+    if ((chosen & 8) != 0) parts |= QUERY_AUX_DIGEST20;
+    const auto byteOf = [parts](uint32_t part) { return (parts & part) != 0 ? 0xab : 0x11; };
     metadata_input_s in = FileOf(0, 0);
     Answer out;
-    GiveDigests(out, part, 0xab);
+    GiveDigests(out, kAllDigests, 0xab);
+    out.queryFlags = parts;
     LRUCacheNode node(in, out);
     LRUCacheNode assigned;
     assigned = node;
@@ -112,11 +143,11 @@ TEST_CASE("each digest is stored, assigned and given back by its own bit") {
       GiveDigests(back, kAllDigests, 0x11);
       back.queryFlags = 0;
       from->GetDataFromCacheNode(back);
-      CHECK((back.queryFlags & kAllDigests) == part);
-      CHECK(back.digest16[15] == (part == QUERY_DIGEST16 ? 0xab : 0x11));
-      CHECK(back.digest20[19] == (part == QUERY_DIGEST20 ? 0xab : 0x11));
-      CHECK(back.digest32[31] == (part == QUERY_DIGEST32 ? 0xab : 0x11));
-      CHECK(back.auxDigest20[19] == (part == QUERY_AUX_DIGEST20 ? 0xab : 0x11));
+      CHECK((back.queryFlags & kAllDigests) == parts);
+      CHECK(back.digest16[15] == byteOf(QUERY_DIGEST16));
+      CHECK(back.digest20[19] == byteOf(QUERY_DIGEST20));
+      CHECK(back.digest32[31] == byteOf(QUERY_DIGEST32));
+      CHECK(back.auxDigest20[19] == byteOf(QUERY_AUX_DIGEST20));
     }
   }
 }
