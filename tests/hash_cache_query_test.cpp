@@ -506,6 +506,25 @@ TEST_CASE("two that passed the wait at once both calculate and only the first on
   CHECK(log.TakeTranscript() == "");
 }
 
+TEST_CASE("a query that meets a stop after its lookup calculates unannounced") {
+  InterruptedCache cache;
+  cache.InitLRUCache();
+  cache.afterLookup = [&](int result) {
+    const ORVEX_ScopeLock guard(&cache.calHashSet.condLock);
+    cache.calHashSet.active = false;
+    return result;
+  };
+  RecordedLog log;
+  CHECK(cache.Ask("/a") == 0);
+  CHECK(log.CountOf("[CalHashSet] Insert CalHashSet failed: /a") == 1);
+  CHECK(log.CountOf("[CalHashSet] Erase CalHashSet skipped: /a") == 1);
+  CHECK(cache.metrics.numOfHelpFuncCalled == 1);
+  ORVEX_LOG_BASE::LogLevel = ORVEX_LOG_FATAL;
+  log.TakeTranscript();
+  CHECK(cache.Ask("/b") == 0);
+  CHECK(log.TakeTranscript() == "");
+}
+
 TEST_CASE("a lookup with an unknown result ends the query with 0") {
   InterruptedCache cache;
   cache.InitLRUCache();
