@@ -13,6 +13,7 @@
 #include <cstring>
 #include <string>
 
+#include "careful_hosts.h"
 #include "contenders.h"
 #include "engine_cases.h"
 #include "support/counted_allocations.h"
@@ -76,6 +77,13 @@ void CountEngineCases() {
   }
 }
 
+template <class Host>
+void CountCarefulHost() {
+  Host host;
+  for (size_t i = 0; i < kFiles; ++i) host.Query(i);
+  Count(Engine::kName, Host::kName, [&](size_t i) { host.Query(i); });
+}
+
 }  // namespace
 }  // namespace bench
 
@@ -93,5 +101,9 @@ int main(int argc, char** argv) {
     CountInsertions<C>();
     CountMemory<C>();
   });
-  if (wanted(Engine::kName)) CountEngineCases();
+  if (!wanted(Engine::kName)) return 0;
+  CountEngineCases();
+  CountCarefulHost<HandWrittenHost>();
+  CountCarefulHost<HppHost>();
+  return 0;
 }

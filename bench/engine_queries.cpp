@@ -1,4 +1,6 @@
-// What only the engine does: other questions, and hits that are logged or timed.
+// What only the engine does: other questions, hits that are logged or timed, and those of
+// careful hosts.
+#include "careful_hosts.h"
 #include "engine_cases.h"
 #include "loops.h"
 #include "support/orvex_log.h"
@@ -24,6 +26,22 @@ void LoggedHits(benchmark::State& state, ORVEX_LOG level, bool profiling) {
   ORVEX_LOG_BASE::LogLevel = ORVEX_LOG_INFO;
 }
 
+template <class Host>
+void CarefulHits(benchmark::State& state) {
+  Host host;
+  const Order& order = UniformOrder(0);
+  for (size_t i = 0; i < kFiles; ++i) host.Query(i);
+  if (host.answer().resultReady != 1) state.SkipWithError("not answered");
+  size_t step = 0;
+  for ([[maybe_unused]] auto _ : state) host.Query(order[step++]);
+}
+
+template <class Host>
+void AddCarefulHits() {
+  benchmark::RegisterBenchmark((std::string("k-") + Host::kName + "/engine").c_str(),
+                               CarefulHits<Host>);
+}
+
 }  // namespace
 
 void AddEngineQueries() {
@@ -34,6 +52,8 @@ void AddEngineQueries() {
   benchmark::RegisterBenchmark("i-hit-log-dropped/engine", LoggedHits, ORVEX_LOG_INFO, false);
   benchmark::RegisterBenchmark("i-hit-debug-log/engine", LoggedHits, ORVEX_LOG_DEBUG, false);
   benchmark::RegisterBenchmark("i-hit-profiling/engine", LoggedHits, ORVEX_LOG_INFO, true);
+  AddCarefulHits<HandWrittenHost>();
+  AddCarefulHits<HppHost>();
 }
 
 }  // namespace bench

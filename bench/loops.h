@@ -46,6 +46,6 @@ std::string Name(const char* scenario) {
 void AddHits();           // a, b, c, e
 void AddInsertions();     // d, f
 void AddColdPath();       // g
-void AddEngineQueries();  // h, i
+void AddEngineQueries();  // h, i, k
 
 }  // namespace bench

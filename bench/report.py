@@ -131,7 +131,7 @@ def main(target, directory, program):
             rows.append([f"{scenario[0]}  {what}", f"{time['median']:.0f}"] +
                         [f"{row[name]:.0f}" if name in row else "-"
                          for name in ("instructions", "allocations")])
-    print_table("h, i  the engine's other queries, over full caches",
+    print_table("h, i, k  the engine's other queries, over full caches",
                 ["query", "ns", "instructions", "allocations"], rows)
     print_counts(counted)
     print_table("j  what it takes at all", ["load the library, start, first query",

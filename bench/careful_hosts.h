@@ -1,0 +1,55 @@
+// A full hit as a careful host asks for it, which zeroes its record and lets a callback
+// change a copy of the input only: written out, and through orvexeng.hpp.
+#pragma once
+
+#include "contenders/engine.h"
+#include "keys.h"
+#include "orvexeng.hpp"
+
+namespace bench {
+
+class HandWrittenHost {
+ public:
+  static constexpr const char* kName = "hand-written-hit";
+
+  HandWrittenHost() : engine_(kFiles) {}
+  ~HandWrittenHost() { delete[] out_.signers; }
+  HandWrittenHost(const HandWrittenHost&) = delete;
+  HandWrittenHost& operator=(const HandWrittenHost&) = delete;
+
+  void Query(size_t number) {
+    metadata_input_s in = AllFiles()[number];
+    delete[] out_.signers;
+    out_ = metadata_output_s();
+    orvex_query(&in, &out_, nullptr);
+  }
+  const metadata_output_s& answer() const { return out_; }
+
+ private:
+  Engine engine_;
+  metadata_output_s out_{};
+};
+
+class HppHost {
+ public:
+  static constexpr const char* kName = "hpp-hit";
+
+  HppHost() : engine_(Hash, FileType) {}
+
+  void Query(size_t number) { static_cast<void>(engine_.query(AllFiles()[number], out_)); }
+  const metadata_output_s& answer() const { return out_; }
+
+ private:
+  static int Hash(metadata_input_s& in, orvexeng::answer& out) {
+    return AnswerHash(&in, &out, nullptr);
+  }
+  static int FileType(metadata_input_s& in, orvexeng::answer& out) {
+    return AnswerFileType(&in, &out, nullptr);
+  }
+
+  DroppedMessages dropped_;
+  orvexeng::engine engine_;
+  orvexeng::answer out_;
+};
+
+}  // namespace bench
