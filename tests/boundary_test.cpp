@@ -271,18 +271,14 @@ TEST_CASE("the members of caches and set lie in their order") {
 }
 
 TEST_CASE("no 64-bit counter of the running engine lies across two cache lines") {
-  CHECK(NoCounterCrossesALine(
-      OpenedCache<LRUCacheKey, LRUCacheNode, LRUCacheMetrics_s>::Counters(HashCache())));
-  CHECK(NoCounterCrossesALine(
-      OpenedCache<LRUCacheKey, FileTypeCacheNode, FileTypeCacheMetrics_s>::Counters(TypeCache())));
+  CHECK(NoCounterCrossesALine(OpenedHash::Counters(HashCache())));
+  CHECK(NoCounterCrossesALine(OpenedFileType::Counters(TypeCache())));
   // A host's own caches on stack and heap as well, wherever the frame lies.
   for (int shift = 0; shift < 4; ++shift) {
     const auto shifted = std::make_unique<char[]>(static_cast<size_t>(4 * shift + 1));
     const auto onHeap = std::make_unique<LRUCache>();
     LRUCache onStack;
-    CHECK(NoCounterCrossesALine(
-        OpenedCache<LRUCacheKey, LRUCacheNode, LRUCacheMetrics_s>::Counters(*onHeap)));
-    CHECK(NoCounterCrossesALine(
-        OpenedCache<LRUCacheKey, LRUCacheNode, LRUCacheMetrics_s>::Counters(onStack)));
+    CHECK(NoCounterCrossesALine(OpenedHash::Counters(*onHeap)));
+    CHECK(NoCounterCrossesALine(OpenedHash::Counters(onStack)));
   }
 }

@@ -116,13 +116,11 @@ bool IsComplete(const metadata_input_s& in, const metadata_output_s& out) {
 // What both caches hold, whatever the order.
 std::vector<std::string> Contents() {
   std::vector<std::string> contents;
-  using OpenHash = OpenedCache<LRUCacheKey, LRUCacheNode, LRUCacheMetrics_s>;
-  using OpenType = OpenedCache<LRUCacheKey, FileTypeCacheNode, FileTypeCacheMetrics_s>;
-  for (const LRUCacheNode* node : OpenHash::List(HashCache())) {
+  for (const LRUCacheNode* node : OpenedHash::List(HashCache())) {
     contents.push_back("hash " + node->path + " " + std::to_string(node->queryFlags) + " " +
                        std::to_string(node->mtime) + " " + std::to_string(node->signerCount));
   }
-  for (const FileTypeCacheNode* node : OpenType::List(TypeCache())) {
+  for (const FileTypeCacheNode* node : OpenedFileType::List(TypeCache())) {
     contents.push_back("type " + node->path + " " + std::to_string(node->queryFlag) + " " +
                        std::to_string(node->mtime));
   }
@@ -461,8 +459,6 @@ TEST_CASE("a thread that calculates and runs out of memory lets those that wait 
 
 namespace {
 
-using OpenHash = OpenedCache<LRUCacheKey, LRUCacheNode, LRUCacheMetrics_s>;
-
 struct UpdateStory {
   const char* name;
   std::function<void(Stage&)> prepare;
@@ -479,7 +475,7 @@ Point TellUpdate(const UpdateStory& story, int allocation, bool fromThereOn) {
     Answer out;
     Host::AnswerHash(stage.in, out);
     if (story.withSigners) GiveSigners(out, {kSigner});
-    LRUCacheMetrics_s& counters = OpenHash::Counters(HashCache());
+    LRUCacheMetrics_s& counters = OpenedHash::Counters(HashCache());
     const std::vector<std::string> before = Contents();
     int code = 0;
     {

@@ -399,9 +399,7 @@ int Start() {
   return orvex_init(&callbacks);
 }
 
-unsigned int HashCapacity() {
-  return OpenedCache<LRUCacheKey, LRUCacheNode, LRUCacheMetrics_s>::Capacity(HashCache());
-}
+unsigned int HashCapacity() { return OpenedHash::Capacity(HashCache()); }
 
 }  // namespace
 

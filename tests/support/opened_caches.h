@@ -1,7 +1,10 @@
 // The promise that the inside of a cache keeps, checked from outside.
 #pragma once
 
+#include <algorithm>
+#include <functional>
 #include <string>
+#include <vector>
 
 #include "cache/orvex_caches.h"
 
@@ -17,10 +20,22 @@ struct OpenedCache : LRUCacheT<Key, Node, Metrics> {
   static auto& Counters(Cache& cache) { return cache.*(&OpenedCache::metrics); }
 };
 
+using OpenedHash = OpenedCache<LRUCacheKey, LRUCacheNode, LRUCacheMetrics_s>;
+using OpenedFileType = OpenedCache<LRUCacheKey, FileTypeCacheNode, FileTypeCacheMetrics_s>;
+
 struct OpenedHashCache : LRUCache {
   static auto& Set(LRUCache& cache) { return cache.*(&OpenedHashCache::calHashSet); }
   static auto& ThreadsInside(LRUCache& cache) { return cache.*(&OpenedHashCache::activeThreads); }
 };
+
+// In order, for std::binary_search.
+template <typename Container>
+std::vector<const void*> AddressesIn(const Container& container) {
+  std::vector<const void*> addresses;
+  for (const auto& element : container) addresses.push_back(&element);
+  std::sort(addresses.begin(), addresses.end(), std::less<>());
+  return addresses;
+}
 
 // What of the promise does not hold, or "" when all of it does. With mixedMasks
 // nodes may share an entry or have none, as keys of different masks make them.
@@ -30,30 +45,30 @@ std::string BrokenInvariant(LRUCacheT<Key, Node, Metrics>& cache, bool mixedMask
   const ORVEX_ScopeLock guard(&Opened::Lock(cache));
   auto& list = Opened::List(cache);
   auto& map = Opened::Map(cache);
-  if (list.size() > Opened::Capacity(cache)) return "more nodes than the capacity";
-  if (!mixedMasks && map.size() != list.size()) return "a node without an entry of its own";
-  const auto isEntry = [&map](auto wanted) {
-    for (auto entry = map.begin(); entry != map.end(); ++entry) {
-      if (entry == wanted) return true;
-    }
-    return false;
+  // Nothing that may be gone is looked into before it is found to be there.
+  const auto isAmong = [](const std::vector<const void*>& addresses, const void* wanted) {
+    return std::binary_search(addresses.begin(), addresses.end(), wanted, std::less<>());
   };
-  size_t owners = 0;
+  const auto places = AddressesIn(list);
+  const auto entries = AddressesIn(map);
+  if (list.size() > Opened::Capacity(cache)) return "more nodes than the capacity";
+  std::vector<const void*> nodes(list.begin(), list.end());
+  std::sort(nodes.begin(), nodes.end(), std::less<>());
+  if (isAmong(nodes, nullptr)) return "a null node in the list";
+  if (std::adjacent_find(nodes.begin(), nodes.end()) != nodes.end()) return "a node twice";
   for (auto position = list.begin(); position != list.end(); ++position) {
-    if (*position == nullptr) return "a null node in the list";
     const auto entry = (*position)->mapEntry;
-    if (entry == map.end()) continue;
-    if (entry->second == position) {
-      ++owners;
-    } else if (!isEntry(entry)) {
-      return "a node whose entry is not in the map: " + (*position)->path;
+    if (entry == map.end()) {
+      if (mixedMasks) continue;
+      return "a node without an entry: " + (*position)->path;
     }
+    if (!isAmong(entries, &*entry)) return "an entry that is gone, of " + (*position)->path;
+    if (entry->second != position && !mixedMasks) return "a foreign entry: " + (*position)->path;
   }
-  // No entry designates two places, so that as many owners as entries are one for each.
-  if (owners != map.size()) return "an entry that designates none of its node's places";
   for (auto entry = map.begin(); entry != map.end(); ++entry) {
-    if ((*entry->second)->mapEntry == entry) continue;
-    return "a node that forgot its entry: " + entry->first.path;
+    const std::string& path = entry->first.path;
+    if (!isAmong(places, &*entry->second)) return "an entry that designates no node: " + path;
+    if ((*entry->second)->mapEntry != entry) return "a node that forgot its entry: " + path;
   }
   return "";
 }
