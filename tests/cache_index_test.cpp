@@ -108,13 +108,17 @@ class CacheOfFiles {
 template <typename Cache>
 void CheckThatEvenOnesAreFound(const std::vector<File>& files, uint32_t fields) {
   std::vector<bool> found(files.size());
+  int refused = 0;
   const long before = LiveAllocations();
   {
     CacheOfFiles<Cache> cache;
-    for (size_t i = 0; i < files.size(); i += 2) REQUIRE(cache.Store(files[i], fields) == 0);
+    for (size_t i = 0; i < files.size(); i += 2) {
+      if (cache.Store(files[i], fields) != 0) ++refused;
+    }
     for (size_t i = 0; i < files.size(); ++i) found[i] = cache.Holds(files[i], fields);
   }
   const long left = LiveAllocations() - before;
+  CHECK(refused == 0);
   CHECK(left == 0);
   for (size_t i = 0; i < files.size(); ++i) {
     CAPTURE(files[i].path);
@@ -303,6 +307,7 @@ TEST_CASE_TEMPLATE("files are found by one mask after files of another came in, 
 
 TEST_CASE_TEMPLATE("an entry goes with its node, and who shared it is no longer found", Cache,
                    LRUCache, FileTypeCache) {
+  const RecordedLog quiet(ORVEX_LOG_FATAL);
   CacheOfFiles<Cache> files;
   files.cache.SetCapacity(2);
   const File file{"/a", 1, 1};
@@ -319,6 +324,7 @@ TEST_CASE_TEMPLATE("an entry goes with its node, and who shared it is no longer 
 
 TEST_CASE_TEMPLATE("what is found stays right while files come and go at random", Cache, LRUCache,
                    FileTypeCache) {
+  const RecordedLog quiet(ORVEX_LOG_FATAL);
   CacheOfFiles<Cache> files;
   files.cache.SetCapacity(100);
   std::mt19937 random(1);

@@ -18,13 +18,18 @@ bool Holds(const LogRecord& record, const std::string& text) {
 
 RecordedLog* RecordedLog::current_ = nullptr;
 
-RecordedLog::RecordedLog(ORVEX_LOG level) {
+RecordedLog::RecordedLog(ORVEX_LOG level)
+    : enabledBefore_(ORVEX_LOG_BASE::LogEnable), levelBefore_(ORVEX_LOG_BASE::LogLevel) {
   ORVEX_LOG_BASE::LogLevel = level;
   current_ = this;
   orvex_register_log_cb(&RecordedLog::Receive);
 }
 
-RecordedLog::~RecordedLog() { current_ = nullptr; }
+RecordedLog::~RecordedLog() {
+  current_ = nullptr;
+  ORVEX_LOG_BASE::LogEnable = enabledBefore_;
+  ORVEX_LOG_BASE::LogLevel = levelBefore_;
+}
 
 std::vector<LogRecord> RecordedLog::Records() const {
   const std::lock_guard guard(lock_);

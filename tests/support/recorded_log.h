@@ -22,7 +22,8 @@ struct LogRecord {
   std::thread::id thread;
 };
 
-// Receives every message of the library from its construction on.
+// Receives every message of the library from its construction on. At its end the log is
+// on or off, and of the level, as it was before.
 //
 // One at a time: the library knows a callback, not an object.
 // Threads: messages may come from any.
@@ -50,6 +51,9 @@ class RecordedLog {
                       const char* message, unsigned int length);
 
   static RecordedLog* current_;
+
+  const bool enabledBefore_;
+  const ORVEX_LOG levelBefore_;
 
   mutable std::mutex lock_;
   mutable std::condition_variable received_;
