@@ -2,9 +2,10 @@
 #include <doctest/doctest.h>
 
 #include <fstream>
-#include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "cache/orvex_lru_cache_file_type.h"
@@ -245,22 +246,17 @@ TEST_CASE("a file type cache gives back all its memory when it stops") {
 TEST_CASE_TEMPLATE("a cache that ends without a flush leaves its nodes behind and no more", Cache,
                    LRUCache, FileTypeCache) {
   CHECK(LeftBehindBy([] {
-          std::function<void()> deleteNodes = [] {};
-          const auto fill = [&deleteNodes](auto& cache) {
-            Fill(cache);
-            auto nodes = NodesOf(cache);
-            deleteNodes = [nodes, rest = deleteNodes] {
-              for (const auto* node : nodes) delete node;
-              rest();
-            };
-          };
+          decltype(NodesOf(std::declval<Cache&>())) nodes;
           {
             Cache cache;
-            fill(cache);
             const auto onHeap = std::make_unique<Cache>();
-            fill(*onHeap);
+            for (Cache* filled : {&cache, onHeap.get()}) {
+              Fill(*filled);
+              const auto its = NodesOf(*filled);
+              nodes.insert(nodes.end(), its.begin(), its.end());
+            }
           }
-          deleteNodes();
+          for (const auto* node : nodes) delete node;
         }) == 0);
 }
 

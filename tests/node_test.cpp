@@ -33,8 +33,9 @@ TEST_CASE("a new node is empty but for the time it was made") {
   CHECK(node.recordTime == 5000000006);
 }
 
-TEST_CASE("a new node is zero wherever it is made") {
+TEST_CASE("the digests and numbers of a new node are zero wherever it is made") {
   alignas(LRUCacheNode) unsigned char memory[sizeof(LRUCacheNode)];
+  // volatile, for a compiler may know that a new object knows nothing of them.
   for (volatile unsigned char& byte : memory) byte = 0xff;
   auto* const node = new (memory) LRUCacheNode;
   const auto isZero = [](const auto& field) {

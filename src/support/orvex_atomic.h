@@ -10,7 +10,8 @@ constexpr size_t kCacheLineBytes = 64;
 
 // Keeps what stands before it and what stands behind it on different cache lines: cells
 // that different threads write would otherwise travel between processors together. A
-// gap, not an alignment, which would ask more of memory than operator new gives.
+// gap, not an alignment, which would ask more of memory than operator new gives. Nobody
+// reads it, and so nobody writes it.
 using ORVEX_CacheLineGap = std::aligned_storage_t<kCacheLineBytes, 1>;
 
 // The same for an object that begins with a line, after so many bytes of it: what
