@@ -2,10 +2,12 @@
 # The built library as a linker and a loader see it: what it exports, what it
 # needs, and how it is protected.
 #
-# usage: library_test.sh LIBRARY EXPORTED_FUNCTIONS
+# usage: library_test.sh LIBRARY BITS EXPORTED_FUNCTIONS PACKAGE_SYMBOLS
 set -u
 library=$1
-expectedFunctions=$2
+bits=$2
+expectedFunctions=$3
+packageSymbols=$4
 failures=0
 
 fail() {
@@ -20,6 +22,14 @@ functions=$(printf '%s\n' "$exported" | grep -v '^_Z')
 if [ "$functions" != "$(sort "$expectedFunctions")" ]; then
   fail "the unmangled exports are not those of $expectedFunctions:"
   printf '%s\n' "$functions"
+fi
+
+# A package whose symbols are not those of its library is not built.
+packaged=$(sed -n "s/^ (arch-bits=$bits)//p; s/^ \([^(]\)/\1/p" "$packageSymbols" |
+  sed '/^ORVEXENG_/d; s/@.*//' | sort)
+if [ "$packaged" != "$exported" ]; then
+  fail "the exports are not those of $packageSymbols; only on one side are:"
+  printf '%s\n' "$packaged" "$exported" | sort | uniq -u
 fi
 
 # Members, virtual tables and types of the library's own classes, its free
