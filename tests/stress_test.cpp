@@ -174,7 +174,7 @@ class Worker {
     ++self.hashCalls;
     self.MayStandBack();
     if (self.dice_.OneIn(64)) return kFailed;
-    if (self.dice_.OneIn(1024)) throw std::runtime_error("no disk");
+    if (self.dice_.OneIn(64)) throw std::runtime_error("no disk");
     FillStamped(*out, self.NewStamp(), (in->queryFlags & QUERY_SIGNERS) != 0);
     self.MayStandBack();
     return 0;
