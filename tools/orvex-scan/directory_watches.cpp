@@ -21,7 +21,7 @@ constexpr uint32_t kWanted = IN_CLOSE_WRITE | IN_MOVED_TO | IN_MOVED_FROM | IN_D
 constexpr int kFull = -1;
 constexpr int kNothingThere = -2;
 
-constexpr size_t kBufferBytes = 16 << 10;
+constexpr size_t kEventBytes = 16 << 10;
 
 int OpenInotify() {
   const int descriptor = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
@@ -89,7 +89,7 @@ void DirectoryWatches::RemoveTree(const std::string& directory) {
 }
 
 std::vector<Hint> DirectoryWatches::Read() {
-  alignas(inotify_event) std::array<char, kBufferBytes> buffer;
+  alignas(inotify_event) std::array<char, kEventBytes> buffer;
   const ssize_t length = read(descriptor_, buffer.data(), buffer.size());
   if (length < 0 && errno != EAGAIN && errno != EINTR) {
     throw std::system_error(errno, std::generic_category(), "inotify");

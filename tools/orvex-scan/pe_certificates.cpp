@@ -32,12 +32,12 @@ uint32_t U32(const unsigned char* bytes) {
 }
 
 // The table's place in the file, both 0 when there is none.
-struct Table {
+struct CertificateTable {
   uint32_t offset = 0;
   uint32_t size = 0;
 };
 
-Table FindTable(FileReader* file) {
+CertificateTable FindTable(FileReader* file) {
   unsigned char dos[kDosHeaderSize];
   if (file->ReadAt(0, dos, sizeof dos) < sizeof dos || dos[0] != 'M' || dos[1] != 'Z') return {};
 
@@ -105,7 +105,7 @@ void SplitTable(const std::vector<unsigned char>& table, PeCertificates* found) 
 
 PeCertificates ReadPeCertificates(FileReader* file) {
   PeCertificates found;
-  const Table place = FindTable(file);
+  const CertificateTable place = FindTable(file);
   if (place.offset == 0 && place.size == 0) return found;
   if (place.size == 0) {
     found.faults.emplace_back("the table has zero length");
