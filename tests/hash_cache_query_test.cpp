@@ -38,6 +38,23 @@ class InterruptedCache : public OpenHashCache {
     const int result = OpenHashCache::QueryLRUCache(in, out);
     return afterLookup(result);
   }
+  // As if another thread had come to calculate the path.
+  void MarkAfterLookup(const char* path) {
+    afterLookup = [this, path](int result) {
+      const ORVEX_ScopeLock guard(&calHashSet.condLock);
+      calHashSet.paths.insert(path);
+      return result;
+    };
+  }
+  // As if a stop had come as far as the set.
+  void StopSetAfterLookup() {
+    afterLookup = [this](int result) {
+      const ORVEX_ScopeLock guard(&calHashSet.condLock);
+      calHashSet.active = false;
+      return result;
+    };
+  }
+
   std::function<int(int)> afterLookup = [](int result) { return result; };
 };
 
@@ -475,11 +492,7 @@ TEST_CASE("a cache that stops between lookup and calculation refuses with 8 and 
 TEST_CASE("two that passed the wait at once both calculate and only the first one erases") {
   InterruptedCache cache;
   cache.InitLRUCache();
-  cache.afterLookup = [&](int result) {
-    const ORVEX_ScopeLock guard(&cache.calHashSet.condLock);
-    cache.calHashSet.paths.insert("/a");
-    return result;
-  };
+  cache.MarkAfterLookup("/a");
   RecordedLog log;
   metadata_input_s in = InputFor("/a");
   in.invOperation = 0;
@@ -500,11 +513,7 @@ TEST_CASE(
     "one of two that both calculate says at INFO only that it is done, and nothing when off") {
   InterruptedCache cache;
   cache.InitLRUCache();
-  cache.afterLookup = [&](int result) {
-    const ORVEX_ScopeLock guard(&cache.calHashSet.condLock);
-    cache.calHashSet.paths.insert("/a");
-    return result;
-  };
+  cache.MarkAfterLookup("/a");
   RecordedLog log(ORVEX_LOG_INFO);
   CHECK(cache.Ask("/a") == 0);
   CHECK(log.TakeTranscript() ==
@@ -520,11 +529,7 @@ TEST_CASE(
 TEST_CASE("a query that meets a stop after its lookup calculates unannounced") {
   InterruptedCache cache;
   cache.InitLRUCache();
-  cache.afterLookup = [&](int result) {
-    const ORVEX_ScopeLock guard(&cache.calHashSet.condLock);
-    cache.calHashSet.active = false;
-    return result;
-  };
+  cache.StopSetAfterLookup();
   RecordedLog log;
   CHECK(cache.Ask("/a") == 0);
   CHECK(log.CountOf("[CalHashSet] Insert CalHashSet failed: /a") == 1);
@@ -535,11 +540,7 @@ TEST_CASE("a query that meets a stop after its lookup calculates unannounced") {
 TEST_CASE("a query that meets a stop after its lookup says nothing of it unless asked to") {
   InterruptedCache cache;
   cache.InitLRUCache();
-  cache.afterLookup = [&](int result) {
-    const ORVEX_ScopeLock guard(&cache.calHashSet.condLock);
-    cache.calHashSet.active = false;
-    return result;
-  };
+  cache.StopSetAfterLookup();
   RecordedLog log(ORVEX_LOG_FATAL);
   CHECK(cache.Ask("/a") == 0);
   CHECK(log.TakeTranscript() == "");
