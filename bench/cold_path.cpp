@@ -5,8 +5,8 @@
 #include <thread>
 #include <vector>
 
+#include "harness/latch.h"
 #include "loops.h"
-#include "support/latch.h"
 
 namespace bench {
 namespace {

@@ -16,7 +16,7 @@
 #include "careful_hosts.h"
 #include "contenders.h"
 #include "engine_cases.h"
-#include "support/counted_allocations.h"
+#include "harness/counted_allocations.h"
 
 namespace bench {
 namespace {

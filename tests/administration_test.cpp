@@ -7,9 +7,9 @@
 #include <vector>
 
 #include "cache/orvex_caches.h"
+#include "harness/recorded_log.h"
+#include "harness/records.h"
 #include "support/orvex_profiling.h"
-#include "support/recorded_log.h"
-#include "support/records.h"
 
 namespace {
 

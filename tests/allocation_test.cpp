@@ -1,8 +1,8 @@
 // How often the engine asks for memory.
 #include <doctest/doctest.h>
 
-#include "support/counted_allocations.h"
-#include "support/engine_under_test.h"
+#include "harness/counted_allocations.h"
+#include "harness/engine_under_test.h"
 
 namespace {
 

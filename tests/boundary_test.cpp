@@ -9,14 +9,14 @@
 #include <string>
 
 #include "engine/orvex_engine.h"
-#include "support/failing_new.h"
-#include "support/failing_pthread.h"
-#include "support/opened_caches.h"
+#include "harness/failing_new.h"
+#include "harness/failing_pthread.h"
+#include "harness/opened_caches.h"
+#include "harness/recorded_log.h"
+#include "harness/records.h"
+#include "harness/virtual_table.h"
 #include "support/orvex_config.h"
 #include "support/orvex_profiling.h"
-#include "support/recorded_log.h"
-#include "support/records.h"
-#include "support/virtual_table.h"
 
 namespace {
 

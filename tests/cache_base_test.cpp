@@ -8,9 +8,9 @@
 
 #include "cache/orvex_lru_cache.h"
 #include "cache/orvex_lru_cache_file_type.h"
-#include "support/failing_new.h"
-#include "support/recorded_log.h"
-#include "support/records.h"
+#include "harness/failing_new.h"
+#include "harness/recorded_log.h"
+#include "harness/records.h"
 
 namespace {
 

@@ -8,10 +8,10 @@
 #include <string>
 #include <vector>
 
-#include "support/failing_new.h"
-#include "support/opened_caches.h"
-#include "support/recorded_log.h"
-#include "support/records.h"
+#include "harness/failing_new.h"
+#include "harness/opened_caches.h"
+#include "harness/recorded_log.h"
+#include "harness/records.h"
 
 namespace {
 

@@ -5,10 +5,10 @@
 #include <string>
 
 #include "cache/orvex_caches.h"
+#include "harness/recorded_log.h"
 #include "support/orvex_config.h"
 #include "support/orvex_log.h"
 #include "support/orvex_profiling.h"
-#include "support/recorded_log.h"
 
 namespace {
 

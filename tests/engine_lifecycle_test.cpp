@@ -7,14 +7,14 @@
 
 #include "cache/orvex_caches.h"
 #include "engine/orvex_engine.h"
-#include "support/captured_output.h"
-#include "support/counted_sleep.h"
-#include "support/engine_under_test.h"
-#include "support/failing_pthread.h"
-#include "support/latch.h"
+#include "harness/captured_output.h"
+#include "harness/counted_sleep.h"
+#include "harness/engine_under_test.h"
+#include "harness/failing_pthread.h"
+#include "harness/latch.h"
+#include "harness/recorded_log.h"
+#include "harness/virtual_table.h"
 #include "support/orvex_config.h"
-#include "support/recorded_log.h"
-#include "support/virtual_table.h"
 
 namespace {
 

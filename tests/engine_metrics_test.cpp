@@ -6,10 +6,10 @@
 
 #include "cache/orvex_caches.h"
 #include "engine/orvex_engine.h"
-#include "support/engine_under_test.h"
+#include "harness/engine_under_test.h"
+#include "harness/recorded_log.h"
+#include "harness/virtual_table.h"
 #include "support/orvex_profiling.h"
-#include "support/recorded_log.h"
-#include "support/virtual_table.h"
 
 namespace {
 

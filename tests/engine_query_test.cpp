@@ -6,10 +6,10 @@
 #include <stdexcept>
 #include <string>
 
-#include "support/engine_under_test.h"
-#include "support/latch.h"
+#include "harness/engine_under_test.h"
+#include "harness/latch.h"
+#include "harness/recorded_log.h"
 #include "support/orvex_profiling.h"
-#include "support/recorded_log.h"
 
 namespace {
 

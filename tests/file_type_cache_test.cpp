@@ -6,8 +6,8 @@
 #include <string>
 
 #include "cache/orvex_lru_cache_file_type.h"
-#include "support/recorded_log.h"
-#include "support/records.h"
+#include "harness/recorded_log.h"
+#include "harness/records.h"
 
 namespace {
 

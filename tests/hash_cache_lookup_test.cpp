@@ -4,9 +4,9 @@
 #include <cstring>
 #include <string>
 
-#include "support/open_hash_cache.h"
+#include "harness/open_hash_cache.h"
+#include "harness/recorded_log.h"
 #include "support/orvex_profiling.h"
-#include "support/recorded_log.h"
 
 namespace {
 

@@ -14,11 +14,11 @@
 #include <thread>
 #include <vector>
 
-#include "support/counted_sleep.h"
-#include "support/latch.h"
-#include "support/open_hash_cache.h"
+#include "harness/counted_sleep.h"
+#include "harness/latch.h"
+#include "harness/open_hash_cache.h"
+#include "harness/recorded_log.h"
 #include "support/orvex_profiling.h"
-#include "support/recorded_log.h"
 
 namespace {
 

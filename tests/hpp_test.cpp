@@ -9,8 +9,8 @@
 #include <utility>
 #include <vector>
 
+#include "harness/records.h"
 #include "orvexeng.hpp"
-#include "support/records.h"
 
 namespace {
 

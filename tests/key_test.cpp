@@ -4,7 +4,7 @@
 #include <string>
 
 #include "cache/orvex_lru_cache_key.h"
-#include "support/recorded_log.h"
+#include "harness/recorded_log.h"
 
 namespace {
 

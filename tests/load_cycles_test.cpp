@@ -8,8 +8,8 @@
 #include <fstream>
 #include <string>
 
+#include "harness/failing_new.h"
 #include "orvexeng.h"
-#include "support/failing_new.h"
 
 // There under a leak checker only, which must not report what is left on purpose.
 extern "C" __attribute__((weak)) void __lsan_disable();

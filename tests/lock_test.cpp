@@ -5,9 +5,9 @@
 #include <thread>
 #include <type_traits>
 
-#include "support/captured_output.h"
-#include "support/failing_pthread.h"
-#include "support/latch.h"
+#include "harness/captured_output.h"
+#include "harness/failing_pthread.h"
+#include "harness/latch.h"
 #include "support/orvex_lock.h"
 
 namespace {

@@ -7,10 +7,10 @@
 #include <stdexcept>
 #include <string>
 
-#include "support/captured_output.h"
+#include "harness/captured_output.h"
+#include "harness/real_function.h"
+#include "harness/recorded_log.h"
 #include "support/orvex_log.h"
-#include "support/real_function.h"
-#include "support/recorded_log.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "cache/orvex_lru_cache_t.h"
-#include "support/recorded_log.h"
+#include "harness/recorded_log.h"
 
 namespace {
 

@@ -9,11 +9,11 @@
 #include <vector>
 
 #include "cache/orvex_lru_cache_file_type.h"
-#include "support/engine_under_test.h"
-#include "support/failing_new.h"
-#include "support/open_hash_cache.h"
-#include "support/opened_caches.h"
-#include "support/recorded_log.h"
+#include "harness/engine_under_test.h"
+#include "harness/failing_new.h"
+#include "harness/open_hash_cache.h"
+#include "harness/opened_caches.h"
+#include "harness/recorded_log.h"
 
 namespace {
 

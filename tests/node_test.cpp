@@ -6,9 +6,9 @@
 #include <string>
 
 #include "cache/orvex_lru_cache_node.h"
-#include "support/recorded_log.h"
-#include "support/records.h"
-#include "support/scripted_clock.h"
+#include "harness/recorded_log.h"
+#include "harness/records.h"
+#include "harness/scripted_clock.h"
 
 namespace {
 

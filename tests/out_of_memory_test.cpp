@@ -16,11 +16,11 @@
 #include <thread>
 #include <vector>
 
-#include "support/counted_sleep.h"
-#include "support/engine_under_test.h"
-#include "support/failing_new.h"
-#include "support/latch.h"
-#include "support/opened_caches.h"
+#include "harness/counted_sleep.h"
+#include "harness/engine_under_test.h"
+#include "harness/failing_new.h"
+#include "harness/latch.h"
+#include "harness/opened_caches.h"
 #include "support/orvex_config.h"
 #include "support/orvex_profiling.h"
 

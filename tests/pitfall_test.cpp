@@ -5,7 +5,7 @@
 #include <cstring>
 #include <string>
 
-#include "support/engine_under_test.h"
+#include "harness/engine_under_test.h"
 
 namespace {
 

@@ -17,13 +17,13 @@
 #include <thread>
 #include <vector>
 
-#include "support/counted_sleep.h"
-#include "support/deep_form.h"
-#include "support/failing_new.h"
-#include "support/latch.h"
-#include "support/opened_caches.h"
+#include "harness/counted_sleep.h"
+#include "harness/deep_form.h"
+#include "harness/failing_new.h"
+#include "harness/latch.h"
+#include "harness/opened_caches.h"
+#include "harness/records.h"
 #include "support/orvex_log.h"
-#include "support/records.h"
 
 namespace {
 

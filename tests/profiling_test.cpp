@@ -3,9 +3,9 @@
 
 #include <string>
 
+#include "harness/recorded_log.h"
+#include "harness/scripted_clock.h"
 #include "support/orvex_profiling.h"
-#include "support/recorded_log.h"
-#include "support/scripted_clock.h"
 
 namespace {
 

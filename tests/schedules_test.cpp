@@ -18,9 +18,9 @@
 #include <string>
 #include <vector>
 
-#include "support/engine_under_test.h"
-#include "support/every_schedule.h"
-#include "support/open_hash_cache.h"
+#include "harness/engine_under_test.h"
+#include "harness/every_schedule.h"
+#include "harness/open_hash_cache.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <thread>
 #include <vector>
 
-#include "support/latch.h"
+#include "harness/latch.h"
 #include "support/orvex_singleton.h"
 
 namespace {

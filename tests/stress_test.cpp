@@ -17,11 +17,11 @@
 #include <vector>
 
 #include "cache/orvex_caches.h"
+#include "harness/counted_sleep.h"
+#include "harness/open_hash_cache.h"
+#include "harness/stamped_answer.h"
 #include "orvexeng.h"
-#include "support/counted_sleep.h"
-#include "support/open_hash_cache.h"
 #include "support/orvex_log.h"
-#include "support/stamped_answer.h"
 
 namespace {
 

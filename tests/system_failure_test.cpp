@@ -15,15 +15,15 @@
 #include <string>
 #include <thread>
 
-#include "support/captured_output.h"
-#include "support/counted_sleep.h"
-#include "support/failing_pthread.h"
-#include "support/latch.h"
-#include "support/open_hash_cache.h"
-#include "support/opened_caches.h"
+#include "harness/captured_output.h"
+#include "harness/counted_sleep.h"
+#include "harness/failing_pthread.h"
+#include "harness/latch.h"
+#include "harness/open_hash_cache.h"
+#include "harness/opened_caches.h"
+#include "harness/scripted_clock.h"
+#include "harness/whole_life.h"
 #include "support/orvex_config.h"
-#include "support/scripted_clock.h"
-#include "support/whole_life.h"
 
 namespace {
 

@@ -9,11 +9,11 @@
 #include <string>
 #include <thread>
 
-#include "support/counted_sleep.h"
-#include "support/latch.h"
-#include "support/opened_caches.h"
+#include "harness/counted_sleep.h"
+#include "harness/latch.h"
+#include "harness/opened_caches.h"
+#include "harness/whole_life.h"
 #include "support/orvex_log.h"
-#include "support/whole_life.h"
 
 namespace {
 

@@ -1,8 +1,8 @@
 // The wall clock and conversions between units of time.
 #include <doctest/doctest.h>
 
+#include "harness/scripted_clock.h"
 #include "support/orvex_time.h"
-#include "support/scripted_clock.h"
 
 TEST_CASE("conversions to a coarser unit truncate") {
   CHECK(ORVEXTimeNsToSec(999999999) == 0);

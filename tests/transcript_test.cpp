@@ -6,11 +6,11 @@
 #include <future>
 #include <string>
 
-#include "support/counted_sleep.h"
-#include "support/engine_under_test.h"
-#include "support/latch.h"
-#include "support/recorded_log.h"
-#include "support/scripted_clock.h"
+#include "harness/counted_sleep.h"
+#include "harness/engine_under_test.h"
+#include "harness/latch.h"
+#include "harness/recorded_log.h"
+#include "harness/scripted_clock.h"
 
 namespace {
 

@@ -12,10 +12,10 @@
 #include <string>
 
 #include "free_signers.h"
-#include "support/counted_sleep.h"
-#include "support/engine_under_test.h"
-#include "support/latch.h"
-#include "support/recorded_log.h"
+#include "harness/counted_sleep.h"
+#include "harness/engine_under_test.h"
+#include "harness/latch.h"
+#include "harness/recorded_log.h"
 
 namespace {
 

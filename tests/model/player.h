@@ -5,11 +5,11 @@
 #include <set>
 #include <string>
 
+#include "harness/captured_output.h"
+#include "harness/records.h"
 #include "model/engine_interface.h"
 #include "model/operation.h"
 #include "model/ticking_clock.h"
-#include "support/captured_output.h"
-#include "support/records.h"
 
 // Two players of one story see the same if their engines behave the same. Each
 // has a clock, a directory and output records of its own.

@@ -6,7 +6,7 @@
 
 #include "cache/orvex_caches.h"
 #include "engine/orvex_engine.h"
-#include "support/opened_caches.h"
+#include "harness/opened_caches.h"
 #include "support/orvex_config.h"
 #include "support/orvex_log.h"
 #include "support/orvex_profiling.h"

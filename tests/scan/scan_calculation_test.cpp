@@ -6,9 +6,9 @@
 #include <string>
 
 #include "calculation.h"
+#include "harness/calculating_host.h"
+#include "harness/temporary_directory.h"
 #include "identity.h"
-#include "support/calculating_host.h"
-#include "support/temporary_directory.h"
 
 using orvexscan::Calculation;
 using orvexscan::FailureReason;

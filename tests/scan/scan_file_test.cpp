@@ -11,10 +11,10 @@
 #include "file_failure.h"
 #include "file_reader.h"
 #include "file_type.h"
+#include "harness/temporary_directory.h"
 #include "identity.h"
 #include "inventory.h"
 #include "process_maps.h"
-#include "support/temporary_directory.h"
 #include "walk.h"
 
 using orvexscan::FailureReason;

@@ -11,10 +11,10 @@
 #include <thread>
 
 #include "calculation.h"
+#include "harness/calculating_host.h"
+#include "harness/temporary_directory.h"
 #include "identity.h"
 #include "settling.h"
-#include "support/calculating_host.h"
-#include "support/temporary_directory.h"
 
 using orvexscan::Calculation;
 using orvexscan::Identity;

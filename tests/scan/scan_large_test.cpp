@@ -10,10 +10,10 @@
 
 #include "descriptor.h"
 #include "file_reader.h"
+#include "harness/deep_form.h"
+#include "harness/scan_run.h"
+#include "harness/temporary_directory.h"
 #include "identity.h"
-#include "support/deep_form.h"
-#include "support/scan_run.h"
-#include "support/temporary_directory.h"
 
 using orvexscan::IdentityOf;
 

@@ -9,9 +9,9 @@
 #include <string>
 #include <vector>
 
+#include "harness/scan_run.h"
+#include "harness/temporary_directory.h"
 #include "metrics.h"
-#include "support/scan_run.h"
-#include "support/temporary_directory.h"
 
 using orvexscan::Metric;
 

@@ -8,11 +8,11 @@
 #include <vector>
 
 #include "file_reader.h"
+#include "harness/signed_pe.h"
+#include "harness/temporary_directory.h"
 #include "identity.h"
 #include "pe_certificates.h"
 #include "signer_names.h"
-#include "support/signed_pe.h"
-#include "support/temporary_directory.h"
 
 using orvexscan::AddSigners;
 using orvexscan::FileReader;

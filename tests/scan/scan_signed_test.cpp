@@ -4,9 +4,9 @@
 #include <string>
 
 #include "file_reader.h"
+#include "harness/scan_run.h"
 #include "identity.h"
 #include "pe_certificates.h"
-#include "support/scan_run.h"
 
 namespace {
 

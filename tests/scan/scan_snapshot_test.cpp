@@ -6,9 +6,9 @@
 #include <filesystem>
 #include <string>
 
-#include "support/scan_run.h"
-#include "support/signed_pe.h"
-#include "support/temporary_directory.h"
+#include "harness/scan_run.h"
+#include "harness/signed_pe.h"
+#include "harness/temporary_directory.h"
 
 namespace {
 

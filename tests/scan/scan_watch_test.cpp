@@ -7,10 +7,10 @@
 #include <regex>
 #include <string>
 
+#include "harness/scan_run.h"
+#include "harness/temporary_directory.h"
+#include "harness/watching_scan.h"
 #include "known_files.h"
-#include "support/scan_run.h"
-#include "support/temporary_directory.h"
-#include "support/watching_scan.h"
 
 namespace fs = std::filesystem;
 

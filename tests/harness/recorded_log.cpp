@@ -1,5 +1,5 @@
 // The engine's messages, kept for a test to look at.
-#include "support/recorded_log.h"
+#include "harness/recorded_log.h"
 
 #include <algorithm>
 

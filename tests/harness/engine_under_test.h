@@ -5,8 +5,8 @@
 #include <functional>
 #include <future>
 
+#include "harness/records.h"
 #include "orvexeng.h"
-#include "support/records.h"
 
 // Counts its calls and answers them. A test replaces what it is about.
 struct Host {

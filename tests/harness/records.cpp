@@ -1,5 +1,5 @@
 // The records of a query, as tests fill and read them.
-#include "support/records.h"
+#include "harness/records.h"
 
 #include <algorithm>
 #include <cstring>

@@ -1,5 +1,5 @@
 // Memory that runs out when a test wants it to.
-#include "support/failing_new.h"
+#include "harness/failing_new.h"
 
 #include <atomic>
 #include <cstdlib>

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "support/engine_under_test.h"
+#include "harness/engine_under_test.h"
 
 using Steps = std::vector<std::string>;
 

@@ -1,5 +1,5 @@
 // A life of the engine in which everything happens once.
-#include "support/whole_life.h"
+#include "harness/whole_life.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
 // An engine with a host behind it, for tests that tell a short story.
-#include "support/engine_under_test.h"
+#include "harness/engine_under_test.h"
 
 #include <cstring>
 

@@ -1,5 +1,5 @@
 // Threads that take turns in every order there is.
-#include "support/every_schedule.h"
+#include "harness/every_schedule.h"
 
 #include <sched.h>
 #include <time.h>
@@ -9,7 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "support/real_function.h"
+#include "harness/real_function.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
 // A clock that tells the time a test wants, and who looked at it.
-#include "support/scripted_clock.h"
+#include "harness/scripted_clock.h"
 
 #include <sys/syscall.h>
 #include <unistd.h>

@@ -1,5 +1,5 @@
 // What a test's program writes to standard output, in place of the screen.
-#include "support/captured_output.h"
+#include "harness/captured_output.h"
 
 #include <sys/mman.h>
 #include <unistd.h>

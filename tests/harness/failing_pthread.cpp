@@ -1,9 +1,9 @@
 // A system whose mutexes and conditions fail when a test wants them to.
-#include "support/failing_pthread.h"
+#include "harness/failing_pthread.h"
 
 #include <pthread.h>
 
-#include "support/real_function.h"
+#include "harness/real_function.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "cache/orvex_lru_cache.h"
-#include "support/records.h"
+#include "harness/records.h"
 
 using Paths = std::vector<std::string>;
 

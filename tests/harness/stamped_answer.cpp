@@ -1,5 +1,5 @@
 // Answers that tell which calculation they come from.
-#include "support/stamped_answer.h"
+#include "harness/stamped_answer.h"
 
 #include <algorithm>
 #include <cstring>

@@ -1,4 +1,4 @@
-#include "support/watching_scan.h"
+#include "harness/watching_scan.h"
 
 #include <fcntl.h>
 #include <sys/wait.h>

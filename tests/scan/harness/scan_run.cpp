@@ -1,4 +1,4 @@
-#include "support/scan_run.h"
+#include "harness/scan_run.h"
 
 #include <sys/wait.h>
 
@@ -6,7 +6,7 @@
 #include <fstream>
 #include <sstream>
 
-#include "support/temporary_directory.h"
+#include "harness/temporary_directory.h"
 
 namespace {
 

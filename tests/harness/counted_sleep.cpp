@@ -1,5 +1,5 @@
 // A usleep that returns at once and remembers what it was asked for.
-#include "support/counted_sleep.h"
+#include "harness/counted_sleep.h"
 
 #include <errno.h>
 #include <time.h>

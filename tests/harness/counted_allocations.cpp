@@ -1,5 +1,5 @@
 // How much memory this thread asks for.
-#include "support/counted_allocations.h"
+#include "harness/counted_allocations.h"
 
 #include <errno.h>
 #include <malloc.h>

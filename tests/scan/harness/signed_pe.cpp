@@ -1,4 +1,4 @@
-#include "support/signed_pe.h"
+#include "harness/signed_pe.h"
 
 #include <openssl/ec.h>
 #include <openssl/evp.h>
