@@ -10,7 +10,7 @@
 
 set(ORVEXENG_SYSROOT_I386 ${PROJECT_SOURCE_DIR}/build/sysroot-i386 CACHE PATH
   "Where the 32-bit development files of orvex-scan are kept")
-option(ORVEXENG_FETCH_SYSROOT "Let the configure step fetch them (apt-get download)" ON)
+option(ORVEXENG_FETCH_SYSROOT "Let the configure step fetch them (apt-get download)" OFF)
 
 set(orvexScanPaths)
 if(ORVEXENG_BITS EQUAL 32)

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "harness/failing_new.h"
+#include "harness/sanitizers.h"
 #include "orvexeng.h"
 
 // There under a leak checker only, which must not report what is left on purpose.
@@ -44,13 +45,7 @@ int OpenFiles() {
   return files;
 }
 
-size_t BytesInUse() {
-#if defined(__SANITIZE_ADDRESS__)
-  return 0;
-#else
-  return mallinfo2().uordblks;
-#endif
-}
+size_t BytesInUse() { return ORVEXENG_CHECKS_MEMORY ? 0 : mallinfo2().uordblks; }
 
 int Answer(metadata_input_s*, metadata_output_s* out, void*) {
   out->queryFlags |= QUERY_DIGEST32 | QUERY_FILE_TYPE;
@@ -106,7 +101,8 @@ long Left(bool stops) {
 
 }  // namespace
 
-TEST_CASE("a thousand loads with a stop leave nothing in the process") {
+TEST_CASE("a thousand loads with a stop leave nothing in the process" *
+          doctest::test_suite("slow")) {
   REQUIRE(Cycle(true) == "");
   const size_t before = BytesInUse();
   CHECK(Left(true) == 0);
@@ -114,7 +110,8 @@ TEST_CASE("a thousand loads with a stop leave nothing in the process") {
   CHECK(BytesInUse() < before + kCycles * 16);
 }
 
-TEST_CASE("a thousand loads without a stop leave the entries that were cached and no more") {
+TEST_CASE("a thousand loads without a stop leave the entries that were cached and no more" *
+          doctest::test_suite("slow")) {
   if (__lsan_disable != nullptr) __lsan_disable();
   const long left = Left(false);
   if (__lsan_enable != nullptr) __lsan_enable();

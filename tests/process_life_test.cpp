@@ -23,6 +23,7 @@
 #include "harness/latch.h"
 #include "harness/opened_caches.h"
 #include "harness/records.h"
+#include "harness/sanitizers.h"
 #include "support/orvex_log.h"
 
 namespace {
@@ -143,7 +144,8 @@ int ExitCodeOf(pid_t child) {
 
 }  // namespace
 
-TEST_CASE("a child forked at any moment of a running load may exec or leave by _exit") {
+TEST_CASE("a child forked at any moment of a running load may exec or leave by _exit" *
+          doctest::test_suite("slow")) {
   const int kForks = InDeepForm(5000, 200);
   REQUIRE(Start() == 0);
   orvex_set_cache_capacity(ORVEX_HASH_CACHE, kPaths / 2);
@@ -240,7 +242,8 @@ class SignalRain {
 
 }  // namespace
 
-TEST_CASE("ten thousand signals a second change no answer and hold up no stop") {
+TEST_CASE("ten thousand signals a second change no answer and hold up no stop" *
+          doctest::test_suite("slow")) {
   const auto duration = std::chrono::seconds(InDeepForm(60, 2));
   int starts = 0;
   long queries = 0;
@@ -274,7 +277,8 @@ TEST_CASE("ten thousand signals a second change no answer and hold up no stop") 
               queries, starts);
 }
 
-TEST_CASE("a storm of starts and stops under load pauses two seconds at most in every stop") {
+TEST_CASE("a storm of starts and stops under load pauses two seconds at most in every stop" *
+          doctest::test_suite("slow")) {
   const int kCycles = InDeepForm(10000, 2000);
   // How fast it goes is up to the scheduler; the short form ends in time.
   const auto end = Clock::now() + std::chrono::seconds(InDeepForm(100000, 5));
@@ -306,7 +310,7 @@ TEST_CASE("a storm of starts and stops under load pauses two seconds at most in 
               load.queries.load(), mostPauses);
 }
 
-TEST_CASE("a stop under load takes its two seconds at most") {
+TEST_CASE("a stop under load takes its two seconds at most" * doctest::test_suite("slow")) {
   const int kCycles = InDeepForm(100, 3);
   Load load(8);
   double longest = 0;
@@ -389,7 +393,7 @@ void DoEverything(unsigned int seed, Clock::time_point end, std::atomic<long>& c
 
 }  // namespace
 
-TEST_CASE("a soak of everything at once keeps memory flat") {
+TEST_CASE("a soak of everything at once keeps memory flat" * doctest::test_suite("slow")) {
   const char* const asked = std::getenv("ORVEXENG_SOAK_SECONDS");
   const int seconds = asked != nullptr ? std::atoi(asked) : InDeepForm(300, 10);
   const int kRounds = 20;
@@ -420,7 +424,7 @@ TEST_CASE("a soak of everything at once keeps memory flat") {
   const long grown = ResidentPages() - pagesEarly;
   CHECK(wrong == 0);
   CHECK(leakingRounds == 0);
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+#if !ORVEXENG_CHECKS_MEMORY && !ORVEXENG_CHECKS_THREADS
   CHECK(grown < 256);  // 1 MiB: arenas of threads settle.
 #endif
   std::printf("%ld calls in %d s, resident memory grew by %ld KiB after the first quarter\n",

@@ -14,7 +14,7 @@ for place in here "somewhere/else with a longer name"; do
   CXXFLAGS="-ffile-prefix-map=$(printf %s "$copy" | sed 's/ /\\ /g')=." \
     cmake -G Ninja -S "$copy" -B "$copy/build" -DORVEXENG_BITS="$2" \
     -DCMAKE_C_COMPILER="$3" -DCMAKE_CXX_COMPILER="$4" -DORVEXENG_BUILD_EXAMPLES=OFF \
-    -DORVEXENG_BUILD_TESTS=OFF -DORVEXENG_BUILD_TOOLS=OFF >"$directory/log" 2>&1 ||
+    -DORVEXENG_BUILD_TESTS=OFF >"$directory/log" 2>&1 ||
     { cat "$directory/log"; exit 1; }
   cmake --build "$copy/build" --target orvexeng >"$directory/log" 2>&1 ||
     { cat "$directory/log"; exit 1; }

@@ -172,7 +172,8 @@ TEST_CASE("threads that ask for one path all get one answer, whatever their orde
   }
 }
 
-TEST_CASE("threads whose answers are not kept all ask the host, whatever their order") {
+TEST_CASE("threads whose answers are not kept all ask the host, whatever their order" *
+          doctest::test_suite("slow")) {
   for (const size_t threads : {2u, 3u}) {
     Scene scene("answers not kept");
     for (size_t i = 0; i < threads; ++i) scene.Ask("/a", 0);
@@ -191,7 +192,8 @@ TEST_CASE("threads whose answers are not kept all ask the host, whatever their o
   }
 }
 
-TEST_CASE("a host that fails or throws holds nobody up, whatever the order of threads") {
+TEST_CASE("a host that fails or throws holds nobody up, whatever the order of threads" *
+          doctest::test_suite("slow")) {
   for (const bool throws : {false, true}) {
     CAPTURE(throws);
     for (const size_t threads : {2u, 3u}) {

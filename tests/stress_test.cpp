@@ -19,17 +19,15 @@
 #include "cache/orvex_caches.h"
 #include "harness/counted_sleep.h"
 #include "harness/open_hash_cache.h"
+#include "harness/sanitizers.h"
 #include "harness/stamped_answer.h"
 #include "orvexeng.h"
 #include "support/orvex_log.h"
 
 namespace {
 
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-constexpr long kOperations = 1'000'000;
-#else
-constexpr long kOperations = 10'000'000;
-#endif
+constexpr long kOperations =
+    ORVEXENG_CHECKS_THREADS || ORVEXENG_CHECKS_MEMORY ? 1'000'000 : 10'000'000;
 
 constexpr int kThreads = 8;
 constexpr int kFailed = 77;
@@ -311,7 +309,8 @@ class CountingCache : public OpenHashCache {
 
 }  // namespace
 
-TEST_CASE("every sum is exact and every answer whole after everything at once") {
+TEST_CASE("every sum is exact and every answer whole after everything at once" *
+          doctest::test_suite("slow")) {
   REQUIRE(Start() == 0);
   Workers workers(false);
   const long operations = Operations(60);
@@ -344,7 +343,8 @@ TEST_CASE("every sum is exact and every answer whole after everything at once") 
   orvex_deinit();
 }
 
-TEST_CASE("lookups add up also when the counters are set back in their midst") {
+TEST_CASE("lookups add up also when the counters are set back in their midst" *
+          doctest::test_suite("slow")) {
   REQUIRE(Start() == 0);
   Workers workers(true);
   workers.Work(Operations(15));
@@ -354,7 +354,8 @@ TEST_CASE("lookups add up also when the counters are set back in their midst") {
   orvex_deinit();
 }
 
-TEST_CASE("queries are answered or refused while the engine stops and starts") {
+TEST_CASE("queries are answered or refused while the engine stops and starts" *
+          doctest::test_suite("slow")) {
   CountedSleep noPause;  // So that a stop also overtakes threads that are still inside.
   noPause.onSleep = sched_yield;
   Workers workers(true);
@@ -389,7 +390,7 @@ TEST_CASE("queries are answered or refused while the engine stops and starts") {
   orvex_deinit();
 }
 
-TEST_CASE("what was inserted is evicted, flushed or still there") {
+TEST_CASE("what was inserted is evicted, flushed or still there" * doctest::test_suite("slow")) {
   orvex_register_log_cb(OneLog);
   CountingCache cache;
   cache.InitLRUCache();

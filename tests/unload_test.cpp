@@ -5,6 +5,7 @@
 #include <fstream>
 #include <string>
 
+#include "harness/sanitizers.h"
 #include "orvexeng.h"
 
 namespace {
@@ -75,11 +76,7 @@ TEST_CASE("a library that was used and stopped is gone after the last close") {
 
 // Entries of an engine that nobody stopped are never freed, which a search for
 // leaks rightly reports.
-#if defined(__SANITIZE_ADDRESS__)
-constexpr bool kLeaksAreReported = true;
-#else
-constexpr bool kLeaksAreReported = false;
-#endif
+constexpr bool kLeaksAreReported = ORVEXENG_CHECKS_MEMORY;
 
 TEST_CASE("a library that was closed without a stop is gone too and starts afresh" *
           doctest::skip(kLeaksAreReported)) {

@@ -5,16 +5,9 @@
 #include <cstdlib>
 #include <new>
 
-#if defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer) || \
-    __has_feature(memory_sanitizer)
-#define ORVEXENG_FOREIGN_MALLOC
-#endif
-#endif
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define ORVEXENG_FOREIGN_MALLOC
-#endif
-#if defined(ORVEXENG_FAIL_MALLOC) && !defined(ORVEXENG_FOREIGN_MALLOC)
+#include "harness/sanitizers.h"
+
+#if defined(ORVEXENG_FAIL_MALLOC) && !ORVEXENG_CHECKS_MEMORY && !ORVEXENG_CHECKS_THREADS
 #define ORVEXENG_REPLACE_MALLOC
 #endif
 

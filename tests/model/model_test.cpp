@@ -62,7 +62,8 @@ TEST_CASE("the engine reads every configuration file of the corpus as its model 
   }
 }
 
-TEST_CASE("the engine behaves as its model over 2,000,000 random operations") {
+TEST_CASE("the engine behaves as its model over 2,000,000 random operations" *
+          doctest::test_suite("slow")) {
   const uint64_t wanted = Setting("ORVEXENG_MODEL_OPERATIONS", 2000000);
   const uint64_t first = Setting("ORVEXENG_MODEL_SEED", 1);
   SharedNumber seed;
@@ -84,7 +85,7 @@ TEST_CASE("the engine behaves as its model over 2,000,000 random operations") {
 
 // The number stands for all that the engine shows: it changes when the engine or
 // the stories do, and must then be the same for both targets again.
-TEST_CASE("the engine tells the same stories on every target") {
+TEST_CASE("the engine tells the same stories on every target" * doctest::test_suite("slow")) {
   uint64_t digest = 0;
   for (uint64_t seed = 1000000; seed < 1000200; ++seed) {
     digest = digest * 31 + DigestOf(StoryOf(seed));
