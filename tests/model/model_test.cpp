@@ -3,7 +3,6 @@
 // ORVEXENG_MODEL_OPERATIONS and ORVEXENG_MODEL_SEED set how long the random test
 // goes on and where it begins.
 #include <doctest/doctest.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -68,9 +67,9 @@ TEST_CASE("the engine behaves as its model over 2,000,000 random operations" *
   const uint64_t first = Setting("ORVEXENG_MODEL_SEED", 1);
   SharedNumber seed;
   seed.Get() = first;
-  const std::string end = RunApart(kSecondsPerStory, [&] {
+  const std::string end = RunApart([&] {
     for (uint64_t done = 0; done < wanted; ++seed.Get()) {
-      alarm(kSecondsPerStory);
+      LimitStory();
       const Operations story = StoryOf(seed.Get());
       if (FindDifference(story)) return false;
       done += story.size();

@@ -2,6 +2,7 @@
 #include "model/trial.h"
 
 #include <sys/mman.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -26,12 +27,18 @@ SharedNumber::SharedNumber()
 
 SharedNumber::~SharedNumber() { munmap(number_, sizeof(uint64_t)); }
 
-std::string RunApart(unsigned int allowedSeconds, const std::function<bool()>& body) {
+void LimitStory() {
+  itimerval limit{};
+  limit.it_value.tv_sec = kCpuSecondsPerStory;
+  setitimer(ITIMER_PROF, &limit, nullptr);
+}
+
+std::string RunApart(const std::function<bool()>& body) {
   std::fflush(nullptr);
   const pid_t child = fork();
   if (child < 0) return "no process to be had";
   if (child == 0) {
-    alarm(allowedSeconds);
+    LimitStory();
     _exit(body() ? 0 : 1);
   }
   int status = 0;
@@ -41,7 +48,7 @@ std::string RunApart(unsigned int allowedSeconds, const std::function<bool()>& b
 }
 
 bool Fails(const Operations& operations) {
-  return !RunApart(kSecondsPerStory, [&] { return !FindDifference(operations); }).empty();
+  return !RunApart([&] { return !FindDifference(operations); }).empty();
 }
 
 Operations Shrunk(Operations operations) {
@@ -75,7 +82,7 @@ Operations Shrunk(Operations operations) {
 
 std::string Report(const Operations& operations) {
   const std::string file = "difference.txt";
-  const std::string end = RunApart(kSecondsPerStory, [&] {
+  const std::string end = RunApart([&] {
     const auto difference = FindDifference(operations);
     if (difference) {
       std::ofstream(file) << "at operation " << difference->operation << "\n" << difference->text;
