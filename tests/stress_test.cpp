@@ -56,9 +56,14 @@ class Dice {
   uint64_t state_;
 };
 
+// Each fills 32 bytes, terminator included. The C library reads strings a word at a time,
+// and so past the end of a block of 18: after a free, a race detector still holds that
+// read against whichever thread is given the memory next.
 const std::deque<std::string> paths = [] {
   std::deque<std::string> made;
-  for (uint32_t i = 0; i < kFiles; ++i) made.push_back("/usr/lib/file-" + std::to_string(i));
+  for (uint32_t i = 0; i < kFiles; ++i) {
+    made.push_back("/usr/lib/some-package/file-" + std::to_string(1000 + i));
+  }
   return made;
 }();
 
