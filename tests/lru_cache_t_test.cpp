@@ -1,28 +1,109 @@
-// The least-recently-used cache under both caches, with a key and a node of its own.
+// The least-recently-used cache under both caches: with a key and a node of its own,
+// and as the library holds it for its own subclasses and for those of a host.
 #include <doctest/doctest.h>
 
-#include <map>
-#include <new>
+#include <algorithm>
+#include <cstddef>
 #include <string>
+#include <string_view>
 #include <vector>
 
-#include "cache/orvex_lru_cache_t.h"
+#include "cache/orvex_lru_cache.h"
+#include "cache/orvex_lru_cache_file_type.h"
+#include "harness/failing_new.h"
 #include "harness/recorded_log.h"
+#include "harness/records.h"
 
 namespace {
 
+using Paths = std::vector<std::string>;
+
+// The number that a path has besides: its first letter.
+metadata_input_s FileAt(const char* path, uint32_t mask = kAllKeyBits) {
+  metadata_input_s in = InputFor(path);
+  in.fileOperation = mask;
+  in.size = static_cast<uint64_t>(path[1]);
+  return in;
+}
+
+// A host's own cache with no more than it must have; its parts are open to the tests.
+template <typename Key, typename Node, typename Metrics>
+class BareCache : public LRUCacheT<Key, Node, Metrics> {
+ public:
+  using Base = LRUCacheT<Key, Node, Metrics>;
+  using KeyType = Key;
+  using NodeType = Node;
+  using Base::active;
+  using Base::CacheMap;
+  using Base::CacheNodeList;
+  using Base::capacity;
+  using Base::metrics;
+  using Base::queryCallback;
+
+  ~BareCache() {
+    if (flushesAtEnd) Base::FlushCache();
+  }
+
+  int Query(metadata_input_s*, metadata_output_s*, void*) override { return 0; }
+  int GetMetrics(Metrics&) const override { return 0; }
+  void DumpMetrics() const override {}
+  int QueryLRUCache(metadata_input_s*, metadata_output_s*) override { return LRU_MISS; }
+  void LRUCacheNodeWipe() override { ++wipes; }
+
+  // Under KEY_SIZE paths of one first letter are one file, whatever the key.
+  int Store(const char* path, uint32_t mask = kAllKeyBits) {
+    metadata_input_s in = FileAt(path, mask);
+    Answer out;
+    return Base::UpdateMetaData(&in, &out);
+  }
+  // A node that enters beside one under an equivalent key.
+  Node* InsertBeside(const char* path, const char* name) {
+    metadata_input_s in = FileAt(path);
+    Answer out;
+    Key key(in);
+    auto* const node = new Node(in, out);
+    node->path = name;
+    Base::LRUCacheNodeUpdate(key, node, LRU_INSERT);
+    return node;
+  }
+  void Move(Node* node) {
+    Key key;
+    Base::LRUCacheNodeUpdate(key, node, LRU_UPDATE);
+  }
+  Paths PathsInOrder() const {
+    Paths paths;
+    for (const Node* node : CacheNodeList) paths.push_back(node->path);
+    return paths;
+  }
+  void SetEveryCounter(long long value) {
+    auto* const counters = reinterpret_cast<long long*>(&metrics);
+    std::fill(counters, counters + sizeof metrics / sizeof *counters, value);
+  }
+  bool EveryCounterIs(long long value) const {
+    const auto* const counters = reinterpret_cast<const long long*>(&metrics);
+    const auto count = static_cast<std::ptrdiff_t>(sizeof metrics / sizeof *counters);
+    return std::count(counters, counters + count, value) == count;
+  }
+
+  int wipes = 0;
+  bool flushesAtEnd = true;
+};
+
+using BareHashCache = BareCache<LRUCacheKey, LRUCacheNode, LRUCacheMetrics_s>;
+using BareFileTypeCache = BareCache<LRUCacheKey, FileTypeCacheNode, FileTypeCacheMetrics_s>;
+
 int liveNodes = 0;
-bool memoryIsOut = false;
 
 // Orders files by size, which is all there is to them here.
 struct SizeKey {
+  SizeKey() = default;
   explicit SizeKey(metadata_input_s& in) : size(in.size) {}
   bool operator<(const SizeKey& right) const { return size < right.size; }
   void Dump() const {
-    ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, "test", "key %d", static_cast<int>(size));
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, "test", "key %c", static_cast<char>(size));
   }
 
-  uint64_t size;
+  uint64_t size = 0;
 };
 
 struct PathNode {
@@ -31,212 +112,89 @@ struct PathNode {
     ++liveNodes;
   }
   ~PathNode() { --liveNodes; }
-  void SetDataToCacheNode(metadata_input_s& in, metadata_output_s&) {
-    if (memoryIsOut) throw std::bad_alloc();
-    path = in.path;
-  }
+  void SetDataToCacheNode(metadata_input_s& in, metadata_output_s&) { path = in.path; }
   void Dump() const { ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, "test", "node %s", path.c_str()); }
 
   LRUCacheMap<SizeKey, PathNode>::iterator mapEntry;
   std::string path;
 };
 
-struct OneCounter {
+struct TwoCounters {
   alignas(8) long long evictions = 0;
   alignas(8) long long untouched = 0;
 };
 
-// The rules of its own that a subclass adds; its parts are open to the tests.
-class SizeCache : public LRUCacheT<SizeKey, PathNode, OneCounter> {
+// Evicts by the operations that the library keeps to itself for its own two.
+class SizeCache : public BareCache<SizeKey, PathNode, TwoCounters> {
  public:
-  using LRUCacheT::active;
-  using LRUCacheT::CacheMap;
-  using LRUCacheT::CacheNodeList;
-  using LRUCacheT::capacity;
-  using LRUCacheT::metrics;
-  using LRUCacheT::queryCallback;
-
-  ~SizeCache() { FlushCache(); }
-
-  int Query(metadata_input_s*, metadata_output_s*, void*) override { return 0; }
-  int GetMetrics(OneCounter& out) const override {
-    out = metrics;
-    return 0;
-  }
-  void DumpMetrics() const override {}
-  int QueryLRUCache(metadata_input_s*, metadata_output_s*) override { return LRU_MISS; }
   void LRUCacheNodeWipe() override {
+    BareCache::LRUCacheNodeWipe();
     while (IsBeyondCapacity()) {
       EvictOldest();
       ++metrics.evictions;
     }
   }
-
-  // Stores a node under a size and returns the code.
-  int Store(uint64_t size, const char* path) {
-    metadata_input_s in{};
-    in.size = size;
-    in.path = path;
-    metadata_output_s out{};
-    return UpdateCache(&in, &out);
-  }
-
-  // The paths from the most to the least recently used.
-  std::vector<std::string> Paths() const {
-    std::vector<std::string> paths;
-    for (const PathNode* node : CacheNodeList) paths.push_back(node->path);
-    return paths;
-  }
 };
-
-using Paths = std::vector<std::string>;
-
-SizeKey KeyOf(uint64_t size) {
-  metadata_input_s in{};
-  in.size = size;
-  return SizeKey(in);
-}
 
 int SomeCallback(metadata_input_s*, metadata_output_s*, void*) { return 0; }
 
+std::string Message(const char* level, const char* function, const char* text) {
+  return std::string(level) + " " + function + " orvex_lru_cache: " + text;
+}
+
 }  // namespace
 
-TEST_CASE("a new cache is empty and inactive and has the largest capacity") {
-  const SizeCache cache;
+TEST_CASE_TEMPLATE("a new cache is empty and inactive and has the largest capacity", Cache,
+                   SizeCache, BareHashCache, BareFileTypeCache) {
+  const Cache cache;
   CHECK(cache.CacheNodeList.empty());
   CHECK(cache.CacheMap.empty());
   CHECK_FALSE(cache.IsInit());
   CHECK(cache.capacity == 4096);
   CHECK((cache.queryCallback == nullptr));
-  CHECK(cache.metrics.evictions == 0);
+  CHECK(cache.EveryCounterIs(0));
 }
 
-TEST_CASE("initialising a cache makes it active without a word") {
+TEST_CASE_TEMPLATE("a cache is active from its start, which says nothing, to its stop", Cache,
+                   SizeCache, BareHashCache, BareFileTypeCache) {
   RecordedLog log;
-  SizeCache cache;
+  Cache cache;
+  CHECK_FALSE(cache.IsInit());
   CHECK(cache.InitLRUCache() == 0);
   CHECK(cache.IsInit());
   CHECK(log.TakeTranscript() == "");
+  CHECK(cache.DeinitLRUCache() == 0);
+  CHECK_FALSE(cache.IsInit());
 }
 
-TEST_CASE("beyond its capacity a cache evicts the least recently stored") {
-  SizeCache cache;
-  cache.SetCapacity(2);
-  CHECK(cache.Store(1, "/a") == 0);
-  CHECK(cache.Store(2, "/b") == 0);
-  CHECK(cache.Store(3, "/c") == 0);
-  CHECK(cache.Paths() == Paths{"/c", "/b"});
-  CHECK(cache.metrics.evictions == 1);
-  CHECK(cache.CacheMap.find(KeyOf(1)) == cache.CacheMap.end());
-}
-
-TEST_CASE("storing under a key that is cached merges, moves to the front and evicts nothing") {
-  SizeCache cache;
-  cache.SetCapacity(2);
-  cache.Store(1, "/a");
-  cache.Store(2, "/b");
-  CHECK(cache.Store(1, "/a2") == 0);
-  CHECK(cache.Paths() == Paths{"/a2", "/b"});
-  CHECK(cache.metrics.evictions == 0);
-  CHECK(liveNodes == 2);
-}
-
-TEST_CASE("every map entry designates the place of its own node") {
-  SizeCache cache;
-  for (const int size : {5, 3, 8, 3, 1, 5}) cache.Store(static_cast<uint64_t>(size), "/x");
-  REQUIRE(cache.CacheMap.size() == cache.CacheNodeList.size());
-  for (auto entry = cache.CacheMap.begin(); entry != cache.CacheMap.end(); ++entry) {
-    CHECK((*entry->second)->mapEntry == entry);
-  }
-}
-
-TEST_CASE("storing tells what it did at DEBUG") {
-  RecordedLog log;
-  SizeCache cache;
-  cache.Store(1, "/a");
-  cache.Store(1, "/b");
-  CHECK(log.TakeTranscript() ==
-        Lines({"DEBUG LRUCacheNodeUpdate orvex_lru_cache: Insert new cache node: path=/a",
-               "DEBUG LRUCacheNodeUpdate orvex_lru_cache: Cache node updated: path=/b"}));
-}
-
-TEST_CASE("storing without both records is refused with 3 and without a word") {
-  RecordedLog log;
-  SizeCache cache;
-  metadata_input_s in{};
-  metadata_output_s out{};
-  for (const bool throughUpdate : {false, true}) {
-    const auto store = [&](metadata_input_s* i, metadata_output_s* o) {
-      return throughUpdate ? cache.UpdateMetaData(i, o) : cache.UpdateCache(i, o);
-    };
-    CHECK(store(nullptr, nullptr) == 3);
-    CHECK(store(&in, nullptr) == 3);
-    CHECK(store(nullptr, &out) == 3);
-  }
-  CHECK(log.TakeTranscript() == "");
-  CHECK(cache.CacheNodeList.empty());
-}
-
-TEST_CASE("a node that cannot be made is an error and leaves the cache as it was") {
-  SizeCache cache;
-  cache.SetCapacity(1);
-  cache.Store(1, "/a");
-  RecordedLog log;
-  memoryIsOut = true;
-  CHECK(cache.Store(2, "/b") == 2);
-  CHECK(cache.Store(1, "/a2") == 2);
-  memoryIsOut = false;
-  CHECK(log.TakeTranscript() ==
-        Lines({"ERROR UpdateCache orvex_lru_cache: Insufficient memory for create cache node",
-               "ERROR UpdateCache orvex_lru_cache: Insufficient memory for create cache node"}));
-  CHECK(cache.Paths() == Paths{"/a"});
-  CHECK(liveNodes == 1);
-}
-
-TEST_CASE("an inactive cache can be filled") {
-  SizeCache cache;
-  CHECK(cache.Store(1, "/a") == 0);
-  CHECK(cache.Paths() == Paths{"/a"});
-}
-
-TEST_CASE("a capacity of 1 to 4096 is kept and any other means 4096") {
-  const struct {
-    unsigned int asked;
-    unsigned int kept;
-  } rows[] = {{1, 1},       {2, 2},    {4095, 4095},        {4096, 4096},
-              {4097, 4096}, {0, 4096}, {4294967295u, 4096}, {4294967291u, 4096}};
-  for (const auto& row : rows) {
-    CAPTURE(row.asked);
-    RecordedLog log;
-    SizeCache cache;
-    cache.capacity = 7;
-    cache.SetCapacity(row.asked);
-    CHECK(cache.capacity == row.kept);
-    CHECK(log.TakeTranscript() ==
-          Lines({"INFO SetCapacity orvex_lru_cache: Set max cache capacity to " +
-                 std::to_string(row.kept)}));
-  }
-}
-
-TEST_CASE("lowering the capacity evicts the surplus at once and oldest first") {
-  SizeCache cache;
-  for (const char* path : {"/a", "/b", "/c", "/d"}) {
-    cache.Store(static_cast<uint64_t>(path[1]), path);
-  }
-  cache.SetCapacity(3);
-  CHECK(cache.Paths() == Paths{"/d", "/c", "/b"});
-  cache.SetCapacity(1);
-  CHECK(cache.Paths() == Paths{"/d"});
-  CHECK(cache.metrics.evictions == 3);
-  CHECK(cache.CacheMap.size() == 1);
-}
-
-TEST_CASE("flushing empties a cache and leaves all else") {
-  SizeCache cache;
+TEST_CASE_TEMPLATE("a stop empties a cache and a start brings back its capacity and callback",
+                   Cache, SizeCache, BareHashCache, BareFileTypeCache) {
+  Cache cache;
   cache.InitLRUCache();
   cache.SetCapacity(2);
   cache.RegisterMetaQueryCallback(SomeCallback);
-  for (const char* path : {"/a", "/b", "/c"}) cache.Store(static_cast<uint64_t>(path[1]), path);
+  for (const char* path : {"/a", "/b", "/c"}) cache.Store(path);
+  cache.SetEveryCounter(5);
+  CHECK(cache.DeinitLRUCache() == 0);
+  CHECK(cache.CacheMap.empty());
+  CHECK(cache.CacheNodeList.empty());
+  CHECK(cache.EveryCounterIs(0));
+  CHECK(cache.InitLRUCache() == 0);
+  CHECK(cache.IsInit());
+  CHECK(cache.CacheNodeList.empty());
+  CHECK(cache.CacheMap.empty());
+  CHECK(cache.capacity == 2);
+  CHECK((cache.queryCallback == SomeCallback));
+}
+
+TEST_CASE_TEMPLATE("flushing empties a cache and leaves all else", Cache, SizeCache, BareHashCache,
+                   BareFileTypeCache) {
+  Cache cache;
+  cache.InitLRUCache();
+  cache.SetCapacity(2);
+  cache.RegisterMetaQueryCallback(SomeCallback);
+  for (const char* path : {"/a", "/b", "/c"}) cache.Store(path);
+  cache.SetEveryCounter(5);
   CHECK(cache.FlushCache() == 0);
   CHECK(cache.CacheNodeList.empty());
   CHECK(cache.CacheMap.empty());
@@ -244,167 +202,399 @@ TEST_CASE("flushing empties a cache and leaves all else") {
   CHECK(cache.IsInit());
   CHECK(cache.capacity == 2);
   CHECK((cache.queryCallback == SomeCallback));
-  CHECK(cache.metrics.evictions == 1);
+  CHECK(cache.EveryCounterIs(5));
 }
 
-TEST_CASE("resetting the counters of a cache zeroes them all and leaves its nodes") {
-  SizeCache cache;
-  cache.Store(1, "/a");
-  cache.metrics.evictions = 0x100000001;
-  cache.metrics.untouched = -1;
-  CHECK(cache.ResetMetrics() == 0);
-  CHECK(cache.metrics.evictions == 0);
-  CHECK(cache.metrics.untouched == 0);
-  CHECK(cache.Paths() == Paths{"/a"});
+TEST_CASE_TEMPLATE("resetting zeroes every counter of a cache and leaves its nodes", Cache,
+                   SizeCache, BareHashCache, BareFileTypeCache) {
+  Cache cache;
+  cache.Store("/a");
+  for (const long long value : {-1LL, 0x100000001LL}) {
+    cache.SetEveryCounter(value);
+    CHECK(cache.ResetMetrics() == 0);
+    CHECK(cache.EveryCounterIs(0));
+  }
+  CHECK(cache.PathsInOrder() == Paths{"/a"});
 }
 
-TEST_CASE("a cache that is stopped and started is empty and keeps capacity and callback") {
-  SizeCache cache;
-  cache.InitLRUCache();
-  cache.SetCapacity(2);
-  cache.RegisterMetaQueryCallback(SomeCallback);
-  for (const char* path : {"/a", "/b", "/c"}) cache.Store(static_cast<uint64_t>(path[1]), path);
-  CHECK(cache.DeinitLRUCache() == 0);
+TEST_CASE_TEMPLATE("storing refuses with 3 and without a word unless there are both records", Cache,
+                   SizeCache, BareHashCache, BareFileTypeCache) {
+  Cache cache;
+  metadata_input_s in = FileAt("/a");
+  Answer out;
+  {
+    RecordedLog log;
+    for (const bool throughUpdate : {false, true}) {
+      const auto store = [&](metadata_input_s* i, metadata_output_s* o) {
+        return throughUpdate ? cache.UpdateMetaData(i, o) : cache.UpdateCache(i, o);
+      };
+      CHECK(store(nullptr, nullptr) == 3);
+      CHECK(store(&in, nullptr) == 3);
+      CHECK(store(nullptr, &out) == 3);
+    }
+    CHECK(log.TakeTranscript() == "");
+  }
+  CHECK(cache.CacheNodeList.empty());
+  CHECK(cache.wipes == 0);
+  // An inactive cache can be filled.
+  CHECK(cache.UpdateCache(&in, &out) == 0);
   CHECK_FALSE(cache.IsInit());
+  CHECK(cache.PathsInOrder() == Paths{"/a"});
+  CHECK(cache.wipes == 1);
+}
+
+TEST_CASE_TEMPLATE("storing under a key that is cached merges and moves to the front", Cache,
+                   SizeCache, BareHashCache, BareFileTypeCache) {
+  Cache cache;
+  cache.SetCapacity(2);
+  cache.Store("/a", KEY_SIZE);
+  cache.Store("/b", KEY_SIZE);
+  CHECK(cache.Store("/a2", KEY_SIZE) == 0);
+  CHECK(cache.PathsInOrder() == Paths{"/a2", "/b"});
+  CHECK(cache.CacheMap.size() == 2);
+}
+
+TEST_CASE_TEMPLATE("every map entry designates the place of its own node", Cache, SizeCache,
+                   BareHashCache, BareFileTypeCache) {
+  Cache cache;
+  for (const char* path : {"/5", "/3", "/8", "/3", "/1", "/5"}) cache.Store(path);
+  CHECK(cache.CacheNodeList.size() == 4);
+  REQUIRE(cache.CacheMap.size() == cache.CacheNodeList.size());
+  for (auto entry = cache.CacheMap.begin(); entry != cache.CacheMap.end(); ++entry) {
+    CHECK((*entry->second)->mapEntry == entry);
+  }
+}
+
+TEST_CASE_TEMPLATE("without memory a store gives 2, tells it at ERROR and changes nothing", Cache,
+                   SizeCache, BareHashCache, BareFileTypeCache) {
+  static int errors = 0;
+  // Keeps nothing: there is no memory for it.
+  orvex_register_log_cb([](unsigned int level, unsigned int, const char* function, const char* file,
+                           const char* message, unsigned int) {
+    using Text = std::string_view;
+    if (level == ORVEX_LOG_ERROR && Text(function) == "UpdateCache" &&
+        Text(file) == "orvex_lru_cache" &&
+        Text(message) == "Insufficient memory for create cache node") {
+      ++errors;
+    }
+  });
+  for (const char* path :
+       {"/a path longer than a string holds in itself", "/b as long a path as it"}) {
+    for (const auto level : {ORVEX_LOG_FATAL, ORVEX_LOG_ERROR}) {
+      CAPTURE(path);
+      CAPTURE(level);
+      ORVEX_LOG_BASE::LogLevel = level;
+      Cache cache;
+      cache.Store("/a", KEY_SIZE);
+      int points = 0;
+      for (;; ++points) {
+        metadata_input_s in = FileAt(path, KEY_SIZE);
+        Answer out;
+        int code = 0;
+        int failures = 0;
+        errors = 0;
+        {
+          const FailingNew failing(points + 1, false);
+          code = cache.UpdateCache(&in, &out);
+          failures = failing.failures;
+        }
+        if (failures == 0) break;
+        CHECK(code == 2);
+        CHECK(errors == (level == ORVEX_LOG_ERROR ? 1 : 0));
+        CHECK(cache.PathsInOrder() == Paths{"/a"});
+        CHECK(cache.CacheMap.size() == 1);
+      }
+      CHECK(points > 0);
+    }
+  }
+  CHECK(liveNodes == 0);
+}
+
+TEST_CASE("beyond its capacity a cache evicts the least recently stored") {
+  SizeCache cache;
+  cache.SetCapacity(2);
+  CHECK(cache.Store("/a") == 0);
+  CHECK(cache.Store("/b") == 0);
+  CHECK(cache.Store("/b") == 0);
   CHECK(cache.metrics.evictions == 0);
-  CHECK(cache.InitLRUCache() == 0);
-  CHECK(cache.IsInit());
-  CHECK(cache.CacheNodeList.empty());
-  CHECK(cache.CacheMap.empty());
-  CHECK(cache.capacity == 2);
-  CHECK((cache.queryCallback == SomeCallback));
+  CHECK(liveNodes == 2);
+  CHECK(cache.Store("/c") == 0);
+  CHECK(cache.PathsInOrder() == Paths{"/c", "/b"});
+  CHECK(cache.metrics.evictions == 1);
+  CHECK(liveNodes == 2);
+  metadata_input_s evicted = FileAt("/a");
+  CHECK(cache.CacheMap.find(SizeKey(evicted)) == cache.CacheMap.end());
 }
 
-TEST_CASE("a dump lists capacity, keys in key order and nodes in recency order") {
+TEST_CASE("lowering the capacity evicts the surplus at once and oldest first") {
   SizeCache cache;
-  cache.SetCapacity(10);
-  cache.Store(2, "/b");
-  cache.Store(3, "/c");
-  cache.Store(1, "/a");
-  cache.Store(2, "/b");
-  RecordedLog log;
-  cache.DumpCache();
-  CHECK(
-      log.TakeTranscript() ==
-      Lines({"DEBUG DumpCache orvex_lru_cache: Cache capacity = 10",
-             "DEBUG DumpCacheMap orvex_lru_cache: CacheMap.size=3", "DEBUG Dump test: key 1",
-             "DEBUG Dump test: key 2", "DEBUG Dump test: key 3",
-             "DEBUG DumpCacheNodeList orvex_lru_cache: CacheNodeList.size=3",
-             "DEBUG Dump test: node /b", "DEBUG Dump test: node /a", "DEBUG Dump test: node /c"}));
-}
-
-TEST_CASE("a dump of an empty cache lists only counts") {
-  SizeCache cache;
-  RecordedLog log;
-  cache.DumpCache();
-  CHECK(log.TakeTranscript() ==
-        Lines({"DEBUG DumpCache orvex_lru_cache: Cache capacity = 4096",
-               "DEBUG DumpCacheMap orvex_lru_cache: CacheMap.size=0",
-               "DEBUG DumpCacheNodeList orvex_lru_cache: CacheNodeList.size=0"}));
-}
-
-TEST_CASE("registering a callback stores it and says so") {
-  RecordedLog log;
-  SizeCache cache;
-  cache.RegisterMetaQueryCallback(SomeCallback);
-  CHECK((cache.queryCallback == SomeCallback));
-  CHECK(log.TakeTranscript() ==
-        Lines({"DEBUG RegisterMetaQueryCallback orvex_lru_cache: Kelda Inventory Engine register "
-               "query callback successfully"}));
-}
-
-TEST_CASE("registering a null callback is an error and keeps the earlier one") {
-  SizeCache cache;
-  cache.RegisterMetaQueryCallback(SomeCallback);
-  RecordedLog log;
-  cache.RegisterMetaQueryCallback(nullptr);
-  CHECK((cache.queryCallback == SomeCallback));
-  CHECK(log.TakeTranscript() ==
-        Lines({"ERROR RegisterMetaQueryCallback orvex_lru_cache: Kelda Inventory Engine register "
-               "query callback failed: invalid parameter"}));
-}
-
-TEST_CASE("an operation on no node or an unknown operation does nothing") {
-  RecordedLog log;
-  SizeCache cache;
-  SizeKey key = KeyOf(1);
-  cache.LRUCacheNodeUpdate(key, nullptr, LRU_INSERT);
-  metadata_input_s in{};
-  in.path = "/a";
-  metadata_output_s out{};
-  PathNode node(in, out);
-  cache.LRUCacheNodeUpdate(key, &node, static_cast<LRU_OPERATION>(3));
-  CHECK(cache.CacheNodeList.empty());
-  CHECK(log.TakeTranscript() == "");
-}
-
-TEST_CASE("a node inserted under a key that is taken shares the old entry") {
-  SizeCache cache;
-  cache.Store(1, "/a");
-  metadata_input_s in{};
-  in.size = 1;
-  in.path = "/b";
-  metadata_output_s out{};
-  SizeKey key(in);
-  auto* const second = new PathNode(in, out);
-  cache.LRUCacheNodeUpdate(key, second, LRU_INSERT);
-  CHECK(cache.Paths() == Paths{"/b", "/a"});
-  REQUIRE(cache.CacheMap.size() == 1);
-  CHECK((*cache.CacheMap.begin()->second)->path == "/a");
-  CHECK(second->mapEntry == cache.CacheMap.begin());
-}
-
-TEST_CASE("a node that shares an entry moves to the front alone") {
-  SizeCache cache;
-  cache.Store(1, "/a");
-  cache.Store(2, "/c");
-  metadata_input_s in{};
-  in.size = 1;
-  in.path = "/b";
-  metadata_output_s out{};
-  SizeKey key(in);
-  auto* const second = new PathNode(in, out);
-  cache.LRUCacheNodeUpdate(key, second, LRU_INSERT);
-  cache.Store(2, "/c");
-  cache.LRUCacheNodeUpdate(key, second, LRU_UPDATE);
-  CHECK(cache.Paths() == Paths{"/b", "/c", "/a"});
-  CHECK((*cache.CacheMap.find(key)->second)->path == "/a");
+  for (const char* path : {"/a", "/b", "/c", "/d"}) cache.Store(path);
+  cache.SetCapacity(3);
+  CHECK(cache.PathsInOrder() == Paths{"/d", "/c", "/b"});
+  cache.SetCapacity(1);
+  CHECK(cache.PathsInOrder() == Paths{"/d"});
+  CHECK(cache.metrics.evictions == 3);
+  CHECK(cache.CacheMap.size() == 1);
 }
 
 TEST_CASE("an evicted node takes its entry along and whoever shared it has none") {
   SizeCache cache;
-  cache.Store(1, "/a");
-  metadata_input_s in{};
-  in.size = 1;
-  in.path = "/b";
-  metadata_output_s out{};
-  SizeKey key(in);
-  cache.LRUCacheNodeUpdate(key, new PathNode(in, out), LRU_INSERT);
+  cache.Store("/a");
+  cache.InsertBeside("/a", "second");
   cache.SetCapacity(1);
-  CHECK(cache.Paths() == Paths{"/b"});
+  CHECK(cache.PathsInOrder() == Paths{"second"});
   CHECK(cache.CacheMap.empty());
   CHECK(cache.CacheNodeList.front()->mapEntry == cache.CacheMap.end());
 
   // The one without an entry is evicted without touching the map.
-  cache.Store(2, "/c");
-  CHECK(cache.Paths() == Paths{"/c"});
+  cache.Store("/c");
+  CHECK(cache.PathsInOrder() == Paths{"/c"});
   CHECK(cache.CacheMap.size() == 1);
   CHECK(liveNodes == 1);
 }
 
 TEST_CASE("a node without an entry moves to the front alone") {
   SizeCache cache;
-  cache.Store(1, "/a");
-  metadata_input_s in{};
-  in.size = 1;
-  in.path = "/b";
-  metadata_output_s out{};
-  SizeKey key(in);
-  auto* const second = new PathNode(in, out);
-  cache.LRUCacheNodeUpdate(key, second, LRU_INSERT);
+  cache.Store("/a");
+  auto* const second = cache.InsertBeside("/a", "second");
   cache.SetCapacity(1);
   cache.SetCapacity(3);
-  cache.Store(2, "/c");
-  cache.LRUCacheNodeUpdate(key, second, LRU_UPDATE);
-  CHECK(cache.Paths() == Paths{"/b", "/c"});
+  cache.Store("/b");
+  cache.Move(second);
+  CHECK(cache.PathsInOrder() == Paths{"second", "/b"});
+}
+
+TEST_CASE("a dump lists capacity, keys in key order and nodes in recency order") {
+  SizeCache cache;
+  cache.SetCapacity(10);
+  for (const char* path : {"/b", "/c", "/a", "/b"}) cache.Store(path);
+  RecordedLog log;
+  cache.DumpCache();
+  CHECK(
+      log.TakeTranscript() ==
+      Lines({Message("DEBUG", "DumpCache", "Cache capacity = 10"),
+             Message("DEBUG", "DumpCacheMap", "CacheMap.size=3"), "DEBUG Dump test: key a",
+             "DEBUG Dump test: key b", "DEBUG Dump test: key c",
+             Message("DEBUG", "DumpCacheNodeList", "CacheNodeList.size=3"),
+             "DEBUG Dump test: node /b", "DEBUG Dump test: node /a", "DEBUG Dump test: node /c"}));
+}
+
+TEST_CASE_TEMPLATE("a dump of an empty cache lists only counts", Cache, SizeCache, BareHashCache,
+                   BareFileTypeCache) {
+  Cache cache;
+  RecordedLog log;
+  cache.DumpCache();
+  CHECK(log.TakeTranscript() ==
+        Lines({Message("DEBUG", "DumpCache", "Cache capacity = 4096"),
+               Message("DEBUG", "DumpCacheMap", "CacheMap.size=0"),
+               Message("DEBUG", "DumpCacheNodeList", "CacheNodeList.size=0")}));
+}
+
+TEST_CASE_TEMPLATE("a dump tells capacity, keys and nodes unless their levels are dropped", Cache,
+                   BareHashCache, BareFileTypeCache) {
+  Cache cache;
+  for (const char* path : {"/a", "/b", "/c"}) cache.Store(path);
+  RecordedLog log;
+  cache.DumpCache();
+  CHECK(log.CountOf("Cache capacity = 4096") == 1);
+  CHECK(log.CountOf("CacheMap.size=3") == 1);
+  CHECK(log.CountOf("CacheNodeList.size=3") == 1);
+  CHECK(log.CountOf("Key: ") == 3);
+  CHECK(log.CountOf("Node: ") == 3);
+  for (const char* path : {"path=/a", "path=/b", "path=/c"}) {
+    CAPTURE(path);
+    CHECK(log.CountOf(path) == 2);
+  }
+  log.TakeTranscript();
+  ORVEX_LOG_BASE::LogLevel = ORVEX_LOG_FATAL;
+  cache.DumpCache();
+  CHECK(log.TakeTranscript() == "");
+}
+
+TEST_CASE_TEMPLATE("storing, a stop and a dump go by the operations of the subclass", Cache,
+                   SizeCache, BareHashCache, BareFileTypeCache) {
+  struct Counting : Cache {
+    void LRUCacheNodeUpdate(typename Cache::KeyType& key, typename Cache::NodeType* node,
+                            LRU_OPERATION operation) override {
+      ++updates;
+      Cache::LRUCacheNodeUpdate(key, node, operation);
+    }
+    void DumpCacheMap() const override { ++dumps; }
+    void DumpCacheNodeList() const override { ++dumps; }
+    int FlushCache() override { return ++flushes; }
+    int ResetMetrics() override { return ++resets; }
+    int updates = 0;
+    mutable int dumps = 0;
+    int flushes = 0;
+    int resets = 0;
+  };
+  Counting cache;
+  for (const char* path : {"/a", "/b", "/a"}) cache.Store(path);
+  CHECK(cache.updates == 3);
+  cache.DumpCache();
+  CHECK(cache.dumps == 2);
+  CHECK(cache.DeinitLRUCache() == 0);
+  CHECK(cache.flushes == 1);
+  CHECK(cache.resets == 1);
+}
+
+TEST_CASE_TEMPLATE("storing and moving are told at DEBUG, unless the log is off or terser", Cache,
+                   SizeCache, BareHashCache, BareFileTypeCache) {
+  Cache cache;
+  const auto story = [&] {
+    cache.Store("/a", KEY_SIZE);
+    cache.Store("/b", KEY_SIZE);
+    cache.Store("/a2", KEY_SIZE);
+    cache.FlushCache();
+  };
+  RecordedLog log;
+  story();
+  CHECK(log.TakeTranscript() ==
+        Lines({Message("DEBUG", "LRUCacheNodeUpdate", "Insert new cache node: path=/a"),
+               Message("DEBUG", "LRUCacheNodeUpdate", "Insert new cache node: path=/b"),
+               Message("DEBUG", "LRUCacheNodeUpdate", "Cache node updated: path=/a2")}));
+  ORVEX_LOG_BASE::LogLevel = ORVEX_LOG_INFO;
+  story();
+  ORVEX_LOG_BASE::LogLevel = ORVEX_LOG_DEBUG;
+  ORVEX_LOG_BASE::LogEnable = false;
+  story();
+  CHECK(log.TakeTranscript() == "");
+}
+
+TEST_CASE_TEMPLATE("nodes that come and move one by one are told as those of a store", Cache,
+                   SizeCache, BareHashCache, BareFileTypeCache) {
+  Cache cache;
+  RecordedLog log;
+  cache.Move(cache.InsertBeside("/a", "first"));
+  CHECK(log.TakeTranscript() ==
+        Lines({Message("DEBUG", "LRUCacheNodeUpdate", "Insert new cache node: path=first"),
+               Message("DEBUG", "LRUCacheNodeUpdate", "Cache node updated: path=first")}));
+  ORVEX_LOG_BASE::LogLevel = ORVEX_LOG_INFO;
+  cache.Move(cache.InsertBeside("/b", "second"));
+  ORVEX_LOG_BASE::LogLevel = ORVEX_LOG_DEBUG;
+  ORVEX_LOG_BASE::LogEnable = false;
+  cache.Move(cache.InsertBeside("/c", "third"));
+  CHECK(log.TakeTranscript() == "");
+}
+
+TEST_CASE_TEMPLATE("nodes that share an entry move to the front each alone", Cache, SizeCache,
+                   BareHashCache, BareFileTypeCache) {
+  Cache cache;
+  auto* const first = cache.InsertBeside("/a", "first");
+  auto* const second = cache.InsertBeside("/a", "second");
+  auto* const third = cache.InsertBeside("/a", "third");
+  // The entry stays the first one's.
+  REQUIRE(cache.CacheMap.size() == 1);
+  const auto shared = cache.CacheMap.begin();
+  CHECK(*shared->second == first);
+  CHECK(second->mapEntry == shared);
+  CHECK(third->mapEntry == shared);
+  cache.Store("/b");
+  CHECK(cache.CacheMap.size() == 2);
+  CHECK(cache.PathsInOrder() == Paths{"/b", "third", "second", "first"});
+  cache.Move(second);
+  CHECK(cache.PathsInOrder() == Paths{"second", "/b", "third", "first"});
+  CHECK(*shared->second == first);
+  cache.Move(first);
+  CHECK(cache.PathsInOrder() == Paths{"first", "second", "/b", "third"});
+  cache.Move(third);
+  CHECK(cache.PathsInOrder() == Paths{"third", "first", "second", "/b"});
+  // One that has no entry at all is found among the others too.
+  second->mapEntry = cache.CacheMap.end();
+  cache.Move(second);
+  CHECK(cache.PathsInOrder() == Paths{"second", "third", "first", "/b"});
+}
+
+TEST_CASE_TEMPLATE("each of many nodes that share an entry is found wherever it lies", Cache,
+                   SizeCache, BareHashCache, BareFileTypeCache) {
+  Cache cache;
+  std::vector<typename Cache::NodeType*> nodes;
+  for (char name = 'a'; name <= 'j'; ++name) {
+    nodes.push_back(cache.InsertBeside("/a", std::string(1, name).c_str()));
+  }
+  for (size_t step = 1; step < nodes.size(); ++step) {
+    for (size_t i = 0; i < nodes.size(); ++i) {
+      Paths expected = cache.PathsInOrder();
+      const auto moved = std::find(expected.begin(), expected.end(), nodes[i * step % 10]->path);
+      std::rotate(expected.begin(), moved, moved + 1);
+      cache.Move(nodes[i * step % 10]);
+      REQUIRE(cache.PathsInOrder() == expected);
+    }
+  }
+}
+
+TEST_CASE_TEMPLATE("an operation on no node or of no known kind changes nothing", Cache, SizeCache,
+                   BareHashCache, BareFileTypeCache) {
+  Cache cache;
+  cache.Store("/a");
+  metadata_input_s in = FileAt("/b");
+  Answer out;
+  typename Cache::KeyType key(in);
+  typename Cache::NodeType node(in, out);
+  RecordedLog log;
+  cache.LRUCacheNodeUpdate(key, nullptr, LRU_INSERT);
+  cache.LRUCacheNodeUpdate(key, nullptr, LRU_UPDATE);
+  cache.LRUCacheNodeUpdate(key, &node, static_cast<LRU_OPERATION>(3));
+  CHECK(cache.PathsInOrder() == Paths{"/a"});
+  CHECK(log.TakeTranscript() == "");
+}
+
+TEST_CASE_TEMPLATE("a capacity out of range means the largest and is told at INFO", Cache,
+                   SizeCache, BareHashCache, BareFileTypeCache) {
+  Cache cache;
+  const struct {
+    unsigned int wanted, kept;
+  } rows[] = {{0, 4096},    {1, 1},       {2, 2},      {4095, 4095},
+              {4096, 4096}, {4097, 4096}, {~0u, 4096}, {~0u - 4, 4096}};
+  int wipes = 0;
+  for (const auto& row : rows) {
+    CAPTURE(row.wanted);
+    RecordedLog log(ORVEX_LOG_INFO);
+    cache.capacity = 7;
+    cache.SetCapacity(row.wanted);
+    CHECK(cache.capacity == row.kept);
+    CHECK(cache.wipes == ++wipes);
+    const std::string text = "Set max cache capacity to " + std::to_string(row.kept);
+    CHECK(log.TakeTranscript() == Lines({Message("INFO", "SetCapacity", text.c_str())}));
+    ORVEX_LOG_BASE::LogLevel = ORVEX_LOG_WARNING;
+    cache.SetCapacity(row.wanted);
+    CHECK(cache.wipes == ++wipes);
+    CHECK(log.TakeTranscript() == "");
+  }
+}
+
+TEST_CASE_TEMPLATE("a callback is stored and told, and a null one refused", Cache, SizeCache,
+                   BareHashCache, BareFileTypeCache) {
+  const std::string text = "Kelda Inventory Engine register query callback ";
+  Cache cache;
+  RecordedLog log;
+  cache.RegisterMetaQueryCallback(SomeCallback);
+  CHECK((cache.queryCallback == SomeCallback));
+  cache.RegisterMetaQueryCallback(nullptr);
+  CHECK((cache.queryCallback == SomeCallback));
+  CHECK(log.TakeTranscript() ==
+        Lines({Message("DEBUG", "RegisterMetaQueryCallback", (text + "successfully").c_str()),
+               Message("ERROR", "RegisterMetaQueryCallback",
+                       (text + "failed: invalid parameter").c_str())}));
+  ORVEX_LOG_BASE::LogLevel = ORVEX_LOG_FATAL;
+  cache.RegisterMetaQueryCallback(SomeCallback);
+  cache.RegisterMetaQueryCallback(nullptr);
+  CHECK(log.TakeTranscript() == "");
+}
+
+TEST_CASE_TEMPLATE("a cache that ends without a flush leaves its nodes behind and no more", Cache,
+                   BareHashCache, BareFileTypeCache) {
+  std::vector<typename Cache::NodeType*> nodes;
+  nodes.reserve(100);
+  const long before = LiveAllocations();
+  {
+    Cache cache;
+    cache.flushesAtEnd = false;
+    for (int i = 0; i < 100; ++i) cache.Store(("/" + std::to_string(i)).c_str());
+    nodes.assign(cache.CacheNodeList.begin(), cache.CacheNodeList.end());
+  }
+  for (const auto* node : nodes) delete node;
+  const long left = LiveAllocations() - before;
+  CHECK(nodes.size() == 100);
+  CHECK(left == 0);
 }
