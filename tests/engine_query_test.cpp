@@ -268,6 +268,48 @@ TEST_CASE("entries pushed before the engine starts are hits afterwards") {
   CHECK(engine.host.hashCalls == 0);
 }
 
+TEST_CASE("a callback that asks the cache for its own path finds what is known of it") {
+  EngineUnderTest engine;
+  int codes[2] = {9, 9};
+  uint32_t ready[2] = {9, 9};
+  int call = 0;
+  engine.host.onHash = [&](metadata_input_s& in, metadata_output_s& out) {
+    metadata_input_s own = in;
+    own.queryFlags = QUERY_DIGEST16;
+    own.invOperation = INV_CACHE_ONLY;
+    Answer known;
+    codes[call] = engine.Query(own, known);
+    ready[call] = known.resultReady;
+    ++call;
+    GiveDigests(out, call == 1 ? uint32_t{QUERY_DIGEST16} : kAllDigests, 1);
+    return 0;
+  };
+  CHECK(engine.Query("/a") == 0);  // Nothing known yet; leaves one part.
+  CHECK(engine.Query("/a") == 0);  // A partial hit, which finds that part.
+  CHECK(codes[0] == 0);
+  CHECK(ready[0] == 0);
+  CHECK(codes[1] == 0);
+  CHECK(ready[1] == 1);
+  CHECK(engine.host.hashCalls == 2);
+}
+
+TEST_CASE("a signer array passed in again is freed and one handed out is deleted as an array") {
+  EngineUnderTest engine;
+  engine.host.onHash = [](metadata_input_s&, metadata_output_s& out) {
+    // What a partial hit left here goes first.
+    GiveSigners(out, {"Kelda"});
+    return 0;
+  };
+  metadata_input_s in = InputFor("/a");
+  in.queryFlags = QUERY_SIGNERS;
+  metadata_output_s out{};
+  REQUIRE(engine.Query(in, out) == 0);
+  REQUIRE(engine.Query(in, out) == 0);  // Takes the first array and leaves another.
+  CHECK(engine.host.hashCalls == 1);
+  CHECK(SignersIn(out) == Names{"Kelda"});
+  delete[] out.signers;
+}
+
 TEST_CASE("a callback may call any function of the library") {
   EngineUnderTest engine;
   RecordedLog quiet(ORVEX_LOG_ERROR);

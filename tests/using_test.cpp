@@ -95,9 +95,10 @@ TEST_CASE("an older part is served as current unless the key holds mtime or a re
     uint32_t mask;
     uint32_t refreshed;
     int digest16;
-  } rows[] = {{"neither", KEY_PATH, QUERY_DIGEST32, 1},
-              {"mtime in the key", KEY_PATH | KEY_MTIME, QUERY_DIGEST32, 2},
-              {"a full refresh", KEY_PATH, kBoth, 2}};
+    int hashCalls;
+  } rows[] = {{"neither", KEY_PATH, QUERY_DIGEST32, 1, 2},
+              {"mtime in the key", KEY_PATH | KEY_MTIME, QUERY_DIGEST32, 2, 3},
+              {"a full refresh", KEY_PATH, kBoth, 2, 2}};
   for (const auto& row : rows) {
     CAPTURE(row.habit);
     EngineUnderTest engine;
@@ -108,10 +109,13 @@ TEST_CASE("an older part is served as current unless the key holds mtime or a re
     in = Asking("/a", QUERY_DIGEST32, row.mask, 6);
     engine.host.onHash = Giving(row.refreshed, 2);
     engine.Query(in, refresh);
-    in = Asking("/a", QUERY_DIGEST16, row.mask, 6);
+    in = Asking("/a", kBoth, row.mask, 6);
     engine.host.onHash = Giving(kBoth, 2);
-    engine.Query(in, newer);
+    CHECK(engine.Query(in, newer) == 0);
+    CHECK(newer.resultReady == 1);
     CHECK(newer.digest16[0] == row.digest16);
+    CHECK(newer.digest32[0] == 2);
+    CHECK(engine.host.hashCalls == row.hashCalls);
   }
 }
 
@@ -226,14 +230,17 @@ TEST_CASE("a file changed behind its mtime is another file once its ctime is par
 }
 
 TEST_CASE("a walk over more files than fit never hits, and the same walk backwards does") {
-  const Capacity room(2);
   const struct {
     const char* secondWalk;
+    int capacity;
     const char* paths[3];
     int64_t hits;
-  } rows[] = {{"the same", {"/a", "/b", "/c"}, 0}, {"backwards", {"/c", "/b", "/a"}, 2}};
+  } rows[] = {{"the same", 2, {"/a", "/b", "/c"}, 0},
+              {"backwards", 2, {"/c", "/b", "/a"}, 2},
+              {"the same, with room for all", 3, {"/a", "/b", "/c"}, 3}};
   for (const auto& row : rows) {
     CAPTURE(row.secondWalk);
+    const Capacity room(row.capacity);
     EngineUnderTest engine;
     for (const char* path : {"/a", "/b", "/c"}) engine.Query(path);
     for (const char* path : row.paths) engine.Query(path);
