@@ -20,6 +20,7 @@
 #include "harness/engine_under_test.h"
 #include "harness/failing_new.h"
 #include "harness/latch.h"
+#include "harness/open_hash_cache.h"
 #include "harness/opened_caches.h"
 #include "support/orvex_config.h"
 #include "support/orvex_profiling.h"
@@ -101,6 +102,7 @@ struct Stage {
   EngineUnderTest engine;
   metadata_input_s in;
   bool givesSigners = false;
+  bool indexMayGiveUp = false;
   int hostCode = 0;
 };
 
@@ -164,8 +166,11 @@ struct QueryStory {
 
 // Judges a query that ran out of memory; "" when it did as promised.
 std::string Judge(const QueryStory& story, const Stage& stage, int code,
-                  const metadata_output_s& out, const std::vector<std::string>& before) {
+                  const metadata_output_s& out, const std::vector<std::string>& before,
+                  int failures) {
   if (code != 2 && code != story.code) return "gave " + std::to_string(code);
+  const bool canDoWithout = stage.indexMayGiveUp || (stage.in.queryFlags & QUERY_SIGNERS) != 0;
+  if (code == 0 && failures > 0 && !canDoWithout) return "0 although memory ran out";
   // One cache may store while the other cannot.
   const bool asksBoth =
       (stage.in.queryFlags & QUERY_FILE_TYPE) != 0 && stage.in.queryFlags != QUERY_FILE_TYPE;
@@ -197,7 +202,7 @@ Point TellQuery(const QueryStory& story, int allocation, bool fromThereOn) {
         point.failures = 1;
         return point;
       }
-      point.wrong = Judge(story, stage, code, out, before);
+      point.wrong = Judge(story, stage, code, out, before, point.failures);
     }
     const auto again = [&] {
       Answer out;
@@ -259,7 +264,11 @@ const std::vector<QueryStory> kQueryStories = {
      }},
     {"hash miss whose host fails", [](Stage& stage) { stage.hostCode = 77; }, 77},
     {"hash miss that makes the index grow", [](Stage& stage) { CacheMany(stage, 32, false); }},
-    {"hash miss among links to one file", [](Stage& stage) { CacheMany(stage, 64, true); }},
+    {"hash miss among links to one file",
+     [](Stage& stage) {
+       CacheMany(stage, 64, true);
+       stage.indexMayGiveUp = true;
+     }},
     {"hash hit", [](Stage& stage) { stage.Cache(stage.in.queryFlags); }, 0, false},
     {"hash hit with signers",
      [](Stage& stage) {
@@ -728,5 +737,135 @@ TEST_CASE("no other function needs memory at all") {
     CHECK(broken == "");
     CHECK(leaked == 0);
     std::printf("   0 points: %s needs no memory\n", row.function);
+  }
+}
+
+// What a single failure leaves of an answer, which no story above looks into.
+
+TEST_CASE("signers that cannot be stored leave the node without any") {
+  metadata_input_s in = InputFor("/a");
+  Answer out;
+  GiveSigners(out, {"Kelda"});
+  LRUCacheNode node(in, out);
+  {
+    const FailingNew failing(1);
+    node.SetDataToCacheNode(in, out);
+  }
+  CHECK(node.signerCount == 0);
+  CHECK(node.signers == nullptr);
+  CHECK((node.queryFlags & QUERY_SIGNERS) == 0);
+}
+
+TEST_CASE("signers that cannot be assigned leave the node without any") {
+  metadata_input_s in = InputFor("/a");
+  Answer out;
+  GiveSigners(out, {"Kelda"});
+  const LRUCacheNode source(in, out);
+  Answer others;
+  GiveSigners(others, {"Other"});
+  LRUCacheNode target(in, others);
+  {
+    const FailingNew failing(1);
+    target = source;
+  }
+  CHECK(target.signerCount == 0);
+  CHECK((target.queryFlags & QUERY_SIGNERS) == 0);
+}
+
+TEST_CASE("signers that cannot be given back are told by 2 and copy no feedback") {
+  metadata_input_s in = InputFor("/a");
+  Answer out;
+  GiveSigners(out, {"Kelda"});
+  GiveDigests(out, kAllDigests, 1);
+  LRUCacheNode node(in, out);
+  Answer back;
+  GiveSigners(back, {"stale"});
+  back.feedback = 9;
+  unsigned int code = 0;
+  {
+    const FailingNew failing(1);
+    code = node.GetDataFromCacheNode(back);
+  }
+  CHECK(code == 2);
+  CHECK(back.signers == nullptr);
+  CHECK(back.signerCount == 0);
+  CHECK((back.queryFlags & (QUERY_SIGNERS | QUERY_FEEDBACK)) == 0);
+  CHECK((back.queryFlags & kAllDigests) == kAllDigests);
+  CHECK(back.feedback == 9);
+}
+
+TEST_CASE("a hit whose signers cannot be copied is a partial hit") {
+  OpenHashCache cache;
+  Answer stored;
+  GiveSigners(stored, {"Kelda"});
+  metadata_input_s in = InputFor("/a");
+  in.queryFlags = QUERY_SIGNERS;
+  cache.Store(in, stored);
+  Answer out;
+  int result = 0;
+  {
+    const FailingNew failing(1);
+    result = cache.Look(in, out);
+  }
+  CHECK(result == 3);
+  CHECK(cache.metrics.PartialHit == 1);
+}
+
+TEST_CASE("an answer that cannot be kept is in the record all the same") {
+  const TalkativeLibrary talkative;
+  EngineUnderTest engine;
+  for (const uint32_t part : {QUERY_FILE_TYPE, QUERY_DIGEST32}) {
+    metadata_input_s in = InputFor("/a");
+    in.queryFlags = part;
+    Answer out;
+    int code = 0;
+    // The short path is copied without memory; the path set's element is the
+    // first allocation of a hash query, the node comes after it.
+    {
+      const FailingNew failing(part == QUERY_FILE_TYPE ? 1 : 2);
+      code = engine.Query(in, out);
+    }
+    CHECK(code == 2);
+    CHECK(out.resultReady == 1);
+    CHECK((out.queryFlags & part) == part);
+  }
+}
+
+TEST_CASE("a path that cannot be marked gives 2 before the host is asked") {
+  const TalkativeLibrary talkative;
+  EngineUnderTest engine;
+  metadata_input_s in = InputFor("/a");
+  Answer out;
+  int code = 0;
+  {
+    const FailingNew failing(1);
+    code = engine.Query(in, out);
+  }
+  CHECK(code == 2);
+  CHECK(out.resultReady == 0);
+  CHECK(engine.host.hashCalls == 0);
+  CHECK(engine.Query("/a") == 0);
+}
+
+TEST_CASE("a query without a path that runs out of memory gives 2 and is not ready") {
+  const TalkativeLibrary talkative;
+  EngineUnderTest engine;
+  // A hash query without a path needs memory for its exception, a file type needs no path.
+  metadata_input_s in = InputFor(nullptr);
+  in.queryFlags = QUERY_FILE_TYPE;
+  Answer first;
+  REQUIRE(engine.Query(in, first) == 0);
+  for (const uint32_t cached : {uint32_t{0}, uint32_t{QUERY_FILE_TYPE}}) {
+    CAPTURE(cached);
+    in.queryFlags = kAllDigests | cached;
+    Answer out;
+    int code = 0;
+    {
+      const FailingNew failing(1);
+      code = engine.Query(in, out);
+    }
+    CHECK(code == 2);
+    CHECK(out.resultReady == 0);
+    CHECK(out.queryFlags == (cached != 0 ? cached | QUERY_MTIME : 0));
   }
 }
