@@ -5,7 +5,7 @@
 #include <string>
 
 #include "harness/counted_sleep.h"
-#include "harness/latch.h"
+#include "harness/held_host.h"
 #include "harness/open_hash_cache.h"
 #include "harness/recorded_log.h"
 #include "support/orvex_profiling.h"
@@ -80,15 +80,9 @@ TEST_CASE("stopping an idle hash cache does not pause") {
 TEST_CASE("a thread blocked in the host is waited for ten times 100 ms and then left") {
   OpenHashCache cache;
   cache.InitLRUCache();
-  Latch hostEntered;
-  Latch hostMayAnswer;
-  cache.onHash = [&](metadata_input_s&, metadata_output_s&) {
-    hostEntered.Open();
-    hostMayAnswer.Wait();
-    return 0;
-  };
+  HeldHost held(cache.onHash);
   auto blocked = std::async(std::launch::async, [&] { return cache.Ask("/a"); });
-  hostEntered.Wait();
+  held.entered.Wait();
   RecordedLog log;
   CountedSleep pauses;
   CHECK(cache.DeinitLRUCache() == 0);
@@ -98,27 +92,21 @@ TEST_CASE("a thread blocked in the host is waited for ten times 100 ms and then 
   AppendFullDrain(expected, "1");
   expected += "DEBUG DeinitLRUCache orvex_lru_cache: Deinit LRUCache successfully\n";
   CHECK(log.TakeTranscript() == expected);
-  hostMayAnswer.Open();
+  held.mayAnswer.Open();
   CHECK(blocked.get() == 0);
 }
 
 TEST_CASE("a thread that leaves during the drain ends it") {
   OpenHashCache cache;
   cache.InitLRUCache();
-  Latch hostEntered;
-  Latch hostMayAnswer;
-  cache.onHash = [&](metadata_input_s&, metadata_output_s&) {
-    hostEntered.Open();
-    hostMayAnswer.Wait();
-    return 0;
-  };
+  HeldHost held(cache.onHash);
   auto blocked = std::async(std::launch::async, [&] { return cache.Ask("/a"); });
-  hostEntered.Wait();
+  held.entered.Wait();
   RecordedLog log;
   CountedSleep pauses;
   pauses.onSleep = [&] {
     if (pauses.sleeps < 3) return;
-    hostMayAnswer.Open();
+    held.mayAnswer.Open();
     blocked.wait();
   };
   CHECK(cache.DeinitLRUCache() == 0);
@@ -167,19 +155,13 @@ TEST_CASE("a stopped hash cache starts again with its capacity and callback") {
 TEST_CASE("a thread that outlived a stop takes the count below zero and the next drain waits") {
   OpenHashCache cache;
   cache.InitLRUCache();
-  Latch hostEntered;
-  Latch hostMayAnswer;
-  cache.onHash = [&](metadata_input_s&, metadata_output_s&) {
-    hostEntered.Open();
-    hostMayAnswer.Wait();
-    return 0;
-  };
+  HeldHost held(cache.onHash);
   auto outliving = std::async(std::launch::async, [&] { return cache.Ask("/a"); });
-  hostEntered.Wait();
+  held.entered.Wait();
   CountedSleep pauses;
   cache.DeinitLRUCache();
   cache.InitLRUCache();
-  hostMayAnswer.Open();
+  held.mayAnswer.Open();
   outliving.get();
   CHECK(cache.activeThreads == -1);
   RecordedLog log;

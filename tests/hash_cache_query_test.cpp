@@ -5,7 +5,6 @@
 #include <pthread.h>
 
 #include <algorithm>
-#include <atomic>
 #include <future>
 #include <random>
 #include <set>
@@ -15,6 +14,7 @@
 #include <vector>
 
 #include "harness/counted_sleep.h"
+#include "harness/held_host.h"
 #include "harness/latch.h"
 #include "harness/open_hash_cache.h"
 #include "harness/recorded_log.h"
@@ -170,21 +170,15 @@ TEST_CASE("a cache-only partial hit leaves the parts it found with no result") {
 TEST_CASE("a cache-only query does not wait for a path that is being calculated") {
   OpenHashCache cache;
   cache.InitLRUCache();
-  Latch hostEntered;
-  Latch hostMayAnswer;
-  cache.onHash = [&](metadata_input_s&, metadata_output_s&) {
-    hostEntered.Open();
-    hostMayAnswer.Wait();
-    return 0;
-  };
+  HeldHost held(cache.onHash);
   auto first = AskFromAnotherThread(cache, "/a");
-  hostEntered.Wait();
+  held.entered.Wait();
   metadata_input_s in = InputFor("/a");
   in.invOperation = INV_CACHE_ONLY;
   Answer out;
   CHECK(cache.Ask(in, out) == 0);
   CHECK(out.resultReady == 0);
-  hostMayAnswer.Open();
+  held.mayAnswer.Open();
   CHECK(first.get() == 0);
   CHECK(cache.metrics.numOfWaitInHashCalculation == 0);
 }
@@ -334,27 +328,18 @@ TEST_CASE("threads that ask for one path at once make the host calculate it once
   OpenHashCache cache;
   cache.InitLRUCache();
   RecordedLog log;
-  Latch hostEntered;
-  Latch hostMayAnswer;
-  const auto answer = cache.onHash;
-  std::atomic<int> calls{0};
-  cache.onHash = [&](metadata_input_s& in, metadata_output_s& out) {
-    ++calls;
-    hostEntered.Open();
-    hostMayAnswer.Wait();
-    return answer(in, out);
-  };
+  HeldHost held(cache.onHash);
   auto first = AskFromAnotherThread(cache, "/a");
-  hostEntered.Wait();
+  held.entered.Wait();
   Answer out;
   auto second = std::async(std::launch::async, [&] { return cache.Ask(InputFor("/a"), out); });
   log.WaitFor("wait for signal: /a");
-  hostMayAnswer.Open();
+  held.mayAnswer.Open();
   CHECK(first.get() == 0);
   CHECK(second.get() == 0);
   CHECK(out.resultReady == 1);
   CHECK(out.digest32[0] == 1);
-  CHECK(calls == 1);
+  CHECK(held.calls == 1);
   CHECK(cache.metrics.numOfWaitInHashCalculation == 1);
   CHECK(cache.metrics.Hit == 1);
   CHECK(cache.metrics.Miss == 1);
@@ -364,24 +349,15 @@ TEST_CASE("a thread whose leader fails calculates itself") {
   OpenHashCache cache;
   cache.InitLRUCache();
   RecordedLog log;
-  Latch hostEntered;
-  Latch hostMayAnswer;
-  const auto answer = cache.onHash;
-  std::atomic<int> calls{0};
-  cache.onHash = [&](metadata_input_s& in, metadata_output_s& out) {
-    if (++calls > 1) return answer(in, out);
-    hostEntered.Open();
-    hostMayAnswer.Wait();
-    return 5;
-  };
+  HeldHost held(cache.onHash, 5);
   auto first = AskFromAnotherThread(cache, "/a");
-  hostEntered.Wait();
+  held.entered.Wait();
   auto second = AskFromAnotherThread(cache, "/a");
   log.WaitFor("wait for signal: /a");
-  hostMayAnswer.Open();
+  held.mayAnswer.Open();
   CHECK(first.get() == 5);
   CHECK(second.get() == 0);
-  CHECK(calls == 2);
+  CHECK(held.calls == 2);
 }
 
 TEST_CASE("different paths are calculated at the same time") {
@@ -418,15 +394,9 @@ TEST_CASE("a sleeper leaves with 8 when the cache is stopped") {
   OpenHashCache cache;
   cache.InitLRUCache();
   RecordedLog log;
-  Latch hostEntered;
-  Latch hostMayAnswer;
-  cache.onHash = [&](metadata_input_s&, metadata_output_s&) {
-    hostEntered.Open();
-    hostMayAnswer.Wait();
-    return 0;
-  };
+  HeldHost held(cache.onHash);
   auto leader = AskFromAnotherThread(cache, "/a");
-  hostEntered.Wait();
+  held.entered.Wait();
   Answer out;
   out.resultReady = 9;
   auto sleeper = std::async(std::launch::async, [&] { return cache.Ask(InputFor("/a"), out); });
@@ -437,7 +407,7 @@ TEST_CASE("a sleeper leaves with 8 when the cache is stopped") {
   CHECK(sleeper.get() == 8);
   CHECK(out.resultReady == 9);
   CHECK(log.CountOf("[CalHashSet] File hash is skipped due to inactive state: /a") == 1);
-  hostMayAnswer.Open();
+  held.mayAnswer.Open();
   CHECK(leader.get() == 0);
 }
 
@@ -578,21 +548,14 @@ TEST_CASE("an exception of the host wakes those that wait for the path") {
   OpenHashCache cache;
   cache.InitLRUCache();
   RecordedLog log;
-  Latch hostEntered;
-  Latch hostMayFail;
-  std::atomic<int> calls{0};
-  const auto answer = cache.onHash;
-  cache.onHash = [&](metadata_input_s& in, metadata_output_s& out) {
-    if (++calls > 1) return answer(in, out);
-    hostEntered.Open();
-    hostMayFail.Wait();
+  HeldHost held(cache.onHash, [](metadata_input_s&, metadata_output_s&) -> int {
     throw std::runtime_error("the host's own");
-  };
+  });
   auto first = AskFromAnotherThread(cache, "/a");
-  hostEntered.Wait();
+  held.entered.Wait();
   auto second = AskFromAnotherThread(cache, "/a");
   log.WaitFor("wait for signal: /a");
-  hostMayFail.Open();
+  held.mayAnswer.Open();
   CHECK_THROWS_WITH_AS(first.get(), "the host's own", std::runtime_error);
   CHECK(second.get() == 0);
 }

@@ -6,6 +6,7 @@
 #include <doctest/doctest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -19,7 +20,7 @@
 #include "harness/counted_sleep.h"
 #include "harness/engine_under_test.h"
 #include "harness/failing_new.h"
-#include "harness/latch.h"
+#include "harness/held_host.h"
 #include "harness/open_hash_cache.h"
 #include "harness/opened_caches.h"
 #include "support/orvex_config.h"
@@ -380,22 +381,15 @@ TEST_CASE(
       {
         Stage stage;
         stage.in.queryFlags |= QUERY_FILE_TYPE;
-        Latch leaderInside;
-        Latch mayAnswer;
-        std::atomic<bool> leaderAnswered{false};
-        stage.engine.host.onHash = [&](metadata_input_s& in, metadata_output_s& out) {
-          leaderInside.Open();
-          mayAnswer.Wait();
-          return leaderFails && !leaderAnswered.exchange(true) ? 77 : Host::AnswerHash(in, out);
-        };
-        onMessage = [&mayAnswer](const char* message) {
-          if (std::strstr(message, "wait for signal") != nullptr) mayAnswer.Open();
-        };
+        const HeldHost::Callback answer = stage.engine.host.onHash;
+        const HeldHost::Callback fail = [](metadata_input_s&, metadata_output_s&) { return 77; };
+        HeldHost held(stage.engine.host.onHash, leaderFails ? fail : answer);
+        onMessage = [&held](const char* message) { held.AnswerOnceWaitedFor(message); };
         std::thread leader([&stage] {
           Answer out;
           stage.Ask(out);
         });
-        leaderInside.Wait();
+        held.entered.Wait();
         Answer out;
         int code = 0;
         {
@@ -403,7 +397,7 @@ TEST_CASE(
           code = stage.Ask(out);
           point.failures = failing.failures;
         }
-        mayAnswer.Open();
+        held.mayAnswer.Open();
         leader.join();
         onMessage = nullptr;
         if (code != 2 && !(code == 0 && IsComplete(stage.in, out))) point.wrong = "no answer";
@@ -427,22 +421,11 @@ TEST_CASE("a thread that calculates and runs out of memory lets those that wait 
         const long liveBefore = LiveAllocations();
         {
           Stage stage;
-          Latch leaderInside;
-          Latch waiterAsleep;
-          const std::thread::id leader = std::this_thread::get_id();
-          stage.engine.host.onHash = [&](metadata_input_s& in, metadata_output_s& out) {
-            if (std::this_thread::get_id() == leader) {
-              leaderInside.Open();
-              waiterAsleep.Wait();
-            }
-            return Host::AnswerHash(in, out);
-          };
-          onMessage = [&waiterAsleep](const char* message) {
-            if (std::strstr(message, "wait for signal") != nullptr) waiterAsleep.Open();
-          };
+          HeldHost held(stage.engine.host.onHash);
+          onMessage = [&held](const char* message) { held.AnswerOnceWaitedFor(message); };
           bool waiterAnswered = false;
           std::thread waiter([&] {
-            leaderInside.Wait();
+            held.entered.Wait();
             Answer out;
             waiterAnswered = stage.Ask(out) == 0 && IsComplete(stage.in, out);
           });
@@ -453,7 +436,9 @@ TEST_CASE("a thread that calculates and runs out of memory lets those that wait 
             code = stage.Ask(out);
             point.failures = failing.failures;
           }
-          leaderInside.Open();
+          // A leader that never came so far leaves the waiter to be the first.
+          held.mayAnswer.Open();
+          held.entered.Open();
           waiter.join();
           onMessage = nullptr;
           if (code != (point.failures == 0 ? 0 : 2)) point.wrong = "gave " + std::to_string(code);

@@ -18,7 +18,7 @@
 #include "harness/captured_output.h"
 #include "harness/counted_sleep.h"
 #include "harness/failing_pthread.h"
-#include "harness/latch.h"
+#include "harness/held_host.h"
 #include "harness/open_hash_cache.h"
 #include "harness/opened_caches.h"
 #include "harness/scripted_clock.h"
@@ -186,25 +186,16 @@ TEST_CASE("a lock that fails in a waiting thread leaves it neither hanging nor u
       CAPTURE(first);
       CapturedOutput output;
       EngineUnderTest engine;
-      Latch leaderInside;
-      Latch mayAnswer;
-      const std::thread::id waiter = std::this_thread::get_id();
-      engine.host.onHash = [&](metadata_input_s& in, metadata_output_s& out) {
-        if (std::this_thread::get_id() != waiter) {
-          leaderInside.Open();
-          mayAnswer.Wait();
-        }
-        return Host::AnswerHash(in, out);
-      };
+      HeldHost held(engine.host.onHash);
       auto leader = engine.QueryFromAnotherThread("/a");
-      leaderInside.Wait();
+      held.entered.Wait();
       bool opened = false;
       std::thread opener;
       onMessage = [&](const char* message) {
         // Not from here: the latch locks as well.
         if (opened || std::strstr(message, "wait for signal") == nullptr) return;
         opened = true;
-        opener = std::thread([&mayAnswer] { mayAnswer.Open(); });
+        opener = std::thread([&held] { held.mayAnswer.Open(); });
       };
       int code = 0;
       int locks = 0;
@@ -218,7 +209,7 @@ TEST_CASE("a lock that fails in a waiting thread leaves it neither hanging nor u
         locks = failing.locks;
         wrongUnlocks = failing.wrongUnlocks;
       }
-      mayAnswer.Open();
+      held.mayAnswer.Open();
       const int leaderCode = leader.get();
       if (opener.joinable()) opener.join();
       onMessage = nullptr;
@@ -239,25 +230,19 @@ TEST_CASE("a condition that cannot be waited on, once or ever, lets the calculat
   for (const bool once : {true, false}) {
     CAPTURE(once);
     EngineUnderTest engine;
-    Latch leaderInside;
-    Latch mayAnswer;
-    engine.host.onHash = [&](metadata_input_s& in, metadata_output_s& out) {
-      leaderInside.Open();
-      mayAnswer.Wait();
-      return Host::AnswerHash(in, out);
-    };
+    HeldHost held(engine.host.onHash);
     auto leader = engine.QueryFromAnotherThread("/a");
-    leaderInside.Wait();
+    held.entered.Wait();
     std::thread opener;
     onMessage = [&](const char* message) {
       // The message first: other threads send others.
       if (std::strstr(message, "wait for signal") == nullptr || opener.joinable()) return;
-      opener = std::thread([&mayAnswer] { mayAnswer.Open(); });
+      opener = std::thread([&held] { held.mayAnswer.Open(); });
     };
     int code = 9;
     int waits = 0;
     int wrongUnlocks = 0;
-    size_t held = 9;
+    size_t stillLocked = 9;
     {
       FailingPThread failing;
       failing.waitError = EINVAL;
@@ -265,7 +250,7 @@ TEST_CASE("a condition that cannot be waited on, once or ever, lets the calculat
       code = engine.Query("/a");
       waits = failing.waits;
       wrongUnlocks = failing.wrongUnlocks;
-      held = failing.held.size();
+      stillLocked = failing.held.size();
     }
     CHECK(leader.get() == 0);
     opener.join();
@@ -273,7 +258,7 @@ TEST_CASE("a condition that cannot be waited on, once or ever, lets the calculat
     CHECK(code == 0);
     CHECK(waits > 0);
     CHECK(wrongUnlocks == 0);
-    CHECK(held == 0);
+    CHECK(stillLocked == 0);
     CHECK(engine.host.hashCalls == 1);
     CHECK(engine.Metrics().cacheWaitInHashCalculation == 1);
   }
@@ -282,28 +267,20 @@ TEST_CASE("a condition that cannot be waited on, once or ever, lets the calculat
 TEST_CASE("a waiter whose broadcast failed is woken by the next one") {
   const TalkativeLibrary talkative;
   EngineUnderTest engine;
-  Latch leaderInside;
-  Latch waiterAsleep;
   FailingPThread* leadersSystem = nullptr;
-  engine.host.onHash = [&](metadata_input_s& in, metadata_output_s& out) {
-    if (std::strcmp(in.path, "/a") == 0) {
-      leaderInside.Open();
-      waiterAsleep.Wait();
-      // Not before: the latches broadcast as well.
-      leadersSystem->broadcastError = EINVAL;
-    }
+  HeldHost held(engine.host.onHash, [&](metadata_input_s& in, metadata_output_s& out) {
+    // Not before: the latches broadcast as well.
+    leadersSystem->broadcastError = EINVAL;
     return Host::AnswerHash(in, out);
-  };
-  onMessage = [&](const char* message) {
-    if (std::strstr(message, "wait for signal") != nullptr) waiterAsleep.Open();
-  };
+  });
+  onMessage = [&](const char* message) { held.AnswerOnceWaitedFor(message); };
   int leaderCode = 9;
   std::thread leader([&] {
     FailingPThread failing;
     leadersSystem = &failing;
     leaderCode = engine.Query("/a");
   });
-  leaderInside.Wait();
+  held.entered.Wait();
   auto waiter = engine.QueryFromAnotherThread("/a");
   leader.join();
   CHECK(leaderCode == 0);
@@ -331,20 +308,11 @@ TEST_CASE("locks whose initialisation fails, once or always, work all the same")
       orvex_register_log_cb(DropMessage);
       ORVEX_LOG_BASE::LogLevel = ORVEX_LOG_DEBUG;
       cache->InitLRUCache();
-      Latch leaderInside;
-      Latch waiterAsleep;
-      onMessage = [&](const char* message) {
-        if (std::strstr(message, "wait for signal") != nullptr) waiterAsleep.Open();
-      };
-      cache->onHash = [&](metadata_input_s&, metadata_output_s& out) {
-        leaderInside.Open();
-        waiterAsleep.Wait();
-        GiveDigests(out, kAllDigests, 1);
-        return 0;
-      };
+      HeldHost held(cache->onHash);
+      onMessage = [&](const char* message) { held.AnswerOnceWaitedFor(message); };
       int leaderCode = 9;
       std::thread leader([&] { leaderCode = cache->Ask("/a"); });
-      leaderInside.Wait();
+      held.entered.Wait();
       metadata_input_s in = InputFor("/a");
       in.queryFlags = kAllDigests;
       Answer out;
@@ -365,15 +333,9 @@ TEST_CASE("locks whose initialisation fails, once or always, work all the same")
 TEST_CASE("pauses that signals cut short leave a stop with its ten tries and 0") {
   const TalkativeLibrary talkative;
   EngineUnderTest engine;
-  Latch inside;
-  Latch mayAnswer;
-  engine.host.onHash = [&](metadata_input_s&, metadata_output_s&) {
-    inside.Open();
-    mayAnswer.Wait();
-    return 0;
-  };
+  HeldHost held(engine.host.onHash);
   auto query = engine.QueryFromAnotherThread("/a");
-  inside.Wait();
+  held.entered.Wait();
   int waits = 0;
   onMessage = [&waits](const char* message) {
     if (std::strstr(message, "Waiting for threads(1) to leave") != nullptr) ++waits;
@@ -386,7 +348,7 @@ TEST_CASE("pauses that signals cut short leave a stop with its ten tries and 0")
   }
   CHECK(waits == 20);
   onMessage = nullptr;
-  mayAnswer.Open();
+  held.mayAnswer.Open();
   CHECK(query.get() == 0);
   // The answer was kept after the stop had emptied the cache.
   orvex_flush_cache(ORVEX_HASH_CACHE);

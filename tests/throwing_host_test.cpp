@@ -10,7 +10,7 @@
 #include <thread>
 
 #include "harness/counted_sleep.h"
-#include "harness/latch.h"
+#include "harness/held_host.h"
 #include "harness/opened_caches.h"
 #include "harness/whole_life.h"
 #include "support/orvex_log.h"
@@ -116,18 +116,10 @@ TEST_CASE("a log callback that throws in a thread that waits or is waited for ho
   const TalkativeLibrary talkative;
   throwingMessage = -1;
   EngineUnderTest engine;
-  Latch leaderInside;
-  Latch waiterAsleep;
-  onMessage = [&](const char* message) {
-    if (std::strstr(message, "wait for signal") != nullptr) waiterAsleep.Open();
-  };
-  engine.host.onHash = [&](metadata_input_s& in, metadata_output_s& out) {
-    leaderInside.Open();
-    waiterAsleep.Wait();
-    return Host::AnswerHash(in, out);
-  };
+  HeldHost held(engine.host.onHash);
+  onMessage = [&](const char* message) { held.AnswerOnceWaitedFor(message); };
   auto leader = engine.QueryFromAnotherThread("/a");
-  leaderInside.Wait();
+  held.entered.Wait();
   CHECK(engine.Query("/a") == 0);
   CHECK(leader.get() == 0);
   CHECK(engine.host.hashCalls == 1);
@@ -137,21 +129,17 @@ TEST_CASE("of threads that wait for a path the next one calculates when the host
   const TalkativeLibrary talkative;
   constexpr int kThrowing = 3;
   EngineUnderTest engine;
-  Latch leaderInside;
-  Latch allAsleep;
+  std::atomic<int> calls{0};
+  engine.host.onHash = [&](metadata_input_s& in, metadata_output_s& out) {
+    if (++calls <= kThrowing) throw HostIsLost();
+    return Host::AnswerHash(in, out);
+  };
+  HeldHost held(engine.host.onHash);
   std::atomic<int> asleep{0};
   onMessage = [&](const char* message) {
     if (std::strstr(message, "wait for signal") != nullptr && ++asleep >= kThrowing) {
-      allAsleep.Open();
+      held.mayAnswer.Open();
     }
-  };
-  std::atomic<int> calls{0};
-  engine.host.onHash = [&](metadata_input_s& in, metadata_output_s& out) {
-    const int call = ++calls;
-    leaderInside.Open();
-    allAsleep.Wait();
-    if (call <= kThrowing) throw HostIsLost();
-    return Host::AnswerHash(in, out);
   };
   std::atomic<int> thrown{0};
   std::atomic<int> answered{0};
@@ -163,7 +151,7 @@ TEST_CASE("of threads that wait for a path the next one calculates when the host
     }
   };
   std::thread leader(ask);
-  leaderInside.Wait();
+  held.entered.Wait();
   std::thread waiters[kThrowing];
   for (std::thread& waiter : waiters) waiter = std::thread(ask);
   leader.join();

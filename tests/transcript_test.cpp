@@ -8,7 +8,7 @@
 
 #include "harness/counted_sleep.h"
 #include "harness/engine_under_test.h"
-#include "harness/latch.h"
+#include "harness/held_host.h"
 #include "harness/recorded_log.h"
 #include "harness/scripted_clock.h"
 
@@ -150,23 +150,17 @@ TEST_CASE("the story of a throwing callback") {
 
 TEST_CASE("the story of waiting and being woken") {
   EngineUnderTest engine;
-  Latch hostEntered;
-  Latch hostMayAnswer;
-  engine.host.onHash = [&](metadata_input_s& in, metadata_output_s& out) {
-    hostEntered.Open();
-    hostMayAnswer.Wait();
-    return Host::AnswerHash(in, out);
-  };
+  HeldHost held(engine.host.onHash);
   RecordedLog log;
   std::thread::id waiter;
   auto first = engine.QueryFromAnotherThread("/a");
-  hostEntered.Wait();
+  held.entered.Wait();
   auto second = std::async(std::launch::async, [&] {
     waiter = std::this_thread::get_id();
     return engine.Query("/a");
   });
   log.WaitFor("wait for signal: /a");
-  hostMayAnswer.Open();
+  held.mayAnswer.Open();
   CHECK(first.get() == 0);
   CHECK(second.get() == 0);
   std::string ofWaiter = log.TakeTranscriptOf(waiter);
@@ -243,15 +237,9 @@ TEST_CASE("the story of an idle stop") {
 
 TEST_CASE("the story of a stop past a blocked thread") {
   EngineUnderTest engine;
-  Latch hostEntered;
-  Latch hostMayAnswer;
-  engine.host.onHash = [&](metadata_input_s&, metadata_output_s&) {
-    hostEntered.Open();
-    hostMayAnswer.Wait();
-    return 5;
-  };
+  HeldHost held(engine.host.onHash, 5);
   auto blocked = engine.QueryFromAnotherThread("/a");
-  hostEntered.Wait();
+  held.entered.Wait();
   RecordedLog log;
   CountedSleep pauses;
   CHECK(orvex_deinit() == 0);
@@ -266,26 +254,20 @@ TEST_CASE("the story of a stop past a blocked thread") {
     if (who == kHashStopping) expected += Lines({kHashStopped});
   }
   CHECK(log.TakeTranscript() == expected + Lines({kEngineStopping + " successfully"}));
-  hostMayAnswer.Open();
+  held.mayAnswer.Open();
   CHECK(blocked.get() == 5);
 }
 
 TEST_CASE("the story of a stop that a thread leaves in time") {
   EngineUnderTest engine;
-  Latch hostEntered;
-  Latch hostMayAnswer;
-  engine.host.onHash = [&](metadata_input_s&, metadata_output_s&) {
-    hostEntered.Open();
-    hostMayAnswer.Wait();
-    return 5;
-  };
+  HeldHost held(engine.host.onHash, 5);
   auto blocked = engine.QueryFromAnotherThread("/a");
-  hostEntered.Wait();
+  held.entered.Wait();
   RecordedLog log;
   CountedSleep pauses;
   pauses.onSleep = [&] {
     if (pauses.sleeps != 12) return;
-    hostMayAnswer.Open();
+    held.mayAnswer.Open();
     blocked.wait();
   };
   CHECK(orvex_deinit() == 0);

@@ -3,7 +3,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -14,7 +13,7 @@
 #include "free_signers.h"
 #include "harness/counted_sleep.h"
 #include "harness/engine_under_test.h"
-#include "harness/latch.h"
+#include "harness/held_host.h"
 #include "harness/recorded_log.h"
 
 namespace {
@@ -39,24 +38,6 @@ Host::Callback Giving(uint32_t parts, int byte) {
     return 0;
   };
 }
-
-// Its first call opens one latch and waits at the other; then it answers with code.
-class HeldFirstCall {
- public:
-  explicit HeldFirstCall(EngineUnderTest& engine, int code = 0) {
-    engine.host.onHash = [this, code](metadata_input_s& in, metadata_output_s& out) {
-      if (calls_++ != 0) return Host::AnswerHash(in, out);
-      entered.Open();
-      mayAnswer.Wait();
-      return code != 0 ? code : Host::AnswerHash(in, out);
-    };
-  }
-
-  Latch entered, mayAnswer;
-
- private:
-  std::atomic<int> calls_{0};
-};
 
 // Another working directory, empty, for the length of a scope.
 class OwnDirectory {
@@ -190,7 +171,7 @@ TEST_CASE("one calculation serves the threads that waited for it only if its ans
     CAPTURE(keeps);
     EngineUnderTest engine;
     RecordedLog log;
-    HeldFirstCall held(engine);
+    HeldHost held(engine.host.onHash);
     const auto query = [&] {
       metadata_input_s in = InputFor("/a");
       in.invOperation = keeps ? INV_KEEP_IN_CACHE : 0;
@@ -251,7 +232,7 @@ TEST_CASE("a walk over more files than fit never hits, and the same walk backwar
 TEST_CASE("a thread that waited for a failed calculation calculates itself") {
   EngineUnderTest engine;
   RecordedLog log;
-  HeldFirstCall held(engine, 7);
+  HeldHost held(engine.host.onHash, 7);
   auto leader = engine.QueryFromAnotherThread("/a");
   held.entered.Wait();
   auto waiter = engine.QueryFromAnotherThread("/a");
@@ -265,7 +246,7 @@ TEST_CASE("a thread that waited for a failed calculation calculates itself") {
 TEST_CASE("a cache-only query comes back at once where a full one waits for the calculation") {
   EngineUnderTest engine;
   RecordedLog log;
-  HeldFirstCall held(engine);
+  HeldHost held(engine.host.onHash);
   auto leader = engine.QueryFromAnotherThread("/a");
   held.entered.Wait();
   metadata_input_s in = InputFor("/a");
@@ -327,7 +308,7 @@ TEST_CASE("a query stuck in its callback outlives the stop and comes back into t
   const CountedSleep sleep;  // The stop's pauses take no time.
   EngineUnderTest engine;
   RecordedLog log;
-  HeldFirstCall held(engine);
+  HeldHost held(engine.host.onHash);
   auto stuck = engine.QueryFromAnotherThread("/a");
   held.entered.Wait();
   CHECK(orvex_deinit() == 0);
