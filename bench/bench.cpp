@@ -6,10 +6,10 @@
 int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
-  bench::AllFiles();
-  bench::AddHits();
-  bench::AddInsertions();
-  bench::AddColdPath();
-  bench::AddEngineQueries();
+  cost::AllFiles();
+  cost::AddHits();
+  cost::AddInsertions();
+  cost::AddColdPath();
+  cost::AddEngineQueries();
   benchmark::RunSpecifiedBenchmarks();
 }

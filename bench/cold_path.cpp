@@ -8,7 +8,7 @@
 #include "harness/latch.h"
 #include "loops.h"
 
-namespace bench {
+namespace cost {
 namespace {
 
 constexpr int kThreads = 8;
@@ -54,4 +54,4 @@ void AddColdPath() {
   });
 }
 
-}  // namespace bench
+}  // namespace cost

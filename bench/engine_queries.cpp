@@ -1,11 +1,11 @@
 // What only the engine does: other questions, hits that are logged or timed, and those of
 // careful hosts.
-#include "careful_hosts.h"
-#include "engine_cases.h"
+#include "counts/careful_hosts.h"
+#include "counts/engine_cases.h"
 #include "loops.h"
 #include "support/orvex_log.h"
 
-namespace bench {
+namespace cost {
 namespace {
 
 void QueriesOfCase(benchmark::State& state, const EngineCase& asked) {
@@ -57,4 +57,4 @@ void AddEngineQueries() {
   AddCarefulHits<HppHost>();
 }
 
-}  // namespace bench
+}  // namespace cost

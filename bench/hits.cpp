@@ -3,7 +3,7 @@
 
 #include "loops.h"
 
-namespace bench {
+namespace cost {
 namespace {
 
 constexpr int kMostThreads = 4;
@@ -79,4 +79,4 @@ void AddHits() {
   });
 }
 
-}  // namespace bench
+}  // namespace cost

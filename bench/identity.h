@@ -8,7 +8,7 @@
 
 #include "orvexeng.h"
 
-namespace bench {
+namespace cost {
 
 // Borrows the path from the record or the entry that it was made from.
 struct Identity {
@@ -50,4 +50,4 @@ struct StandardHash {
   }
 };
 
-}  // namespace bench
+}  // namespace cost

@@ -3,7 +3,7 @@
 
 #include "loops.h"
 
-namespace bench {
+namespace cost {
 namespace {
 
 template <class C>
@@ -100,4 +100,4 @@ void AddInsertions() {
   });
 }
 
-}  // namespace bench
+}  // namespace cost

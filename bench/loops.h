@@ -9,8 +9,9 @@
 #include <string>
 
 #include "contenders.h"
+#include "counts/contender.h"
 
-namespace bench {
+namespace cost {
 
 // The contender of the benchmark that is running, between its Setup and Teardown,
 // which run before and after each repetition on a single thread.
@@ -48,4 +49,4 @@ void AddInsertions();     // d, f
 void AddColdPath();       // g
 void AddEngineQueries();  // h, i, k
 
-}  // namespace bench
+}  // namespace cost

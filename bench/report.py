@@ -1,18 +1,21 @@
 #!/usr/bin/env python3
 """Sums up one run of scripts/bench on one target.
 
-usage: bench/report.py TARGET DIR COUNTS
+usage: bench/report.py TARGET DIR ENGINE_COUNTS PEER_COUNTS
 
-Reads TARGET-times.json, TARGET-startup and TARGET-stripped from DIR and runs COUNTS,
-which is orvex-counts. Prints tables of medians and of the ratio engine / contender
-(below 1: the engine is faster) and writes DIR/TARGET.json with all of it.
+Reads TARGET-times.json, TARGET-startup and TARGET-stripped from DIR and runs the two
+programs, orvex-counts and orvex-peer-counts. Prints tables of medians and of the ratio
+engine / contender (below 1: the engine is faster) and writes DIR/TARGET.json with all of
+it.
 """
 import json
 import statistics
 import sys
 from pathlib import Path
 
-import counts
+sys.dont_write_bytecode = True  # the tree stays as it was
+sys.path.insert(0, str(Path(__file__).resolve().parent.parent / "tests" / "counts"))
+import counts  # noqa: E402 (found by the path above)
 
 TITLES = {
     "a-hit-uniform": "a  full hits, uniform over a full cache",
@@ -113,10 +116,10 @@ def print_counts(counted):
                  "bytes an entry"], rows)
 
 
-def main(target, directory, program):
+def main(target, directory, engine_counts, peer_counts):
     directory = Path(directory)
     times = read_times(directory / f"{target}-times.json")
-    counted = counts.count(program)
+    counted = {**counts.count(engine_counts), **counts.count(peer_counts)}
     started = [int(line) for line in (directory / f"{target}-startup").read_text().split()]
     size = (directory / f"{target}-stripped").stat().st_size
 
@@ -155,6 +158,6 @@ def main(target, directory, program):
 
 
 if __name__ == "__main__":
-    if len(sys.argv) != 4:
+    if len(sys.argv) != 5:
         sys.exit(__doc__)
     main(*sys.argv[1:])

@@ -5,7 +5,7 @@
 
 #include "contenders/list_cache.h"
 
-namespace bench {
+namespace cost {
 
 template <class Key, class Value>
 using AbslIndex = absl::flat_hash_map<Key, Value>;
@@ -16,4 +16,4 @@ class Absl : public ListCache<AbslIndex> {
   using ListCache::ListCache;
 };
 
-}  // namespace bench
+}  // namespace cost

@@ -8,10 +8,10 @@
 #include <mutex>
 #include <string>
 
-#include "host.h"
+#include "counts/host.h"
 #include "identity.h"
 
-namespace bench {
+namespace cost {
 
 // Exact recency order, like the textbook, and like it without what list_cache.h
 // says is left out. Links of both indexes stand in one node.
@@ -67,4 +67,4 @@ class Boost {
   Entries entries_;
 };
 
-}  // namespace bench
+}  // namespace cost

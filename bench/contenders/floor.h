@@ -4,10 +4,10 @@
 #include <mutex>
 #include <vector>
 
-#include "host.h"
+#include "counts/host.h"
 #include "identity.h"
 
-namespace bench {
+namespace cost {
 
 // Not a cache: hashes the fields, takes the lock and copies the record that the
 // hash points at, whosever it is. Compares nothing and keeps no order.
@@ -49,4 +49,4 @@ class FloorWithLock : public Floor<std::mutex> {
   using Floor::Floor;
 };
 
-}  // namespace bench
+}  // namespace cost

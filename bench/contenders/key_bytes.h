@@ -5,7 +5,7 @@
 
 #include "orvexeng.h"
 
-namespace bench {
+namespace cost {
 
 // Path, then the numbers. On the stack: such a cache copies what it keeps.
 class KeyBytes {
@@ -30,4 +30,4 @@ class KeyBytes {
   size_t size_;
 };
 
-}  // namespace bench
+}  // namespace cost

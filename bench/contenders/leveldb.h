@@ -6,9 +6,9 @@
 #include <memory>
 
 #include "contenders/key_bytes.h"
-#include "host.h"
+#include "counts/host.h"
 
-namespace bench {
+namespace cost {
 
 // Recency within a shard, so what it evicts is only about the oldest, and a shard
 // may be full while others are not. Otherwise it leaves out what list_cache.h
@@ -40,4 +40,4 @@ class LevelDb {
   const std::unique_ptr<leveldb::Cache> cache_;
 };
 
-}  // namespace bench
+}  // namespace cost

@@ -5,10 +5,10 @@
 #include <mutex>
 #include <string>
 
-#include "host.h"
+#include "counts/host.h"
 #include "identity.h"
 
-namespace bench {
+namespace cost {
 
 // Exact recency order over all keys, a hit moves a list element without
 // allocating, a record is copied out whole under the lock.
@@ -68,4 +68,4 @@ class ListCache {
   Index<Identity, typename Entries::iterator> index_;
 };
 
-}  // namespace bench
+}  // namespace cost

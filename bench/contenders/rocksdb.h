@@ -6,10 +6,10 @@
 #include <memory>
 
 #include "contenders/key_bytes.h"
-#include "host.h"
+#include "counts/host.h"
 #include "identity.h"
 
-namespace bench {
+namespace cost {
 
 // Recency order is exact in one shard and per shard in more. Otherwise it leaves
 // out what list_cache.h says.
@@ -88,4 +88,4 @@ class RocksDbClock {
   const std::shared_ptr<rocksdb::Cache> cache_;
 };
 
-}  // namespace bench
+}  // namespace cost

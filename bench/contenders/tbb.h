@@ -7,9 +7,9 @@
 #include <string>
 #include <tuple>
 
-#include "host.h"
+#include "counts/host.h"
 
-namespace bench {
+namespace cost {
 
 // Exact recency order of the entries not in use, and one calculation per key at a
 // time, for which the others spin. It takes its key by value, again and again, and
@@ -57,4 +57,4 @@ class Tbb {
   tbb::concurrent_lru_cache<Key, metadata_output_s> cache_;
 };
 
-}  // namespace bench
+}  // namespace cost

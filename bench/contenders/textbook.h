@@ -5,7 +5,7 @@
 
 #include "contenders/list_cache.h"
 
-namespace bench {
+namespace cost {
 
 template <class Key, class Value>
 using StandardIndex = std::unordered_map<Key, Value, StandardHash>;
@@ -16,4 +16,4 @@ class Textbook : public ListCache<StandardIndex> {
   using ListCache::ListCache;
 };
 
-}  // namespace bench
+}  // namespace cost

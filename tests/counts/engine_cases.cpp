@@ -1,8 +1,8 @@
-#include "engine_cases.h"
+#include "counts/engine_cases.h"
 
-#include "host.h"
+#include "counts/host.h"
 
-namespace bench {
+namespace cost {
 
 EngineInCase::EngineInCase(const EngineCase& asked) : engine_(kFiles) {
   orvex_set_cache_capacity(ORVEX_FILE_TYPE_CACHE, static_cast<int>(kFiles));
@@ -25,4 +25,4 @@ EngineInCase::EngineInCase(const EngineCase& asked) : engine_(kFiles) {
   }
 }
 
-}  // namespace bench
+}  // namespace cost

@@ -1,4 +1,4 @@
-#include "keys.h"
+#include "counts/keys.h"
 
 #include <algorithm>
 #include <cmath>
@@ -6,7 +6,7 @@
 #include <random>
 #include <stdexcept>
 
-namespace bench {
+namespace cost {
 namespace {
 
 // The standard leaves its distributions to each library; these are the same
@@ -27,9 +27,9 @@ void Shuffle(Items& items, std::mt19937_64& random) {
 }  // namespace
 
 Files::Files() {
-  std::ifstream list(ORVEXENG_BENCH_PATHS);
+  std::ifstream list(ORVEXENG_COUNTS_PATHS);
   for (std::string path; std::getline(list, path);) paths_.push_back(path);
-  if (paths_.size() != kFiles) throw std::runtime_error("bench: no list of 4,096 paths");
+  if (paths_.size() != kFiles) throw std::runtime_error("counts: no list of 4,096 paths");
   std::mt19937_64 random(1);
   Shuffle(paths_, random);
   for (const std::string& path : paths_) {
@@ -94,4 +94,4 @@ Order Order::Zipf(unsigned seed) {
   return order;
 }
 
-}  // namespace bench
+}  // namespace cost

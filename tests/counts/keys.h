@@ -6,16 +6,16 @@
 
 #include "orvexeng.h"
 
-namespace bench {
+namespace cost {
 
 constexpr uint32_t kAllKeyBits = KEY_PATH | KEY_SIZE | KEY_MTIME | KEY_DEVICE_ID | KEY_FILE_ID;
 // Everything the hash cache answers but signers, which cost an allocation each.
 constexpr uint32_t kPartsWanted = QUERY_SIZE | QUERY_DIGEST20 | QUERY_DIGEST32 | QUERY_DIGEST16 |
                                   QUERY_AUX_DIGEST20 | QUERY_FEEDBACK | QUERY_MTIME;
-// Files in bench/paths.txt, and what a full cache holds.
+// Files in paths.txt, and what a full cache holds.
 constexpr size_t kFiles = 4096;
 
-// One query record for each path of bench/paths.txt, in a fixed shuffled order.
+// One query record for each path of paths.txt, in a fixed shuffled order.
 // The identity fields look like those of a file system: one device, file numbers
 // that are close to each other, sizes and times that are not.
 //
@@ -72,4 +72,4 @@ class Order {
   std::vector<uint16_t> numbers_;
 };
 
-}  // namespace bench
+}  // namespace cost

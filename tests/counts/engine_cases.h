@@ -4,10 +4,10 @@
 #include <string>
 #include <vector>
 
-#include "contenders/engine.h"
-#include "keys.h"
+#include "counts/engine.h"
+#include "counts/keys.h"
 
-namespace bench {
+namespace cost {
 
 struct EngineCase {
   const char* name;
@@ -47,4 +47,4 @@ class EngineInCase {
   metadata_output_s out_{};
 };
 
-}  // namespace bench
+}  // namespace cost

@@ -1,25 +1,21 @@
-// Counts what one operation of each contender takes: allocations, and under
-// callgrind instructions. Counts repeat where times wander.
+// Counts what one operation takes: allocations, and under callgrind instructions.
+// Counts repeat where times wander.
 //
-// usage: orvex-counts [CONTENDER]
-//
-// Prints one line for each operation: contender, operation, how many were done,
+// Each operation prints one line: contender, operation, how many were done,
 // allocations, frees, bytes held afterwards for each entry ("-" where it says
 // nothing). Under callgrind it also has a profile dumped for each line, named
 // contender/operation.
+#pragma once
+
 #include <valgrind/callgrind.h>
 
 #include <cstdio>
-#include <cstring>
 #include <string>
 
-#include "careful_hosts.h"
-#include "contenders.h"
-#include "engine_cases.h"
+#include "counts/contender.h"
 #include "harness/counted_allocations.h"
 
-namespace bench {
-namespace {
+namespace cost {
 
 // Runs operation(0), operation(1), ... and prints its line.
 template <class Operation>
@@ -69,43 +65,4 @@ void CountInsertions() {
   Count(C::kName, "insert", insert);
 }
 
-void CountEngineCases() {
-  for (const EngineCase& asked : kEngineCases) {
-    EngineInCase engine(asked);
-    engine.Query(kFiles - 1);
-    Count(Engine::kName, asked.name, [&](size_t i) { engine.Query(i); });
-  }
-}
-
-template <class Host>
-void CountCarefulHost() {
-  Host host;
-  for (size_t i = 0; i < kFiles; ++i) host.Query(i);
-  const int callsBefore = hashCalls;
-  Count(Engine::kName, Host::kName, [&](size_t i) { host.Query(i); });
-  if (hashCalls != callsBefore) std::printf("# %s: not all were hits\n", Host::kName);
-}
-
-}  // namespace
-}  // namespace bench
-
-int main(int argc, char** argv) {
-  using namespace bench;
-  const auto wanted = [&](const char* name) { return argc < 2 || !std::strcmp(argv[1], name); };
-  AllFiles();
-  ForEachContender([&](auto type) {
-    using C = typename decltype(type)::Contender;
-    if (wanted(C::kName)) CountHits<C>();
-  });
-  ForEachCache([&](auto type) {
-    using C = typename decltype(type)::Contender;
-    if (!wanted(C::kName)) return;
-    CountInsertions<C>();
-    CountMemory<C>();
-  });
-  if (!wanted(Engine::kName)) return 0;
-  CountEngineCases();
-  CountCarefulHost<HandWrittenHost>();
-  CountCarefulHost<HppHost>();
-  return 0;
-}
+}  // namespace cost

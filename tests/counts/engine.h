@@ -3,10 +3,10 @@
 
 #include <stdexcept>
 
-#include "host.h"
+#include "counts/host.h"
 #include "orvexeng.h"
 
-namespace bench {
+namespace cost {
 
 // A host that keeps its messages would pay for writing them, too.
 struct DroppedMessages {
@@ -23,7 +23,7 @@ class Engine {
   static constexpr bool kExact = true;
 
   explicit Engine(size_t capacity) {
-    if (orvex_init(&hostCallbacks) != 0) throw std::runtime_error("bench: orvex_init");
+    if (orvex_init(&hostCallbacks) != 0) throw std::runtime_error("counts: orvex_init");
     orvex_set_cache_capacity(ORVEX_HASH_CACHE, static_cast<int>(capacity));
   }
   ~Engine() { orvex_deinit(); }
@@ -36,4 +36,4 @@ class Engine {
   DroppedMessages dropped_;
 };
 
-}  // namespace bench
+}  // namespace cost

@@ -2,13 +2,13 @@
 // change a copy of the input only: written out, and through orvexeng.hpp.
 #pragma once
 
-#include "contenders/engine.h"
-#include "host.h"
-#include "keys.h"
+#include "counts/engine.h"
+#include "counts/host.h"
+#include "counts/keys.h"
 #include "orvexeng.h"
 #include "orvexeng.hpp"
 
-namespace bench {
+namespace cost {
 
 class HandWrittenHost {
  public:
@@ -54,4 +54,4 @@ class HppHost {
   orvexeng::answer out_;
 };
 
-}  // namespace bench
+}  // namespace cost

@@ -1,9 +1,9 @@
-#include "host.h"
+#include "counts/host.h"
 
 #include <cstring>
 #include <thread>
 
-namespace bench {
+namespace cost {
 
 metadata_query_fptrs_s hostCallbacks = {AnswerHash, AnswerFileType};
 std::atomic<int> hashCalls{0};
@@ -46,4 +46,4 @@ int AnswerWithSigners(metadata_input_s* in, metadata_output_s* out, void* ctx) {
   return 0;
 }
 
-}  // namespace bench
+}  // namespace cost

@@ -1,15 +1,15 @@
 #!/usr/bin/env python3
 """Counts instructions and allocations of each operation, which repeat exactly.
 
-usage: bench/counts.py PROGRAM [CONTENDER]
-       bench/counts.py --check  TARGET PROGRAM
-       bench/counts.py --update TARGET PROGRAM
+usage: tests/counts/counts.py PROGRAM
+       tests/counts/counts.py --check  TARGET PROGRAM
+       tests/counts/counts.py --update TARGET PROGRAM
 
-PROGRAM is orvex-counts, which is run under callgrind. The first form prints what
-it counted. --check fails when the engine takes more instructions than
-bench/instruction_ceilings.txt allows it on TARGET (i386 or x86_64), or when a hit
-through orvexeng.hpp takes a fiftieth more than the same written out; --update sets
-those ceilings to what it takes now and a twentieth.
+PROGRAM is orvex-counts, or orvex-peer-counts of the benchmark, and is run under
+callgrind. The first form prints what it counted. --check fails when the engine takes
+more instructions than instruction_ceilings.txt allows it on TARGET (i386 or x86_64),
+or when a hit through orvexeng.hpp takes a fiftieth more than the same written out;
+--update sets those ceilings to what it takes now and a twentieth.
 """
 import glob
 import os
@@ -26,7 +26,7 @@ ROOM = 1.05
 ROOM_OF_HPP = 1.02
 
 
-def count(program, contender=None):
+def count(program):
     """Returns {(contender, operation): {"instructions": ..., "allocations": ..., ...}}.
 
     All per operation; instructions are missing where the operation was not profiled,
@@ -36,8 +36,7 @@ def count(program, contender=None):
         command = ["valgrind", "--tool=callgrind", "--quiet",
                    f"--callgrind-out-file={directory}/profile", os.path.abspath(program)]
         # An empty environment: its size moves the stack, and with it a few counts.
-        run = subprocess.run(command + ([contender] if contender else []),
-                             env={"PATH": os.environ["PATH"]}, text=True,
+        run = subprocess.run(command, env={"PATH": os.environ["PATH"]}, text=True,
                              stdout=subprocess.PIPE, check=True)
         counts, done = {}, {}
         for line in run.stdout.splitlines():
@@ -59,7 +58,7 @@ def count(program, contender=None):
 
 
 def engine_instructions(program):
-    return {what: row["instructions"] for (_, what), row in count(program, "engine").items()
+    return {what: row["instructions"] for (_, what), row in count(program).items()
             if "instructions" in row}
 
 
@@ -96,7 +95,7 @@ def update(target, program):
     with CEILINGS.open("w") as file:
         file.write("# The most instructions the engine may take for one operation, on either target:\n"
                    "# what it took, counted by callgrind, and a twentieth. Lower them after an\n"
-                   "# improvement with bench/counts.py --update; raise one only with a reason.\n")
+                   "# improvement with counts.py --update; raise one only with a reason.\n")
         for (of, what), most in sorted(ceilings.items()):
             file.write(f"{of} {what} {most}\n")
     return 0
@@ -105,7 +104,7 @@ def update(target, program):
 def main(arguments):
     if len(arguments) == 3 and arguments[0] in ("--check", "--update"):
         return {"--check": check, "--update": update}[arguments[0]](*arguments[1:])
-    if not 1 <= len(arguments) <= 2 or arguments[0].startswith("-"):
+    if len(arguments) != 1 or arguments[0].startswith("-"):
         print(__doc__, file=sys.stderr)
         return 2
     for (who, what), row in count(*arguments).items():

@@ -6,7 +6,7 @@
 
 #include "orvexeng.h"
 
-namespace bench {
+namespace cost {
 
 // Answers every part but signers with bytes that depend on the file number.
 // An orvex_query_cb; the other contenders call it with a null ctx.
@@ -25,4 +25,4 @@ extern thread_local int hashCallsHere;
 // How long AnswerHash takes. Changed only while no thread queries.
 extern std::chrono::milliseconds hashTakes;
 
-}  // namespace bench
+}  // namespace cost
