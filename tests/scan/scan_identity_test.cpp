@@ -109,7 +109,8 @@ Identity WithTimes(std::chrono::nanoseconds mtime, std::chrono::nanoseconds ctim
 
 }  // namespace
 
-TEST_CASE("ten thousand rewrites behind the same size and mtime give no stale digest") {
+TEST_CASE("ten thousand rewrites behind the same size and mtime give no stale digest" *
+          doctest::test_suite("slow")) {
   CHECK(StaleAnswers(10000, Identity().mode, kDefaultSettling) == 0);
 }
 
