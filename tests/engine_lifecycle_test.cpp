@@ -4,6 +4,7 @@
 #include <fstream>
 #include <future>
 #include <string>
+#include <utility>
 
 #include "cache/orvex_caches.h"
 #include "engine/orvex_engine.h"
@@ -27,6 +28,9 @@ std::string EngineLine(const std::string& level, const std::string& function,
                        const std::string& text) {
   return level + " " + function + " orvex_engine: Kelda Inventory Engine " + text;
 }
+
+const char* const kOneLeftInside =
+    "Kelda Inventory Engine deinit: Threads(1) still running after max retry";
 
 int CallNobody(metadata_input_s*, metadata_output_s*, void*) { return 0; }
 
@@ -190,6 +194,96 @@ TEST_CASE("an engine lock that fails is told on standard output and the work goe
   }
   CHECK(failed == 100);
   CHECK(output.Take() == "[LOCK] unlock failed: 1\n");
+}
+
+TEST_CASE("starting and stopping pass the engine's lock before they are refused") {
+  RecordedLog quiet(ORVEX_LOG_FATAL);
+  const struct {
+    const char* call;
+    int (*refused)();
+  } rows[] = {{"a start", [] { return orvex_init(nullptr); }}, {"a stop", orvex_deinit}};
+  for (const auto& row : rows) {
+    CAPTURE(row.call);
+    CapturedOutput output;
+    {
+      FailingPThread failing;
+      failing.unlockError = 1;
+      row.refused();
+    }
+    CHECK(output.Take() == "[LOCK] unlock failed: 1\n");
+  }
+}
+
+TEST_CASE("every function says 100 from the beginning of a stop on") {
+  EngineUnderTest engine;
+  Latch hostEntered;
+  Latch hostMayAnswer;
+  engine.host.onHash = [&](metadata_input_s& in, metadata_output_s& out) {
+    hostEntered.Open();
+    hostMayAnswer.Wait();
+    return Host::AnswerHash(in, out);
+  };
+  auto blocked = engine.QueryFromAnotherThread("/a");
+  hostEntered.Wait();
+  RecordedLog log;
+  CountedSleep pauses;
+  pauses.onSleep = [&] {
+    if (pauses.sleeps > 1) return;
+    // The hash cache waits; the file type cache is yet to be stopped.
+    CHECK(log.CountOf("Deinit LRUCache: Waiting for threads(1) to leave, retry=0") == 1);
+    CHECK(orvex_get_status() == 100);
+    CHECK(engine.Query("/b") == 100);
+    orvex_metrics_s metrics{};
+    unsigned int size = 0;
+    CHECK(orvex_get_metrics(&metrics, sizeof metrics, &size) == 100);
+    CHECK(orvex_reset_metrics() == 100);
+    CHECK(orvex_deinit() == 100);
+    hostMayAnswer.Open();
+    blocked.wait();
+  };
+  CHECK(orvex_deinit() == 0);
+  CHECK(pauses.sleeps == 1);
+  CHECK(blocked.get() == 0);
+}
+
+TEST_CASE("a stop waits for a thread that asks for the state") {
+  EngineUnderTest engine;
+  RecordedLog log;
+  CountedSleep noPauses;
+  bool stopped = false;
+  {
+    FailingPThread system;
+    system.onLock = [&] {
+      if (!std::exchange(stopped, true)) orvex_deinit();
+    };
+    orvex_get_status();
+  }
+  CHECK(log.CountOf(kOneLeftInside) == 1);
+}
+
+TEST_CASE("a stop waits for a thread that reads the counters") {
+  EngineUnderTest engine;
+  RecordedLog log;
+  CountedSleep noPauses;
+  log.onMessage = [](const LogRecord& record) {
+    if (record.text == "Invalid metrics data size = 0") orvex_deinit();
+  };
+  orvex_metrics_s metrics{};
+  unsigned int size = 0;
+  CHECK(orvex_get_metrics(&metrics, 0, &size) == 3);
+  CHECK(log.CountOf(kOneLeftInside) == 1);
+}
+
+TEST_CASE("a stop waits for a thread that resets the counters") {
+  EngineUnderTest engine;
+  RecordedLog log;
+  CountedSleep noPauses;
+  {
+    const ReplacedOperation stopping(
+        &HashCache(), kHashCacheSlots, 5, +[](void*) { return orvex_deinit(); });
+    CHECK(orvex_reset_metrics() == 0);
+  }
+  CHECK(log.CountOf(kOneLeftInside) == 1);
 }
 
 TEST_CASE("the engine is the only one and starts with nobody inside") {

@@ -3,6 +3,8 @@
 
 #include <pthread.h>
 
+#include <utility>
+
 #include "harness/real_function.h"
 
 namespace {
@@ -14,6 +16,13 @@ int CountAndFail(int FailingPThread::*count, int FailingPThread::*error) {
   const int number = ++(current->*count);
   const int first = current->firstFailing;
   return (current->once ? number == first : number >= first) ? current->*error : 0;
+}
+
+void CallOnLock() {
+  if (current == nullptr || !current->onLock) return;
+  const auto onLock = std::exchange(current->onLock, nullptr);
+  onLock();
+  current->onLock = onLock;
 }
 
 void NoteUnlock(const pthread_mutex_t* mutex) {
@@ -50,6 +59,7 @@ extern "C" int pthread_cond_init(pthread_cond_t* condition,
 
 extern "C" int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept {
   static auto* const real = RealFunction<int(pthread_mutex_t*)>("pthread_mutex_lock");
+  CallOnLock();
   int error = CountAndFail(&FailingPThread::locks, &FailingPThread::lockError);
   if (error == 0) error = real(mutex);
   if (error == 0 && current != nullptr) current->held.insert(mutex);

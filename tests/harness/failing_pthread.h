@@ -3,6 +3,7 @@
 
 #include <pthread.h>
 
+#include <functional>
 #include <set>
 
 // Stands in for the POSIX thread functions of the whole program while it lives:
@@ -28,6 +29,10 @@ class FailingPThread {
   // one.
   int firstFailing = 1;
   bool once = false;
+
+  // Called before each lock, but not for its own: a moment between two steps of the
+  // library.
+  std::function<void()> onLock;
 
   int locks = 0;
   int unlocks = 0;
