@@ -1,11 +1,18 @@
 // How the hash cache starts, stops and counts.
 #include <doctest/doctest.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
+#include <functional>
 #include <future>
+#include <new>
 #include <string>
 
 #include "harness/counted_sleep.h"
+#include "harness/failing_pthread.h"
 #include "harness/held_host.h"
+#include "harness/latch.h"
 #include "harness/open_hash_cache.h"
 #include "harness/recorded_log.h"
 #include "support/orvex_profiling.h"
@@ -31,6 +38,52 @@ void AppendFullDrain(std::string& transcript, const char* threads) {
   transcript += head + "Threads(" + threads + ") still running after max retry\n";
 }
 
+// Whether the cache serves without its set at any lock that the action takes.
+bool ServesWithoutSet(OpenHashCache& cache, const std::function<void()>& action) {
+  bool serves = false;
+  FailingPThread system;
+  system.onLock = [&] { serves |= cache.active && !cache.calHashSet.active; };
+  action();
+  return serves;
+}
+
+// A record that cannot be written to until somebody tried.
+class GuardedRecord {
+ public:
+  explicit GuardedRecord(OpenHashCache& cache)
+      : page_(mmap(nullptr, PageSize(), PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0)) {
+    current_ = this;
+    cache_ = &cache;
+    struct sigaction onFault {};
+    onFault.sa_handler = LetIn;
+    sigaction(SIGSEGV, &onFault, &before_);
+  }
+  ~GuardedRecord() {
+    sigaction(SIGSEGV, &before_, nullptr);
+    munmap(page_, PageSize());
+  }
+  GuardedRecord(const GuardedRecord&) = delete;
+  GuardedRecord& operator=(const GuardedRecord&) = delete;
+
+  LRUCacheMetrics_s& Metrics() { return *static_cast<LRUCacheMetrics_s*>(page_); }
+
+  // How many threads were inside the cache at the first write.
+  int threadsInside = -1;
+
+ private:
+  static size_t PageSize() { return static_cast<size_t>(sysconf(_SC_PAGESIZE)); }
+  static void LetIn(int) {
+    current_->threadsInside = ORVEX_atomic_read_32(&cache_->activeThreads);
+    mprotect(current_->page_, PageSize(), PROT_READ | PROT_WRITE);
+  }
+
+  static inline GuardedRecord* current_ = nullptr;
+  static inline OpenHashCache* cache_ = nullptr;
+
+  void* page_;
+  struct sigaction before_ {};
+};
+
 }  // namespace
 
 TEST_CASE("a new hash cache is stopped and its counters are zero") {
@@ -55,6 +108,22 @@ TEST_CASE("starting the hash cache makes cache and set active and can be repeate
     CHECK(log.TakeTranscript() ==
           Lines({"DEBUG InitLRUCache orvex_lru_cache: Init LRUCache successfully"}));
   }
+}
+
+TEST_CASE("starting the hash cache is told before anything is changed") {
+  OpenHashCache cache;
+  RecordedLog log;
+  bool wasActive = true;
+  log.onMessage = [&](const LogRecord&) { wasActive = cache.active || cache.calHashSet.active; };
+  cache.InitLRUCache();
+  CHECK_FALSE(wasActive);
+}
+
+TEST_CASE("the hash cache never serves without its set of paths being calculated") {
+  const RecordedLog quiet(ORVEX_LOG_FATAL);
+  OpenHashCache cache;
+  CHECK_FALSE(ServesWithoutSet(cache, [&] { cache.InitLRUCache(); }));
+  CHECK_FALSE(ServesWithoutSet(cache, [&] { cache.DeinitLRUCache(); }));
 }
 
 TEST_CASE("starting the hash cache keeps what was pushed before") {
@@ -114,6 +183,79 @@ TEST_CASE("a thread that leaves during the drain ends it") {
   CHECK(log.CountOf("Waiting for threads(1) to leave, retry=2") == 1);
   CHECK(log.CountOf("All threads leaves successfully, retry=3") == 1);
   CHECK(log.CountOf("still running") == 0);
+}
+
+TEST_CASE("a thread that leaves in the last pause of a drain is no longer counted") {
+  OpenHashCache cache;
+  cache.InitLRUCache();
+  Latch hostEntered;
+  Latch hostMayAnswer;
+  cache.onHash = [&](metadata_input_s&, metadata_output_s&) {
+    hostEntered.Open();
+    hostMayAnswer.Wait();
+    return 0;
+  };
+  auto blocked = std::async(std::launch::async, [&] { return cache.Ask("/a"); });
+  hostEntered.Wait();
+  RecordedLog log;
+  CountedSleep pauses;
+  pauses.onSleep = [&] {
+    if (pauses.sleeps < 10) return;
+    hostMayAnswer.Open();
+    blocked.wait();
+  };
+  CHECK(cache.DeinitLRUCache() == 0);
+  CHECK(log.CountOf("Waiting for threads(1) to leave, retry=9") == 1);
+  CHECK(log.CountOf("Threads(0) still running after max retry") == 1);
+}
+
+TEST_CASE("a stop zeroes the counters before it waits and keeps what is counted later") {
+  OpenHashCache cache;
+  cache.InitLRUCache();
+  Latch hostEntered;
+  Latch hostMayAnswer;
+  cache.onHash = [&](metadata_input_s&, metadata_output_s&) {
+    hostEntered.Open();
+    hostMayAnswer.Wait();
+    return 0;
+  };
+  auto blocked = std::async(std::launch::async, [&] { return cache.Ask("/a"); });
+  hostEntered.Wait();
+  const RecordedLog quiet;
+  CountedSleep pauses;
+  LRUCacheMetrics_s during;
+  pauses.onSleep = [&] {
+    cache.GetMetrics(during);
+    hostMayAnswer.Open();
+    blocked.wait();
+  };
+  cache.DeinitLRUCache();
+  CHECK(pauses.sleeps == 1);
+  CHECK(during.Query == 0);
+  CHECK(during.Miss == 0);
+  LRUCacheMetrics_s after;
+  cache.GetMetrics(after);
+  CHECK(after.numOfHelpFuncCalled == 1);
+}
+
+TEST_CASE("a thread that reads the counters of the hash cache counts as inside") {
+  OpenHashCache cache;
+  GuardedRecord record(cache);
+  cache.GetMetrics(record.Metrics());
+  CHECK(record.threadsInside == 1);
+  CHECK(cache.activeThreads == 0);
+}
+
+TEST_CASE("a thread that resets the counters of the hash cache counts as inside") {
+  OpenHashCache cache;
+  int threadsInside = -1;
+  {
+    FailingPThread system;
+    system.onLock = [&] { threadsInside = cache.activeThreads; };
+    cache.ResetMetrics();
+  }
+  CHECK(threadsInside == 1);
+  CHECK(cache.activeThreads == 0);
 }
 
 TEST_CASE("a stopped hash cache is empty with zero counters and counts no query") {
@@ -205,6 +347,32 @@ TEST_CASE("flushing the hash cache leaves all counters as they were") {
   CHECK(cache.metrics.Query == 1);
 }
 
+TEST_CASE("a flush forgets all keys and then ends the nodes from the most recent to the oldest") {
+  static OpenHashCache* flushed = nullptr;
+  struct TellingNode : LRUCacheNode {
+    using LRUCacheNode::LRUCacheNode;
+    ~TellingNode() override {
+      // The flush holds the lock that this expects.
+      flushed->DumpCacheMap();
+      ORVEX_LOG_FROM(ORVEX_LOG_INFO, "TellingNode", "test", "%s ends", path.c_str());
+    }
+  };
+  OpenHashCache cache;
+  flushed = &cache;
+  for (const char* path : {"/a", "/b", "/c"}) {
+    metadata_input_s in = InputFor(path);
+    Answer out;
+    LRUCacheKey key(in);
+    cache.InsertCacheNode(key, new TellingNode(in, out));
+  }
+  RecordedLog log;
+  cache.FlushCache();
+  const std::string noKeys = "DEBUG DumpCacheMap orvex_lru_cache: CacheMap.size=0";
+  CHECK(log.TakeTranscript() ==
+        Lines({noKeys, "INFO TellingNode test: /c ends", noKeys, "INFO TellingNode test: /b ends",
+               noKeys, "INFO TellingNode test: /a ends"}));
+}
+
 TEST_CASE("flushing the hash cache is timed under its name") {
   OpenHashCache cache;
   ORVEX_Profiling::EnableProfiling = true;
@@ -237,6 +405,20 @@ TEST_CASE("the counters are copied out and dumped in their order") {
                            "numOfCacheUpdateMetaDataSuccess=7, numOfCacheUpdateMetaDataFailure=8, "
                            "numOfHelpFuncCalled=9, "
                            "numOfWaitInHashCalculation=9223372036854775807")}));
+}
+
+TEST_CASE("the counters are dumped as a subclass of the cache tells them") {
+  class Telling : public OpenHashCache {
+   public:
+    int GetMetrics(LRUCacheMetrics_s& out) const override {
+      out = LRUCacheMetrics_s();
+      out.Hit = 7;
+      return 0;
+    }
+  } cache;
+  RecordedLog log;
+  cache.DumpMetrics();
+  CHECK(log.CountOf("Query=0, Miss=0, Hit=7, ") == 1);
 }
 
 TEST_CASE("resetting the counters of the hash cache zeroes all ten") {
