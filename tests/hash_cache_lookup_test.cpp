@@ -93,6 +93,15 @@ TEST_CASE("a lookup with another mtime is out of date and copies nothing") {
         Lines({"WARNING QueryLRUCache orvex_lru_cache: Cache query: cache out-of-date, (6/5) /a"}));
 }
 
+TEST_CASE("a lookup with an older mtime is out of date as well") {
+  OpenHashCache cache;
+  Answer stored;
+  cache.Store(ByPath("/a", 5), stored);
+  Answer out;
+  CHECK(cache.Look(ByPath("/a", 4), out) == 4);
+  CheckCounters(cache, {1, 0, 0, 0, 1});
+}
+
 TEST_CASE("a lookup whose mtime is not given is never out of date") {
   OpenHashCache cache;
   Answer stored;
@@ -270,6 +279,26 @@ TEST_CASE("pushing metadata counts whether it was stored") {
   CHECK(cache.metrics.numOfCacheUpdateMetaDataFailure == 2);
 }
 
+TEST_CASE("pushing metadata and inserting a node go by the operations of a subclass") {
+  class Telling : public OpenHashCache {
+   public:
+    int UpdateCache(metadata_input_s*, metadata_output_s*) override { return 77; }
+    void LRUCacheNodeUpdate(LRUCacheKey& key, LRUCacheNode* node,
+                            LRU_OPERATION operation) override {
+      ++updates;
+      OpenHashCache::LRUCacheNodeUpdate(key, node, operation);
+    }
+    int updates = 0;
+  } cache;
+  metadata_input_s in = InputFor("/a");
+  Answer out;
+  CHECK(cache.UpdateMetaData(&in, &out) == 77);
+  CHECK(cache.metrics.numOfCacheUpdateMetaDataFailure == 1);
+  LRUCacheKey key(in);
+  CHECK(cache.InsertCacheNode(key, new LRUCacheNode(in, out)) == 0);
+  CHECK(cache.updates == 1);
+}
+
 TEST_CASE("an update by itself counts nothing") {
   OpenHashCache cache;
   cache.Store("/a");
@@ -297,6 +326,39 @@ TEST_CASE("inserting under a key that is cached gives 201 and does not take the 
   CHECK(cache.InsertCacheNode(key, &mine) == 201);
   CHECK(cache.CacheNodeList.size() == 1);
   CHECK(cache.CacheNodeList.front() != &mine);
+}
+
+TEST_CASE("inserting a node counts nothing, whatever comes of it") {
+  OpenHashCache cache;
+  metadata_input_s in = InputFor("/a");
+  Answer out;
+  LRUCacheKey key(in);
+  LRUCacheNode refused(in, out);
+  CHECK(cache.InsertCacheNode(key, new LRUCacheNode(in, out)) == 0);
+  CHECK(cache.InsertCacheNode(key, &refused) == 201);
+  CHECK(cache.InsertCacheNode(key, nullptr) == 3);
+  CheckCounters(cache, {0, 0, 0, 0, 0});
+  CHECK(cache.metrics.WipeOuts == 0);
+  CHECK(cache.metrics.numOfCacheUpdateMetaDataSuccess == 0);
+  CHECK(cache.metrics.numOfCacheUpdateMetaDataFailure == 0);
+}
+
+TEST_CASE("a node that takes over another's parts keeps its own place in the cache") {
+  OpenHashCache cache;
+  LRUCacheNode* nodes[2] = {};
+  const char* const paths[2] = {"/a", "/b"};
+  for (const int i : {0, 1}) {
+    metadata_input_s in = InputFor(paths[i]);
+    Answer out;
+    LRUCacheKey key(in);
+    nodes[i] = new LRUCacheNode(in, out);
+    REQUIRE(cache.InsertCacheNode(key, nodes[i]) == 0);
+  }
+  *nodes[0] = *nodes[1];
+  cache.SetCapacity(1);
+  Answer out;
+  CHECK(cache.Look(InputFor("/a"), out) == 1);
+  CHECK(cache.Look(InputFor("/b"), out) != 1);
 }
 
 TEST_CASE("inserting no node gives 3") {

@@ -13,7 +13,9 @@
 #include <thread>
 #include <vector>
 
+#include "harness/cancelled_thread.h"
 #include "harness/counted_sleep.h"
+#include "harness/failing_pthread.h"
 #include "harness/held_host.h"
 #include "harness/latch.h"
 #include "harness/open_hash_cache.h"
@@ -377,6 +379,22 @@ TEST_CASE("different paths are calculated at the same time") {
   CHECK(second.get() == 0);
 }
 
+TEST_CASE("queries of other paths do not sleep and count no wait") {
+  const RecordedLog quiet(ORVEX_LOG_FATAL);
+  OpenHashCache cache;
+  cache.InitLRUCache();
+  const auto answer = cache.onHash;
+  cache.onHash = [&](metadata_input_s& in, metadata_output_s& out) {
+    if (std::string(in.path) != "/a") return answer(in, out);
+    // Enough that some look like the one that is being calculated.
+    for (int i = 0; i < 1000; ++i) cache.Ask(("/" + std::to_string(i)).c_str());
+    return 0;
+  };
+  CHECK(cache.Ask("/a") == 0);
+  CHECK(cache.metrics.Query == 1001);
+  CHECK(cache.metrics.numOfWaitInHashCalculation == 0);
+}
+
 TEST_CASE("a path is marked while the host computes and free afterwards") {
   OpenHashCache cache;
   cache.InitLRUCache();
@@ -507,6 +525,20 @@ TEST_CASE("a query that meets a stop after its lookup calculates unannounced") {
   CHECK(cache.metrics.numOfHelpFuncCalled == 1);
 }
 
+TEST_CASE("a thread that calculates unannounced wakes those that sleep all the same") {
+  InterruptedCache cache;
+  cache.InitLRUCache();
+  cache.StopSetAfterLookup();
+  const RecordedLog quiet(ORVEX_LOG_FATAL);
+  int broadcasts = 0;
+  {
+    FailingPThread system;
+    cache.Ask("/a");
+    broadcasts = system.broadcasts;
+  }
+  CHECK(broadcasts == 1);
+}
+
 TEST_CASE("a query that meets a stop after its lookup says nothing of it unless asked to") {
   InterruptedCache cache;
   cache.InitLRUCache();
@@ -558,6 +590,17 @@ TEST_CASE("an exception of the host wakes those that wait for the path") {
   held.mayAnswer.Open();
   CHECK_THROWS_WITH_AS(first.get(), "the host's own", std::runtime_error);
   CHECK(second.get() == 0);
+}
+
+TEST_CASE("a thread that is to be cancelled outlasts its query, whatever the log callback does") {
+  OpenHashCache cache;
+  cache.InitLRUCache();
+  RecordedLog log;
+  log.onMessage = [](const LogRecord&) { pthread_testcancel(); };
+  int code = -1;
+  CHECK(OutlastsCancellation([&] { code = cache.Ask("/a"); }));
+  CHECK(code == 0);
+  CHECK(log.CountOf("broadcast signal: /a") == 1);
 }
 
 TEST_CASE("a thread that is cancelled inside the host frees the path") {

@@ -1,0 +1,27 @@
+// A thread that is to end at the next point where it can.
+#pragma once
+
+#include <pthread.h>
+
+#include <functional>
+#include <utility>
+
+// Runs the action on a thread of its own whose cancellation is requested already. False
+// when the thread ended before the action did.
+inline bool OutlastsCancellation(std::function<void()> action) {
+  struct Cancelled {
+    std::function<void()> action;
+    bool outlasted;
+  } cancelled{std::move(action), false};
+  pthread_t thread;
+  const auto run = [](void* arg) -> void* {
+    auto& self = *static_cast<Cancelled*>(arg);
+    pthread_cancel(pthread_self());
+    self.action();
+    self.outlasted = true;
+    return nullptr;
+  };
+  if (pthread_create(&thread, nullptr, run, &cancelled) != 0) return false;
+  pthread_join(thread, nullptr);
+  return cancelled.outlasted;
+}
