@@ -1,10 +1,13 @@
 // Mutexes, condition waits and scope locks.
 #include <doctest/doctest.h>
+#include <errno.h>
+#include <pthread.h>
 
 #include <string>
 #include <thread>
 #include <type_traits>
 
+#include "harness/cancelled_thread.h"
 #include "harness/captured_output.h"
 #include "harness/failing_pthread.h"
 #include "harness/latch.h"
@@ -38,6 +41,23 @@ struct Waiting {
   int wakeUps = 0;
 };
 
+// A lock of a host's own, whose results a test sets.
+class ScriptedLock : public ORVEX_Lock {
+ public:
+  unsigned int GetLastErrorCode() const override { return error; }
+  unsigned int Lock() override { return lockResult; }
+  unsigned int Unlock() override { return unlockResult; }
+
+  unsigned int error = 0;
+  unsigned int lockResult = 0;
+  unsigned int unlockResult = 0;
+};
+
+template <typename Lock>
+struct OpenLock : Lock {
+  using Lock::mutex_;
+};
+
 }  // namespace
 
 TEST_CASE("a lock is free again once it was unlocked") {
@@ -46,6 +66,27 @@ TEST_CASE("a lock is free again once it was unlocked") {
   CHECK(lock.Unlock() == 0);
   CHECK(lock.Lock() == 0);
   CHECK(lock.Unlock() == 0);
+}
+
+TEST_CASE_TEMPLATE("a lock that is held cannot be had again by the thread that holds it", Lock,
+                   ORVEX_PThread_Lock, ORVEX_PThread_CondLock) {
+  OpenLock<Lock> lock;
+  REQUIRE(lock.Lock() == 0);
+  CHECK(pthread_mutex_trylock(&lock.mutex_) == EBUSY);
+  CHECK(lock.Unlock() == 0);
+}
+
+TEST_CASE("a lock gives its mutex back to the system, and a condition first its condition") {
+  std::string destroyed[2];
+  {
+    FailingPThread system;
+    { const ORVEX_PThread_Lock lock; }
+    destroyed[0].swap(system.destroyed);
+    { const ORVEX_PThread_CondLock condition; }
+    destroyed[1].swap(system.destroyed);
+  }
+  CHECK(destroyed[0] == "mutex ");
+  CHECK(destroyed[1] == "condition mutex ");
 }
 
 TEST_CASE("the last error of a lock is zero before its first use and after a success") {
@@ -151,6 +192,30 @@ TEST_CASE("a scope lock that cannot unlock says so on standard output") {
     failing.unlockError = 1;
   }
   CHECK(output.Take() == "[LOCK] unlock failed: 1\n");
+}
+
+TEST_CASE("the error number of a scope lock's line has a sign") {
+  ScriptedLock lock;
+  lock.error = static_cast<unsigned int>(-5);
+  CapturedOutput output;
+  lock.lockResult = ORVEX_LOCK_FAILED;
+  { const ORVEX_ScopeLock guard(&lock); }
+  CHECK(output.Take() == "[LOCK] lock failed: -5\n");
+  lock.lockResult = 0;
+  lock.unlockResult = ORVEX_UNLOCK_FAILED;
+  { const ORVEX_ScopeLock guard(&lock); }
+  CHECK(output.Take() == "[LOCK] unlock failed: -5\n");
+}
+
+TEST_CASE("a thread that is to be cancelled outlasts the lines of a scope lock") {
+  ScriptedLock lock;
+  CapturedOutput output;
+  lock.lockResult = ORVEX_LOCK_FAILED;
+  CHECK(OutlastsCancellation([&] { const ORVEX_ScopeLock guard(&lock); }));
+  lock.lockResult = 0;
+  lock.unlockResult = ORVEX_UNLOCK_FAILED;
+  CHECK(OutlastsCancellation([&] { const ORVEX_ScopeLock guard(&lock); }));
+  CHECK(output.Take() == "[LOCK] lock failed: 0\n[LOCK] unlock failed: 0\n");
 }
 
 TEST_CASE("a wait without a predicate is refused with 3 before anything is locked") {

@@ -1,5 +1,6 @@
 // The logger: levels, switches, format and callback.
 #include <doctest/doctest.h>
+#include <pthread.h>
 #include <stdlib.h>
 #include <time.h>
 #include <unistd.h>
@@ -7,6 +8,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "harness/cancelled_thread.h"
 #include "harness/captured_output.h"
 #include "harness/real_function.h"
 #include "harness/recorded_log.h"
@@ -92,6 +94,13 @@ TEST_CASE("a message of 600 characters arrives cut to 511 with its whole length 
   CHECK(log.Records().front().length == 600);
 }
 
+TEST_CASE("the result of a text that cannot be formatted is passed on as its length") {
+  RecordedLog log;
+  const wchar_t noCharacter[] = {0x7fffffff, 0};
+  ORVEX_LOGGER::GetInstance()->Log(ORVEX_LOG_INFO, 7, "Function", "file", "%ls", noCharacter);
+  CHECK(log.Records().front().length == static_cast<unsigned int>(-1));
+}
+
 TEST_CASE("a null text in a message reads (null)") {
   RecordedLog log;
   LogText(ORVEX_LOG_INFO, nullptr);
@@ -161,6 +170,12 @@ TEST_CASE("without a callback a message is one flushed line on standard output")
   CHECK(matches);
 }
 
+TEST_CASE("the number of a line is printed without a sign") {
+  CapturedOutput output;
+  ORVEX_LOGGER::GetInstance()->Log(ORVEX_LOG_ERROR, 4294967295u, "Function", "file", "the text");
+  CHECK(output.Take().find(" the text file|4294967295|Function\n") != std::string::npos);
+}
+
 TEST_CASE("a time that has no local form leaves its place in the line empty") {
   CapturedOutput output;
   localTimeFails = true;
@@ -187,6 +202,18 @@ TEST_CASE("an exception of the log callback ends in the logger") {
   log.onMessage = [](const LogRecord&) { throw std::runtime_error("from the callback"); };
   CHECK_NOTHROW(LogText(ORVEX_LOG_INFO, "text"));
   CHECK(log.CountOf("text") == 1);
+}
+
+TEST_CASE("a thread that is to be cancelled outlasts a message, printed or handed to a callback") {
+  {
+    CapturedOutput output;
+    CHECK(OutlastsCancellation([] { LogText(ORVEX_LOG_INFO, "printed"); }));
+    CHECK(output.Take().find("printed file|7|Function\n") != std::string::npos);
+  }
+  RecordedLog log;
+  log.onMessage = [](const LogRecord&) { pthread_testcancel(); };
+  CHECK(OutlastsCancellation([] { LogText(ORVEX_LOG_INFO, "handed over"); }));
+  CHECK(log.CountOf("handed over") == 1);
 }
 
 TEST_CASE("a dropped message does not evaluate its arguments") {

@@ -14,6 +14,16 @@ TEST_CASE("conversions to a coarser unit truncate") {
   CHECK(ORVEXTimeUsToMs(1999) == 1);
 }
 
+TEST_CASE("conversions to a coarser unit divide unsigned numbers") {
+  constexpr unsigned long long kLargest = 18446744073709551615u;
+  CHECK(ORVEXTimeNsToSec(kLargest) == 18446744073);
+  CHECK(ORVEXTimeNsToMs(kLargest) == 18446744073709);
+  CHECK(ORVEXTimeNsToUs(kLargest) == 18446744073709551);
+  CHECK(ORVEXTimeMsToSec(kLargest) == 18446744073709551);
+  CHECK(ORVEXTimeUsToSec(kLargest) == 18446744073709);
+  CHECK(ORVEXTimeUsToMs(kLargest) == 18446744073709551);
+}
+
 TEST_CASE("conversions to a finer unit multiply") {
   CHECK(ORVEXTimeSecToMs(3) == 3000);
   CHECK(ORVEXTimeSecToUs(3) == 3000000);

@@ -87,3 +87,15 @@ extern "C" int pthread_cond_broadcast(pthread_cond_t* condition) noexcept {
   const int error = CountAndFail(&FailingPThread::broadcasts, &FailingPThread::broadcastError);
   return error != 0 ? error : real(condition);
 }
+
+extern "C" int pthread_mutex_destroy(pthread_mutex_t* mutex) noexcept {
+  static auto* const real = RealFunction<int(pthread_mutex_t*)>("pthread_mutex_destroy");
+  if (current != nullptr) current->destroyed += "mutex ";
+  return real(mutex);
+}
+
+extern "C" int pthread_cond_destroy(pthread_cond_t* condition) noexcept {
+  static auto* const real = RealFunction<int(pthread_cond_t*)>("pthread_cond_destroy");
+  if (current != nullptr) current->destroyed += "condition ";
+  return real(condition);
+}

@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <set>
+#include <string>
 
 // Stands in for the POSIX thread functions of the whole program while it lives:
 // counts their calls, and fails those whose error is not 0 without doing anything,
@@ -40,6 +41,8 @@ class FailingPThread {
   int broadcasts = 0;
   int mutexInits = 0;
   int conditionInits = 0;
+  // "mutex" and "condition" in the order in which they were destroyed, each with a blank.
+  std::string destroyed;
   // Unlocks of a mutex that this thread had not locked.
   int wrongUnlocks = 0;
   // What this thread holds.
