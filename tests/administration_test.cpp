@@ -9,6 +9,7 @@
 #include "cache/orvex_caches.h"
 #include "harness/recorded_log.h"
 #include "harness/records.h"
+#include "harness/virtual_table.h"
 #include "support/orvex_profiling.h"
 
 namespace {
@@ -116,6 +117,27 @@ TEST_CASE_FIXTURE(EmptiedAtTheEnd,
   for (const int unknown : {-1, 2, INT_MAX, INT_MIN}) CHECK(orvex_flush_cache(unknown) == 3);
   CHECK(log.TakeTranscript() == "");
   CHECK(Entries() == std::pair(1, 0));
+}
+
+TEST_CASE("flushing gives the code of the cache it names") {
+  const ReplacedOperation hash(
+      &HashCache(), kHashCacheSlots, 4, +[](void*) { return 55; });
+  const ReplacedOperation fileType(
+      &TypeCache(), kFileTypeCacheSlots, 4, +[](void*) { return 56; });
+  CHECK(orvex_flush_cache(0) == 55);
+  CHECK(orvex_flush_cache(1) == 56);
+}
+
+TEST_CASE_FIXTURE(EmptiedAtTheEnd, "each cache keeps 4096 entries unless told otherwise") {
+  const auto storeOne = [](int number) {
+    const std::string path = "/" + std::to_string(number);
+    Push(path.c_str());
+    StoreFileType(path.c_str());
+  };
+  for (int i = 0; i < 4096; ++i) storeOne(i);
+  CHECK(Entries() == std::pair(4096, 4096));
+  storeOne(4096);
+  CHECK(Entries() == std::pair(4096, 4096));
 }
 
 TEST_CASE("a capacity out of range means 4096") {
