@@ -1,11 +1,14 @@
 // The cache of file types.
 #include <doctest/doctest.h>
 
+#include <atomic>
 #include <functional>
+#include <future>
 #include <stdexcept>
 #include <string>
 
 #include "cache/orvex_lru_cache_file_type.h"
+#include "harness/latch.h"
 #include "harness/recorded_log.h"
 #include "harness/records.h"
 
@@ -41,7 +44,7 @@ struct TypeCacheUnderTest {
   }
 
   FileTypeCache cache;
-  int calls = 0;
+  std::atomic<int> calls{0};
   std::function<int(metadata_input_s&, metadata_output_s&)> onFileType =
       [](metadata_input_s&, metadata_output_s& out) {
         out.major = 3;
@@ -105,6 +108,44 @@ TEST_CASE("a file type of another mtime is out of date until it is refreshed") {
   CHECK(test.calls == 3);
   CHECK(test.Metrics().OutOfDate == 2);
   CHECK(test.Metrics().Hit == 1);
+}
+
+TEST_CASE("a file type of an older mtime is out of date as well") {
+  TypeCacheUnderTest test;
+  metadata_input_s in = TypeOf("/a");
+  in.fileOperation = KEY_PATH;
+  Answer first;
+  test.Ask(in, first);
+  in.mtime = 4;
+  Answer out;
+  test.Ask(in, out);
+  CHECK(test.calls == 2);
+  CHECK(test.Metrics().OutOfDate == 1);
+}
+
+TEST_CASE("threads that miss on one file at once all ask the host and share one entry") {
+  TypeCacheUnderTest test;
+  const RecordedLog quiet(ORVEX_LOG_FATAL);
+  Latch bothInside;
+  const auto answer = test.onFileType;
+  test.onFileType = [&](metadata_input_s& in, metadata_output_s& out) {
+    if (test.calls == 2) bothInside.Open();
+    bothInside.Wait();
+    return answer(in, out);
+  };
+  const auto ask = [&test] {
+    Answer out;
+    return test.Ask(TypeOf("/a"), out) == 0 && out.resultReady == 1 && out.major == 3;
+  };
+  auto first = std::async(std::launch::async, ask);
+  auto second = std::async(std::launch::async, ask);
+  CHECK(first.get());
+  CHECK(second.get());
+  CHECK(test.calls == 2);
+  CHECK(test.Metrics().Miss == 2);
+  RecordedLog log;
+  test.cache.DumpCache();
+  CHECK(log.CountOf("CacheNodeList.size=1") == 1);
 }
 
 TEST_CASE("an mtime of 0 never makes a file type out of date") {
@@ -367,6 +408,26 @@ TEST_CASE("assigning a file type node copies path and type but no mtime") {
   CHECK(target.minor == 4);
   CHECK(target.queryFlag == QUERY_FILE_TYPE);
   CHECK(target.mtime == 0);
+}
+
+TEST_CASE("a file type node that takes over another's type keeps its own place in the cache") {
+  TypeCacheUnderTest test;
+  FileTypeCacheNode* nodes[2] = {};
+  const char* const paths[2] = {"/a", "/b"};
+  for (const int i : {0, 1}) {
+    metadata_input_s in = TypeOf(paths[i]);
+    Answer out;
+    LRUCacheKey key(in);
+    nodes[i] = new FileTypeCacheNode(in, out);
+    test.cache.LRUCacheNodeUpdate(key, nodes[i], LRU_INSERT);
+  }
+  *nodes[0] = *nodes[1];
+  test.cache.SetCapacity(1);
+  metadata_input_s evicted = TypeOf("/a");
+  metadata_input_s kept = TypeOf("/b");
+  Answer out;
+  CHECK(test.cache.QueryLRUCache(&evicted, &out) == LRU_MISS);
+  CHECK(test.cache.QueryLRUCache(&kept, &out) == LRU_HIT);
 }
 
 TEST_CASE("assigning a file type node without a type leaves the target's") {

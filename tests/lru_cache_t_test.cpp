@@ -438,6 +438,25 @@ TEST_CASE_TEMPLATE("storing, a stop and a dump go by the operations of the subcl
   CHECK(cache.resets == 1);
 }
 
+TEST_CASE_TEMPLATE("a stop refuses queries before it flushes, and zeroes the counters last", Cache,
+                   SizeCache, BareHashCache, BareFileTypeCache) {
+  struct Telling : Cache {
+    int FlushCache() override {
+      story += this->IsInit() ? "flushes while active" : "flushes";
+      return Cache::FlushCache();
+    }
+    int ResetMetrics() override {
+      story += ", zeroes";
+      return Cache::ResetMetrics();
+    }
+    std::string story;
+  };
+  Telling cache;
+  cache.InitLRUCache();
+  cache.DeinitLRUCache();
+  CHECK(cache.story == "flushes, zeroes");
+}
+
 TEST_CASE_TEMPLATE("storing and moving are told at DEBUG, unless the log is off or terser", Cache,
                    SizeCache, BareHashCache, BareFileTypeCache) {
   Cache cache;

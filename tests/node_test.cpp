@@ -368,6 +368,30 @@ TEST_CASE("assigning a node never copies the mtime nor its bit") {
   CHECK((target.queryFlags & QUERY_MTIME) == 0);
 }
 
+TEST_CASE("assigning a node copies feedback without its bit") {
+  metadata_input_s in = FileOf(0, 0);
+  Answer out;
+  out.feedback = 1;
+  out.queryFlags = QUERY_FEEDBACK;
+  const LRUCacheNode source(in, out);
+  LRUCacheNode target;
+  target = source;
+  CHECK(target.feedback);
+  CHECK(target.queryFlags == 0);
+}
+
+TEST_CASE("assigning a node leaves whether the target ever stored an answer") {
+  metadata_input_s in = FileOf(0, 0);
+  Answer out;
+  const LRUCacheNode stored(in, out);
+  LRUCacheNode never;
+  never = stored;
+  CHECK_FALSE(never.dataSet);
+  LRUCacheNode once(in, out);
+  once = LRUCacheNode();
+  CHECK(once.dataSet);
+}
+
 TEST_CASE("assigning a node without size or feedback leaves the target's") {
   metadata_input_s in = FileOf(10, 0);
   Answer out;
@@ -400,6 +424,22 @@ TEST_CASE("assigning a node copies signers unless they are the same already") {
   GiveSigners(others, {"Other"});
   target = LRUCacheNode(in, others);
   CHECK(std::string(target.signers.get()) == "Other");
+}
+
+TEST_CASE("signers that differ from the target's in one byte are copied, wherever it is") {
+  constexpr size_t kLength = 2 * ORVEX_SIGNER_SLOT;
+  for (const size_t at : {size_t{0}, size_t{ORVEX_SIGNER_SLOT}, kLength - 1}) {
+    CAPTURE(at);
+    metadata_input_s in = FileOf(0, 0);
+    Answer out;
+    GiveSigners(out, {"Kelda", "Other"});
+    LRUCacheNode target(in, out);
+    out.signers[at] = '!';
+    const LRUCacheNode source(in, out);
+    target = source;
+    REQUIRE(target.signerCount == 2);
+    CHECK(std::equal(out.signers, out.signers + kLength, target.signers.get()));
+  }
 }
 
 TEST_CASE("signers that are counted on either side but not there are never the same") {
