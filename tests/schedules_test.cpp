@@ -18,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "cache/orvex_lru_cache_file_type.h"
 #include "harness/engine_under_test.h"
 #include "harness/every_schedule.h"
 #include "harness/open_hash_cache.h"
@@ -404,6 +405,87 @@ TEST_CASE("every thread leaves an engine that is stopped, whatever the order") {
     orvex_deinit();
     std::printf(
         "engine stopped meanwhile: %ld schedules of %zu threads, each with up to %d "
+        "preemptions\n",
+        schedules.Count(), bodies.size(), preemptions);
+  }
+}
+
+TEST_CASE("every thread leaves a file type cache that is stopped, whatever the order") {
+  ORVEX_LOG_BASE::LogEnable = false;
+  struct Asked {
+    int code = 0;
+    int calls = 0;
+    std::optional<Answer> answer;
+  };
+  std::optional<FileTypeCache> cache;
+  const auto ask = [&cache](Asked& asked) {
+    metadata_input_s in = InputFor("/a");
+    in.queryFlags = QUERY_FILE_TYPE;
+    asked.calls = 0;
+    asked.answer.emplace();
+    asked.code = cache->Query(&in, &*asked.answer, &asked.calls);
+  };
+  for (const size_t askers : {1u, 2u}) {
+    // Each asks twice; the type is in the cache before the stop.
+    std::array<std::array<Asked, 2>, 2> asked;
+    std::vector<EverySchedule::Body> bodies;
+    for (size_t i = 0; i < askers; ++i) {
+      bodies.emplace_back([&ask, &twice = asked[i]] {
+        for (Asked& each : twice) ask(each);
+      });
+    }
+    int stopped = -1;
+    bodies.emplace_back([&] { stopped = cache->DeinitLRUCache(); });
+    const auto begin = [&] {
+      if (cache) cache->FlushCache();
+      cache.emplace();
+      cache->RegisterMetaQueryCallback([](metadata_input_s*, metadata_output_s* out, void* ctx) {
+        ++*static_cast<int*>(ctx);
+        out->major = 3;
+        out->minor = 4;
+        out->queryFlags |= QUERY_FILE_TYPE;
+        return 0;
+      });
+      cache->InitLRUCache();
+      Asked beforehand;
+      ask(beforehand);
+    };
+    int refused = 0;
+    int found = 0;
+    int missed = 0;
+    const int preemptions = Preemptions(bodies.size());
+    EverySchedule schedules(preemptions, bodies);
+    for (begin(); schedules.RunNext(); begin()) {
+      INFO(schedules.Description());
+      REQUIRE(stopped == 0);
+      for (size_t i = 0; i < askers; ++i) {
+        for (const Asked& each : asked[i]) {
+          if (each.code == ORVEX_CACHE_NOT_INITIALISED) {
+            ++refused;
+            REQUIRE(each.calls == 0);
+            REQUIRE(each.answer->queryFlags == 0);
+            continue;
+          }
+          REQUIRE(each.code == 0);
+          REQUIRE(each.answer->resultReady == 1);
+          REQUIRE(each.answer->major == 3);
+          REQUIRE(each.answer->minor == 4);
+          ++(each.calls == 0 ? found : missed);
+        }
+        // What it missed was flushed, and the cache refused queries before that.
+        const auto& [first, second] = asked[i];
+        if (first.code != 0 || first.calls != 0) {
+          REQUIRE(second.code == ORVEX_CACHE_NOT_INITIALISED);
+        }
+      }
+      REQUIRE_FALSE(cache->IsInit());
+    }
+    cache->FlushCache();
+    CHECK(refused > 0);
+    CHECK(found > 0);
+    CHECK(missed > 0);
+    std::printf(
+        "file type cache stopped meanwhile: %ld schedules of %zu threads, each with up to %d "
         "preemptions\n",
         schedules.Count(), bodies.size(), preemptions);
   }
