@@ -27,10 +27,18 @@ struct Waiting {
     ++self.sleeps;
     self.asleep.Open();
   }
+  // For a thread whose locks fail: the latch locks as well.
+  static bool WantsThreeSleeps(void* arg) {
+    return ++static_cast<Waiting*>(arg)->predicateCalls < 4;
+  }
+  static void CountSleep(void* arg) { ++static_cast<Waiting*>(arg)->sleeps; }
   static void AfterSleep(void* arg) { ++static_cast<Waiting*>(arg)->wakeUps; }
 
   CondWaitCallbacks_t Callbacks() {
     return {StillClosed, BeforeSleep, AfterSleep, this, this, this};
+  }
+  CondWaitCallbacks_t ThreeSleeps() {
+    return {WantsThreeSleeps, CountSleep, AfterSleep, this, this, this};
   }
 
   ORVEX_PThread_CondLock condition;
@@ -170,17 +178,37 @@ TEST_CASE("a scope lock that cannot lock says so on standard output and goes on"
   CHECK(output.Take() == "[LOCK] lock failed: 22\n");
 }
 
-TEST_CASE("a scope lock that could not lock does not unlock what somebody else may hold") {
+TEST_CASE("a scope lock that could not lock unlocks at its end all the same") {
   ORVEX_PThread_Lock lock;
   CapturedOutput output;
+  int unlocksInside = -1;
   int unlocks = -1;
   {
     FailingPThread failing;
     failing.lockError = 22;
-    { const ORVEX_ScopeLock guard(&lock); }
+    {
+      const ORVEX_ScopeLock guard(&lock);
+      unlocksInside = failing.unlocks;
+    }
     unlocks = failing.unlocks;
   }
-  CHECK(unlocks == 0);
+  const std::string said = output.Take();
+  CHECK(unlocksInside == 0);
+  CHECK(unlocks == 1);
+  CHECK(said == "[LOCK] lock failed: 22\n");
+  CHECK(lock.GetLastErrorCode() == 0);
+}
+
+TEST_CASE("a scope lock that can neither lock nor unlock says both on standard output") {
+  ORVEX_PThread_Lock lock;
+  CapturedOutput output;
+  {
+    FailingPThread failing;
+    failing.lockError = 22;
+    failing.unlockError = 1;
+    const ORVEX_ScopeLock guard(&lock);
+  }
+  CHECK(output.Take() == "[LOCK] lock failed: 22\n[LOCK] unlock failed: 1\n");
 }
 
 TEST_CASE("a scope lock that cannot unlock says so on standard output") {
@@ -284,10 +312,7 @@ TEST_CASE("a waiter without pre- and post-wait callbacks looks again after each 
   CondWaitCallbacks_t callbacks = waiting.Callbacks();
   callbacks.preWait = nullptr;
   callbacks.postWait = nullptr;
-  callbacks.predicate = [](void* arg) {
-    auto& self = *static_cast<Waiting*>(arg);
-    return ++self.predicateCalls < 4;
-  };
+  callbacks.predicate = Waiting::WantsThreeSleeps;
   bool waited = false;
   unsigned int result = 99;
   {
@@ -314,8 +339,9 @@ TEST_CASE("a wait leaves the last error of its lock alone") {
   CHECK(waiting.condition.GetLastErrorCode() == 35);
 }
 
-TEST_CASE("a wait that cannot lock is over at once and unlocks nothing") {
+TEST_CASE("a wait that cannot lock asks its predicate all the same") {
   Waiting waiting;
+  waiting.open = true;
   CondWaitCallbacks_t callbacks = waiting.Callbacks();
   bool waited = false;
   unsigned int result = 99;
@@ -327,8 +353,26 @@ TEST_CASE("a wait that cannot lock is over at once and unlocks nothing") {
     unlocks = failing.unlocks;
   }
   CHECK(result == 0);
+  CHECK(waiting.predicateCalls == 1);
   CHECK_FALSE(waited);
-  CHECK(unlocks == 0);
+  CHECK(unlocks == 1);
+}
+
+TEST_CASE("a wait that cannot lock goes on for as long as its predicate is true") {
+  Waiting waiting;
+  CondWaitCallbacks_t callbacks = waiting.ThreeSleeps();
+  bool waited = false;
+  unsigned int result = 99;
+  {
+    FailingPThread failing;
+    failing.lockError = 22;
+    result = waiting.condition.Wait(waited, callbacks);
+  }
+  CHECK(result == 0);
+  CHECK(waited);
+  CHECK(waiting.predicateCalls == 4);
+  CHECK(waiting.sleeps == 3);
+  CHECK(waiting.wakeUps == 3);
 }
 
 TEST_CASE("a waiter that cannot sleep lets others have the mutex between its looks") {
@@ -354,32 +398,35 @@ TEST_CASE("a waiter that cannot sleep lets others have the mutex between its loo
   CHECK(wrongUnlocks == 0);
 }
 
-TEST_CASE("a waiter that can neither sleep nor have its mutex again is done and unlocks nothing") {
-  // Its first lock is the wait's own, its second the one after the failed sleep.
-  ORVEX_PThread_CondLock condition;
-  CondWaitCallbacks_t callbacks{};
-  callbacks.predicate = [](void*) { return true; };
-  callbacks.predicateArg = &condition;
+TEST_CASE("a waiter that can neither sleep nor have its mutex again looks again all the same") {
+  Waiting waiting;
+  CondWaitCallbacks_t callbacks = waiting.ThreeSleeps();
   bool waited = false;
-  int wrongUnlocks = 0;
+  int locks = 0;
   int unlocks = 0;
+  int wrongUnlocks = -1;
   unsigned int code = 9;
   {
     FailingPThread failing;
     failing.waitError = EINVAL;
     failing.lockError = EINVAL;
-    failing.firstFailing = 2;
-    failing.waits = 1;  // The first wait counts as the second.
-    code = condition.Wait(waited, callbacks);
-    wrongUnlocks = failing.wrongUnlocks;
+    failing.firstFailing = 2;  // The wait's own lock is the first.
+    failing.waits = 1;         // The first sleep counts as the second.
+    code = waiting.condition.Wait(waited, callbacks);
+    locks = failing.locks;
     unlocks = failing.unlocks;
+    wrongUnlocks = failing.wrongUnlocks;
   }
   CHECK(code == 0);
   CHECK(waited);
+  CHECK(waiting.predicateCalls == 4);
+  CHECK(waiting.wakeUps == 3);
+  // One for the wait and one after each pause.
+  CHECK(locks == 4);
+  CHECK(unlocks == 4);
   CHECK(wrongUnlocks == 0);
-  CHECK(unlocks == 1);
-  CHECK(condition.Lock() == 0);
-  CHECK(condition.Unlock() == 0);
+  CHECK(waiting.condition.Lock() == 0);
+  CHECK(waiting.condition.Unlock() == 0);
 }
 
 TEST_CASE("a waiter that is cancelled in its sleep gives the mutex back") {

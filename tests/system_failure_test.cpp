@@ -71,6 +71,7 @@ TEST_CASE("a mutex that cannot be locked, once or ever again, changes nothing th
       WholeLife life;
       Steps steps;
       int locks = 0;
+      int unlocks = 0;
       int wrongUnlocks = 0;
       size_t held = 0;
       {
@@ -80,12 +81,14 @@ TEST_CASE("a mutex that cannot be locked, once or ever again, changes nothing th
         failing.once = once;
         steps = life.Tell();
         locks = failing.locks;
+        unlocks = failing.unlocks;
         wrongUnlocks = failing.wrongUnlocks;
         held = failing.held.size();
       }
       const std::string said = output.Take();
       const int failures = locks < first ? 0 : once ? 1 : locks - first + 1;
       CHECK(steps == undisturbed);
+      CHECK(unlocks == locks);
       CHECK(wrongUnlocks == 0);
       CHECK(held == 0);
       CHECK(BrokenInvariantOfIdleCaches() == "");
@@ -189,24 +192,34 @@ TEST_CASE("a lock that fails in a waiting thread leaves it neither hanging nor u
       HeldHost held(engine.host.onHash);
       auto leader = engine.QueryFromAnotherThread("/a");
       held.entered.Wait();
+      FailingPThread* waitersSystem = nullptr;
       bool opened = false;
       std::thread opener;
       onMessage = [&](const char* message) {
-        // Not from here: the latch locks as well.
-        if (opened || std::strstr(message, "wait for signal") == nullptr) return;
+        // The message first: other threads send others.
+        if (std::strstr(message, "wait for signal") == nullptr || opened) return;
         opened = true;
-        opener = std::thread([&held] { held.mayAnswer.Open(); });
+        // Not from here: the latch locks as well.
+        opener = std::thread([&] {
+          held.mayAnswer.Open();
+          leader.wait();
+        });
+        // Without its mutex the waiter would look at the set while the leader changes it.
+        if (waitersSystem->held.empty()) opener.join();
       };
       int code = 0;
       int locks = 0;
+      int unlocks = 0;
       int wrongUnlocks = 0;
       {
         FailingPThread failing;
+        waitersSystem = &failing;
         failing.lockError = EINVAL;
         failing.firstFailing = first;
         failing.once = once;
         code = engine.Query("/a");
         locks = failing.locks;
+        unlocks = failing.unlocks;
         wrongUnlocks = failing.wrongUnlocks;
       }
       held.mayAnswer.Open();
@@ -215,6 +228,8 @@ TEST_CASE("a lock that fails in a waiting thread leaves it neither hanging nor u
       onMessage = nullptr;
       CHECK(code == 0);
       CHECK(leaderCode == 0);
+      CHECK(opened);
+      CHECK(unlocks == locks);
       CHECK(wrongUnlocks == 0);
       CHECK(BrokenInvariantOfIdleCaches() == "");
       if (locks < first) break;

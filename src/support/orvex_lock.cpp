@@ -18,34 +18,35 @@ void ReportFailure(const char* operation, const ORVEX_Lock& lock) {
   std::fflush(stdout);
 }
 
-// A mutex that was locked, released on every way out: a host may cancel its
-// thread while it sleeps.
-class HeldMutex {
+// A mutex for the length of a wait, given back on every way out: a host may cancel its
+// thread while it sleeps. Whether it could be had goes unnoticed.
+class WaitersMutex {
  public:
-  explicit HeldMutex(pthread_mutex_t* held) : mutex_(held) {}
-  ~HeldMutex() {
-    if (mutex_ != nullptr) pthread_mutex_unlock(mutex_);
+  explicit WaitersMutex(pthread_mutex_t* mutex) : mutex_(mutex) { Lock(); }
+  ~WaitersMutex() {
+    if (!lent_) pthread_mutex_unlock(mutex_);
   }
-  HeldMutex(const HeldMutex&) = delete;
-  HeldMutex& operator=(const HeldMutex&) = delete;
+  WaitersMutex(const WaitersMutex&) = delete;
+  WaitersMutex& operator=(const WaitersMutex&) = delete;
 
-  // Lets other threads have the mutex for a moment. False when it cannot be had
-  // again.
-  bool Lend() {
-    pthread_mutex_t* const lent = mutex_;
-    pthread_mutex_unlock(lent);
-    mutex_ = nullptr;
+  // Lets other threads have the mutex for a moment.
+  void Lend() {
+    lent_ = true;
+    pthread_mutex_unlock(mutex_);
     usleep(kLendingUs);
-    if (pthread_mutex_lock(lent) != 0) return false;
-    mutex_ = lent;
-    return true;
+    Lock();
+    lent_ = false;
   }
 
  private:
-  // Short beside what a host computes, long beside the lines of a look.
+  // Short next to a host calculation, long next to a critical section.
   static constexpr unsigned int kLendingUs = 1000;
 
-  pthread_mutex_t* mutex_;
+  // Not ORVEX_PThread_Lock::Lock: a wait leaves the last error of Lock and Unlock alone.
+  void Lock() { pthread_mutex_lock(mutex_); }
+
+  pthread_mutex_t* const mutex_;
+  bool lent_ = false;
 };
 
 }  // namespace
@@ -109,28 +110,22 @@ unsigned int ORVEX_PThread_CondLock::Wait(bool& waited, CondWaitCallbacks_t& cal
   if (callbacks.predicate == nullptr || callbacks.predicateArg == nullptr) {
     return ORVEX_INVALID_PARAMETER;
   }
-  // Not through Lock: a wait leaves the last error of Lock and Unlock alone.
-  if (pthread_mutex_lock(&mutex_) != 0) return ORVEX_OK;
-  HeldMutex held(&mutex_);
+  WaitersMutex mutex(&mutex_);
   while (callbacks.predicate(callbacks.predicateArg)) {
     waited = true;
     if (callbacks.preWait != nullptr) callbacks.preWait(callbacks.preWaitArg);
-    // A sleep that failed has not given the mutex back, and who is to make the
-    // predicate false needs it.
-    const bool holds = pthread_cond_wait(&condition_, &mutex_) == 0 || held.Lend();
-    if (!holds) return ORVEX_OK;
+    // A sleep that failed has not given the mutex back, and the thread that will make
+    // the predicate false needs it.
+    if (pthread_cond_wait(&condition_, &mutex_) != 0) mutex.Lend();
     if (callbacks.postWait != nullptr) callbacks.postWait(callbacks.postWaitArg);
   }
   return ORVEX_OK;
 }
 
-ORVEX_ScopeLock::ORVEX_ScopeLock(ORVEX_Lock* lock) : held_(lock) {
-  if (held_ == nullptr || held_->Lock() == ORVEX_OK) return;
-  ReportFailure("lock", *held_);
-  held_ = nullptr;
+ORVEX_ScopeLock::ORVEX_ScopeLock(ORVEX_Lock* lock) : lock_(lock) {
+  if (lock_ != nullptr && lock_->Lock() != ORVEX_OK) ReportFailure("lock", *lock_);
 }
 
 ORVEX_ScopeLock::~ORVEX_ScopeLock() {
-  if (held_ == nullptr || held_->Unlock() == ORVEX_OK) return;
-  ReportFailure("unlock", *held_);
+  if (lock_ != nullptr && lock_->Unlock() != ORVEX_OK) ReportFailure("unlock", *lock_);
 }

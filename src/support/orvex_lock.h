@@ -100,8 +100,7 @@ class ORVEX_API ORVEX_PThread_CondLock : public ORVEX_CondVar, public ORVEX_PThr
   // All three callbacks run with the mutex held; the predicate runs again after
   // every wake-up, so wake-ups meant for others do no harm. A failure of the
   // condition counts as a wake-up, a millisecond later, in which the mutex is
-  // free. If the mutex cannot be had, the wait is over at once: sleeping would
-  // give back a mutex that somebody else may hold.
+  // free. A mutex that cannot be locked goes unnoticed: the predicate decides.
   // Returns ORVEX_INVALID_PARAMETER, without locking, when the predicate or its
   // argument is null; otherwise 0.
   unsigned int Wait(bool& waited, CondWaitCallbacks_t& callbacks) override ORVEX_EXCLUDES(this);
@@ -114,8 +113,7 @@ class ORVEX_API ORVEX_PThread_CondLock : public ORVEX_CondVar, public ORVEX_PThr
 //
 // Reports a failure on standard output and carries on: the library lives in
 // somebody else's process and neither throws nor aborts over a mutex. A lock
-// that could not be taken is not given back either, since it may be held by
-// somebody else.
+// that could not be taken is given back at the end all the same.
 class ORVEX_API ORVEX_SCOPED_CAPABILITY ORVEX_ScopeLock {
  public:
   explicit ORVEX_ScopeLock(ORVEX_Lock* lock) ORVEX_ACQUIRE(lock);
@@ -124,5 +122,5 @@ class ORVEX_API ORVEX_SCOPED_CAPABILITY ORVEX_ScopeLock {
   ORVEX_ScopeLock& operator=(const ORVEX_ScopeLock&) = delete;
 
  private:
-  ORVEX_Lock* held_;
+  ORVEX_Lock* lock_;
 };

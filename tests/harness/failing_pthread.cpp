@@ -1,6 +1,7 @@
 // A system whose mutexes and conditions fail when a test wants them to.
 #include "harness/failing_pthread.h"
 
+#include <errno.h>
 #include <pthread.h>
 
 #include <utility>
@@ -25,14 +26,20 @@ void CallOnLock() {
   current->onLock = onLock;
 }
 
-void NoteUnlock(const pthread_mutex_t* mutex) {
-  if (current == nullptr) return;
-  const auto held = current->held.find(mutex);
-  if (held == current->held.end()) {
-    ++current->wrongUnlocks;
-  } else {
-    current->held.erase(held);
-  }
+bool TakeOut(std::multiset<const pthread_mutex_t*>& mutexes, const pthread_mutex_t* mutex) {
+  const auto found = mutexes.find(mutex);
+  if (found == mutexes.end()) return false;
+  mutexes.erase(found);
+  return true;
+}
+
+// Whether the mutex is there to be given back. Who could not lock it has nothing to
+// give, and another thread may hold it.
+bool NoteUnlock(const pthread_mutex_t* mutex) {
+  if (current == nullptr || TakeOut(current->held, mutex)) return true;
+  if (TakeOut(current->notTaken, mutex)) return false;
+  ++current->wrongUnlocks;
+  return true;
 }
 
 }  // namespace
@@ -62,23 +69,24 @@ extern "C" int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept {
   CallOnLock();
   int error = CountAndFail(&FailingPThread::locks, &FailingPThread::lockError);
   if (error == 0) error = real(mutex);
-  if (error == 0 && current != nullptr) current->held.insert(mutex);
+  if (current != nullptr) (error == 0 ? current->held : current->notTaken).insert(mutex);
   return error;
 }
 
 extern "C" int pthread_mutex_unlock(pthread_mutex_t* mutex) noexcept {
   static auto* const real = RealFunction<int(pthread_mutex_t*)>("pthread_mutex_unlock");
-  NoteUnlock(mutex);
+  const bool isHeld = NoteUnlock(mutex);
   const int error = CountAndFail(&FailingPThread::unlocks, &FailingPThread::unlockError);
   // Given back all the same: a mutex must not be destroyed while it is locked.
-  const int result = real(mutex);
+  const int result = isHeld ? real(mutex) : 0;
   return error != 0 ? error : result;
 }
 
 extern "C" int pthread_cond_wait(pthread_cond_t* condition, pthread_mutex_t* mutex) {
   static auto* const real =
       RealFunction<int(pthread_cond_t*, pthread_mutex_t*)>("pthread_cond_wait");
-  const int error = CountAndFail(&FailingPThread::waits, &FailingPThread::waitError);
+  int error = CountAndFail(&FailingPThread::waits, &FailingPThread::waitError);
+  if (error == 0 && current != nullptr && current->notTaken.count(mutex) != 0) error = EPERM;
   return error != 0 ? error : real(condition, mutex);
 }
 

@@ -9,7 +9,9 @@
 
 // Stands in for the POSIX thread functions of the whole program while it lives:
 // counts their calls, and fails those whose error is not 0 without doing anything,
-// but for an unlock, which gives the mutex back and then reports its error.
+// but for an unlock, which gives the mutex back and then reports its error. A mutex
+// that could not be locked stays as it is when it is unlocked, and a wait with it
+// fails with EPERM.
 //
 // Threads: only calls of the thread that made it count and fail. The test
 // framework locks as well: check nothing while this lives.
@@ -43,8 +45,10 @@ class FailingPThread {
   int conditionInits = 0;
   // "mutex" and "condition" in the order in which they were destroyed, each with a blank.
   std::string destroyed;
-  // Unlocks of a mutex that this thread had not locked.
+  // Unlocks of a mutex that this thread had not even tried to lock.
   int wrongUnlocks = 0;
   // What this thread holds.
   std::multiset<const pthread_mutex_t*> held;
+  // What it could not lock and has not unlocked since.
+  std::multiset<const pthread_mutex_t*> notTaken;
 };
