@@ -15,10 +15,12 @@
 
 #include "harness/cancelled_thread.h"
 #include "harness/counted_sleep.h"
+#include "harness/engine_under_test.h"
 #include "harness/failing_pthread.h"
 #include "harness/held_host.h"
 #include "harness/latch.h"
 #include "harness/open_hash_cache.h"
+#include "harness/opened_caches.h"
 #include "harness/recorded_log.h"
 #include "support/orvex_profiling.h"
 
@@ -59,6 +61,69 @@ class InterruptedCache : public OpenHashCache {
 
   std::function<int(int)> afterLookup = [](int result) { return result; };
 };
+
+Paths PathsBeingCalculated() {
+  ORVEX_Set& set = OpenedHashCache::Set(HashCache());
+  const ORVEX_ScopeLock guard(&set.condLock);
+  return {set.paths.begin(), set.paths.end()};
+}
+
+// Two threads hand the engine one record for "/a". While the second sleeps, the callback
+// of the first changes the record.
+struct SharedRecord {
+  explicit SharedRecord(const std::function<void(metadata_input_s&)>& change) {
+    in.invOperation = 0;
+    out.resultReady = 9;
+    engine.host.onHash = [&](metadata_input_s& record, metadata_output_s& answer) {
+      if (engine.host.hashCalls == 1) {
+        leaderInside.Open();
+        log.WaitFor("wait for signal: /a");
+        change(record);
+      } else {
+        marked = PathsBeingCalculated();
+      }
+      GiveDigests(answer, kAllDigests, 1);
+      return 0;
+    };
+    auto leader = std::async(std::launch::async, [&] {
+      Answer leadersOut;
+      return engine.Query(in, leadersOut);
+    });
+    leaderInside.Wait();
+    code = engine.Query(in, out);
+    leaderCode = leader.get();
+    lines = log.TakeTranscriptOf(std::this_thread::get_id());
+  }
+
+  EngineUnderTest engine;
+  RecordedLog log;
+  Latch leaderInside;
+  metadata_input_s in = InputFor("/a");
+  Answer out;
+  int code = 99;
+  int leaderCode = 99;
+  Paths marked;
+  std::string lines;  // Of the second thread.
+};
+
+const std::string kQueryLine = "DEBUG Query orvex_lru_cache: ";
+
+// What a thread says that slept until "/a" was free.
+const std::string kSlept =
+    Lines({"INFO PreWaitLogFunc orvex_set: [CalHashSet] File hash is calculating, wait for "
+           "signal: /a",
+           "INFO PostWaitLogFunc orvex_set: [CalHashSet] File hash is calculating, signaled: /a"});
+
+// What a query for "/a" says that looked up another path, found nothing and asked the host.
+std::string CalculatedAfterMissOf(const std::string& path) {
+  return Lines({kQueryLine + "Free to calculate file hash: /a",
+                "DEBUG QueryLRUCache orvex_lru_cache: Cache query: cache miss, " + path,
+                kQueryLine + "[CalHashSet] Insert CalHashSet succeed: /a",
+                kQueryLine + "Calling query callback for file /a",
+                kQueryLine + "[CalHashSet] Erase CalHashSet succeed: /a",
+                "INFO Query orvex_lru_cache: [CalHashSet] File hash calculation is done, "
+                "broadcast signal: /a"});
+}
 
 }  // namespace
 
@@ -406,6 +471,137 @@ TEST_CASE("a path is marked while the host computes and free afterwards") {
   cache.Ask("/a");
   CHECK(marked);
   CHECK_FALSE(IsBeingCalculated(cache, "/a"));
+}
+
+TEST_CASE("a sleeper whose record gets another path marks and names the one it was handed") {
+  SharedRecord shared([](metadata_input_s& in) { in.path = "/b"; });
+  CHECK(shared.leaderCode == 0);
+  CHECK(shared.code == 0);
+  CHECK(shared.out.resultReady == 1);
+  CHECK(shared.engine.host.hashCalls == 2);
+  CHECK(shared.marked == Paths{"/a"});
+  CHECK(shared.lines == kSlept + CalculatedAfterMissOf("/b"));
+}
+
+TEST_CASE("a sleeper whose record loses its path marks and names the one it was handed") {
+  SharedRecord shared([](metadata_input_s& in) { in.path = nullptr; });
+  CHECK(shared.leaderCode == 0);
+  CHECK(shared.code == 0);
+  CHECK(shared.out.resultReady == 1);
+  CHECK(shared.engine.host.hashCalls == 2);
+  CHECK(shared.marked == Paths{"/a"});
+  CHECK(shared.lines == kSlept + CalculatedAfterMissOf("(null)"));
+}
+
+TEST_CASE("a sleeper whose record becomes cache-only does not ask the host") {
+  SharedRecord shared([](metadata_input_s& in) { in.invOperation |= INV_CACHE_ONLY; });
+  CHECK(shared.leaderCode == 0);
+  CHECK(shared.code == 0);
+  CHECK(shared.out.resultReady == 0);
+  CHECK(shared.engine.host.hashCalls == 1);
+  CHECK(shared.lines ==
+        kSlept + Lines({kQueryLine + "Free to calculate file hash: /a",
+                        "DEBUG QueryLRUCache orvex_lru_cache: Cache query: cache miss, /a"}));
+}
+
+TEST_CASE("a log callback that takes the path away changes nothing but the lookup's line") {
+  EngineUnderTest engine;
+  metadata_input_s in = InputFor("/a");
+  in.invOperation = 0;
+  Paths marked;
+  engine.host.onHash = [&](metadata_input_s&, metadata_output_s& out) {
+    marked = PathsBeingCalculated();
+    GiveDigests(out, kAllDigests, 1);
+    return 0;
+  };
+  RecordedLog log;
+  log.onMessage = [&in](const LogRecord& record) {
+    if (record.text.find("Free to calculate") != std::string::npos) in.path = nullptr;
+  };
+  Answer out;
+  CHECK(engine.Query(in, out) == 0);
+  CHECK(out.resultReady == 1);
+  CHECK(engine.host.hashCalls == 1);
+  CHECK(marked == Paths{"/a"});
+  CHECK(log.TakeTranscript() == CalculatedAfterMissOf("(null)"));
+}
+
+TEST_CASE("a log callback that writes over the text of the path changes the lookup alone") {
+  EngineUnderTest engine;
+  std::string text = "/a";
+  metadata_input_s in = InputFor(text.c_str());
+  in.invOperation = 0;
+  Paths marked;
+  engine.host.onHash = [&](metadata_input_s&, metadata_output_s&) {
+    marked = PathsBeingCalculated();
+    return 0;
+  };
+  RecordedLog log;
+  log.onMessage = [&text](const LogRecord& record) {
+    if (record.text.find("Free to calculate") != std::string::npos) text[1] = 'b';
+  };
+  Answer out;
+  CHECK(engine.Query(in, out) == 0);
+  CHECK(marked == Paths{"/a"});
+  CHECK(log.TakeTranscript() == CalculatedAfterMissOf("/b"));
+}
+
+TEST_CASE("whether a query is cache-only is looked at again once it has missed") {
+  for (const bool becomes : {true, false}) {
+    CAPTURE(becomes);
+    EngineUnderTest engine;
+    metadata_input_s in = InputFor("/a");
+    in.invOperation = becomes ? 0 : INV_CACHE_ONLY;
+    RecordedLog log;
+    log.onMessage = [&](const LogRecord& record) {
+      if (record.text.find("cache miss") == std::string::npos) return;
+      in.invOperation = becomes ? INV_CACHE_ONLY : 0;
+    };
+    Answer out;
+    out.resultReady = 9;
+    CHECK(engine.Query(in, out) == 0);
+    CHECK(out.resultReady == (becomes ? 0 : 1));
+    CHECK(engine.host.hashCalls == (becomes ? 0 : 1));
+  }
+}
+
+TEST_CASE("an answer is kept under the path that its record has by then") {
+  EngineUnderTest engine;
+  RecordedLog quiet(ORVEX_LOG_FATAL);
+  metadata_input_s in = InputFor("/a");
+  engine.host.onHash = [](metadata_input_s& record, metadata_output_s& out) {
+    record.path = "/b";
+    GiveDigests(out, kAllDigests, 1);
+    return 0;
+  };
+  Answer out;
+  CHECK(engine.Query(in, out) == 0);
+  CHECK(engine.Query("/b") == 0);
+  CHECK(engine.host.hashCalls == 1);
+  CHECK(engine.Query("/a") == 0);
+  CHECK(engine.host.hashCalls == 2);
+}
+
+TEST_CASE("a path that is taken away by the line of an old entry reads as empty") {
+  EngineUnderTest engine;
+  metadata_input_s in = InputFor("/a");
+  in.fileOperation = KEY_FILE_ID;
+  engine.host.onHash = [](metadata_input_s&, metadata_output_s& out) {
+    GiveDigests(out, kAllDigests, 1);
+    return 0;
+  };
+  Answer first;
+  engine.Query(in, first);
+  RecordedLog log(ORVEX_LOG_WARNING);
+  log.onMessage = [&in](const LogRecord&) { in.path = nullptr; };
+  in.mtime = 6;
+  Answer out;
+  CHECK(engine.Query(in, out) == 0);
+  CHECK(out.resultReady == 1);
+  CHECK(engine.host.hashCalls == 2);
+  CHECK(log.TakeTranscript() ==
+        Lines({"WARNING QueryLRUCache orvex_lru_cache: Cache query: cache out-of-date, (6/5) /a"}));
+  CHECK(PathsBeingCalculated().empty());
 }
 
 TEST_CASE("a sleeper leaves with 8 when the cache is stopped") {

@@ -1,6 +1,8 @@
 // The cache of digests, signers and other per-file metadata.
 #pragma once
 
+#include <string>
+
 #include "cache/orvex_lru_cache_key.h"
 #include "cache/orvex_lru_cache_node.h"
 #include "cache/orvex_lru_cache_t.h"
@@ -79,11 +81,19 @@ class ORVEX_API LRUCache : public LRUCacheT<LRUCacheKey, LRUCacheNode, LRUCacheM
 
   ORVEX_LOCAL LRU_LOOKUP LookUp(const metadata_input_s& in, metadata_output_s& out)
       ORVEX_REQUIRES(lock);
-  // Sleeps while another thread calculates the path, and counts that. False when
-  // there is no memory for a copy of it.
-  ORVEX_LOCAL bool WaitUntilFree(const char* pathOfCaller);
-  ORVEX_LOCAL int Calculate(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx)
-      ORVEX_EXCLUDES(lock);
+  // Query where the thread sleeps or its steps are logged, so that the host may change its
+  // record meanwhile. Wait, set and lines go by the path that the query was handed; lookup
+  // and store read the record as it is by then, with an empty path for none.
+  ORVEX_LOCAL int QueryWithOwnPath(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx,
+                                   bool mayCalculate, bool mayWait) ORVEX_EXCLUDES(lock);
+  // Sleeps while another thread calculates the path, and counts that.
+  ORVEX_LOCAL void WaitUntilFree(const std::string& path);
+  // What follows a lookup that is no hit. ownPath is the path that the query was handed,
+  // or null while the record still holds it.
+  ORVEX_LOCAL int AfterMiss(int lookup, metadata_input_s* metaIn, metadata_output_s* metaOut,
+                            void* ctx, const std::string* ownPath) ORVEX_EXCLUDES(lock);
+  ORVEX_LOCAL int Calculate(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx,
+                            const std::string* ownPath) ORVEX_EXCLUDES(lock);
 };
 
 extern template class LRUCacheT<LRUCacheKey, LRUCacheNode, LRUCacheMetrics_s>;

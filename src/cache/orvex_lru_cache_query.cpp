@@ -6,6 +6,7 @@
 #include <string>
 
 #include "cache/orvex_lru_cache.h"
+#include "cache/orvex_lru_cache_text.h"
 #include "support/orvex_profiling.h"
 #include "support/orvex_scope_ref_cnt.h"
 
@@ -18,6 +19,12 @@ int EndWithoutMemory(metadata_output_s& out) {
   // The file type cache may have called its part of the answer ready.
   out.resultReady = 0;
   return ORVEX_NO_MEMORY;
+}
+
+int SkipInactive(const char* path) {
+  ORVEX_LOG_FROM(ORVEX_LOG_WARNING, kFunction, kLRUCacheSourceFile,
+                 "[CalHashSet] File hash is skipped due to inactive state: %s", path);
+  return ORVEX_CACHE_NOT_INITIALISED;
 }
 
 // Throws std::logic_error.
@@ -85,50 +92,56 @@ int LRUCache::Query(metadata_input_s* metaIn, metadata_output_s* metaOut, void* 
 
   if (metaIn->path == nullptr) return RefuseMissingPath(*metaOut);
 
-  const bool cacheOnly = (metaIn->invOperation & INV_CACHE_ONLY) != 0;
-  if (!cacheOnly) {
-    if (calHashSet.MayHold(metaIn->path) && !WaitUntilFree(metaIn->path)) {
-      return EndWithoutMemory(*metaOut);
-    }
-    if (!IsActive()) {
-      ORVEX_LOG_MESSAGE(ORVEX_LOG_WARNING, kLRUCacheSourceFile,
-                        "[CalHashSet] File hash is skipped due to inactive state: %s",
-                        metaIn->path);
-      return ORVEX_CACHE_NOT_INITIALISED;
-    }
+  const bool mayCalculate = (metaIn->invOperation & INV_CACHE_ONLY) == 0;
+  const bool mayWait = mayCalculate && calHashSet.MayHold(metaIn->path);
+  // A hit that neither sleeps nor logs its steps needs no copy of the path: nothing of the
+  // host's runs on its way.
+  if (mayWait || ORVEX_LOG_BASE::Keeps(ORVEX_LOG_DEBUG)) {
+    return QueryWithOwnPath(metaIn, metaOut, ctx, mayCalculate, mayWait);
   }
-  ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile, "Free to calculate file hash: %s",
-                    metaIn->path);
-
-  switch (QueryLRUCache(metaIn, metaOut)) {
-    case LRU_HIT:
-      metaOut->resultReady = 1;
-      return ORVEX_OK;
-    case LRU_MISS:
-    case LRU_PARTIAL_HIT:
-    case LRU_OUT_OF_DATE:
-      break;
-    default:
-      return ORVEX_OK;
-  }
-  metaOut->resultReady = 0;
-  if (cacheOnly) return ORVEX_OK;
-  if (!IsInit()) {
-    ORVEX_LOG_MESSAGE(ORVEX_LOG_WARNING, kLRUCacheSourceFile,
-                      "File hash calculation is skipped due to inactive state: %s", metaIn->path);
-    return ORVEX_CACHE_NOT_INITIALISED;
-  }
-  return Calculate(metaIn, metaOut, ctx);
+  if (mayCalculate && !IsActive()) return SkipInactive(metaIn->path);
+  const int lookup = QueryLRUCache(metaIn, metaOut);
+  if (lookup != LRU_HIT) return AfterMiss(lookup, metaIn, metaOut, ctx, nullptr);
+  metaOut->resultReady = 1;
+  return ORVEX_OK;
 }
 
-bool LRUCache::WaitUntilFree(const char* pathOfCaller) {
-  // A copy: the caller's text may go away while this thread sleeps.
+int LRUCache::QueryWithOwnPath(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx,
+                               bool mayCalculate, bool mayWait) {
+  // A copy: the host may change its record, or free the text, while this thread sleeps and
+  // in its log callback.
   std::string path;
   try {
-    path = pathOfCaller;
+    path = metaIn->path;
   } catch (const std::bad_alloc&) {
-    return false;
+    return EndWithoutMemory(*metaOut);
   }
+  if (mayWait) WaitUntilFree(path);
+  if (mayCalculate && !IsActive()) return SkipInactive(path.c_str());
+  ORVEX_LOG_FROM(ORVEX_LOG_DEBUG, kFunction, kLRUCacheSourceFile, "Free to calculate file hash: %s",
+                 path.c_str());
+  const int lookup = QueryLRUCache(metaIn, metaOut);
+  if (lookup != LRU_HIT) return AfterMiss(lookup, metaIn, metaOut, ctx, &path);
+  metaOut->resultReady = 1;
+  return ORVEX_OK;
+}
+
+int LRUCache::AfterMiss(int lookup, metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx,
+                        const std::string* ownPath) {
+  if (lookup != LRU_MISS && lookup != LRU_PARTIAL_HIT && lookup != LRU_OUT_OF_DATE) return ORVEX_OK;
+  metaOut->resultReady = 0;
+  // Read again: the host may have changed its mind while this thread slept.
+  if ((metaIn->invOperation & INV_CACHE_ONLY) != 0) return ORVEX_OK;
+  if (!IsInit()) {
+    ORVEX_LOG_FROM(ORVEX_LOG_WARNING, kFunction, kLRUCacheSourceFile,
+                   "File hash calculation is skipped due to inactive state: %s",
+                   ownPath != nullptr ? ownPath->c_str() : TextOrEmpty(metaIn->path));
+    return ORVEX_CACHE_NOT_INITIALISED;
+  }
+  return Calculate(metaIn, metaOut, ctx, ownPath);
+}
+
+void LRUCache::WaitUntilFree(const std::string& path) {
   ORVEX_Set::PathInSet pathInSet(&calHashSet, &path);
   auto* const pathArg = const_cast<std::string*>(&path);  // Only read; void* has no const.
   CondWaitCallbacks_t callbacks{ORVEX_Set::PredicateFunc,
@@ -140,15 +153,16 @@ bool LRUCache::WaitUntilFree(const char* pathOfCaller) {
   bool waited = false;
   calHashSet.condLock.Wait(waited, callbacks);
   if (waited) ORVEX_atomic_increment_64(&metrics.numOfWaitInHashCalculation);
-  return true;
 }
 
-int LRUCache::Calculate(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx) {
+int LRUCache::Calculate(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx,
+                        const std::string* ownPath) {
   // A copy: the host may change its record meanwhile.
-  std::string path;
+  std::string copy;
+  const std::string& path = ownPath != nullptr ? *ownPath : copy;
   bool marked = false;
   try {
-    path = metaIn->path;
+    if (ownPath == nullptr) copy = TextOrEmpty(metaIn->path);
     marked = MarkAsCalculating(calHashSet, path);
   } catch (const std::exception&) {
     return ORVEX_NO_MEMORY;
