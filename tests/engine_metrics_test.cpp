@@ -47,7 +47,106 @@ void CauseEverything(EngineUnderTest& engine) {
   ask("/c", 6, QUERY_FILE_TYPE);                              // 1 out of date
 }
 
+// What a log callback reads in the messages of one query that hold a text: each with its
+// lookups, misses, hits, partial hits and out-of-date ones, or with calls of the host.
+std::string CountersInLines(EngineUnderTest& engine, metadata_input_s& in, const std::string& text,
+                            ORVEX_LOG level = ORVEX_LOG_DEBUG) {
+  orvex_reset_metrics();
+  std::string seen;
+  {
+    RecordedLog log(level);
+    log.onMessage = [&](const LogRecord& record) {
+      if (record.text.find(text) == std::string::npos) return;
+      const orvex_metrics_s now = engine.Metrics();
+      const std::string told = record.text.substr(0, record.text.find(" used"));
+      seen += told.substr(0, told.find_first_of(",=(")) + ":";
+      const bool ofType = in.queryFlags == QUERY_FILE_TYPE;
+      for (const int64_t counter :
+           {ofType ? now.fileTypeHelpFuncCalled : now.cacheQuery,
+            ofType ? now.fileTypeMiss : now.cacheMiss, ofType ? now.fileTypeHit : now.cacheHit,
+            ofType ? int64_t{0} : now.cachePartialHit,
+            ofType ? now.fileTypeOutOfDate : now.cacheOutOfDate}) {
+        seen += " " + std::to_string(counter);
+      }
+      seen += "\n";
+    };
+    Answer out;
+    engine.Query(in, out);
+  }
+  return seen;
+}
+
 }  // namespace
+
+TEST_CASE("a log callback finds a lookup counted and its result too once a line tells it") {
+  EngineUnderTest engine;
+  metadata_input_s in = InputFor("/a");
+  in.fileOperation = KEY_PATH;
+  CHECK(CountersInLines(engine, in, "Cache query") == "Cache query: cache miss: 1 1 0 0 0\n");
+  CHECK(CountersInLines(engine, in, "ache") ==
+        Lines({"Cache query: cache hits: 1 0 1 0 0", "Cache node updated: path: 1 0 1 0 0"}));
+  CHECK(CountersInLines(engine, in, "metaOut") == "metaOut.modificationTime: 1 0 0 0 0\n");
+  in.queryFlags = QUERY_SIGNERS;
+  CHECK(CountersInLines(engine, in, "Cache query") ==
+        "Cache query: cache partial hits: 1 0 0 1 0\n");
+  for (const ORVEX_LOG level : {ORVEX_LOG_DEBUG, ORVEX_LOG_WARNING}) {
+    ++in.mtime;
+    CHECK(CountersInLines(engine, in, "Cache query", level) ==
+          "Cache query: cache out-of-date: 1 0 0 0 1\n");
+  }
+}
+
+TEST_CASE("a log callback finds a hit counted when the hit's move to the front was timed") {
+  EngineUnderTest engine;
+  engine.Query("/a");
+  metadata_input_s in = InputFor("/a");
+  orvex_profiling_set_enable(true);
+  CHECK(CountersInLines(engine, in, "LRUCacheNodeUpdate", ORVEX_LOG_INFO) ==
+        "[PROFILING] LRUCache::LRUCacheNodeUpdate: 1 0 1 0 0\n");
+  orvex_profiling_set_enable(false);
+}
+
+TEST_CASE("a log callback finds a file type's lookup counted before its line") {
+  EngineUnderTest engine;
+  metadata_input_s in = InputFor("/a");
+  in.fileOperation = KEY_PATH;
+  in.queryFlags = QUERY_FILE_TYPE;
+  CHECK(CountersInLines(engine, in, "Cache query") == "Cache query: cache miss: 0 1 0 0 0\n");
+  CHECK(CountersInLines(engine, in, "Cache query") == "Cache query: cache hits: 0 0 1 0 0\n");
+  in.mtime = 6;
+  CHECK(CountersInLines(engine, in, "Cache query") ==
+        "Cache query: cache out-of-date: 0 0 0 0 1\n");
+}
+
+TEST_CASE("a log callback finds the host's file type counted after the line of its answer") {
+  EngineUnderTest engine;
+  metadata_input_s in = InputFor("/a");
+  in.queryFlags = QUERY_FILE_TYPE;
+  for (const int code : {0, 77}) {
+    engine.host.onFileType = [code](metadata_input_s& asked, metadata_output_s& out) {
+      return code != 0 ? code : Host::AnswerFileType(asked, out);
+    };
+    CHECK(CountersInLines(engine, in, "Get file type result") ==
+          "Get file type result [" + std::to_string(code) + "]. Keep in cache [1]: 0 1 0 0 0\n");
+    CHECK(engine.Metrics().fileTypeHelpFuncCalled == 1);
+    orvex_flush_cache(ORVEX_FILE_TYPE_CACHE);
+  }
+}
+
+TEST_CASE("a log callback finds a hash calculation counted before its time is logged") {
+  EngineUnderTest engine;
+  orvex_profiling_set_enable(true);
+  int64_t calls = -1;
+  RecordedLog log(ORVEX_LOG_INFO);
+  log.onMessage = [&](const LogRecord& record) {
+    if (record.text.find("MetaQueryCallback") != std::string::npos) {
+      calls = engine.Metrics().cacheHelpFuncCalled;
+    }
+  };
+  engine.Query("/a");
+  orvex_profiling_set_enable(false);
+  CHECK(calls == 1);
+}
 
 TEST_CASE("every counter arrives in its own field") {
   EngineUnderTest engine;

@@ -121,25 +121,25 @@ void LRUCache::LRUCacheNodeUpdate(LRUCacheKey& key, LRUCacheNode* node, LRU_OPER
 int LRUCache::QueryLRUCache(metadata_input_s* metaIn, metadata_output_s* metaOut) {
   const ORVEX_ProfilingScope profiling("LRUCache::QueryLRUCache");
   const ORVEX_ScopeLock guard(&lock);
-  const LRU_LOOKUP lookup = LookUp(*metaIn, *metaOut);
-  // Here and not where it was found out: a locked addition lets no later read of
-  // memory begin before it is done, and the lookup waits for memory most.
-  ORVEX_atomic_increment_64(&metrics.Query);
-  ORVEX_atomic_increment_64(lookup == LRU_HIT           ? &metrics.Hit
-                            : lookup == LRU_MISS        ? &metrics.Miss
-                            : lookup == LRU_PARTIAL_HIT ? &metrics.PartialHit
-                                                        : &metrics.OutOfDate);
-  return lookup;
+  const bool silent = !ORVEX_LOG_BASE::Keeps(ORVEX_LOG_DEBUG) && !ORVEX_ProfilingScope::IsOn();
+  return silent ? LookUp<true>(*metaIn, *metaOut) : LookUp<false>(*metaIn, *metaOut);
 }
 
+template <bool kSilent>
 LRU_LOOKUP LRUCache::LookUp(const metadata_input_s& in, metadata_output_s& out) {
+  // A log callback may read the counters, so that they are ahead of every line.
+  if (!kSilent) ORVEX_atomic_increment_64(&metrics.Query);
   LRUCacheNode* const node = Find(LRUCacheKeyView(in));
   if (node == nullptr) {
+    if (kSilent) ORVEX_atomic_increment_64(&metrics.Query);
+    ORVEX_atomic_increment_64(&metrics.Miss);
     ORVEX_LOG_FROM(ORVEX_LOG_DEBUG, kLookupFunction, kLRUCacheSourceFile,
                    "Cache query: cache miss, %s", in.path);
     return LRU_MISS;
   }
   if (in.mtime != 0 && in.mtime != node->mtime) {
+    if (kSilent) ORVEX_atomic_increment_64(&metrics.Query);
+    ORVEX_atomic_increment_64(&metrics.OutOfDate);
     ORVEX_LOG_FROM(ORVEX_LOG_WARNING, kLookupFunction, kLRUCacheSourceFile,
                    "Cache query: cache out-of-date, (%llu/%llu) %s", PrintableNumber(in.mtime),
                    PrintableNumber(node->mtime), in.path);
@@ -149,14 +149,19 @@ LRU_LOOKUP LRUCache::LookUp(const metadata_input_s& in, metadata_output_s& out) 
   // sees that.
   node->GetDataFromCacheNode(out);
   const bool complete = (in.queryFlags & ~out.queryFlags) == 0;
-  if (complete) {
-    ORVEX_LOG_FROM(ORVEX_LOG_DEBUG, kLookupFunction, kLRUCacheSourceFile,
-                   "Cache query: cache hits, %s", in.path);
+  long long* const result = complete ? &metrics.Hit : &metrics.PartialHit;
+  if (kSilent) {
+    MoveToFront(node);
+    // Last: a locked add is a full barrier and would stall the loads that follow.
+    ORVEX_atomic_increment_64(&metrics.Query);
+    ORVEX_atomic_increment_64(result);
   } else {
+    ORVEX_atomic_increment_64(result);
     ORVEX_LOG_FROM(ORVEX_LOG_DEBUG, kLookupFunction, kLRUCacheSourceFile,
-                   "Cache query: cache partial hits, %s", in.path);
+                   complete ? "Cache query: cache hits, %s" : "Cache query: cache partial hits, %s",
+                   in.path);
+    MoveToFront(node);
   }
-  MoveToFront(node);
   return complete ? LRU_HIT : LRU_PARTIAL_HIT;
 }
 

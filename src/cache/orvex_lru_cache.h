@@ -79,6 +79,8 @@ class ORVEX_API LRUCache : public LRUCacheT<LRUCacheKey, LRUCacheNode, LRUCacheM
  private:
   [[maybe_unused]] ORVEX_CacheLineGap afterActiveThreads_;
 
+  // kSilent: nothing of a hit is logged, so that nobody sees when it counts.
+  template <bool kSilent>
   ORVEX_LOCAL LRU_LOOKUP LookUp(const metadata_input_s& in, metadata_output_s& out)
       ORVEX_REQUIRES(lock);
   // Query where the thread sleeps or its steps are logged, so that the host may change its

@@ -81,12 +81,21 @@ int FileTypeCache::Query(metadata_input_s* metaIn, metadata_output_s* metaOut, v
   }
   if (lookup != LRU_MISS && lookup != LRU_OUT_OF_DATE) return ORVEX_OK;
 
+  return AskHostAndKeep(metaIn, metaOut, ctx);
+}
+
+int FileTypeCache::AskHostAndKeep(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx) {
   metaOut->resultReady = 0;
-  const int code = AskHost(metaIn, metaOut, ctx, &metrics.numOfHelpFuncCalled);
-  // Looked at now: the callback may have taken the bit away.
-  const bool keep = (metaIn->invOperation & INV_KEEP_IN_CACHE) != 0;
-  ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile,
-                    "Get file type result [%d]. Keep in cache [%d]", code, keep);
+  int code;
+  bool keep;
+  {
+    const ORVEX_CountAtEnd count{&metrics.numOfHelpFuncCalled};
+    code = AskHost(metaIn, metaOut, ctx);
+    // Looked at now: the callback may have taken the bit away.
+    keep = (metaIn->invOperation & INV_KEEP_IN_CACHE) != 0;
+    ORVEX_LOG_FROM(ORVEX_LOG_DEBUG, "Query", kLRUCacheSourceFile,
+                   "Get file type result [%d]. Keep in cache [%d]", code, keep);
+  }
   if (code != ORVEX_OK) return code;
   metaOut->resultReady = 1;
   return keep ? UpdateCache(metaIn, metaOut) : ORVEX_OK;

@@ -8,6 +8,7 @@
 #include "cache/orvex_lru_cache_map.h"
 #include "cache/orvex_lru_cache_t.h"
 #include "orvexeng.h"
+#include "support/orvex_local.h"
 #include "support/orvex_singleton.h"
 
 // The type of one file, as the host gave it.
@@ -67,6 +68,10 @@ class ORVEX_API FileTypeCache final
   int QueryLRUCache(metadata_input_s* metaIn, metadata_output_s* metaOut) override
       ORVEX_EXCLUDES(lock);
   void LRUCacheNodeWipe() override ORVEX_REQUIRES(lock);
+
+ private:
+  ORVEX_LOCAL int AskHostAndKeep(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx)
+      ORVEX_EXCLUDES(lock);
 };
 
 extern template class LRUCacheT<LRUCacheKey, FileTypeCacheNode, FileTypeCacheMetrics_s>;

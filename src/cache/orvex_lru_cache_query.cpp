@@ -182,7 +182,8 @@ int LRUCache::Calculate(metadata_input_s* metaIn, metadata_output_s* metaOut, vo
     const ORVEX_ProfilingScope profiling("LRUCache::MetaQueryCallback");
     ORVEX_LOG_FROM(ORVEX_LOG_DEBUG, kFunction, kLRUCacheSourceFile,
                    "Calling query callback for file %s", path.c_str());
-    code = AskHost(metaIn, metaOut, ctx, &metrics.numOfHelpFuncCalled);
+    const ORVEX_CountAtEnd count{&metrics.numOfHelpFuncCalled};
+    code = AskHost(metaIn, metaOut, ctx);
   }
   if (code != ORVEX_OK) return code;
   metaOut->resultReady = 1;

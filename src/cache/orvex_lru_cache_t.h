@@ -31,6 +31,12 @@ enum LRU_LOOKUP : int {
   LRU_OUT_OF_DATE = 4,
 };
 
+// Counts at the end of its scope, also when the host throws.
+struct ORVEX_LOCAL ORVEX_CountAtEnd {
+  long long volatile* counter;
+  ~ORVEX_CountAtEnd() { ORVEX_atomic_increment_64(counter); }
+};
+
 // Keeps nodes in recency order, finds them by key, and holds the capacity, the
 // host's callback and the counters. What a lookup, a query and an eviction mean
 // is the subclass's.
@@ -110,9 +116,9 @@ class ORVEX_API LRUCacheT {
   ORVEX_LOCAL bool IsBeyondCapacity() const ORVEX_REQUIRES(lock);
   ORVEX_LOCAL void EvictOldest() ORVEX_REQUIRES(lock);
   ORVEX_LOCAL void ZeroMetrics() ORVEX_REQUIRES(lock);
-  // The host's answer, unchanged. Counts the call, also when it throws.
-  ORVEX_LOCAL int AskHost(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx,
-                          long long volatile* calls) ORVEX_EXCLUDES(lock);
+  // The host's answer, unchanged.
+  ORVEX_LOCAL int AskHost(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx)
+      ORVEX_EXCLUDES(lock);
 
   // Most recently used first.
   std::list<Node*> CacheNodeList ORVEX_GUARDED_BY(lock);
@@ -349,7 +355,7 @@ void LRUCacheT<Key, Node, Metrics>::ZeroMetrics() {
 template <typename Key, typename Node, typename Metrics>
 int LRUCacheT<Key, Node, Metrics>::AskHost(metadata_input_s* metaIn, metadata_output_s* metaOut,
                                            // NOLINTNEXTLINE(readability-non-const-parameter)
-                                           void* ctx, long long volatile* calls) {
+                                           void* ctx) {
   // Read once: a host that registers another callback meanwhile changes the next
   // query, not this one.
   orvex_query_cb callback;
@@ -357,10 +363,6 @@ int LRUCacheT<Key, Node, Metrics>::AskHost(metadata_input_s* metaIn, metadata_ou
     const ORVEX_ScopeLock guard(&lock);
     callback = queryCallback;
   }
-  struct CountOnReturn {
-    long long volatile* calls;
-    ~CountOnReturn() { ORVEX_atomic_increment_64(calls); }
-  } const count{calls};
   // No lock from here on: the host may take seconds, may throw, and may call back
   // into the library on this very thread.
   return callback(metaIn, metaOut, ctx);

@@ -54,8 +54,9 @@ class ORVEX_LOCAL ORVEX_ProfilingScope {
   ORVEX_ProfilingScope(const ORVEX_ProfilingScope&) = delete;
   ORVEX_ProfilingScope& operator=(const ORVEX_ProfilingScope&) = delete;
 
- private:
   static bool IsOn() { return ORVEX_LoadRelaxed(ORVEX_Profiling::EnableProfiling); }
+
+ private:
   void Report() const;
 
   const char* name_;

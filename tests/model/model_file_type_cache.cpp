@@ -76,16 +76,18 @@ int ModelFileTypeCache::Query(metadata_input_s* in, metadata_output_s* out, void
   }
   out->resultReady = 0;
   int code = 0;
+  bool keep = false;
   {
+    // Counted after the line, and also when the host throws.
     struct CountCall {
       int64_t& calls;
       ~CountCall() { ++calls; }
     } const countCall{counters.hostCalls};
     code = cache_.callback(in, out, ctx);
+    keep = (in->invOperation & INV_KEEP_IN_CACHE) != 0;
+    log_(kDebug, "Query", kModelCacheFile, "Get file type result [%d]. Keep in cache [%d]", code,
+         keep ? 1 : 0);
   }
-  const bool keep = (in->invOperation & INV_KEEP_IN_CACHE) != 0;
-  log_(kDebug, "Query", kModelCacheFile, "Get file type result [%d]. Keep in cache [%d]", code,
-       keep ? 1 : 0);
   if (code != 0) return code;
   out->resultReady = 1;
   if (keep) Update(in, out);
