@@ -23,6 +23,7 @@
 #include "harness/held_host.h"
 #include "harness/open_hash_cache.h"
 #include "harness/opened_caches.h"
+#include "harness/recorded_log.h"
 #include "support/orvex_config.h"
 #include "support/orvex_profiling.h"
 
@@ -865,5 +866,51 @@ TEST_CASE("a query without a path that runs out of memory gives 2 and is not rea
     CHECK(code == 2);
     CHECK(out.resultReady == 0);
     CHECK(out.queryFlags == (cached != 0 ? cached | QUERY_MTIME : 0));
+  }
+}
+
+namespace {
+
+// Asks for a path whose copy fails as that of a text too long for a string does.
+int AskTooLong(EngineUnderTest& engine, metadata_output_s& out) {
+  metadata_input_s in = InputFor(kPath);
+  FailingNew failing(1);
+  failing.throwsLengthError = true;
+  try {
+    return engine.Query(in, out);
+  } catch (const std::length_error&) {
+    return 1000;
+  }
+}
+
+}  // namespace
+
+TEST_CASE("a path too long to be waited for gives 2 before the host is asked") {
+  EngineUnderTest engine;
+  RecordedLog quiet(ORVEX_LOG_FATAL);
+  Answer out;
+  out.resultReady = 9;
+  int code = 0;
+  engine.host.onHash = [&](metadata_input_s&, metadata_output_s&) {
+    code = AskTooLong(engine, out);  // Its path is being calculated, by this thread.
+    return 0;
+  };
+  CHECK(engine.Query(kPath) == 0);
+  CHECK(code == 2);
+  CHECK(out.resultReady == 0);
+  CHECK(engine.host.hashCalls == 1);
+  CHECK(engine.Query("/b") == 0);
+}
+
+TEST_CASE("a path too long to be copied gives 2 at every level of the log") {
+  for (const ORVEX_LOG level : {ORVEX_LOG_FATAL, ORVEX_LOG_DEBUG}) {
+    EngineUnderTest engine;
+    RecordedLog log(level);
+    Answer out;
+    out.resultReady = 9;
+    CHECK(AskTooLong(engine, out) == 2);
+    CHECK(out.resultReady == 0);
+    CHECK(engine.host.hashCalls == 0);
+    CHECK(engine.Query(kPath) == 0);
   }
 }

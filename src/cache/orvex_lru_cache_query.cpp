@@ -113,7 +113,8 @@ int LRUCache::QueryWithOwnPath(metadata_input_s* metaIn, metadata_output_s* meta
   std::string path;
   try {
     path = metaIn->path;
-  } catch (const std::bad_alloc&) {
+  } catch (const std::exception&) {
+    // No memory, or a text longer than a string can be.
     return EndWithoutMemory(*metaOut);
   }
   if (mayWait) WaitUntilFree(path);

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <new>
+#include <stdexcept>
 
 #include "harness/sanitizers.h"
 
@@ -81,6 +82,10 @@ long LiveAllocations() { return live; }
 
 void* operator new(size_t size) {
   void* const memory = Allocate(size);
+  if (memory == nullptr && current != nullptr && current->throwsLengthError) {
+    const MemoryForHost forTheMessage;
+    throw std::length_error("a text too long for a string");
+  }
   if (memory == nullptr) throw std::bad_alloc();
   return memory;
 }

@@ -16,6 +16,9 @@ class FailingNew {
   FailingNew(const FailingNew&) = delete;
   FailingNew& operator=(const FailingNew&) = delete;
 
+  // Whether operator new fails with std::length_error, in place of a text longer than a
+  // string can be: two gigabytes on one target and more than there is on the other.
+  bool throwsLengthError = false;
   // How many allocations were asked for so far.
   int allocations = 0;
   // How many of them failed.
