@@ -1,4 +1,6 @@
 // Counts what operations of the peers take, as tests/counts does for the engine.
+#include <type_traits>
+
 #include "contenders.h"
 #include "counts/counts.h"
 

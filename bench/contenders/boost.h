@@ -13,7 +13,7 @@
 
 namespace cost {
 
-// Exact recency order, like the textbook, and like it without what list_cache.h
+// Exact recency order, like the textbook, and like it without what textbook.h
 // says is left out. Links of both indexes stand in one node.
 class Boost {
  public:

@@ -11,7 +11,7 @@
 namespace cost {
 
 // Recency within a shard, so what it evicts is only about the oldest, and a shard
-// may be full while others are not. Otherwise it leaves out what list_cache.h
+// may be full while others are not. Otherwise it leaves out what textbook.h
 // says, and a hit reads the record without a lock, through a counted handle.
 class LevelDb {
  public:

@@ -12,7 +12,7 @@
 namespace cost {
 
 // Recency order is exact in one shard and per shard in more. Otherwise it leaves
-// out what list_cache.h says.
+// out what textbook.h says.
 template <int ShardBits>
 class RocksDbLru {
  public:

@@ -14,7 +14,7 @@ namespace cost {
 // Exact recency order of the entries not in use, and one calculation per key at a
 // time, for which the others spin. It takes its key by value, again and again, and
 // orders it: each query copies the path several times. A failed calculation cannot
-// be told, nor a value left out. Otherwise it leaves out what list_cache.h says.
+// be told, nor a value left out. Otherwise it leaves out what textbook.h says.
 class Tbb {
  public:
   static constexpr const char* kName = "tbb";
