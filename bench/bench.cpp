@@ -5,6 +5,7 @@
 
 #include "harness/latch.h"
 #include "loops.h"
+#include "processors.h"
 
 int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
@@ -14,6 +15,9 @@ int main(int argc, char** argv) {
   cost::AddInsertions();
   cost::AddColdPath();
   cost::AddEngineQueries();
+  const auto& [first, second] = cost::Processors();
+  benchmark::AddCustomContext("processor_of_hits", std::to_string(first));
+  benchmark::AddCustomContext("processor_of_insertions", std::to_string(second));
 
   // While a process has only one thread, the C library takes its locks without locked
   // instructions. No host of a cache is such a process.

@@ -23,11 +23,14 @@ TITLES = {
     "c-hit-threads": "c  full hits from several threads (elapsed time over the queries of all)",
     "d-insert": "d  ever-new files: miss, callback that returns at once, keep, evict",
     "e-growth": "e  full hits, uniform, by the number of entries",
-    "f-hit-beside-insert": "f  full hits while another thread inserts",
+    "f-hit-beside-insert": "f  full hits while another thread inserts: mean and percentiles of a hit, "
+                           "and what an insertion took",
     "g-cold-path": "g  eight threads, one cold path, a callback of 5 ms",
 }
 ENGINE = "engine"
-
+# What a benchmark tells beside its time, and how the tables call it.
+COUNTERS = {"calls": "calls", "p50": "p50", "p99": "p99", "p99.9": "p99.9",
+            "insertionNs": "insertion", "misses": "misses per hit"}
 
 # As in the tables: caches, then what none can do without.
 ORDER = [ENGINE, "textbook", "absl", "boost", "leveldb", "rocksdb-lru-1", "rocksdb-lru-16",
@@ -39,10 +42,17 @@ def natural(case):
     return [int(word) if word.isdigit() else 0 for word in case.split()]
 
 
-def read_times(path):
+def say_where(context):
+    hits, insertions = context["processor_of_hits"], context["processor_of_insertions"]
+    if hits == insertions:
+        return f"f: both threads share processor {hits}, the only one: what it says is of little use"
+    return f"f: hits on processor {hits}, insertions on processor {insertions}"
+
+
+def read_times(benchmarks):
     """Returns {(scenario, contender, case): {"median": ns, "counters": {...}, ...}}."""
     runs = {}
-    for run in json.loads(path.read_text())["benchmarks"]:
+    for run in benchmarks:
         if run["run_type"] != "iteration":
             continue
         if run.get("error_occurred"):
@@ -62,7 +72,7 @@ def read_times(path):
         values = sorted(value for value, _ in taken)
         times[key] = {"median": statistics.median(values), "least": values[0], "most": values[-1],
                       "counters": {name: statistics.median(run[name] for _, run in taken)
-                                   for name in ("calls", "misses", "insertions")
+                                   for name in COUNTERS
                                    if name in taken[0][1]}}
     return dict(sorted(times.items(), key=lambda item: (
         item[0][0], ORDER.index(item[0][1]), natural(item[0][2]))))
@@ -84,7 +94,11 @@ def print_scenario(times, scenario, title):
     for case in cases:
         header += [f"{case}: {unit}" if len(cases) > 1 else unit, "engine/"]
     counters = list(times[scenario, ENGINE, cases[0]]["counters"])
-    header += [name if name == "calls" else name + " per hit" for name in counters]
+    header += [COUNTERS[name] for name in counters]
+    # A hit that waits for one insertion is as good as a lock allows.
+    insertion = "d-insert" if "p99" in counters else None
+    if insertion:
+        header.append("p99 / d")
     rows = []
     for who in contenders:
         row = [who]
@@ -93,7 +107,10 @@ def print_scenario(times, scenario, title):
             ratio = times[scenario, ENGINE, case]["median"] / median
             row += [f"{median / ns:.0f}" if median >= 100 * ns else f"{median / ns:.1f}",
                     f"{ratio:.2f}"]
-        row += [f"{times[scenario, who, cases[0]]['counters'][name]:.3g}" for name in counters]
+        told = times[scenario, who, cases[0]]["counters"]
+        row += [f"{told[name]:.0f}" if told[name] >= 100 else f"{told[name]:.3g}" for name in counters]
+        if insertion:
+            row.append(f"{told['p99'] / times[insertion, who, '']['median']:.2f}")
         rows.append(row)
     print_table(title, header, rows)
 
@@ -118,12 +135,14 @@ def print_counts(counted):
 
 def main(target, directory, engine_counts, peer_counts):
     directory = Path(directory)
-    times = read_times(directory / f"{target}-times.json")
+    timed = json.loads((directory / f"{target}-times.json").read_text())
+    times = read_times(timed["benchmarks"])
     counted = {**counts.count(engine_counts), **counts.count(peer_counts)}
     started = [int(line) for line in (directory / f"{target}-startup").read_text().split()]
     size = (directory / f"{target}-stripped").stat().st_size
 
     print(f"\n== {target}: medians, and engine / contender")
+    print(say_where(timed["context"]))
     for scenario, title in TITLES.items():
         print_scenario(times, scenario, title)
     rows = []
