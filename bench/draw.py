@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
-"""Draws what a full hit costs: every contender, and growth with the entries.
+"""Draws what a full hit costs, by contender and number of entries, and what else a cache
+costs: an insertion, a hit beside insertions, memory.
 
 usage: bench/draw.py REPORT.json... >docs/hit.svg
 
@@ -10,10 +11,12 @@ import sys
 from html import escape
 from pathlib import Path
 
-WIDTH, ROW = 900, 330
+WIDTH, ROW = 900, 610
 LEFT, BARS, GROWTH = 120, 260, 250  # widths: names, the longest bar, the plot
 GROWTH_AT = 530
 TOP, HEIGHT = 62, 220
+BELOW = 288  # from the upper panels to the lower ones
+PANEL, NARROW_LEFT, NARROW_BARS = 290, 100, 110  # the lower ones: apart, names, the longest bar
 ENGINE, PEER, FLOOR, TEXT, RULE = "#0b6bcb", "#aab4be", "#dfe4e8", "#24292f", "#d0d7de"
 TITLES = {"i386": "32-bit x86", "x86_64": "x86-64"}
 LINES = ["engine", "absl", "textbook", "floor-lock"]
@@ -28,18 +31,37 @@ def text(x, y, words, anchor="start", size=12, weight="normal", fill=TEXT):
             f'font-weight="{weight}" fill="{fill}">{escape(words)}</text>')
 
 
-def draw_contenders(times, top):
-    """One bar each, the fastest first."""
-    medians = sorted((time["median"], who) for who, time in times["a-hit-uniform"]["4096"].items())
-    step = HEIGHT / len(medians)
-    for place, (median, who) in enumerate(medians):
+def medians(times, scenario, case=""):
+    return {who: time["median"] for who, time in times[scenario][case].items()}
+
+
+def draw_bars(values, left, top, longest):
+    """One bar for each contender, the best first."""
+    rows = sorted((value, who) for who, value in values.items())
+    step = HEIGHT / len(rows)
+    for place, (value, who) in enumerate(rows):
         y = top + place * step
-        length = BARS * median / medians[-1][0]
+        length = longest * value / rows[-1][0]
         weight = "bold" if who == "engine" else "normal"
-        yield text(LEFT - 8, y + step * 0.66, who, "end", weight=weight)
-        yield (f'<rect x="{LEFT}" y="{y + step * 0.14:.1f}" width="{length:.1f}" '
+        yield text(left - 8, y + step * 0.66, who, "end", weight=weight)
+        yield (f'<rect x="{left}" y="{y + step * 0.14:.1f}" width="{length:.1f}" '
                f'height="{step * 0.72:.1f}" rx="2" fill="{colour(who)}"/>')
-        yield text(LEFT + length + 6, y + step * 0.66, f"{median:.0f}", weight=weight)
+        yield text(left + length + 6, y + step * 0.66, f"{value:,.0f}", weight=weight)
+
+
+def draw_costs(report, top):
+    """What a cache costs beside the time of a hit."""
+    beside = report["times"]["f-hit-beside-insert"][""]
+    memory = {who: told["memory"]["bytes"] for who, told in report["counts"].items()
+              if "memory" in told}
+    panels = [("an insertion, ns", medians(report["times"], "d-insert")),
+              ("a hit beside insertions, p99, ns",
+               {who: time["counters"]["p99"] for who, time in beside.items()}),
+              ("memory of an entry, bytes", memory)]
+    for place, (title, values) in enumerate(panels):
+        left = NARROW_LEFT + place * PANEL
+        yield text(left, top - 12, title)
+        yield from draw_bars(values, left, top, NARROW_BARS)
 
 
 def spread(labels, apart):
@@ -99,13 +121,17 @@ def main(reports):
     for row, report in enumerate(json.loads(Path(name).read_text()) for name in reports):
         top = row * ROW
         title = TITLES.get(report["target"], report["target"])
+        machine = report["machine"]
         parts += [text(20, top + 26, title, size=16, weight="bold"),
+                  text(WIDTH - 20, top + 26, f"{machine['cpu']}, {machine['processors']} processors, "
+                       f"{machine['date']}", "end", 11),
                   text(LEFT, top + 50, "a full hit among 4,096 files, ns"),
                   text(GROWTH_AT, top + 50, "by the number of entries, ns"),
-                  *draw_contenders(report["times"], top + TOP),
-                  *draw_growth(report["times"], top + TOP)]
-    print_picture(len(reports) * ROW, "What a full hit costs, by cache and by number of entries",
-                  parts)
+                  *draw_bars(medians(report["times"], "a-hit-uniform", "4096"), LEFT, top + TOP, BARS),
+                  *draw_growth(report["times"], top + TOP),
+                  *draw_costs(report, top + TOP + BELOW)]
+    print_picture(len(reports) * ROW, "What a full hit, an insertion, a hit beside insertions and "
+                  "an entry's memory cost, by cache", parts)
 
 
 if __name__ == "__main__":

@@ -9,6 +9,7 @@ engine / contender (below 1: the engine is faster) and writes DIR/TARGET.json wi
 it.
 """
 import json
+import re
 import statistics
 import sys
 from pathlib import Path
@@ -40,6 +41,13 @@ ORDER = [ENGINE, "textbook", "absl", "boost", "leveldb", "rocksdb-lru-1", "rocks
 def natural(case):
     """Sorts 64 before 256."""
     return [int(word) if word.isdigit() else 0 for word in case.split()]
+
+
+def read_machine(context):
+    """Returns what the benchmark ran on, and when, in words."""
+    cpu = re.search(r"^model name\s*: (.*)$", Path("/proc/cpuinfo").read_text(), re.M)
+    return {"cpu": cpu[1] if cpu else "unknown processor", "processors": context["num_cpus"],
+            "date": context["date"][:10]}
 
 
 def say_where(context):
@@ -137,11 +145,13 @@ def main(target, directory, engine_counts, peer_counts):
     directory = Path(directory)
     timed = json.loads((directory / f"{target}-times.json").read_text())
     times = read_times(timed["benchmarks"])
+    machine = read_machine(timed["context"])
     counted = {**counts.count(engine_counts), **counts.count(peer_counts)}
     started = [int(line) for line in (directory / f"{target}-startup").read_text().split()]
     size = (directory / f"{target}-stripped").stat().st_size
 
     print(f"\n== {target}: medians, and engine / contender")
+    print(f"{machine['cpu']}, {machine['processors']} processors, {machine['date']}")
     print(say_where(timed["context"]))
     for scenario, title in TITLES.items():
         print_scenario(times, scenario, title)
@@ -170,7 +180,7 @@ def main(target, directory, engine_counts, peer_counts):
         operations.setdefault(who, {})[what] = row
     result = directory / f"{target}.json"
     result.write_text(json.dumps({
-        "target": target, "times": nested, "counts": operations,
+        "target": target, "machine": machine, "times": nested, "counts": operations,
         "startupNs": {"median": statistics.median(started), "least": min(started)},
         "strippedBytes": size}, indent=1) + "\n")
     print(f"\nAll of it: {result}")
