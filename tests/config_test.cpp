@@ -1,10 +1,19 @@
 // The configuration file.
 #include <doctest/doctest.h>
+#include <fcntl.h>
+#include <stdlib.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <filesystem>
 #include <fstream>
 #include <string>
 
 #include "cache/orvex_caches.h"
+#include "harness/engine_under_test.h"
 #include "harness/recorded_log.h"
 #include "support/orvex_config.h"
 #include "support/orvex_log.h"
@@ -291,4 +300,122 @@ TEST_CASE("the entries are dumped in key order at DEBUG") {
         Lines({"DEBUG Dump orvex_config: Dump config map ...",
                "DEBUG Dump orvex_config: [CONFIG] B=3", "DEBUG Dump orvex_config: [CONFIG] a=1",
                "DEBUG Dump orvex_config: [CONFIG] b=2"}));
+}
+
+namespace {
+
+constexpr size_t kMebibyte = 1024 * 1024;
+
+// A terminal of the test's own; its side that programs are attached to has this path.
+class Terminal {
+ public:
+  Terminal() : master_(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC)) {
+    REQUIRE(grantpt(master_) == 0);
+    REQUIRE(unlockpt(master_) == 0);
+    path = ptsname(master_);
+  }
+  ~Terminal() { close(master_); }
+  Terminal(const Terminal&) = delete;
+  Terminal& operator=(const Terminal&) = delete;
+
+  std::string path;
+
+ private:
+  const int master_;
+};
+
+void MakeSocket(const char* path) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::string(path).copy(address.sun_path, sizeof address.sun_path - 1);
+  const int socketFile = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  REQUIRE(bind(socketFile, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0);
+  close(socketFile);
+}
+
+int StartEngine() {
+  metadata_query_fptrs_s callbacks = Host::Callbacks();
+  return orvex_init(&callbacks);
+}
+
+}  // namespace
+
+TEST_CASE("what is no file and no directory counts as a file that cannot be opened") {
+  const Terminal terminal;
+  REQUIRE(mkfifo("pipe", 0600) == 0);
+  MakeSocket("socket");
+  const std::string targets[] = {"pipe",      "socket",    terminal.path,
+                                 "/dev/ptmx", "/dev/null", "/dev/zero"};
+  for (const std::string& target : targets) {
+    CAPTURE(target);
+    std::filesystem::create_symlink(target, "orvexeng.ini");
+    RecordedLog log;
+    CHECK(StartEngine() == 0);
+    CHECK(log.CountOf("Open config file orvexeng.ini failed") == 1);
+    CHECK(orvex_deinit() == 0);
+    std::filesystem::remove("orvexeng.ini");
+  }
+}
+
+TEST_CASE("what waits in a pipe is not taken from it") {
+  REQUIRE(mkfifo("orvexeng.ini", 0600) == 0);
+  const int pipeFile = open("orvexeng.ini", O_RDWR | O_NONBLOCK | O_CLOEXEC);
+  const std::string text = "CacheCapacity=7\n";
+  REQUIRE(write(pipeFile, text.data(), text.size()) == static_cast<ssize_t>(text.size()));
+  RecordedLog log;
+  CHECK(StartEngine() == 0);
+  CHECK(log.CountOf("Set config CacheCapacity") == 0);
+  std::string left(100, ' ');
+  CHECK(read(pipeFile, left.data(), left.size()) == static_cast<ssize_t>(text.size()));
+  CHECK(orvex_deinit() == 0);
+  close(pipeFile);
+  std::filesystem::remove("orvexeng.ini");
+}
+
+TEST_CASE("a terminal at the file's path does not become that of the process") {
+  const Terminal terminal;
+  std::filesystem::create_symlink(terminal.path, "orvexeng.ini");
+  const pid_t child = fork();
+  if (child == 0) {
+    // The first terminal that a process without one opens becomes its own.
+    setsid();
+    const bool started = StartEngine() == 0;
+    _exit(started && open("/dev/tty", O_RDONLY | O_CLOEXEC) == -1 ? 0 : 1);
+  }
+  int status = -1;
+  REQUIRE(waitpid(child, &status, 0) == child);
+  CHECK(status == 0);
+}
+
+TEST_CASE("the reading ends after the first mebibyte and at a line that goes beyond it") {
+  const std::string filling(kMebibyte - 14, '\n');
+  const struct {
+    const char* name;
+    std::string text;
+    const char* last;
+    const char* after;
+  } rows[] = {{"a line that ends the mebibyte", "Last=12345678\n", "12345678", "-"},
+              {"a mebibyte without a final newline", "Last=123456789", "123456789", "-"},
+              {"a line after the mebibyte", "Last=12345678\nAfter=1\n", "12345678", "-"},
+              {"a line that goes beyond the mebibyte", "Last=1234567890\n", "-", "-"}};
+  for (const auto& row : rows) {
+    CAPTURE(row.name);
+    ORVEX_Config config;
+    CHECK(Configure(filling + row.text, config) == 0);
+    std::string last = "-";
+    std::string after = "-";
+    config.GetConfigString("Last", last);
+    config.GetConfigString("After", after);
+    CHECK(last == row.last);
+    CHECK(after == row.after);
+  }
+}
+
+TEST_CASE("a file of more bytes than 32 bits count is read like any other") {
+  std::ofstream("test.ini") << "Key=1\n";
+  std::filesystem::resize_file("test.ini", uintmax_t{5} << 30);
+  ORVEX_Config config;
+  CHECK(config.ReadConfig("test.ini") == 0);
+  std::string value;
+  CHECK(config.GetConfigString("Key", value) == 0);
 }

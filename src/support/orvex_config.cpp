@@ -1,10 +1,15 @@
 // The configuration file.
 #include "support/orvex_config.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
+#include <sstream>
 
 #include "support/orvex_log.h"
 
@@ -14,6 +19,49 @@ constexpr char kConfigSourceFile[] = "orvex_config";
 
 // The longest line that is read, its terminator included.
 constexpr int kLineSize = 255;
+
+// What is read of a file. Whoever can write to the host's directory decides about
+// no more of its memory and time.
+constexpr size_t kMostBytes = 1024 * 1024;
+
+// A file opened for reading, unless it is of a kind that could block or never end.
+class OpenedFile {
+ public:
+  explicit OpenedFile(const std::string& path)
+      : file_(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY | O_LARGEFILE)) {}
+  ~OpenedFile() {
+    if (file_ >= 0) close(file_);
+  }
+  OpenedFile(const OpenedFile&) = delete;
+  OpenedFile& operator=(const OpenedFile&) = delete;
+
+  bool IsUsable() const {
+    if (file_ < 0) return false;
+    struct stat status {};
+    // On 32 bits a size, a number or a time can be too large to be told. That says
+    // nothing against a file, and what else it may be does not block.
+    if (fstat(file_, &status) != 0) return errno == EOVERFLOW;
+    return S_ISREG(status.st_mode) || S_ISDIR(status.st_mode);
+  }
+
+  // Empty for a directory.
+  std::string FirstBytes() const {
+    std::string content;
+    char piece[4096];
+    while (content.size() <= kMostBytes) {
+      const ssize_t count = read(file_, piece, sizeof piece);
+      if (count < 0 && errno == EINTR) continue;
+      if (count <= 0) break;
+      content.append(piece, static_cast<size_t>(count));
+    }
+    // A line that goes on beyond the last byte is not read in part.
+    if (content.size() > kMostBytes) content.erase(content.rfind('\n', kMostBytes - 1) + 1);
+    return content;
+  }
+
+ private:
+  const int file_;
+};
 
 }  // namespace
 
@@ -26,14 +74,15 @@ ORVEX_Config::ORVEX_Config() = default;
 ORVEX_Config::~ORVEX_Config() = default;
 
 unsigned int ORVEX_Config::ReadConfig(std::string path) {
-  std::ifstream file(path);
-  if (!file.is_open()) {
+  const OpenedFile file(path);
+  if (!file.IsUsable()) {
     ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kConfigSourceFile, "Open config file %s failed",
                       path.c_str());
     return ORVEX_CONFIG_NOT_OPENED;
   }
+  std::istringstream lines(file.FirstBytes());
   char line[kLineSize] = {};
-  while (file.getline(line, kLineSize)) {
+  while (lines.getline(line, kLineSize)) {
     if (line[0] != '\0') ParseLine(line);
   }
   return ORVEX_OK;

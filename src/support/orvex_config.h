@@ -31,8 +31,10 @@ class ORVEX_API ORVEX_Config {
   ORVEX_Config& operator=(const ORVEX_Config&) = delete;
 
   // Returns 0 once the file could be opened, whatever it holds, otherwise
-  // ORVEX_CONFIG_NOT_OPENED. Stops without a word at a line of more than 254
-  // characters. Throws std::bad_alloc; what was read until then stays.
+  // ORVEX_CONFIG_NOT_OPENED; a pipe, a socket or a device counts as not opened, and
+  // none of them makes the caller wait. Stops without a word at a line of more than
+  // 254 characters and after the first mebibyte. Throws std::bad_alloc; what was
+  // read until then stays.
   unsigned int ReadConfig(std::string path);
   // Splits one NUL-terminated line in place and keeps its entry, if it has one.
   void ParseLine(char* line);

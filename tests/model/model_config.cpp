@@ -1,17 +1,24 @@
 // The model's reading of orvexeng.ini.
 #include "model/model_config.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+
+namespace {
+
+constexpr size_t kMebibyte = 1 << 20;
+
+}  // namespace
 
 void ModelConfig::Read(const std::string& content) {
   size_t start = 0;
   while (start < content.size()) {
     size_t end = content.find('\n', start);
     if (end == std::string::npos) end = content.size();
-    if (end - start >= 255) return;  // Too long a line ends the reading.
+    // Too long a line ends the reading, and so does one that leaves the first mebibyte.
+    if (end - start >= 255 || end + (end < content.size()) > kMebibyte) return;
     const std::string line = content.substr(start, end - start);
     ReadLine(line.substr(0, line.find('\0')));
     start = end + 1;
@@ -74,14 +81,11 @@ std::vector<std::pair<std::string, std::string>> ModelConfig::Sorted() const {
 }
 
 std::optional<std::string> ContentOf(const std::string& path) {
-  const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (file < 0) return std::nullopt;
-  std::string content;
-  char bytes[1024];
-  ssize_t count = 0;
-  while ((count = read(file, bytes, sizeof bytes)) > 0) {
-    content.append(bytes, static_cast<size_t>(count));
-  }
-  close(file);
-  return content;
+  std::error_code failed;
+  const auto kind = std::filesystem::status(path, failed).type();
+  if (kind == std::filesystem::file_type::directory) return "";
+  if (kind != std::filesystem::file_type::regular) return std::nullopt;
+  std::ifstream file(path, std::ios::binary);
+  if (!file.is_open()) return std::nullopt;
+  return std::string(std::istreambuf_iterator<char>(file), {});
 }

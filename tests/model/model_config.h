@@ -25,6 +25,6 @@ class ModelConfig {
   std::vector<std::pair<std::string, std::string>> entries_;
 };
 
-// What the file holds, or nothing if it cannot be opened. A directory opens and
-// holds nothing.
+// What the file holds, or nothing if it cannot be opened or is neither a regular file
+// nor a directory. A directory opens and holds nothing.
 std::optional<std::string> ContentOf(const std::string& path);
