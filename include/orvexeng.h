@@ -34,8 +34,10 @@
  *          waited for. A child forked while no thread is inside may use the
  *          library; it has its own copy of the caches.
  * exit     The library's objects are destroyed at process exit and by the last
- *          dlclose. No thread may be inside the library then, nor call in
- *          afterwards: call orvex_deinit first.
+ *          dlclose. No thread may be inside the library then; entries that are
+ *          still cached are not freed: call orvex_deinit first. What exit
+ *          handlers and destructors of globals call after that finds an engine
+ *          that is not initialised and cannot be, and that logs nothing.
  */
 #ifndef ORVEXENG_H
 #define ORVEXENG_H
@@ -287,7 +289,8 @@ enum {
  * Ownership: *fptrs stays the caller's and may go once the call returns.
  * Returns: 0; 101 already initialised; 102 when fptrs or one of its entries is
  * null; 2 out of memory, and then the engine is not initialised and the call
- * may be repeated.
+ * may be repeated; 100 when the process exits and the library's objects are
+ * gone.
  */
 ORVEX_API int orvex_init(metadata_query_fptrs_s* fptrs);
 

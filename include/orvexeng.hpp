@@ -105,7 +105,9 @@ using callback = std::function<int(metadata_input_s& in, answer& out)>;
 
 // The engine of the process, initialised from construction to destruction.
 //
-// Ownership: keeps its callbacks, which may be called while it lives.
+// Ownership: keeps its callbacks, which may be called while it lives. A global may hold
+// it: at exit it may go after the library's own objects, and then its entries are not
+// freed.
 // Threads: query from any number at once. All must have returned before the engine is
 // destroyed, and none may pass a query of this engine's time to orvex_query itself: the
 // callbacks find their engine in ctx.

@@ -1,7 +1,13 @@
 // The C++ header: owning answers, callables, the engine as an object.
 #include <doctest/doctest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
 #include <new>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -178,4 +184,127 @@ TEST_CASE("a hash query without a path throws") {
   metadata_input_s in = AskingForSigners();
   in.path = nullptr;
   CHECK_THROWS_AS(static_cast<void>(engine.query(in, out)), std::logic_error);
+}
+
+namespace {
+
+int linesLogged = 0;
+
+void CountLine(unsigned int, unsigned int, const char*, const char*, const char*, unsigned int) {
+  ++linesLogged;
+}
+
+int Fill(metadata_input_s& in, orvexeng::answer& out) {
+  if (in.queryFlags == QUERY_FILE_TYPE) return 1;
+  out.set_signers({"Name"});
+  out.add(in.queryFlags);
+  return 0;
+}
+
+int FillRecord(metadata_input_s* in, metadata_output_s* out, void*) {
+  out->queryFlags |= in->queryFlags;
+  return 0;
+}
+
+bool Asks() {
+  metadata_input_s in = InputFor("/a path that a string does not hold in itself");
+  in.queryFlags = QUERY_DIGEST32 | QUERY_FILE_TYPE;
+  metadata_output_s out{};
+  return orvex_query(&in, &out, nullptr) == 0;
+}
+
+bool StartsAndAsks() {
+  metadata_query_fptrs_s callbacks{FillRecord, FillRecord};
+  return orvex_init(&callbacks) == 0 && Asks();
+}
+
+// What the functions answer once the library has come to its end. None says a word.
+bool LibraryIsOver() {
+  const int linesBefore = linesLogged;
+  metadata_query_fptrs_s callbacks{FillRecord, FillRecord};
+  metadata_input_s in = InputFor("/another path that a string does not hold in itself");
+  in.queryFlags = QUERY_DIGEST32 | QUERY_FILE_TYPE;
+  metadata_output_s out{};
+  orvex_metrics_s metrics{};
+  unsigned int size = 0;
+  const int refusals[] = {orvex_deinit(),
+                          orvex_get_status(),
+                          orvex_query(&in, &out, nullptr),
+                          orvex_get_metrics(&metrics, sizeof metrics, &size),
+                          orvex_reset_metrics(),
+                          orvex_init(&callbacks),
+                          orvex_get_status()};
+  for (const int code : refusals) {
+    if (code != ORVEX_NOT_INITIALISED) return false;
+  }
+  orvex_dump_metrics();
+  orvex_dump_cache();
+  for (const int cache : {ORVEX_HASH_CACHE, ORVEX_FILE_TYPE_CACHE}) {
+    if (orvex_flush_cache(cache) != 0 || orvex_set_cache_capacity(cache, 1) != 0) return false;
+  }
+  return orvex_update_metadata(&in, &out) == 0 && linesLogged == linesBefore;
+}
+
+bool handlerIsContent = true;
+
+void ExpectTheEnd() { handlerIsContent = LibraryIsOver(); }
+
+void AskAndStop() { handlerIsContent = Asks() && orvex_deinit() == 0; }
+
+// Before the objects below, and so the last of all to go.
+struct LastToGo {
+  ~LastToGo() {
+    if (decides) _exit(handlerIsContent && LibraryIsOver() ? 0 : 1);
+  }
+  bool decides = false;
+} lastToGo;
+
+std::unique_ptr<orvexeng::engine> heldByPointer;
+std::optional<orvexeng::engine> heldByOptional;
+
+// The status of a child that lives like this and then exits; 0 if all went well.
+template <typename Life>
+int StatusOf(Life life) {
+  std::fflush(stdout);
+  const pid_t child = fork();
+  if (child == 0) {
+    lastToGo.decides = true;
+    orvex_register_log_cb(CountLine);
+    if (!life()) _exit(2);
+    std::exit(3);
+  }
+  int status = -1;
+  REQUIRE(waitpid(child, &status, 0) == child);
+  return status;
+}
+
+}  // namespace
+
+TEST_CASE("an engine held by a global outlives the library's objects and stops without harm") {
+  metadata_input_s in = AskingForSigners();
+  in.path = "/a path that a string does not hold in itself";
+  orvexeng::answer out;
+  CHECK(StatusOf([&] {
+          heldByPointer = std::make_unique<orvexeng::engine>(Fill, Fill);
+          return heldByPointer->query(in, out) == 0;
+        }) == 0);
+  CHECK(StatusOf([&] {
+          heldByOptional.emplace(Fill, Fill);
+          return heldByOptional->query(in, out) == 0;
+        }) == 0);
+}
+
+TEST_CASE("every function answers an exit handler as before the start and touches nothing") {
+  CHECK(StatusOf([] { return std::atexit(ExpectTheEnd) == 0 && StartsAndAsks(); }) == 0);
+  CHECK(StatusOf([] {
+          return orvex_set_cache_capacity(ORVEX_HASH_CACHE, 7) == 0 &&
+                 std::atexit(ExpectTheEnd) == 0 && StartsAndAsks();
+        }) == 0);
+}
+
+TEST_CASE("an exit handler that comes after the first call finds the engine as it was left") {
+  CHECK(StatusOf([] {
+          return orvex_get_status() == ORVEX_NOT_INITIALISED && std::atexit(AskAndStop) == 0 &&
+                 StartsAndAsks();
+        }) == 0);
 }

@@ -32,6 +32,18 @@ bool Configure() {
   return true;
 }
 
+// Once true, for good: what a host still calls finds an engine that nobody starts.
+bool isOver = false;
+
+// Comes with the process's engine and goes with it.
+struct EndOfEngine {
+  ~EndOfEngine() {
+    ORVEX_StoreRelaxed(isOver, true);
+    // The host's log callback may count on what is gone by now.
+    ORVEX_StoreRelaxed(ORVEX_LOG_BASE::LogEnable, false);
+  }
+};
+
 // Enough of a pointer to tell it from another in a line of the log.
 unsigned int Low32Bits(const void* pointer) {
   return static_cast<unsigned int>(reinterpret_cast<uintptr_t>(pointer));
@@ -39,11 +51,20 @@ unsigned int Low32Bits(const void* pointer) {
 
 }  // namespace
 
-ORVEX_ENGINE::ORVEX_ENGINE() = default;
+ORVEX_ENGINE::ORVEX_ENGINE() {
+  // What the engine works with is built before it and destroyed after it: nothing
+  // ever finds an engine that runs without its caches.
+  HashCache();
+  TypeCache();
+  ORVEX_Singleton<ORVEX_Config>::GetInstance();
+  ORVEX_LOGGER::GetInstance();
+  static const EndOfEngine end;
+}
 
 ORVEX_ENGINE::~ORVEX_ENGINE() = default;
 
 int ORVEX_ENGINE::Init(metadata_query_fptrs_s* fptrs) {
+  if (ORVEX_LoadRelaxed(isOver)) return ORVEX_NOT_INITIALISED;
   PassLock();
   if (ORVEX_LoadRelaxed(inited)) {
     ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kEngineSourceFile,

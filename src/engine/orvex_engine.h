@@ -14,6 +14,7 @@
 // State             inited  entered by                       Query
 // not initialised   false   construction, Deinit             100
 // initialised       true    Init                             served
+// over              false   destruction of the singleton     100, and so does Init
 //
 // Ownership: none; the caches are singletons of their own.
 // Threads: any number at once; Init and Deinit one at a time.
