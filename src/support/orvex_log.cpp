@@ -58,9 +58,11 @@ __attribute__((no_sanitize("null"))) void ORVEX_LOG_BASE::Log(ORVEX_LOG level, u
   try {
     registered(static_cast<unsigned int>(level), line, function, file, message,
                static_cast<unsigned int>(length));
+#if defined(__GLIBCXX__)
   } catch (const abi::__forced_unwind&) {
     // A thread that exits inside the callback must be let go.
     throw;
+#endif
   } catch (...) {
     // A message must not change what the library does.
   }
