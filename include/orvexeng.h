@@ -20,14 +20,23 @@
  *          too, except that orvex_init and orvex_deinit are not meant to run
  *          at the same time as themselves or each other. The library has no
  *          thread of its own: callbacks run on the thread that called in.
+ * Signals  No function may be called from a signal handler: it would wait for a
+ *          lock that the interrupted thread holds.
  * Memory   Any function that returns a code returns ORVEX_NO_MEMORY when memory
  *          runs out, unless its comment says otherwise, and leaves the caches
  *          as they were. A function without a result does less.
  * Errors   Nothing is thrown across this boundary, with two exceptions: an
  *          exception of a query callback passes through to the caller of
  *          orvex_query, and a hash query without a path throws
- *          std::logic_error. A C host should compile with -fexceptions if its
- *          callbacks can throw.
+ *          std::logic_error, which ends a host in C, Python, Rust or Go. A C
+ *          host should compile with -fexceptions if its callbacks can throw. A
+ *          callback left by longjmp keeps its path marked as being calculated
+ *          until orvex_deinit, which waits its full time.
+ * Output   Without a log callback messages go to standard output, often with a
+ *          lock held: a closed pipe there ends the process by SIGPIPE, a full
+ *          one stops its callers, hits too, and a descriptor 1 that the host
+ *          closed and reused gets the lines. A daemon registers a callback. On
+ *          32 bits the lines' times end in January 2038.
  * fork     A child of a process that has other threads inside the library may
  *          only call exec or _exit, not exit: a lock that another thread held
  *          stays locked in the child for ever, and a thread that slept is
@@ -146,10 +155,10 @@ typedef struct metadata_input_s {
   const char* name;   /**< a second text, kept with the key, never compared; null reads as "" */
   const char* path; /**< the file's path; a hash query must give one, otherwise null reads as "" */
   uint32_t reserved2; /**< the host's own */
-  uint64_t size;      /**< file size in bytes; 0 means not given */
+  uint64_t size;      /**< file size in bytes; 0 means not given, and never satisfies QUERY_SIZE */
   /**
-   * Modification time in a unit of the host's choice; 0 means not given, and
-   * then no entry is judged out of date.
+   * Modification time in a unit of the host's choice; 0 means not given: then
+   * no entry is judged out of date, and QUERY_MTIME is never satisfied by it.
    */
   uint64_t mtime;
   uint64_t deviceID;      /**< the device that holds the file; the host defines it */
@@ -165,6 +174,10 @@ typedef struct metadata_input_s {
  * Zero the record before each query. Bits that queryFlags holds on entry stay,
  * and count as present when the library decides whether everything wanted is
  * there.
+ *
+ * A cached entry is copied out whole, wanted or not: its signers, a copy to be
+ * freed; QUERY_FEEDBACK, 0 unless a callback gave one; QUERY_SIZE and
+ * QUERY_MTIME, where the input that was stored had them.
  */
 typedef struct metadata_output_s {
   uint32_t reserved0;        /**< the host's own; never read or written here */
@@ -206,7 +219,8 @@ typedef struct metadata_output_s {
  * the cache, clear INV_KEEP_IN_CACHE in in->invOperation.
  *
  * A non-zero status is a failure: nothing is stored and orvex_query returns
- * it, unchanged.
+ * it, unchanged. It can equal a code of the library: choose statuses below 0 or
+ * from 1000 on, which none of them will be.
  *
  * Threads: runs on the thread that called orvex_query, with no library lock
  * held; several may run at once, for one path too. It may call any function
@@ -280,9 +294,11 @@ enum {
  * there, starts both caches and registers the callbacks with them. Entries
  * pushed by orvex_update_metadata before are kept.
  *
- * The file's lines assign LogEnable (0 or 1), LogLevel (0 to 4), DatabaseEnable
- * (no effect), ProfilingEnable (0 or 1) and CacheCapacity (the hash cache's).
- * A file that cannot be opened is reported in the log and otherwise ignored.
+ * The file's lines assign LogEnable (0 or 1), LogLevel (INFO, 3, unless told; 4
+ * and above keep everything), DatabaseEnable (no effect), ProfilingEnable (0 or
+ * 1) and CacheCapacity (the hash cache's); see orvexeng.ini(5) for their form.
+ * What one file assigned is applied again by each start that finds a file. A
+ * file that cannot be opened is reported in the log and otherwise ignored.
  *
  * Threads: one at a time, and not beside orvex_deinit. Not from a callback of
  * a query in flight.
@@ -349,11 +365,13 @@ ORVEX_API int orvex_get_status(void);
  * cache is known to run (2 without memory for it). An exception of a callback
  * passes through; nothing is stored and threads waiting for the path go on.
  * Returns: 0, with out->resultReady telling whether there is an answer (a
- * cache-only query without one is no error); 100 before orvex_init, whatever
- * the pointers; 3 for a null record; 8 when a cache is being stopped; 2 when
- * an answer could not be stored (it is in *out all the same, resultReady 1) or
- * memory ran out before (resultReady 0); otherwise a callback's status. The
- * file type cache's code comes first, the hash cache's only if that one was 0.
+ * cache-only query without one is no error) and out->queryFlags which of the
+ * wanted parts are in it, as a callback need not give all; 100 before
+ * orvex_init, whatever the pointers; 3 for a null record; 8 when a cache is
+ * being stopped; 2 when an answer could not be stored (it is in *out all the
+ * same, resultReady 1) or memory ran out before (resultReady 0); otherwise a
+ * callback's status. The file type cache's code comes first, the hash cache's
+ * only if that one was 0.
  */
 ORVEX_API int orvex_query(metadata_input_s* in, metadata_output_s* out, void* ctx);
 
@@ -401,8 +419,9 @@ ORVEX_API int orvex_reset_metrics(void);
 ORVEX_API int orvex_update_metadata(metadata_input_s* in, metadata_output_s* out);
 
 /**
- * Logs both caches at DEBUG: capacity, keys in key order, entries from the
- * most to the least recently used.
+ * Logs both caches: capacity, keys in key order, entries from the most to the
+ * least recently used. The file type cache's entries are logged at INFO, all
+ * else at DEBUG.
  *
  * Threads: any, also from a query callback. Queries stand still meanwhile.
  */
@@ -419,7 +438,9 @@ ORVEX_API int orvex_flush_cache(int cacheType);
 
 /**
  * Sets how many entries a cache keeps, and evicts the oldest beyond it at once.
- * The capacity holds until it is set again, across orvex_deinit too.
+ * The capacity holds until it is set again, across orvex_deinit too, or until
+ * an orvex_init that finds a configuration file, whatever is in it, after that
+ * or an earlier one assigned CacheCapacity.
  *
  * capacity is a number of entries, 1 to 4096; anything else means 4096.
  *

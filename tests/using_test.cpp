@@ -1,13 +1,19 @@
 // What "Using the engine correctly" says, section by section.
 #include <doctest/doctest.h>
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <csetjmp>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <future>
+#include <memory>
+#include <stdexcept>
 #include <string>
 
 #include "free_signers.h"
@@ -15,6 +21,7 @@
 #include "harness/engine_under_test.h"
 #include "harness/held_host.h"
 #include "harness/recorded_log.h"
+#include "orvexeng.hpp"
 
 namespace {
 
@@ -394,4 +401,157 @@ TEST_CASE("each counter rises for its own reason") {
   CHECK(metrics.fileTypeOutOfDate == 1);
   CHECK(metrics.fileTypeHelpFuncCalled == 3);
   CHECK(metrics.fileTypeWipeOuts == 1);
+}
+
+TEST_CASE("a successful answer may lack a wanted part and only queryFlags tells") {
+  EngineUnderTest engine;
+  engine.host.onHash = Giving(QUERY_DIGEST32, 1);
+  metadata_input_s in = Asking("/a", QUERY_DIGEST32 | QUERY_DIGEST16);
+  Answer out;
+  CHECK(engine.Query(in, out) == 0);
+  CHECK(out.resultReady == 1);
+  CHECK(out.queryFlags == QUERY_DIGEST32);
+
+  in = Asking("/b", QUERY_SIZE | QUERY_MTIME, kAllKeyBits, 0);
+  in.size = 0;
+  for (const int calls : {2, 3}) {
+    Answer without;
+    CHECK(engine.Query(in, without) == 0);
+    CHECK(engine.host.hashCalls == calls);
+    CHECK((without.queryFlags & (QUERY_SIZE | QUERY_MTIME)) == 0);
+  }
+}
+
+TEST_CASE("a hit brings signers and a feedback that nobody asked for or gave") {
+  EngineUnderTest engine;
+  engine.host.onHash = [](metadata_input_s&, metadata_output_s& out) {
+    GiveSigners(out, {"Name"});
+    GiveDigests(out, QUERY_DIGEST32, 1);
+    return 0;
+  };
+  metadata_input_s in = Asking("/a", QUERY_DIGEST32);
+  Answer calculated, cached;
+  engine.Query(in, calculated);
+  engine.Query(in, cached);
+  CHECK(engine.host.hashCalls == 1);
+  CHECK((calculated.queryFlags & QUERY_FEEDBACK) == 0);
+  CHECK((cached.queryFlags & QUERY_FEEDBACK) != 0);
+  CHECK(cached.feedback == 0);
+  CHECK(SignersIn(cached) == Names{"Name"});
+  CHECK(cached.signers != calculated.signers);
+}
+
+TEST_CASE("a status of the host is returned unchanged even where it equals a code of the library") {
+  EngineUnderTest engine;
+  for (const int status : {ORVEX_CACHE_NOT_INITIALISED + 0, ORVEX_NOT_INITIALISED + 0, 1000, -1}) {
+    engine.host.onHash = [status](metadata_input_s&, metadata_output_s&) { return status; };
+    CHECK(engine.Query("/a") == status);
+  }
+}
+
+TEST_CASE("a hash query without a path throws and leaves the engine running") {
+  EngineUnderTest engine;
+  metadata_input_s in = Asking(nullptr, QUERY_DIGEST32);
+  Answer out;
+  CHECK_THROWS_AS(engine.Query(in, out), std::logic_error);
+  CHECK(engine.Query("/a") == 0);
+  in.queryFlags = QUERY_FILE_TYPE;
+  CHECK(engine.Query(in, out) == 0);
+}
+
+TEST_CASE("a start that finds any file applies the capacity that an earlier one assigned") {
+  const Capacity restored(ORVEX_MAX_CAPACITY);
+  const OwnDirectory directory;
+  const auto start = [](const char* settings) {
+    std::ofstream("orvexeng.ini") << settings;
+    RecordedLog log;
+    { const EngineUnderTest engine; }
+    return log.CountOf("Set max cache capacity to 2");
+  };
+  CHECK(start("CacheCapacity=2\n") == 1);
+  orvex_set_cache_capacity(ORVEX_HASH_CACHE, 5);
+  CHECK(start("# Nothing.\n") == 1);
+}
+
+namespace {
+
+void DropMessage(unsigned int, unsigned int, const char*, const char*, const char*, unsigned int) {}
+
+// How a child that starts the engine ends when nobody reads its standard output.
+int StatusWithClosedOutput(bool registersCallback) {
+  std::fflush(stdout);
+  const pid_t child = fork();
+  if (child == 0) {
+    int ends[2];
+    if (pipe(ends) != 0 || dup2(ends[1], STDOUT_FILENO) < 0) _exit(2);
+    close(ends[0]);
+    signal(SIGPIPE, SIG_DFL);
+    if (registersCallback) orvex_register_log_cb(DropMessage);
+    metadata_query_fptrs_s callbacks = Host::Callbacks();
+    _exit(orvex_init(&callbacks));
+  }
+  int status = -1;
+  REQUIRE(waitpid(child, &status, 0) == child);
+  return status;
+}
+
+}  // namespace
+
+TEST_CASE("a closed standard output ends a host that registered no log callback") {
+  const int alone = StatusWithClosedOutput(false);
+  CHECK(WIFSIGNALED(alone));
+  CHECK(WTERMSIG(alone) == SIGPIPE);
+  CHECK(StatusWithClosedOutput(true) == 0);
+}
+
+namespace {
+
+std::jmp_buf outOfCallback;
+
+int JumpOut(metadata_input_s*, metadata_output_s*, void*) { std::longjmp(outOfCallback, 1); }
+
+}  // namespace
+
+TEST_CASE("a path whose callback was left by a jump stays marked until the engine stops") {
+  const CountedSleep sleep;
+  RecordedLog log;
+  metadata_query_fptrs_s callbacks = Host::Callbacks();
+  callbacks.metaQueryCallback = JumpOut;
+  REQUIRE(orvex_init(&callbacks) == 0);
+  static metadata_input_s in = Asking("/a", QUERY_DIGEST32);
+  static metadata_output_s out{};
+  if (setjmp(outOfCallback) == 0) orvex_query(&in, &out, nullptr);
+  auto waiting = std::async(std::launch::async, [] { return orvex_query(&in, &out, nullptr); });
+  log.WaitFor(kWaiting);
+  CHECK(orvex_deinit() == 0);
+  CHECK(waiting.get() == ORVEX_CACHE_NOT_INITIALISED);
+  CHECK(log.CountOf("still running after max retry") > 0);
+}
+
+namespace {
+
+// Built before the engine, and so destroyed after it.
+struct ExitsInPeace {
+  ~ExitsInPeace() {
+    if (expected) _exit(orvex_get_status() == ORVEX_NOT_INITIALISED ? 0 : 1);
+  }
+  bool expected = false;
+} exitsInPeace;
+
+std::unique_ptr<orvexeng::engine> heldByGlobal;
+
+}  // namespace
+
+TEST_CASE("an engine in a global pointer is destroyed at exit without harm") {
+  std::fflush(stdout);
+  const pid_t child = fork();
+  if (child == 0) {
+    exitsInPeace.expected = true;
+    const auto none = [](metadata_input_s&, orvexeng::answer&) { return 1; };
+    heldByGlobal = std::make_unique<orvexeng::engine>(none, none);
+    std::exit(2);
+  }
+  int status = -1;
+  REQUIRE(waitpid(child, &status, 0) == child);
+  CHECK(status == 0);
 }
