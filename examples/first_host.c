@@ -25,6 +25,7 @@ int main(void) {
     in.queryFlags = QUERY_DIGEST32;
     metadata_output_s out = {0};
     int code = orvex_query(&in, &out, &calls);
+    if (code != ORVEX_OK || (out.queryFlags & QUERY_DIGEST32) == 0) return 1;
     printf("code %d, digest %02x..., computed %d time(s)\n", code, out.digest32[0], calls);
   }
   return orvex_deinit();
