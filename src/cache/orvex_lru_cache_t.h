@@ -54,9 +54,9 @@ struct ORVEX_LOCAL ORVEX_CountAtEnd {
 // atomics. It is never held while the host computes. Operations that say so expect
 // it held, all others take it themselves.
 // Invariant: every node is in the list once. An entry of the map designates the
-// list position of a node whose mapEntry designates the entry. Only keys of
-// different masks can leave a node without an entry of its own: insertion then
-// meets an equivalent entry, keeps it, and the new node shares it.
+// list position of a node whose mapEntry designates the entry. A node is without an
+// entry of its own if its insertion met an equivalent one, which stays and which the
+// new node shares: under keys of different masks, or inserted again under an equal key.
 template <typename Key, typename Node, typename Metrics>
 class ORVEX_API LRUCacheT {
  public:

@@ -56,7 +56,7 @@ class ORVEX_API ORVEX_Set {
   ORVEX_LOCAL void Clear() ORVEX_REQUIRES(condLock);
 
   bool active ORVEX_GUARDED_BY(condLock) = false;  // as long as the cache is
-  // Changed through Insert, Erase and Clear alone, which keep the counts below.
+  // Public, but the counts below follow only what Insert, Erase and Clear change.
   std::set<std::string> paths ORVEX_GUARDED_BY(condLock);
   ORVEX_PThread_CondLock condLock;
 
