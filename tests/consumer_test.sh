@@ -9,7 +9,8 @@
 #        consumer_test.sh refuse PREFIX BITS CC CXX
 #          asks for another word size and other versions, and gets none;
 #        consumer_test.sh add SOURCE_DIRECTORY BITS CC CXX
-#          builds and runs them with the library's source as a part of theirs;
+#          builds and runs them with the library's source as a part of theirs, compiled
+#          in parts and as one;
 #        consumer_test.sh tool PREFIX [LIBRARY_PATH]
 #          runs the installed orvex-scan, with its other libraries from there.
 set -eu
@@ -72,7 +73,10 @@ case $command in
     ;;
   add)
     for language in c cpp; do
-      configure $language "$bits" -DORVEXENG_SOURCE="$prefix" || { cat "$directory/log"; exit 1; }
+      unity=OFF
+      [ $language = c ] || unity=ON
+      configure $language "$bits" -DORVEXENG_SOURCE="$prefix" -DCMAKE_UNITY_BUILD=$unity ||
+        { cat "$directory/log"; exit 1; }
       cmake --build "$directory/$language"
       "$directory/$language/consumer"
     done
