@@ -11,6 +11,8 @@
 #        consumer_test.sh add SOURCE_DIRECTORY BITS CC CXX
 #          builds and runs them with the library's source as a part of theirs, compiled
 #          in parts and as one;
+#        consumer_test.sh harden SOURCE_DIRECTORY BITS CC CXX
+#          asks how far calls of the C library and indirect jumps are checked;
 #        consumer_test.sh tool PREFIX [LIBRARY_PATH]
 #          runs the installed orvex-scan, with its other libraries from there.
 set -eu
@@ -79,6 +81,22 @@ case $command in
         { cat "$directory/log"; exit 1; }
       cmake --build "$directory/$language"
       "$directory/$language/consumer"
+    done
+    ;;
+  harden)
+    for level in 1 2 3; do
+      export CFLAGS="-m$bits" CXXFLAGS="-m$bits -D_FORTIFY_SOURCE=$level"
+      cmake -G Ninja -S "$prefix" -B "$directory/$level" -DCMAKE_BUILD_TYPE=Release \
+        -DCMAKE_C_COMPILER="$cc" -DCMAKE_CXX_COMPILER="$cxx" -DORVEXENG_BITS="$bits" \
+        -DORVEXENG_BUILD_TESTS=OFF -DORVEXENG_BUILD_TOOLS=OFF -DORVEXENG_BUILD_EXAMPLES=OFF \
+        -DCMAKE_EXPORT_COMPILE_COMMANDS=ON >"$directory/log" 2>&1 || { cat "$directory/log"; exit 1; }
+      compile=$(sed -n 's/.*"command": "\(.*\) -o .*/\1/p' "$directory/$level/compile_commands.json" | head -n 1)
+      macros=$($compile -x c++ -dM -E /dev/null)
+      expected=$level
+      [ "$level" -gt 1 ] || expected=2
+      printf '%s\n' "$macros" | grep -q "_FORTIFY_SOURCE $expected" ||
+        fail "the environment wants fortification $level and does not get $expected"
+      printf '%s\n' "$macros" | grep -q __CET__ || fail 'indirect jumps are not checked'
     done
     ;;
   refuse)

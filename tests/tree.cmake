@@ -35,6 +35,10 @@ orvexeng_add_tree_test("reproducible_test: the library is the same wherever it i
 orvexeng_add_tree_test("consumer_test: add_subdirectory gives hosts in C and in C++ the library"
   SLOW COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/consumer_test.sh add ${PROJECT_SOURCE_DIR} ${ORVEXENG_BITS}
     ${CMAKE_C_COMPILER} ${CMAKE_CXX_COMPILER})
+orvexeng_add_tree_test(
+  "consumer_test: a release is hardened as far as the environment asks and no less"
+  SLOW COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/consumer_test.sh harden ${PROJECT_SOURCE_DIR}
+    ${ORVEXENG_BITS} ${CMAKE_C_COMPILER} ${CMAKE_CXX_COMPILER})
 if(ORVEXENG_BITS EQUAL 32)
   orvexeng_add_tree_test("readme_test: the README's commands bring a host to life"
     SLOW COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/readme_test.sh ${PROJECT_SOURCE_DIR})
