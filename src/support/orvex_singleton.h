@@ -1,7 +1,6 @@
 // One object of a class per process.
 #pragma once
 
-#include <cstdlib>
 #include <new>
 
 #include "orvexeng.h"
@@ -21,6 +20,11 @@ class ORVEX_API ORVEX_Singleton {
   static T* GetInstance();
 
  private:
+  // Destroyed after the object, since it is built before.
+  struct Successor {
+    ~Successor() { new (GetInstance()) T(); }
+  };
+
   static T Built();
 };
 
@@ -31,9 +35,8 @@ T* ORVEX_Singleton<T>::GetInstance() {
   return &instance;
 }
 
-// Registered before the object is built, and so called after it is destroyed.
 template <typename T>
 T ORVEX_Singleton<T>::Built() {
-  static_cast<void>(std::atexit([] { new (GetInstance()) T(); }));
+  static const Successor successor;
   return T();
 }
