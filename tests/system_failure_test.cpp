@@ -223,8 +223,8 @@ TEST_CASE("a lock that fails in a waiting thread leaves it neither hanging nor u
         wrongUnlocks = failing.wrongUnlocks;
       }
       held.mayAnswer.Open();
+      if (opener.joinable()) opener.join();  // It waits for the leader.
       const int leaderCode = leader.get();
-      if (opener.joinable()) opener.join();
       onMessage = nullptr;
       CHECK(code == 0);
       CHECK(leaderCode == 0);
