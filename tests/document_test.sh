@@ -44,7 +44,8 @@ awk -v to="$directory" '
 
 exists() {
   case $1 in
-    build/*) grep -rqw --include=CMakeLists.txt -- "$(basename "$1")" "$sources" ;;
+    build/*) grep -rqE --include=CMakeLists.txt --exclude-dir=build \
+      -- "(^|[( ])$(basename "$1")([ )]|\$)" "$sources" ;;
     */*) [ -x "$sources/$1" ] ;;
     *) command -v "$1" >/dev/null ;;
   esac
