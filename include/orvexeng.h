@@ -223,9 +223,10 @@ typedef struct metadata_output_s {
  * from 1000 on, which none of them will be.
  *
  * Threads: runs on the thread that called orvex_query, with no library lock
- * held; several may run at once, for one path too. It may call any function
- * of this header, orvex_query for another path included; a query for its own
- * path would wait for itself for ever, unless it holds INV_CACHE_ONLY.
+ * held; several may run at once, for one path too. It may call any function of
+ * this header but orvex_init and orvex_deinit, and may query other paths; a
+ * query for its own path would wait for itself for ever, unless it sets
+ * INV_CACHE_ONLY. Two callbacks must not query each other's path.
  */
 typedef int (*orvex_query_cb)(metadata_input_s* in, metadata_output_s* out, void* ctx);
 
