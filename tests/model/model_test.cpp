@@ -61,9 +61,9 @@ TEST_CASE("the engine reads every configuration file of the corpus as its model 
   }
 }
 
-TEST_CASE("the engine behaves as its model over 2,000,000 random operations" *
+TEST_CASE("the engine behaves as its model over 1,000,000 random operations" *
           doctest::test_suite("slow")) {
-  const uint64_t wanted = Setting("ORVEXENG_MODEL_OPERATIONS", 2000000);
+  const uint64_t wanted = Setting("ORVEXENG_MODEL_OPERATIONS", 1000000);
   const uint64_t first = Setting("ORVEXENG_MODEL_SEED", 1);
   SharedNumber seed;
   seed.Get() = first;
