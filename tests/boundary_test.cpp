@@ -164,7 +164,7 @@ void CheckCacheSlots(const char* metricsLine, uint32_t part) {
   in.queryFlags = part;
   Answer out;
   out.queryFlags = part;
-  const auto stored = [&cache] { return Opened::List(cache).size(); };
+  const auto stored = [&cache] { return Opened::Entries(cache).Size(); };
   const auto says = [&log](const char* text) {
     const bool said = log.CountOf(text) > 0;
     log.TakeTranscript();
@@ -195,8 +195,8 @@ void CheckCacheSlots(const char* metricsLine, uint32_t part) {
   CHECK(says(metricsLine));
   CHECK(CallSlot<int>(&cache, 5) == 0);  // ResetMetrics
   CHECK(Opened::Counters(cache).Hit == 0);
-  Node* const node = Opened::List(cache).front();
   LRUCacheKey key(in);
+  Node* const node = Opened::Entries(cache).Find(key);
   CallSlot<void>(&cache, 10, &key, node, LRU_UPDATE);  // LRUCacheNodeUpdate
   CHECK(says("Cache node updated"));
   Opened::Capacity(cache) = 0;
@@ -265,8 +265,8 @@ TEST_CASE("the members of caches and set lie in their order") {
   using Opened = OpenedCache<LRUCacheKey, LRUCacheNode, LRUCacheMetrics_s>;
   LRUCache& cache = HashCache();
   ORVEX_Set& set = OpenedHashCache::Set(cache);
-  CHECK(InOrder(Opened::List(cache), Opened::Map(cache), Opened::Lock(cache),
-                Opened::Capacity(cache), Opened::Counters(cache), set));
+  CHECK(InOrder(Opened::Entries(cache), Opened::Lock(cache), Opened::Capacity(cache),
+                Opened::Counters(cache), set));
   CHECK(InOrder(set.active, set.paths, set.condLock));
 }
 

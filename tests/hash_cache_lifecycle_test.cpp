@@ -264,8 +264,8 @@ TEST_CASE("a stopped hash cache is empty with zero counters and counts no query"
   cache.Ask("/a");
   cache.Ask("/a");
   cache.DeinitLRUCache();
-  CHECK(cache.CacheNodeList.empty());
-  CHECK(cache.CacheMap.empty());
+  CHECK(cache.PathsInOrder().empty());
+  CHECK(cache.entries_.EntryCount() == 0);
   CHECK(cache.calHashSet.paths.empty());
   CHECK(cache.Ask("/a") == 8);
   LRUCacheMetrics_s metrics;
@@ -341,7 +341,7 @@ TEST_CASE("flushing the hash cache leaves all counters as they were") {
   Answer out;
   cache.Look(InputFor("/b"), out);
   CHECK(cache.FlushCache() == 0);
-  CHECK(cache.CacheNodeList.empty());
+  CHECK(cache.PathsInOrder().empty());
   CHECK(cache.metrics.WipeOuts == 1);
   CHECK(cache.metrics.Hit == 1);
   CHECK(cache.metrics.Query == 1);

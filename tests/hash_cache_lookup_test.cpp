@@ -263,8 +263,8 @@ TEST_CASE("with a capacity of 0 every node is evicted by the update that inserte
   OpenHashCache cache;
   cache.capacity = 0;
   CHECK(cache.Store("/a") == 0);
-  CHECK(cache.CacheNodeList.empty());
-  CHECK(cache.CacheMap.empty());
+  CHECK(cache.PathsInOrder().empty());
+  CHECK(cache.entries_.EntryCount() == 0);
   CHECK(cache.metrics.WipeOuts == 1);
 }
 
@@ -324,8 +324,8 @@ TEST_CASE("inserting under a key that is cached gives 201 and does not take the 
   LRUCacheKey key(in);
   LRUCacheNode mine(in, out);
   CHECK(cache.InsertCacheNode(key, &mine) == 201);
-  CHECK(cache.CacheNodeList.size() == 1);
-  CHECK(cache.CacheNodeList.front() != &mine);
+  CHECK(cache.entries_.Size() == 1);
+  CHECK(cache.entries_.Find(key) != &mine);
 }
 
 TEST_CASE("inserting a node counts nothing, whatever comes of it") {

@@ -178,7 +178,7 @@ TEST_CASE("a query without the wish to keep asks the host on every miss and fill
   }
   CHECK(cache.metrics.numOfHelpFuncCalled == 3);
   CHECK(cache.metrics.Miss == 3);
-  CHECK(cache.CacheNodeList.empty());
+  CHECK(cache.PathsInOrder().empty());
 }
 
 TEST_CASE("a callback can veto that its answer is kept") {
@@ -189,7 +189,7 @@ TEST_CASE("a callback can veto that its answer is kept") {
     return 0;
   };
   CHECK(cache.Ask("/a") == 0);
-  CHECK(cache.CacheNodeList.empty());
+  CHECK(cache.PathsInOrder().empty());
 }
 
 TEST_CASE("a cache-only query of an unknown file neither asks the host nor touches the set") {
@@ -301,7 +301,7 @@ TEST_CASE("a failing host's code is returned, nothing is kept and the path is fr
   out.resultReady = 9;
   CHECK(cache.Ask(InputFor("/a"), out) == -77);
   CHECK(out.resultReady == 0);
-  CHECK(cache.CacheNodeList.empty());
+  CHECK(cache.PathsInOrder().empty());
   CHECK(cache.metrics.numOfHelpFuncCalled == 1);
   CHECK_FALSE(IsBeingCalculated(cache, "/a"));
 }
@@ -353,7 +353,7 @@ TEST_CASE("a partial hit asks the host and completes the entry") {
   CHECK(cache.Look(InputFor("/a"), out) == 2);
   CHECK(out.digest32[0] == 7);
   CHECK(out.digest20[0] == 8);
-  CHECK(cache.CacheNodeList.size() == 1);
+  CHECK(cache.entries_.Size() == 1);
 }
 
 TEST_CASE("an out-of-date entry is refreshed with the new mtime") {
@@ -372,7 +372,7 @@ TEST_CASE("an out-of-date entry is refreshed with the new mtime") {
   CHECK(cache.metrics.OutOfDate == 1);
   CHECK(cache.metrics.numOfHelpFuncCalled == 2);
   CHECK(cache.metrics.Hit == 1);
-  CHECK(cache.CacheNodeList.size() == 1);
+  CHECK(cache.entries_.Size() == 1);
 }
 
 TEST_CASE("an out-of-date entry stays so when its refresh is not kept") {
@@ -764,7 +764,7 @@ TEST_CASE("an exception of the host passes through and frees the path") {
   CHECK_THROWS_AS(cache.Ask(InputFor("/a"), out), std::bad_alloc);
   CHECK(out.resultReady == 0);
   CHECK(cache.activeThreads == 0);
-  CHECK(cache.CacheNodeList.empty());
+  CHECK(cache.PathsInOrder().empty());
   CHECK(cache.metrics.numOfHelpFuncCalled == 1);
   CHECK_FALSE(IsBeingCalculated(cache, "/a"));
   cache.onHash = answer;

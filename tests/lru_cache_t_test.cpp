@@ -11,6 +11,7 @@
 #include "cache/orvex_lru_cache.h"
 #include "cache/orvex_lru_cache_file_type.h"
 #include "harness/failing_new.h"
+#include "harness/opened_caches.h"
 #include "harness/recorded_log.h"
 #include "harness/records.h"
 
@@ -34,9 +35,8 @@ class BareCache : public LRUCacheT<Key, Node, Metrics> {
   using KeyType = Key;
   using NodeType = Node;
   using Base::active;
-  using Base::CacheMap;
-  using Base::CacheNodeList;
   using Base::capacity;
+  using Base::entries_;
   using Base::metrics;
   using Base::queryCallback;
 
@@ -72,7 +72,7 @@ class BareCache : public LRUCacheT<Key, Node, Metrics> {
   }
   Paths PathsInOrder() const {
     Paths paths;
-    for (const Node* node : CacheNodeList) paths.push_back(node->path);
+    entries_.ForEachNode([&paths](const Node* node) { paths.push_back(node->path); });
     return paths;
   }
   void SetEveryCounter(long long value) {
@@ -115,7 +115,7 @@ struct PathNode {
   void SetDataToCacheNode(metadata_input_s& in, metadata_output_s&) { path = in.path; }
   void Dump() const { ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, "test", "node %s", path.c_str()); }
 
-  LRUCacheMap<SizeKey, PathNode>::iterator mapEntry;
+  LRUCacheSlot mapEntry = 0;
   std::string path;
 };
 
@@ -129,10 +129,7 @@ class SizeCache : public BareCache<SizeKey, PathNode, TwoCounters> {
  public:
   void LRUCacheNodeWipe() override {
     BareCache::LRUCacheNodeWipe();
-    while (IsBeyondCapacity()) {
-      EvictOldest();
-      ++metrics.evictions;
-    }
+    EvictBeyondCapacity(&metrics.evictions);
   }
 };
 
@@ -147,8 +144,8 @@ std::string Message(const char* level, const char* function, const char* text) {
 TEST_CASE_TEMPLATE("a new cache is empty and inactive and has the largest capacity", Cache,
                    SizeCache, BareHashCache, BareFileTypeCache) {
   const Cache cache;
-  CHECK(cache.CacheNodeList.empty());
-  CHECK(cache.CacheMap.empty());
+  CHECK(cache.entries_.Size() == 0);
+  CHECK(cache.entries_.EntryCount() == 0);
   CHECK_FALSE(cache.IsInit());
   CHECK(cache.capacity == 4096);
   CHECK((cache.queryCallback == nullptr));
@@ -176,13 +173,13 @@ TEST_CASE_TEMPLATE("a stop empties a cache and a start brings back its capacity 
   for (const char* path : {"/a", "/b", "/c"}) cache.Store(path);
   cache.SetEveryCounter(5);
   CHECK(cache.DeinitLRUCache() == 0);
-  CHECK(cache.CacheMap.empty());
-  CHECK(cache.CacheNodeList.empty());
+  CHECK(cache.entries_.EntryCount() == 0);
+  CHECK(cache.entries_.Size() == 0);
   CHECK(cache.EveryCounterIs(0));
   CHECK(cache.InitLRUCache() == 0);
   CHECK(cache.IsInit());
-  CHECK(cache.CacheNodeList.empty());
-  CHECK(cache.CacheMap.empty());
+  CHECK(cache.entries_.Size() == 0);
+  CHECK(cache.entries_.EntryCount() == 0);
   CHECK(cache.capacity == 2);
   CHECK((cache.queryCallback == SomeCallback));
 }
@@ -196,8 +193,8 @@ TEST_CASE_TEMPLATE("flushing empties a cache and leaves all else", Cache, SizeCa
   for (const char* path : {"/a", "/b", "/c"}) cache.Store(path);
   cache.SetEveryCounter(5);
   CHECK(cache.FlushCache() == 0);
-  CHECK(cache.CacheNodeList.empty());
-  CHECK(cache.CacheMap.empty());
+  CHECK(cache.entries_.Size() == 0);
+  CHECK(cache.entries_.EntryCount() == 0);
   CHECK(liveNodes == 0);
   CHECK(cache.IsInit());
   CHECK(cache.capacity == 2);
@@ -234,7 +231,7 @@ TEST_CASE_TEMPLATE("storing refuses with 3 and without a word unless there are b
     }
     CHECK(log.TakeTranscript() == "");
   }
-  CHECK(cache.CacheNodeList.empty());
+  CHECK(cache.entries_.Size() == 0);
   CHECK(cache.wipes == 0);
   // An inactive cache can be filled.
   CHECK(cache.UpdateCache(&in, &out) == 0);
@@ -251,18 +248,16 @@ TEST_CASE_TEMPLATE("storing under a key that is cached merges and moves to the f
   cache.Store("/b", KEY_SIZE);
   CHECK(cache.Store("/a2", KEY_SIZE) == 0);
   CHECK(cache.PathsInOrder() == Paths{"/a2", "/b"});
-  CHECK(cache.CacheMap.size() == 2);
+  CHECK(cache.entries_.EntryCount() == 2);
 }
 
-TEST_CASE_TEMPLATE("every map entry designates the place of its own node", Cache, SizeCache,
-                   BareHashCache, BareFileTypeCache) {
+TEST_CASE_TEMPLATE("every entry's key leads to its own node", Cache, SizeCache, BareHashCache,
+                   BareFileTypeCache) {
   Cache cache;
   for (const char* path : {"/5", "/3", "/8", "/3", "/1", "/5"}) cache.Store(path);
-  CHECK(cache.CacheNodeList.size() == 4);
-  REQUIRE(cache.CacheMap.size() == cache.CacheNodeList.size());
-  for (auto entry = cache.CacheMap.begin(); entry != cache.CacheMap.end(); ++entry) {
-    CHECK((*entry->second)->mapEntry == entry);
-  }
+  CHECK(cache.entries_.Size() == 4);
+  REQUIRE(cache.entries_.EntryCount() == cache.entries_.Size());
+  CHECK(BrokenInvariant(cache) == "");
 }
 
 TEST_CASE_TEMPLATE("without memory a store gives 2, tells it at ERROR and changes nothing", Cache,
@@ -302,7 +297,7 @@ TEST_CASE_TEMPLATE("without memory a store gives 2, tells it at ERROR and change
         CHECK(code == 2);
         CHECK(errors == (level == ORVEX_LOG_ERROR ? 1 : 0));
         CHECK(cache.PathsInOrder() == Paths{"/a"});
-        CHECK(cache.CacheMap.size() == 1);
+        CHECK(cache.entries_.EntryCount() == 1);
       }
       CHECK(points > 0);
     }
@@ -323,7 +318,7 @@ TEST_CASE("beyond its capacity a cache evicts the least recently stored") {
   CHECK(cache.metrics.evictions == 1);
   CHECK(liveNodes == 2);
   metadata_input_s evicted = FileAt("/a");
-  CHECK(cache.CacheMap.find(SizeKey(evicted)) == cache.CacheMap.end());
+  CHECK(cache.entries_.Find(SizeKey(evicted)) == nullptr);
 }
 
 TEST_CASE("lowering the capacity evicts the surplus at once and oldest first") {
@@ -334,22 +329,22 @@ TEST_CASE("lowering the capacity evicts the surplus at once and oldest first") {
   cache.SetCapacity(1);
   CHECK(cache.PathsInOrder() == Paths{"/d"});
   CHECK(cache.metrics.evictions == 3);
-  CHECK(cache.CacheMap.size() == 1);
+  CHECK(cache.entries_.EntryCount() == 1);
 }
 
 TEST_CASE("an evicted node takes its entry along and whoever shared it has none") {
   SizeCache cache;
   cache.Store("/a");
-  cache.InsertBeside("/a", "second");
+  const auto* const second = cache.InsertBeside("/a", "second");
   cache.SetCapacity(1);
   CHECK(cache.PathsInOrder() == Paths{"second"});
-  CHECK(cache.CacheMap.empty());
-  CHECK(cache.CacheNodeList.front()->mapEntry == cache.CacheMap.end());
+  CHECK(cache.entries_.EntryCount() == 0);
+  CHECK_FALSE(cache.entries_.HasEntry(second));
 
   // The one without an entry is evicted without touching the map.
   cache.Store("/c");
   CHECK(cache.PathsInOrder() == Paths{"/c"});
-  CHECK(cache.CacheMap.size() == 1);
+  CHECK(cache.entries_.EntryCount() == 1);
   CHECK(liveNodes == 1);
 }
 
@@ -503,25 +498,22 @@ TEST_CASE_TEMPLATE("nodes that share an entry move to the front each alone", Cac
   auto* const second = cache.InsertBeside("/a", "second");
   auto* const third = cache.InsertBeside("/a", "third");
   // The entry stays the first one's.
-  REQUIRE(cache.CacheMap.size() == 1);
-  const auto shared = cache.CacheMap.begin();
-  CHECK(*shared->second == first);
-  CHECK(second->mapEntry == shared);
-  CHECK(third->mapEntry == shared);
+  REQUIRE(cache.entries_.EntryCount() == 1);
+  metadata_input_s in = FileAt("/a");
+  const typename Cache::KeyType shared(in);
+  CHECK(cache.entries_.Find(shared) == first);
+  CHECK(cache.entries_.HasEntry(second));
+  CHECK(cache.entries_.HasEntry(third));
   cache.Store("/b");
-  CHECK(cache.CacheMap.size() == 2);
+  CHECK(cache.entries_.EntryCount() == 2);
   CHECK(cache.PathsInOrder() == Paths{"/b", "third", "second", "first"});
   cache.Move(second);
   CHECK(cache.PathsInOrder() == Paths{"second", "/b", "third", "first"});
-  CHECK(*shared->second == first);
+  CHECK(cache.entries_.Find(shared) == first);
   cache.Move(first);
   CHECK(cache.PathsInOrder() == Paths{"first", "second", "/b", "third"});
   cache.Move(third);
   CHECK(cache.PathsInOrder() == Paths{"third", "first", "second", "/b"});
-  // One that has no entry at all is found among the others too.
-  second->mapEntry = cache.CacheMap.end();
-  cache.Move(second);
-  CHECK(cache.PathsInOrder() == Paths{"second", "third", "first", "/b"});
 }
 
 TEST_CASE_TEMPLATE("each of many nodes that share an entry is found wherever it lies", Cache,
@@ -610,7 +602,7 @@ TEST_CASE_TEMPLATE("a cache that ends without a flush leaves its nodes behind an
     Cache cache;
     cache.flushesAtEnd = false;
     for (int i = 0; i < 100; ++i) cache.Store(("/" + std::to_string(i)).c_str());
-    nodes.assign(cache.CacheNodeList.begin(), cache.CacheNodeList.end());
+    cache.entries_.ForEachNode([&nodes](auto* node) { nodes.push_back(node); });
   }
   for (const auto* node : nodes) delete node;
   const long left = LiveAllocations() - before;

@@ -49,8 +49,10 @@ void Fill(Cache& cache) {
 
 template <typename Node, typename Metrics>
 std::vector<Node*> NodesOf(LRUCacheT<LRUCacheKey, Node, Metrics>& cache) {
-  const auto& list = OpenedCache<LRUCacheKey, Node, Metrics>::List(cache);
-  return {list.begin(), list.end()};
+  std::vector<Node*> nodes;
+  OpenedCache<LRUCacheKey, Node, Metrics>::Entries(cache).ForEachNode(
+      [&nodes](Node* node) { nodes.push_back(node); });
+  return nodes;
 }
 
 }  // namespace

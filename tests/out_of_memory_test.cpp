@@ -120,14 +120,14 @@ bool IsComplete(const metadata_input_s& in, const metadata_output_s& out) {
 // What both caches hold, whatever the order.
 std::vector<std::string> Contents() {
   std::vector<std::string> contents;
-  for (const LRUCacheNode* node : OpenedHash::List(HashCache())) {
+  OpenedHash::Entries(HashCache()).ForEachNode([&](const LRUCacheNode* node) {
     contents.push_back("hash " + node->path + " " + std::to_string(node->queryFlags) + " " +
                        std::to_string(node->mtime) + " " + std::to_string(node->signerCount));
-  }
-  for (const FileTypeCacheNode* node : OpenedFileType::List(TypeCache())) {
+  });
+  OpenedFileType::Entries(TypeCache()).ForEachNode([&](const FileTypeCacheNode* node) {
     contents.push_back("type " + node->path + " " + std::to_string(node->queryFlag) + " " +
                        std::to_string(node->mtime));
-  }
+  });
   std::sort(contents.begin(), contents.end());
   return contents;
 }

@@ -22,6 +22,7 @@
 #include "harness/engine_under_test.h"
 #include "harness/every_schedule.h"
 #include "harness/open_hash_cache.h"
+#include "harness/opened_caches.h"
 
 namespace {
 
@@ -130,15 +131,12 @@ class Scene {
   }
 
   // What holds once nobody is inside, whatever happened.
-  void CheckAtRest() const {
+  void CheckAtRest() {
     REQUIRE(cache->calHashSet.paths.empty());
     const LRUCacheMetrics_s& counted = cache->metrics;
     REQUIRE(counted.Query == counted.Miss + counted.Hit + counted.PartialHit + counted.OutOfDate);
     REQUIRE(counted.numOfHelpFuncCalled <= calls);
-    REQUIRE(cache->CacheMap.size() == cache->CacheNodeList.size());
-    for (const LRUCacheNode* node : cache->CacheNodeList) {
-      REQUIRE(*node->mapEntry->second == node);
-    }
+    REQUIRE(BrokenInvariant(*cache) == "");
   }
 
   const char* name_;
@@ -233,7 +231,7 @@ TEST_CASE("threads that ask for another path are woken in vain and sleep on, wha
     REQUIRE(scene.CallsOf(1) == 1);
     REQUIRE(scene.cache->metrics.numOfWaitInHashCalculation + scene.calls <= 3);
     REQUIRE(scene.cache->activeThreads == 0);
-    REQUIRE(scene.cache->CacheNodeList.size() == 2);
+    REQUIRE(scene.cache->entries_.Size() == 2);
   });
   CHECK(scene.mostWaits == 1);
 }
@@ -261,7 +259,7 @@ TEST_CASE("every thread leaves a cache that is stopped, whatever the order") {
       REQUIRE_FALSE(scene.cache->calHashSet.active);
       // It starts afresh; an answer that came too late for the stop is in it.
       scene.cache->InitLRUCache();
-      REQUIRE(scene.cache->CacheNodeList.size() <= 1);
+      REQUIRE(scene.cache->entries_.Size() <= 1);
       REQUIRE(scene.cache->Ask("/a") == 0);
     });
     CHECK(refused > 0);
@@ -339,7 +337,7 @@ TEST_CASE("a flush takes no answer from those that ask, whatever the order") {
       }
       REQUIRE(scene.cache->metrics.numOfHelpFuncCalled == scene.calls);
       REQUIRE(scene.cache->activeThreads == 0);
-      REQUIRE(scene.cache->CacheNodeList.size() <= 1);
+      REQUIRE(scene.cache->entries_.Size() <= 1);
     });
     CHECK(scene.mostCalls == static_cast<int>(askers));
   }

@@ -294,13 +294,13 @@ class CountingCache : public OpenHashCache {
   void LRUCacheNodeWipe() override {
     NoticeFlush();
     OpenHashCache::LRUCacheNodeWipe();
-    evicted += live - static_cast<long>(CacheNodeList.size());
-    live = static_cast<long>(CacheNodeList.size());
+    evicted += live - static_cast<long>(entries_.Size());
+    live = static_cast<long>(entries_.Size());
   }
   // A flush takes all: the list is empty or as long as it was.
   void NoticeFlush() {
-    if (static_cast<long>(CacheNodeList.size()) == live) return;
-    if (!CacheNodeList.empty()) ++lost;
+    if (static_cast<long>(entries_.Size()) == live) return;
+    if (!PathsInOrder().empty()) ++lost;
     flushed += live;
     live = 0;
   }
@@ -425,7 +425,7 @@ TEST_CASE("what was inserted is evicted, flushed or still there" * doctest::test
   CHECK(cache.lost == 0);
   CHECK(cache.metrics.WipeOuts == cache.evicted);
   CHECK(cache.evicted == cache.inserted - cache.live - cache.flushed);
-  CHECK(cache.CacheMap.size() == cache.CacheNodeList.size());
+  CHECK(cache.entries_.EntryCount() == cache.entries_.Size());
   CHECK(cache.evicted > 0);
   CHECK(cache.flushed > 0);
   std::printf("%ld inserted, %ld evicted, %ld flushed, %ld left\n", cache.inserted, cache.evicted,

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <exception>
 #include <memory>
+#include <new>
 
 #include "support/orvex_drain.h"
 #include "support/orvex_profiling.h"
@@ -122,14 +123,18 @@ int LRUCache::QueryLRUCache(metadata_input_s* metaIn, metadata_output_s* metaOut
   const ORVEX_ProfilingScope profiling("LRUCache::QueryLRUCache");
   const ORVEX_ScopeLock guard(&lock);
   const bool silent = !ORVEX_LOG_BASE::Keeps(ORVEX_LOG_DEBUG) && !ORVEX_ProfilingScope::IsOn();
-  return silent ? LookUp<true>(*metaIn, *metaOut) : LookUp<false>(*metaIn, *metaOut);
+  try {
+    return silent ? LookUp<true>(*metaIn, *metaOut) : LookUp<false>(*metaIn, *metaOut);
+  } catch (const std::bad_alloc&) {
+    return LRU_NO_MEMORY;
+  }
 }
 
 template <bool kSilent>
 LRU_LOOKUP LRUCache::LookUp(const metadata_input_s& in, metadata_output_s& out) {
+  LRUCacheNode* const node = entries_.Find(LRUCacheKeyView(in));
   // A log callback may read the counters, so that they are ahead of every line.
   if (!kSilent) ORVEX_atomic_increment_64(&metrics.Query);
-  LRUCacheNode* const node = Find(LRUCacheKeyView(in));
   if (node == nullptr) {
     if (kSilent) ORVEX_atomic_increment_64(&metrics.Query);
     ORVEX_atomic_increment_64(&metrics.Miss);
@@ -151,7 +156,7 @@ LRU_LOOKUP LRUCache::LookUp(const metadata_input_s& in, metadata_output_s& out) 
   const bool complete = (in.queryFlags & ~out.queryFlags) == 0;
   long long* const result = complete ? &metrics.Hit : &metrics.PartialHit;
   if (kSilent) {
-    MoveToFront(node);
+    LRUCacheNodeUpdate(entries_.KeyOf(node), node, LRU_UPDATE);
     // Last: a locked add is a full barrier and would stall the loads that follow.
     ORVEX_atomic_increment_64(&metrics.Query);
     ORVEX_atomic_increment_64(result);
@@ -160,26 +165,21 @@ LRU_LOOKUP LRUCache::LookUp(const metadata_input_s& in, metadata_output_s& out) 
     ORVEX_LOG_FROM(ORVEX_LOG_DEBUG, kLookupFunction, kLRUCacheSourceFile,
                    complete ? "Cache query: cache hits, %s" : "Cache query: cache partial hits, %s",
                    in.path);
-    MoveToFront(node);
+    LRUCacheNodeUpdate(entries_.KeyOf(node), node, LRU_UPDATE);
   }
   return complete ? LRU_HIT : LRU_PARTIAL_HIT;
 }
 
 void LRUCache::LRUCacheNodeWipe() {
   const ORVEX_ProfilingScope profiling("LRUCache::LRUCacheNodeWipe");
-  while (IsBeyondCapacity()) {
-    ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile,
-                      "Reach max cache capacity, start to remove oldest one");
-    EvictOldest();
-    ORVEX_atomic_increment_64(&metrics.WipeOuts);
-  }
+  EvictBeyondCapacity(&metrics.WipeOuts);
 }
 
 int LRUCache::InsertCacheNode(LRUCacheKey& key, LRUCacheNode* node) {
   if (node == nullptr) return ORVEX_INVALID_PARAMETER;
   const ORVEX_ScopeLock guard(&lock);
-  if (Find(key) != nullptr) return ORVEX_ALREADY_CACHED;
   try {
+    if (entries_.Find(key) != nullptr) return ORVEX_ALREADY_CACHED;
     LRUCacheNodeUpdate(key, node, LRU_INSERT);
   } catch (const std::exception&) {
     return ORVEX_NO_MEMORY;

@@ -1,6 +1,8 @@
 // The cache of file types.
 #include "cache/orvex_lru_cache_file_type.h"
 
+#include <new>
+
 #include "cache/orvex_lru_cache_text.h"
 #include "support/orvex_log.h"
 
@@ -73,6 +75,10 @@ int FileTypeCache::Query(metadata_input_s* metaIn, metadata_output_s* metaOut, v
   if (metaOut == nullptr || metaIn == nullptr) return ORVEX_INVALID_PARAMETER;
 
   const int lookup = QueryLRUCache(metaIn, metaOut);
+  if (lookup == LRU_NO_MEMORY) {
+    metaOut->resultReady = 0;
+    return ORVEX_NO_MEMORY;
+  }
   ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile, "FileTypeCache::Query [%s] result=%d",
                     metaIn->path, lookup);
   if (lookup == LRU_HIT) {
@@ -122,7 +128,12 @@ void FileTypeCache::DumpMetrics() const {
 
 int FileTypeCache::QueryLRUCache(metadata_input_s* metaIn, metadata_output_s* metaOut) {
   const ORVEX_ScopeLock guard(&lock);
-  FileTypeCacheNode* const node = Find(LRUCacheKeyView(*metaIn));
+  FileTypeCacheNode* node = nullptr;
+  try {
+    node = entries_.Find(LRUCacheKeyView(*metaIn));
+  } catch (const std::bad_alloc&) {
+    return LRU_NO_MEMORY;
+  }
   if (node == nullptr) {
     ORVEX_atomic_increment_64(&metrics.Miss);
     ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile, "Cache query: cache miss, %s",
@@ -140,15 +151,8 @@ int FileTypeCache::QueryLRUCache(metadata_input_s* metaIn, metadata_output_s* me
   ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile, "Cache query: cache hits, %s",
                     metaIn->path);
   node->GetDataFromCacheNode(*metaOut);
-  MoveToFront(node);
+  LRUCacheNodeUpdate(entries_.KeyOf(node), node, LRU_UPDATE);
   return LRU_HIT;
 }
 
-void FileTypeCache::LRUCacheNodeWipe() {
-  while (IsBeyondCapacity()) {
-    ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile,
-                      "Reach max cache capacity, start to remove oldest one");
-    EvictOldest();
-    ORVEX_atomic_increment_64(&metrics.WipeOuts);
-  }
-}
+void FileTypeCache::LRUCacheNodeWipe() { EvictBeyondCapacity(&metrics.WipeOuts); }

@@ -4,8 +4,8 @@
 #include <cstdint>
 #include <string>
 
+#include "cache/orvex_lru_cache_index.h"
 #include "cache/orvex_lru_cache_key.h"
-#include "cache/orvex_lru_cache_map.h"
 #include "cache/orvex_lru_cache_t.h"
 #include "orvexeng.h"
 #include "support/orvex_local.h"
@@ -32,9 +32,8 @@ class ORVEX_API FileTypeCacheNode {
   // Logs the node at INFO.
   void Dump() const;
 
-  // The node's entry in the cache's map; the map's end once that entry went with
-  // another node that shared it.
-  LRUCacheMap<LRUCacheKey, FileTypeCacheNode>::iterator mapEntry;
+  // The number of the node's slot in its cache; meaningless outside.
+  LRUCacheSlot mapEntry = 0;
   uint32_t queryFlag = 0;  // QUERY_MTIME, QUERY_FILE_TYPE: which parts are held
   std::string path;
   int64_t major = 0;

@@ -2,6 +2,8 @@
 #pragma once
 
 #include <cstdint>
+#include <cstring>
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -46,7 +48,7 @@ struct LRUCacheKeyView {
   // comparison reads no more of a key than it compares.
   LRUCacheKeyView(const LRUCacheKey& key)
       : flags(key.flags),
-        path(key.path),
+        path(key.path.c_str()),
         size(key.size),
         mtime(key.mtime),
         deviceID(key.deviceID),
@@ -64,14 +66,12 @@ struct LRUCacheKeyView {
       KEY_PATH | KEY_SIZE | KEY_MTIME | KEY_DEVICE_ID | KEY_FILE_ID;
 
   uint32_t flags;
-  std::string_view path;
+  const char* path;  // never null
   uint64_t size;
   uint64_t mtime;
   uint64_t deviceID;
   uint64_t fileID;
 };
-
-bool operator<(const LRUCacheKeyView& left, const LRUCacheKeyView& right);
 
 inline bool LRUCacheKeyView::Equals(const LRUCacheKey& other) const {
   const auto differs = [this](uint32_t field, uint64_t left, uint64_t right) {
@@ -80,5 +80,34 @@ inline bool LRUCacheKeyView::Equals(const LRUCacheKey& other) const {
   return !differs(KEY_FILE_ID, fileID, other.fileID) && !differs(KEY_SIZE, size, other.size) &&
          !differs(KEY_MTIME, mtime, other.mtime) &&
          !differs(KEY_DEVICE_ID, deviceID, other.deviceID) &&
-         ((flags & KEY_PATH) == 0 || path == other.path);
+         ((flags & KEY_PATH) == 0 || std::strcmp(path, other.path.c_str()) == 0);
+}
+
+// By the fields that the left key's mask selects.
+inline bool operator<(const LRUCacheKeyView& left, const LRUCacheKeyView& right) {
+  if ((left.flags & KEY_PATH) != 0) {
+    if (const int order = std::strcmp(left.path, right.path); order != 0) return order < 0;
+  }
+  if ((left.flags & KEY_SIZE) != 0 && left.size != right.size) return left.size < right.size;
+  if ((left.flags & KEY_MTIME) != 0 && left.mtime != right.mtime) return left.mtime < right.mtime;
+  if ((left.flags & KEY_DEVICE_ID) != 0 && left.deviceID != right.deviceID) {
+    return left.deviceID < right.deviceID;
+  }
+  return (left.flags & KEY_FILE_ID) != 0 && left.fileID < right.fileID;
+}
+
+// Multiplicative hashing (Knuth, The Art of Computer Programming, volume 3, 6.4), each
+// field by an odd factor of its own, so that the products need not wait for each
+// other. The factors are the fractions of square roots of primes: 3, 5, 7, 11 and 13.
+inline uint32_t LRUCacheKeyView::Hash(bool alsoPath) const {
+  uint64_t hash = 0;
+  if ((flags & KEY_SIZE) != 0) hash += size * 0xBB67AE8584CAA73B;
+  if ((flags & KEY_MTIME) != 0) hash += mtime * 0x3C6EF372FE94F82B;
+  if ((flags & KEY_DEVICE_ID) != 0) hash += deviceID * 0xA54FF53A5F1D36F1;
+  if ((flags & KEY_FILE_ID) != 0) hash += fileID * 0x510E527FADE682D1;
+  const bool numbersSuffice = !alsoPath && (flags & KEY_FILE_ID) != 0 && fileID != 0;
+  if (!numbersSuffice && (flags & KEY_PATH) != 0) {
+    hash += std::hash<std::string_view>()(path) * 0x9B05688C2B3E6C1F;
+  }
+  return static_cast<uint32_t>(hash >> 32);
 }

@@ -5,8 +5,8 @@
 #include <memory>
 #include <string>
 
+#include "cache/orvex_lru_cache_index.h"
 #include "cache/orvex_lru_cache_key.h"
-#include "cache/orvex_lru_cache_map.h"
 #include "orvexeng.h"
 #include "support/orvex_local.h"
 
@@ -43,9 +43,8 @@ class ORVEX_API LRUCacheNode {
   uint32_t fileOperation = 0;  // of the last query that stored
   uint32_t invOperation = 0;   // of the last query that stored
   uint64_t recordTime = 0;     // wall clock in nanoseconds when last stored
-  // The node's entry in the cache's map; the map's end once that entry went with
-  // another node that shared it.
-  LRUCacheMap<LRUCacheKey, LRUCacheNode>::iterator mapEntry;
+  // The number of the node's slot in its cache; meaningless outside.
+  LRUCacheSlot mapEntry = 0;
   std::string path;
   uint64_t size = 0;
   uint64_t mtime = 0;

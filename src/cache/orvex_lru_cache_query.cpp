@@ -129,6 +129,7 @@ int LRUCache::QueryWithOwnPath(metadata_input_s* metaIn, metadata_output_s* meta
 
 int LRUCache::AfterMiss(int lookup, metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx,
                         const std::string* ownPath) {
+  if (lookup == LRU_NO_MEMORY) return EndWithoutMemory(*metaOut);
   if (lookup != LRU_MISS && lookup != LRU_PARTIAL_HIT && lookup != LRU_OUT_OF_DATE) return ORVEX_OK;
   metaOut->resultReady = 0;
   // Read again: the host may have changed its mind while this thread slept.

@@ -1,14 +1,11 @@
 // The least-recently-used cache under both caches.
 #pragma once
 
-#include <algorithm>
 #include <cstdint>
 #include <exception>
-#include <list>
 #include <memory>
 
-#include "cache/orvex_lru_cache_index.h"
-#include "cache/orvex_lru_cache_map.h"
+#include "cache/orvex_lru_cache_entries.h"
 #include "cache/orvex_lru_cache_text.h"
 #include "orvexeng.h"
 #include "support/orvex_annotations.h"
@@ -29,6 +26,7 @@ enum LRU_LOOKUP : int {
   LRU_HIT = 2,
   LRU_PARTIAL_HIT = 3,
   LRU_OUT_OF_DATE = 4,
+  LRU_NO_MEMORY = -2,  // and nothing has changed or was counted
 };
 
 // Counts at the end of its scope, also when the host throws.
@@ -43,8 +41,7 @@ struct ORVEX_LOCAL ORVEX_CountAtEnd {
 //
 // Key:     made from a metadata_input_s&, copied, ordered by operator<, Dump().
 // Node:    made from and SetDataToCacheNode(metadata_input_s&,
-//          metadata_output_s&), members mapEntry (an iterator of LRUCacheMap) and
-//          path, Dump().
+//          metadata_output_s&), members mapEntry (an LRUCacheSlot) and path, Dump().
 // Metrics: a plain record of 64-bit counters, each aligned to 8.
 //
 // Ownership: owns its nodes until they are evicted or flushed. Destruction does
@@ -86,7 +83,7 @@ class ORVEX_API LRUCacheT {
       ORVEX_REQUIRES(lock);
   virtual void DumpCacheMap() const ORVEX_REQUIRES(lock);
   virtual void DumpCacheNodeList() const ORVEX_REQUIRES(lock);
-  // One of LRU_LOOKUP.
+  // One of LRU_LOOKUP. Needs no memory while all keys are of one mask.
   virtual int QueryLRUCache(metadata_input_s* metaIn, metadata_output_s* metaOut)
       ORVEX_EXCLUDES(lock) = 0;
   // Evicts the least recently used nodes beyond the capacity.
@@ -105,27 +102,17 @@ class ORVEX_API LRUCacheT {
   // IsInit without the lock, for the way of every query: an answer either way is
   // right for a call that meets a start or a stop.
   ORVEX_LOCAL bool IsActive() const { return ORVEX_LoadRelaxed(active); }
-  // The node under an equivalent key, or null.
-  template <typename AnyKey>
-  ORVEX_LOCAL Node* Find(const AnyKey& key) const ORVEX_REQUIRES(lock);
-  ORVEX_LOCAL typename std::list<Node*>::iterator PositionOf(Node* node) ORVEX_REQUIRES(lock);
-  ORVEX_LOCAL void EnterNew(const Key& key, Node* node) ORVEX_REQUIRES(lock);
-  // For a node that Find returned.
-  ORVEX_LOCAL void MoveToFront(Node* node) ORVEX_REQUIRES(lock);
   ORVEX_LOCAL void InsertNew(Key& key, std::unique_ptr<Node> node) ORVEX_REQUIRES(lock);
-  ORVEX_LOCAL bool IsBeyondCapacity() const ORVEX_REQUIRES(lock);
-  ORVEX_LOCAL void EvictOldest() ORVEX_REQUIRES(lock);
+  // What LRUCacheNodeWipe does; counts each node in wipeOuts.
+  ORVEX_LOCAL void EvictBeyondCapacity(long long volatile* wipeOuts) ORVEX_REQUIRES(lock);
   ORVEX_LOCAL void ZeroMetrics() ORVEX_REQUIRES(lock);
   // The host's answer, unchanged.
   ORVEX_LOCAL int AskHost(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx)
       ORVEX_EXCLUDES(lock);
 
-  // Most recently used first.
-  std::list<Node*> CacheNodeList ORVEX_GUARDED_BY(lock);
-  LRUCacheMap<Key, Node> CacheMap ORVEX_GUARDED_BY(lock);
-  // On a line of its own: who waits for it looks at it meanwhile.
-  [[maybe_unused]] ORVEX_RestOfCacheLine<sizeof(void*) + sizeof(std::list<Node*>) +
-                                         sizeof(LRUCacheMap<Key, Node>)>
+  LRUCacheEntries<Key, Node> entries_ ORVEX_GUARDED_BY(lock);
+  // On its own cache line: waiters poll it.
+  [[maybe_unused]] ORVEX_RestOfCacheLine<sizeof(void*) + sizeof(LRUCacheEntries<Key, Node>)>
       beforeLock_;
   mutable ORVEX_PThread_Lock lock;
   [[maybe_unused]] ORVEX_CacheLineGap afterLock_;
@@ -139,11 +126,6 @@ class ORVEX_API LRUCacheT {
   [[maybe_unused]] ORVEX_CacheLineGap beforeMetrics_;
   // Atomics: counted without the lock by some, zeroed under it.
   mutable Metrics metrics{};
-
- private:
-  [[maybe_unused]] ORVEX_CacheLineGap beforeIndex_;
-  // Of the nodes that have an entry of their own.
-  LRUCacheIndex<Key, Node> index_ ORVEX_GUARDED_BY(lock);
 };
 
 template <typename Key, typename Node, typename Metrics>
@@ -183,7 +165,7 @@ int LRUCacheT<Key, Node, Metrics>::UpdateCache(metadata_input_s* metaIn,
   const ORVEX_ScopeLock guard(&lock);
   try {
     Key key(*metaIn);
-    if (Node* cached = Find(key)) {
+    if (Node* cached = entries_.Find(key)) {
       cached->SetDataToCacheNode(*metaIn, *metaOut);
       LRUCacheNodeUpdate(key, cached, LRU_UPDATE);
       return ORVEX_OK;
@@ -203,41 +185,20 @@ void LRUCacheT<Key, Node, Metrics>::LRUCacheNodeUpdate(Key& key, Node* node,
                                                        LRU_OPERATION operation) {
   if (node == nullptr) return;
   if (operation == LRU_UPDATE) {
-    CacheNodeList.splice(CacheNodeList.begin(), CacheNodeList, PositionOf(node));
+    entries_.MoveToFront(node);
     ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile, "Cache node updated: path=%s",
                       node->path.c_str());
   } else if (operation == LRU_INSERT) {
-    EnterNew(key, node);
+    entries_.Insert(key, node);
     ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile, "Insert new cache node: path=%s",
                       node->path.c_str());
   }
 }
 
 template <typename Key, typename Node, typename Metrics>
-typename std::list<Node*>::iterator LRUCacheT<Key, Node, Metrics>::PositionOf(Node* node) {
-  const auto entry = node->mapEntry;
-  if (entry != CacheMap.end() && *entry->second == node) return entry->second;
-  return std::find(CacheNodeList.begin(), CacheNodeList.end(), node);
-}
-
-template <typename Key, typename Node, typename Metrics>
-void LRUCacheT<Key, Node, Metrics>::EnterNew(const Key& key, Node* node) {
-  // A list of its own first, so that all allocations are made before the cache
-  // changes.
-  std::list<Node*> element(1, node);
-  index_.MakeRoom();
-  node->mapEntry = CacheMap.try_emplace(CacheMap.begin(), key, element.begin());
-  CacheNodeList.splice(CacheNodeList.begin(), element);
-  index_.Add(node);
-}
-
-template <typename Key, typename Node, typename Metrics>
 int LRUCacheT<Key, Node, Metrics>::FlushCache() {
   const ORVEX_ScopeLock guard(&lock);
-  index_.Clear();
-  CacheMap.clear();
-  for (const Node* node : CacheNodeList) delete node;
-  CacheNodeList.clear();
+  entries_.Clear([](const Node* node) { delete node; });
   return ORVEX_OK;
 }
 
@@ -259,15 +220,15 @@ void LRUCacheT<Key, Node, Metrics>::DumpCache() const {
 template <typename Key, typename Node, typename Metrics>
 void LRUCacheT<Key, Node, Metrics>::DumpCacheMap() const {
   ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile, "CacheMap.size=%u",
-                    static_cast<unsigned int>(CacheMap.size()));
-  for (const auto& entry : CacheMap) entry.first.Dump();
+                    static_cast<unsigned int>(entries_.EntryCount()));
+  entries_.ForEachKey([](const Key& key) { key.Dump(); });
 }
 
 template <typename Key, typename Node, typename Metrics>
 void LRUCacheT<Key, Node, Metrics>::DumpCacheNodeList() const {
   ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile, "CacheNodeList.size=%u",
-                    static_cast<unsigned int>(CacheNodeList.size()));
-  for (const Node* node : CacheNodeList) node->Dump();
+                    static_cast<unsigned int>(entries_.Size()));
+  entries_.ForEachNode([](const Node* node) { node->Dump(); });
 }
 
 template <typename Key, typename Node, typename Metrics>
@@ -299,21 +260,6 @@ void LRUCacheT<Key, Node, Metrics>::RegisterMetaQueryCallback(orvex_query_cb cal
 }
 
 template <typename Key, typename Node, typename Metrics>
-template <typename AnyKey>
-Node* LRUCacheT<Key, Node, Metrics>::Find(const AnyKey& key) const {
-  if (index_.Answers(key)) return index_.Find(key);
-  const auto entry = CacheMap.find(key);
-  return entry != CacheMap.end() ? *entry->second : nullptr;
-}
-
-template <typename Key, typename Node, typename Metrics>
-void LRUCacheT<Key, Node, Metrics>::MoveToFront(Node* node) {
-  // The operation takes a key to change and changes none for a cached node; the
-  // stored one saves making another.
-  LRUCacheNodeUpdate(const_cast<Key&>(node->mapEntry->first), node, LRU_UPDATE);
-}
-
-template <typename Key, typename Node, typename Metrics>
 void LRUCacheT<Key, Node, Metrics>::InsertNew(Key& key, std::unique_ptr<Node> node) {
   LRUCacheNodeUpdate(key, node.get(), LRU_INSERT);
   static_cast<void>(node.release());  // The list's from here on.
@@ -321,27 +267,14 @@ void LRUCacheT<Key, Node, Metrics>::InsertNew(Key& key, std::unique_ptr<Node> no
 }
 
 template <typename Key, typename Node, typename Metrics>
-bool LRUCacheT<Key, Node, Metrics>::IsBeyondCapacity() const {
-  return CacheNodeList.size() > capacity;
-}
-
-template <typename Key, typename Node, typename Metrics>
-void LRUCacheT<Key, Node, Metrics>::EvictOldest() {
-  const std::unique_ptr<const Node> oldest(CacheNodeList.back());
-  const auto entry = oldest->mapEntry;
-  if (entry != CacheMap.end()) {
-    index_.Remove(*entry->second);
-    // Some node has no entry of its own. Those that shared this one have none
-    // from now on.
-    if (CacheNodeList.size() != CacheMap.size()) {
-      for (Node* node : CacheNodeList) {
-        if (node->mapEntry == entry) node->mapEntry = CacheMap.end();
-      }
-    }
-    CacheMap.erase(entry);
+void LRUCacheT<Key, Node, Metrics>::EvictBeyondCapacity(long long volatile* wipeOuts) {
+  while (entries_.Size() > capacity) {
+    ORVEX_LOG_FROM(ORVEX_LOG_DEBUG, "LRUCacheNodeWipe", kLRUCacheSourceFile,
+                   "Reach max cache capacity, start to remove oldest one");
+    const std::unique_ptr<const Node> oldest(entries_.RemoveOldest());
+    oldest->Dump();
+    ORVEX_atomic_increment_64(wipeOuts);
   }
-  CacheNodeList.pop_back();
-  oldest->Dump();
 }
 
 template <typename Key, typename Node, typename Metrics>

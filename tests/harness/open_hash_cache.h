@@ -15,10 +15,9 @@ class OpenHashCache : public LRUCache {
  public:
   using LRUCache::active;
   using LRUCache::activeThreads;
-  using LRUCache::CacheMap;
-  using LRUCache::CacheNodeList;
   using LRUCache::calHashSet;
   using LRUCache::capacity;
+  using LRUCache::entries_;
   using LRUCache::lock;
   using LRUCache::metrics;
 
@@ -28,7 +27,7 @@ class OpenHashCache : public LRUCache {
   // The paths from the most to the least recently used.
   Paths PathsInOrder() const {
     Paths paths;
-    for (const LRUCacheNode* node : CacheNodeList) paths.push_back(node->path);
+    entries_.ForEachNode([&paths](const LRUCacheNode* node) { paths.push_back(node->path); });
     return paths;
   }
 

@@ -12,8 +12,7 @@
 template <typename Key, typename Node, typename Metrics>
 struct OpenedCache : LRUCacheT<Key, Node, Metrics> {
   using Cache = LRUCacheT<Key, Node, Metrics>;
-  static auto& List(Cache& cache) { return cache.*(&OpenedCache::CacheNodeList); }
-  static auto& Map(Cache& cache) { return cache.*(&OpenedCache::CacheMap); }
+  static auto& Entries(Cache& cache) { return cache.*(&OpenedCache::entries_); }
   static auto& Lock(Cache& cache) { return cache.*(&OpenedCache::lock); }
   static bool IsActive(Cache& cache) { return cache.*(&OpenedCache::active); }
   static auto& Capacity(Cache& cache) { return cache.*(&OpenedCache::capacity); }
@@ -28,47 +27,32 @@ struct OpenedHashCache : LRUCache {
   static auto& ThreadsInside(LRUCache& cache) { return cache.*(&OpenedHashCache::activeThreads); }
 };
 
-// In order, for std::binary_search.
-template <typename Container>
-std::vector<const void*> AddressesIn(const Container& container) {
-  std::vector<const void*> addresses;
-  for (const auto& element : container) addresses.push_back(&element);
-  std::sort(addresses.begin(), addresses.end(), std::less<>());
-  return addresses;
-}
-
 // What of the promise does not hold, or "" when all of it does. With mixedMasks
 // nodes may share an entry or have none, as keys of different masks make them.
 template <typename Key, typename Node, typename Metrics>
 std::string BrokenInvariant(LRUCacheT<Key, Node, Metrics>& cache, bool mixedMasks = false) {
   using Opened = OpenedCache<Key, Node, Metrics>;
   const ORVEX_ScopeLock guard(&Opened::Lock(cache));
-  auto& list = Opened::List(cache);
-  auto& map = Opened::Map(cache);
-  // Nothing that may be gone is looked into before it is found to be there.
-  const auto isAmong = [](const std::vector<const void*>& addresses, const void* wanted) {
-    return std::binary_search(addresses.begin(), addresses.end(), wanted, std::less<>());
-  };
-  const auto places = AddressesIn(list);
-  const auto entries = AddressesIn(map);
-  if (list.size() > Opened::Capacity(cache)) return "more nodes than the capacity";
-  std::vector<const void*> nodes(list.begin(), list.end());
+  auto& entries = Opened::Entries(cache);
+  std::vector<const Node*> nodes;
+  entries.ForEachNode([&nodes](const Node* node) { nodes.push_back(node); });
+  if (nodes.size() != entries.Size()) return "another number of nodes than is told";
+  if (nodes.size() > Opened::Capacity(cache)) return "more nodes than the capacity";
   std::sort(nodes.begin(), nodes.end(), std::less<>());
-  if (isAmong(nodes, nullptr)) return "a null node in the list";
+  if (!nodes.empty() && nodes.front() == nullptr) return "a null node";
   if (std::adjacent_find(nodes.begin(), nodes.end()) != nodes.end()) return "a node twice";
-  for (auto position = list.begin(); position != list.end(); ++position) {
-    const auto entry = (*position)->mapEntry;
-    if (entry == map.end()) {
-      if (mixedMasks) continue;
-      return "a node without an entry: " + (*position)->path;
+  std::vector<const Key*> keys;
+  entries.ForEachKey([&keys](const Key& key) { keys.push_back(&key); });
+  if (keys.size() != entries.EntryCount()) return "another number of keys than is told";
+  if (mixedMasks) return keys.size() > nodes.size() ? "more keys than nodes" : "";
+  if (keys.size() != nodes.size()) return "a node without an entry of its own";
+  for (const Key* key : keys) {
+    const Node* const found = entries.Find(*key);
+    if (!std::binary_search(nodes.begin(), nodes.end(), found, std::less<>())) {
+      return "a key that leads to no node";
     }
-    if (!isAmong(entries, &*entry)) return "an entry that is gone, of " + (*position)->path;
-    if (entry->second != position && !mixedMasks) return "a foreign entry: " + (*position)->path;
-  }
-  for (auto entry = map.begin(); entry != map.end(); ++entry) {
-    const std::string& path = entry->first.path;
-    if (!isAmong(places, &*entry->second)) return "an entry that designates no node: " + path;
-    if ((*entry->second)->mapEntry != entry) return "a node that forgot its entry: " + path;
+    if (&entries.KeyOf(found) != key) return "a key that leads to another's node";
+    if (!entries.HasEntry(found)) return "a node that forgot its entry";
   }
   return "";
 }

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -32,7 +33,8 @@ bool SameFile(uint32_t mask, const ModelKey& left, const ModelKey& right);
 //
 // As long as all keys have one mask the cache is a vector and nothing else.
 // Keys of different masks have no order, and what a lookup finds among them
-// hangs on the shape of the map: for those a map of the same kind is kept.
+// hangs on the shape of the map: the first of them makes a map of the same kind,
+// which is kept until no entry is left.
 template <typename Node>
 class ModelCache {
  public:
@@ -65,9 +67,11 @@ class ModelCache {
 
   bool HasOneMask(const ModelKey& key) const;
   Entry* EntryOf(int number);
+  Entry* EqualEntry(const ModelKey& key);
+  void MakeShape();
 
-  std::vector<Entry> entries_;
-  Shape shape_;
+  std::vector<Entry> entries_;  // in the order in which they were inserted
+  std::optional<Shape> shape_;
   std::map<int, typename Shape::iterator> places_;
   bool mixed_ = false;
   int lastNumber_ = 0;
@@ -87,15 +91,31 @@ typename ModelCache<Node>::Entry* ModelCache<Node>::EntryOf(int number) {
 }
 
 template <typename Node>
+typename ModelCache<Node>::Entry* ModelCache<Node>::EqualEntry(const ModelKey& key) {
+  for (Entry& entry : entries_) {
+    if (SameFile(key.flags, entry.key, key)) return &entry;
+  }
+  return nullptr;
+}
+
+template <typename Node>
+void ModelCache<Node>::MakeShape() {
+  if (shape_) return;
+  shape_.emplace();
+  for (const Entry& entry : entries_) {
+    places_[entry.number] = shape_->emplace_hint(shape_->begin(), entry.key, entry.number);
+  }
+}
+
+template <typename Node>
 Node* ModelCache<Node>::Find(const ModelKey& key) {
   if (HasOneMask(key)) {
-    for (const Entry& entry : entries_) {
-      if (SameFile(key.flags, entry.key, key)) return entry.node;
-    }
-    return nullptr;
+    Entry* const entry = EqualEntry(key);
+    return entry == nullptr ? nullptr : entry->node;
   }
-  const auto found = shape_.find(key);
-  return found == shape_.end() ? nullptr : EntryOf(found->second)->node;
+  MakeShape();
+  const auto found = shape_->find(key);
+  return found == shape_->end() ? nullptr : EntryOf(found->second)->node;
 }
 
 template <typename Node>
@@ -107,13 +127,19 @@ void ModelCache<Node>::MoveToFront(Node* node) {
 
 template <typename Node>
 void ModelCache<Node>::Insert(const ModelKey& key, std::unique_ptr<Node> node) {
-  if (!HasOneMask(key)) mixed_ = true;
-  const auto place = shape_.emplace_hint(shape_.begin(), key, ++lastNumber_);
-  node->entry = place->second;
-  if (node->entry == lastNumber_) {
-    entries_.push_back({lastNumber_, key, node.get()});
-    places_[lastNumber_] = place;
+  if (!HasOneMask(key)) {
+    mixed_ = true;
+    MakeShape();
   }
+  node->entry = ++lastNumber_;
+  if (shape_) {
+    const auto place = shape_->emplace_hint(shape_->begin(), key, lastNumber_);
+    node->entry = place->second;
+    if (node->entry == lastNumber_) places_[lastNumber_] = place;
+  } else if (const Entry* const equal = EqualEntry(key)) {
+    node->entry = equal->number;
+  }
+  if (node->entry == lastNumber_) entries_.push_back({lastNumber_, key, node.get()});
   nodes.insert(nodes.begin(), std::move(node));
 }
 
@@ -122,20 +148,23 @@ void ModelCache<Node>::RemoveOldest() {
   const int number = nodes.back()->entry;
   if (number != 0) {
     entries_.erase(entries_.begin() + (EntryOf(number) - entries_.data()));
-    shape_.erase(places_[number]);
+    if (shape_) shape_->erase(places_[number]);
     places_.erase(number);
     for (const auto& node : nodes) {
       if (node->entry == number) node->entry = 0;
     }
   }
   nodes.pop_back();
-  if (entries_.empty()) mixed_ = false;
+  if (entries_.empty()) {
+    mixed_ = false;
+    shape_.reset();
+  }
 }
 
 template <typename Node>
 void ModelCache<Node>::Clear() {
   entries_.clear();
-  shape_.clear();
+  shape_.reset();
   places_.clear();
   nodes.clear();
   mixed_ = false;
@@ -145,7 +174,7 @@ template <typename Node>
 std::vector<const ModelKey*> ModelCache<Node>::KeysInOrder() const {
   std::vector<const ModelKey*> keys;
   if (mixed_) {
-    for (const auto& place : shape_) keys.push_back(&place.first);
+    for (const auto& place : *shape_) keys.push_back(&place.first);
     return keys;
   }
   for (const Entry& entry : entries_) keys.push_back(&entry.key);

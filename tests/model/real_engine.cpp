@@ -75,19 +75,18 @@ NodeState StateOf(const FileTypeCacheNode& node) {
 template <typename Key, typename Node, typename Metrics>
 void LookInto(LRUCacheT<Key, Node, Metrics>& cache, CacheState& state) {
   using Opened = OpenedCache<Key, Node, Metrics>;
-  const auto& map = Opened::Map(cache);
+  const auto& entries = Opened::Entries(cache);
   state.active = Opened::IsActive(cache);
   state.capacity = Opened::Capacity(cache);
   state.nodes.clear();
-  for (const auto* node : Opened::List(cache)) {
+  entries.ForEachNode([&](const auto* node) {
     state.nodes.push_back(StateOf(*node));
-    state.nodes.back().hasEntry = node->mapEntry != map.end();
-  }
+    state.nodes.back().hasEntry = entries.HasEntry(node);
+  });
   state.keys.clear();
-  for (const auto& entry : map) {
-    const LRUCacheKey& key = entry.first;
+  entries.ForEachKey([&](const LRUCacheKey& key) {
     state.keys.push_back({key.flags, key.path, key.size, key.mtime, key.deviceID, key.fileID});
-  }
+  });
 }
 
 }  // namespace

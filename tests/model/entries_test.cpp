@@ -1,0 +1,179 @@
+// The entries of a cache against the naive cache of the model, on keys and nodes alone.
+#include "cache/orvex_lru_cache_entries.h"
+
+#include <doctest/doctest.h>
+
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "harness/records.h"
+#include "model/model_cache.h"
+
+namespace {
+
+struct Numbered {
+  explicit Numbered(int itsNumber) : number(itsNumber) {}
+  int number;
+  LRUCacheSlot mapEntry = 0;
+  int entry = 0;  // the model's
+};
+
+// Both caches, which are told the same and compared after each step.
+class Pair {
+ public:
+  ~Pair() { Clear(); }
+
+  // The number of the node found, or 0.
+  int Find(metadata_input_s in) {
+    const Numbered* const found = entries_.Find(LRUCacheKey(in));
+    const Numbered* const expected = model_.Find(ModelKey(in));
+    const int number = found != nullptr ? found->number : 0;
+    CHECK(number == (expected != nullptr ? expected->number : 0));
+    return number;
+  }
+  void Insert(metadata_input_s in) {
+    const int number = ++nodes_;
+    entries_.Insert(LRUCacheKey(in), new Numbered(number));
+    model_.Insert(ModelKey(in), std::make_unique<Numbered>(number));
+  }
+  // The node at this place, from the most recently used one.
+  void MoveToFront(size_t place) {
+    size_t at = 0;
+    const Numbered* wanted = nullptr;
+    entries_.ForEachNode([&](const Numbered* node) {
+      if (at++ == place) wanted = node;
+    });
+    entries_.MoveToFront(wanted);
+    model_.MoveToFront(model_.nodes[place].get());
+  }
+  void RemoveOldest() {
+    const std::unique_ptr<const Numbered> removed(entries_.RemoveOldest());
+    CHECK(removed->number == model_.nodes.back()->number);
+    model_.RemoveOldest();
+  }
+  void Clear() {
+    entries_.Clear([](const Numbered* node) { delete node; });
+    model_.Clear();
+  }
+  size_t Size() const { return entries_.Size(); }
+
+  void CheckThatAllIsTheSame() {
+    REQUIRE(entries_.Size() == model_.nodes.size());
+    std::vector<std::string> recency, expectedRecency, keys, expectedKeys;
+    entries_.ForEachNode([&](const Numbered* node) {
+      recency.push_back(std::to_string(node->number) + (entries_.HasEntry(node) ? "" : "-"));
+    });
+    for (const auto& node : model_.nodes) {
+      expectedRecency.push_back(std::to_string(node->number) + (node->entry != 0 ? "" : "-"));
+    }
+    entries_.ForEachKey([&](const LRUCacheKey& key) {
+      keys.push_back(Told(key.flags, key.path, key.size, key.mtime, key.deviceID, key.fileID));
+    });
+    for (const ModelKey* key : model_.KeysInOrder()) {
+      expectedKeys.push_back(Told(key->flags, key->path, key->numbers[0], key->numbers[1],
+                                  key->numbers[2], key->numbers[3]));
+    }
+    REQUIRE(recency == expectedRecency);
+    REQUIRE(keys == expectedKeys);
+    REQUIRE(entries_.EntryCount() == keys.size());
+  }
+
+ private:
+  template <typename... Numbers>
+  static std::string Told(uint32_t flags, const std::string& path, Numbers... numbers) {
+    return path + ((" " + std::to_string(numbers)) + ...) + " " + std::to_string(flags);
+  }
+
+  LRUCacheEntries<LRUCacheKey, Numbered> entries_;
+  ModelCache<Numbered> model_;
+  int nodes_ = 0;
+};
+
+// Few enough values that keys meet in some fields and differ in others.
+class Keys {
+ public:
+  explicit Keys(unsigned int seed) : random_(seed) {}
+
+  unsigned int Below(unsigned int limit) { return static_cast<unsigned int>(random_() % limit); }
+  metadata_input_s Next(uint32_t mask) {
+    metadata_input_s in{};
+    in.path = kPaths[Below(4)];
+    in.size = Below(3);
+    in.mtime = Below(3);
+    in.deviceID = Below(2);
+    in.fileID = Below(4);
+    in.fileOperation = mask;
+    return in;
+  }
+
+ private:
+  static constexpr const char* kPaths[] = {"/a", "/b", "/c", ""};
+  std::mt19937 random_;
+};
+
+// One of otherMasks keys has another mask than most.
+void CheckRandomSteps(unsigned int seed, unsigned int otherMasks) {
+  Keys keys(seed);
+  Pair pair;
+  const uint32_t usual = keys.Below(32);
+  for (int step = 0; step < 3000; ++step) {
+    CAPTURE(seed);
+    CAPTURE(step);
+    const bool isUsual = otherMasks == 0 || keys.Below(otherMasks) != 0;
+    const metadata_input_s in = keys.Next(isUsual ? usual : keys.Below(32));
+    switch (keys.Below(8)) {
+      case 0:
+        if (pair.Size() != 0) pair.RemoveOldest();
+        break;
+      case 1:
+        if (pair.Size() != 0) pair.MoveToFront(keys.Below(static_cast<unsigned int>(pair.Size())));
+        break;
+      case 2:
+        if (keys.Below(60) == 0) pair.Clear();
+        break;
+      case 3:  // beside one under an equivalent key, if there is one
+        if (keys.Below(8) == 0) pair.Insert(in);
+        break;
+      default:
+        if (pair.Find(in) == 0) pair.Insert(in);
+    }
+    while (pair.Size() > 20) pair.RemoveOldest();
+    pair.CheckThatAllIsTheSame();
+  }
+}
+
+}  // namespace
+
+TEST_CASE("entries of one mask are found, ordered and removed as in a naive cache") {
+  for (unsigned int seed = 1; seed <= 20; ++seed) CheckRandomSteps(seed, 0);
+}
+
+TEST_CASE("entries of different masks are found, ordered and removed as in a naive cache") {
+  for (unsigned int seed = 1; seed <= 20; ++seed) {
+    CheckRandomSteps(seed, 2);
+    CheckRandomSteps(seed, 20);
+    CheckRandomSteps(seed, 300);
+  }
+}
+
+TEST_CASE("as many nodes as there are slots can be in, and one more is refused") {
+  LRUCacheEntries<LRUCacheKey, Numbered> entries;
+  std::vector<std::unique_ptr<Numbered>> nodes;
+  metadata_input_s in = InputFor("/a");
+  int refused = 0;
+  for (uint64_t i = 0; i < 8192; ++i) {
+    nodes.push_back(std::make_unique<Numbered>(1));
+    in.size = i;
+    try {
+      entries.Insert(LRUCacheKey(in), nodes.back().get());
+    } catch (const std::bad_alloc&) {
+      ++refused;
+    }
+  }
+  CHECK(refused == 1);
+  CHECK(entries.Size() == 8191);
+  in.size = 8190;
+  CHECK(entries.Find(LRUCacheKey(in)) == nodes[8190].get());
+}
