@@ -11,6 +11,7 @@
 #include <cstring>
 #include <sstream>
 
+#include "support/orvex_cancellation.h"
 #include "support/orvex_log.h"
 
 namespace {
@@ -27,22 +28,18 @@ constexpr size_t kMostBytes = 1024 * 1024;
 // A file opened for reading, unless it is of a kind that could block or never end.
 class OpenedFile {
  public:
+  // Looks before it opens, since opening a pipe or a device does something to it, and
+  // again at what it has opened.
   explicit OpenedFile(const std::string& path)
-      : file_(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY | O_LARGEFILE)) {}
+      : file_(IsReadable(AT_FDCWD, path.c_str(), 0) ? open(path.c_str(), kOpening) : -1) {}
   ~OpenedFile() {
+    const ORVEX_CancellationHold hold;
     if (file_ >= 0) close(file_);
   }
   OpenedFile(const OpenedFile&) = delete;
   OpenedFile& operator=(const OpenedFile&) = delete;
 
-  bool IsUsable() const {
-    if (file_ < 0) return false;
-    struct stat status {};
-    // On 32 bits a size, a number or a time can be too large to be told. That says
-    // nothing against a file, and what else it may be does not block.
-    if (fstat(file_, &status) != 0) return errno == EOVERFLOW;
-    return S_ISREG(status.st_mode) || S_ISDIR(status.st_mode);
-  }
+  bool IsUsable() const { return file_ >= 0 && IsReadable(file_, "", AT_EMPTY_PATH); }
 
   // Empty for a directory.
   std::string FirstBytes() const {
@@ -60,6 +57,15 @@ class OpenedFile {
   }
 
  private:
+  static constexpr int kOpening = O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY | O_LARGEFILE;
+
+  // statx, since no size, number or time is too large for it on 32 bits.
+  static bool IsReadable(int directory, const char* path, int flags) {
+    struct statx status {};
+    if (statx(directory, path, flags, STATX_TYPE, &status) != 0) return false;
+    return S_ISREG(status.stx_mode) || S_ISDIR(status.stx_mode);
+  }
+
   const int file_;
 };
 
