@@ -582,6 +582,26 @@ TEST_CASE("an answer is kept under the path that its record has by then") {
   CHECK(engine.host.hashCalls == 2);
 }
 
+TEST_CASE("a log callback that changes the path in a line of profiling changes no mark") {
+  EngineUnderTest engine;
+  orvex_profiling_set_enable(true);
+  metadata_input_s in = InputFor("/a");
+  in.invOperation = 0;
+  Paths marked;
+  engine.host.onHash = [&](metadata_input_s&, metadata_output_s&) {
+    marked = PathsBeingCalculated();
+    return 0;
+  };
+  RecordedLog log(ORVEX_LOG_INFO);
+  log.onMessage = [&in](const LogRecord& record) {
+    if (record.text.find("LRUCache::QueryLRUCache") != std::string::npos) in.path = "/b";
+  };
+  Answer out;
+  CHECK(engine.Query(in, out) == 0);
+  CHECK(marked == Paths{"/a"});
+  orvex_profiling_set_enable(false);
+}
+
 TEST_CASE("a path that is taken away by the line of an old entry reads as empty") {
   EngineUnderTest engine;
   metadata_input_s in = InputFor("/a");

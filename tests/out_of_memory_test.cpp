@@ -367,6 +367,7 @@ TEST_CASE("a query that runs out of memory anywhere gives 2 and leaves nothing b
   for (const ORVEX_LOG level : {ORVEX_LOG_INFO, ORVEX_LOG_DEBUG}) {
     ORVEX_LOG_BASE::LogLevel = level;
     const bool tellsSteps = level == ORVEX_LOG_DEBUG;
+    orvex_profiling_set_enable(tellsSteps);
     for (const QueryStory& story : kQueryStories) {
       CAPTURE(tellsSteps);
       CAPTURE(story.name);

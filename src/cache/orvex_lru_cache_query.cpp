@@ -94,9 +94,9 @@ int LRUCache::Query(metadata_input_s* metaIn, metadata_output_s* metaOut, void* 
 
   const bool mayCalculate = (metaIn->invOperation & INV_CACHE_ONLY) == 0;
   const bool mayWait = mayCalculate && calHashSet.MayHold(metaIn->path);
-  // A hit that neither sleeps nor logs its steps needs no copy of the path: nothing of the
-  // host's runs on its way.
-  if (mayWait || ORVEX_LOG_BASE::Keeps(ORVEX_LOG_DEBUG)) {
+  // A hit that neither sleeps nor logs needs no copy of the path: nothing of the host's runs
+  // on its way.
+  if (mayWait || ORVEX_LOG_BASE::Keeps(ORVEX_LOG_DEBUG) || ORVEX_ProfilingScope::IsOn()) {
     return QueryWithOwnPath(metaIn, metaOut, ctx, mayCalculate, mayWait);
   }
   if (mayCalculate && !IsActive()) return SkipInactive(metaIn->path);
@@ -132,7 +132,7 @@ int LRUCache::AfterMiss(int lookup, metadata_input_s* metaIn, metadata_output_s*
   if (lookup == LRU_NO_MEMORY) return EndWithoutMemory(*metaOut);
   if (lookup != LRU_MISS && lookup != LRU_PARTIAL_HIT && lookup != LRU_OUT_OF_DATE) return ORVEX_OK;
   metaOut->resultReady = 0;
-  // Read again: the host may have changed its mind while this thread slept.
+  // Read again: the host may have changed its mind while this thread slept or logged.
   if ((metaIn->invOperation & INV_CACHE_ONLY) != 0) return ORVEX_OK;
   if (!IsInit()) {
     ORVEX_LOG_FROM(ORVEX_LOG_WARNING, kFunction, kLRUCacheSourceFile,
