@@ -203,6 +203,25 @@ TEST_CASE_TEMPLATE("files that hash alike are told apart by each number", Cache,
   }
 }
 
+TEST_CASE_TEMPLATE("files that hash alike and differ in one number alone are told apart", Cache,
+                   LRUCache, FileTypeCache) {
+  const Field fields[] = {kSize, kMtime, kDevice, kFile};
+  for (const Field& field : fields) {
+    CAPTURE(field.bit);
+    std::vector<File> files;
+    for (uint64_t i = 0; i < 20; ++i) {
+      File file{"/a", 5, 5, 5, 5};
+      uint64_t rest = 0;
+      for (const Field& other : fields) {
+        if (other.bit != field.bit) rest += 5 * other.factor;
+      }
+      file.*field.number = NumberToHashAlike(field, rest, i);
+      files.push_back(file);
+    }
+    CheckThatEvenOnesAreFound<Cache>(files, kAllKeyBits);
+  }
+}
+
 TEST_CASE_TEMPLATE("files that hash alike with their paths are told apart by the device", Cache,
                    LRUCache, FileTypeCache) {
   std::vector<File> files;
