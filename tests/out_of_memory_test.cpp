@@ -271,11 +271,22 @@ const std::vector<QueryStory> kQueryStories = {
        CacheAnother(stage, kAllDigests);
      }},
     {"hash miss whose host fails", [](Stage& stage) { stage.hostCode = 77; }, 77},
-    {"hash miss that makes the index grow", [](Stage& stage) { CacheMany(stage, 32, false); }},
+    {"hash miss that begins a chunk of slots", [](Stage& stage) { CacheMany(stage, 63, false); }},
     {"hash miss among links to one file",
      [](Stage& stage) {
-       CacheMany(stage, 64, true);
+       CacheMany(stage, 128, true);
        stage.indexMayGiveUp = true;
+     }},
+    {"hash miss under another mask",
+     [](Stage& stage) {
+       CacheAnother(stage, kAllDigests);
+       stage.in.fileOperation = KEY_PATH;
+     }},
+    {"file type miss under another mask",
+     [](Stage& stage) {
+       stage.in.queryFlags = QUERY_FILE_TYPE;
+       CacheAnother(stage, QUERY_FILE_TYPE);
+       stage.in.fileOperation = KEY_PATH;
      }},
     {"hash hit", [](Stage& stage) { stage.Cache(stage.in.queryFlags); }, 0, false},
     {"hash hit with signers",

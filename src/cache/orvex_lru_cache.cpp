@@ -123,16 +123,17 @@ int LRUCache::QueryLRUCache(metadata_input_s* metaIn, metadata_output_s* metaOut
   const ORVEX_ProfilingScope profiling("LRUCache::QueryLRUCache");
   const ORVEX_ScopeLock guard(&lock);
   const bool silent = !ORVEX_LOG_BASE::Keeps(ORVEX_LOG_DEBUG) && !ORVEX_ProfilingScope::IsOn();
-  try {
-    return silent ? LookUp<true>(*metaIn, *metaOut) : LookUp<false>(*metaIn, *metaOut);
-  } catch (const std::bad_alloc&) {
-    return LRU_NO_MEMORY;
-  }
+  return silent ? LookUp<true>(*metaIn, *metaOut) : LookUp<false>(*metaIn, *metaOut);
 }
 
 template <bool kSilent>
 LRU_LOOKUP LRUCache::LookUp(const metadata_input_s& in, metadata_output_s& out) {
-  LRUCacheNode* const node = entries_.Find(LRUCacheKeyView(in));
+  LRUCacheNode* node = nullptr;
+  try {
+    node = entries_.Find(LRUCacheKeyView(in));
+  } catch (const std::bad_alloc&) {
+    return LRU_NO_MEMORY;
+  }
   // A log callback may read the counters, so that they are ahead of every line.
   if (!kSilent) ORVEX_atomic_increment_64(&metrics.Query);
   if (node == nullptr) {

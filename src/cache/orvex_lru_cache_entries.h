@@ -56,6 +56,7 @@ class LRUCacheEntries {
     if (entryCount_ == 0) return nullptr;
     if constexpr (kHashed) {
       if (IndexAnswers(key)) return NodeIn(FindInIndex(key));
+      MixKeys(key);
     }
     return FindInView(key);
   }
@@ -64,7 +65,7 @@ class LRUCacheEntries {
   // changed.
   void Insert(const Key& key, Node* node) {
     const LRUCacheSlot slot = FreeSlot();
-    Place* const place = new (&PlaceOf(slot)) Place{key, node, ++insertions_, 0};
+    Place* const place = new (tables_->Memory(slot)) Place{key, ++insertions_, 0};
     try {
       place->entry = Enter(slot);
     } catch (...) {
@@ -76,6 +77,7 @@ class LRUCacheEntries {
     } else {
       lastSlot_ = slot;
     }
+    tables_->nodes[slot] = node;
     node->mapEntry = slot;
     LinkFirst(slot);
     ++size_;
@@ -91,7 +93,7 @@ class LRUCacheEntries {
     const LRUCacheSlot slot = LinkOf(0).previous;
     Place& place = PlaceOf(slot);
     if (place.entry != 0) RemoveEntry(place.entry);
-    Node* const node = place.node;
+    Node* const node = NodeIn(slot);
     place.~Place();
     Unlink(slot);
     LinkOf(slot).next = std::exchange(freeSlot_, slot);
@@ -108,10 +110,8 @@ class LRUCacheEntries {
     entryCount_ = size_ = freeSlot_ = lastSlot_ = 0;
     ForgetOrder();
     for (LRUCacheSlot slot = tables->links[0].next; slot != 0; slot = tables->links[slot].next) {
-      Place& place = tables->At(slot);
-      Node* const node = place.node;
-      place.~Place();
-      end(node);
+      tables->At(slot).~Place();
+      end(tables->nodes[slot]);
     }
   }
 
@@ -141,7 +141,6 @@ class LRUCacheEntries {
 
   struct Place {
     Key key;
-    Node* node;
     uint64_t insertion;  // grows from one to the next
     LRUCacheSlot entry;
   };
@@ -155,7 +154,7 @@ class LRUCacheEntries {
   // Places come and go one by one.
   class Chunk {
    public:
-    Place& operator[](size_t number) { return reinterpret_cast<Place*>(memory_)[number]; }
+    void* Memory(size_t number) { return memory_ + number * sizeof(Place); }
 
    private:
     alignas(Place) unsigned char memory_[kChunk * sizeof(Place)];
@@ -164,9 +163,12 @@ class LRUCacheEntries {
     std::array<Link, kSlots> links{};  // 0 begins and ends the ring
     LRUCacheIndex index;
     std::array<std::unique_ptr<Chunk>, kSlots / kChunk> chunks;
+    // Beside the keys, so that a node can be on its way while its key is compared.
+    std::array<Node*, kSlots> nodes{};
     std::array<LRUCacheSlot, kSlots> sorted{};  // so that sorting needs no memory
 
-    Place& At(LRUCacheSlot slot) { return (*chunks[slot / kChunk])[slot % kChunk]; }
+    void* Memory(LRUCacheSlot slot) { return chunks[slot / kChunk]->Memory(slot % kChunk); }
+    Place& At(LRUCacheSlot slot) { return *std::launder(static_cast<Place*>(Memory(slot))); }
   };
   // Some of the slots sorted last; the next sorting ends it.
   class Sorted {
@@ -207,11 +209,12 @@ class LRUCacheEntries {
   Link& LinkOf(LRUCacheSlot slot) { return tables_->links[slot]; }
   Place& PlaceOf(LRUCacheSlot slot) const { return tables_->At(slot); }
   const Key& KeyIn(LRUCacheSlot slot) const { return PlaceOf(slot).key; }
-  Node* NodeIn(LRUCacheSlot slot) const { return slot != 0 ? PlaceOf(slot).node : nullptr; }
+  // None in slot 0.
+  Node* NodeIn(LRUCacheSlot slot) const { return tables_->nodes[slot]; }
 
   // A slot to take, with memory behind it.
   LRUCacheSlot FreeSlot() {
-    if (tables_ == nullptr) tables_ = std::make_unique<Tables>();
+    if (tables_ == nullptr) tables_.reset(new Tables);
     if (freeSlot_ != 0) return freeSlot_;
     const size_t slot = size_t{lastSlot_} + 1;
     if (slot == kSlots) throw std::bad_alloc();
@@ -242,6 +245,7 @@ class LRUCacheEntries {
       const LRUCacheKeyView key(KeyIn(slot));
       if (entryCount_ == 0) fields_ = key.Fields();
       inIndex = IndexAnswers(key);
+      if (!inIndex) MixKeys(key);
       if (inIndex) {
         if (const LRUCacheSlot equal = FindInIndex(key); equal != 0) return equal;
       }
@@ -281,7 +285,7 @@ class LRUCacheEntries {
     view_.reset();
     if (!isIndexed_ && tables_ != nullptr) tables_->index = {};
     isIndexed_ = kHashed;
-    hashesPaths_ = false;
+    hashesPaths_ = isMixed_ = false;
   }
 
   template <typename Order>
@@ -323,6 +327,14 @@ class LRUCacheEntries {
     const auto position = view_->slots.insert(view_->slots.begin(), slot);
     if (*position == slot) view_->positions[slot] = position;
     return *position;
+  }
+
+  // What keys of different masks find depends on the shape of the view. One that colliding
+  // keys made earlier remembers what was removed since, so that it is made anew.
+  void MixKeys(const LRUCacheKeyView& key) {
+    if (isMixed_ || key.Fields() == fields_) return;
+    view_ = MakeView();
+    isMixed_ = true;
   }
 
   bool IndexAnswers(const LRUCacheKeyView& key) const {
@@ -372,5 +384,6 @@ class LRUCacheEntries {
   // Whether the index is in use: all its keys select the same fields.
   bool isIndexed_ = kHashed;
   bool hashesPaths_ = false;  // although numbers usually tell files apart
+  bool isMixed_ = false;      // keys of different masks were asked for or inserted
   uint32_t fields_ = 0;
 };

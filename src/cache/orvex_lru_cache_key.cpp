@@ -30,7 +30,10 @@ LRUCacheKey& LRUCacheKey::operator=(const LRUCacheKey& other) {
 }
 
 bool LRUCacheKey::operator<(const LRUCacheKey& right) const {
-  return LRUCacheKeyView(*this) < LRUCacheKeyView(right);
+  if ((flags & KEY_PATH) != 0 && path != right.path) return path < right.path;
+  LRUCacheKeyView numbers(*this);
+  numbers.flags &= ~uint32_t{KEY_PATH};
+  return numbers < LRUCacheKeyView(right);
 }
 
 bool LRUCacheKey::operator==(const LRUCacheKey& other) {

@@ -50,10 +50,7 @@ struct ORVEX_LOCAL ORVEX_CountAtEnd {
 // Locking: lock guards everything but the counters and the active flag, which are
 // atomics. It is never held while the host computes. Operations that say so expect
 // it held, all others take it themselves.
-// Invariant: every node is in the list once. An entry of the map designates the
-// list position of a node whose mapEntry designates the entry. A node is without an
-// entry of its own if its insertion met an equivalent one, which stays and which the
-// new node shares: under keys of different masks, or inserted again under an equal key.
+// Invariant: between two holds of the lock entries_ has no more nodes than capacity.
 template <typename Key, typename Node, typename Metrics>
 class ORVEX_API LRUCacheT {
  public:
@@ -261,8 +258,14 @@ void LRUCacheT<Key, Node, Metrics>::RegisterMetaQueryCallback(orvex_query_cb cal
 
 template <typename Key, typename Node, typename Metrics>
 void LRUCacheT<Key, Node, Metrics>::InsertNew(Key& key, std::unique_ptr<Node> node) {
-  LRUCacheNodeUpdate(key, node.get(), LRU_INSERT);
-  static_cast<void>(node.release());  // The list's from here on.
+  // Once inserted it is the cache's, also when a log callback ends the thread.
+  Node* const inserted = node.release();
+  try {
+    LRUCacheNodeUpdate(key, inserted, LRU_INSERT);
+  } catch (const std::bad_alloc&) {
+    delete inserted;
+    throw;
+  }
   LRUCacheNodeWipe();
 }
 

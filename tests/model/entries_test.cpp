@@ -158,6 +158,45 @@ TEST_CASE("entries of different masks are found, ordered and removed as in a nai
   }
 }
 
+TEST_CASE("colliding keys leave no trace in what keys of different masks find") {
+  // By the factor of sizes, whose hashes are then all the same.
+  uint64_t inverse = 0xBB67AE8584CAA73B;
+  for (int i = 0; i < 5; ++i) inverse *= 2 - 0xBB67AE8584CAA73B * inverse;
+  for (unsigned int seed = 1; seed <= 20; ++seed) {
+    CAPTURE(seed);
+    Keys keys(seed);
+    Pair pair;
+    for (uint64_t i = 0; i < 200; ++i) {
+      metadata_input_s in = keys.Next(KEY_SIZE);
+      in.size = inverse * ((uint64_t{0x12345678} << 32) + keys.Below(1U << 30));
+      if (pair.Find(in) == 0) pair.Insert(in);
+    }
+    while (pair.Size() > 40) pair.RemoveOldest();
+    for (int step = 0; step < 200; ++step) {
+      const metadata_input_s in = keys.Next(keys.Below(32));
+      if (pair.Find(in) == 0) pair.Insert(in);
+    }
+    pair.CheckThatAllIsTheSame();
+  }
+}
+
+TEST_CASE("keys are found across the end of the index") {
+  uint64_t inverse = 0xBB67AE8584CAA73B;
+  for (int i = 0; i < 5; ++i) inverse *= 2 - 0xBB67AE8584CAA73B * inverse;
+  Pair pair;
+  metadata_input_s in{};
+  in.fileOperation = KEY_SIZE;
+  const auto hashing = [&](uint64_t hash) {
+    in.size = inverse * (hash << 32 | 1);
+    return in;
+  };
+  for (uint64_t i = 0; i < 20; ++i) {
+    pair.Insert(hashing(0xFFFFFFFF - i));
+    if (i >= 10) pair.RemoveOldest();
+  }
+  for (uint64_t i = 0; i < 20; ++i) CHECK((pair.Find(hashing(0xFFFFFFFF - i)) != 0) == (i >= 10));
+}
+
 TEST_CASE("as many nodes as there are slots can be in, and one more is refused") {
   LRUCacheEntries<LRUCacheKey, Numbered> entries;
   std::vector<std::unique_ptr<Numbered>> nodes;
