@@ -56,7 +56,6 @@ class LRUCacheEntries {
     if (entryCount_ == 0) return nullptr;
     if constexpr (kHashed) {
       if (IndexAnswers(key)) return NodeIn(FindInIndex(key));
-      MixKeys(key);
     }
     return FindInView(key);
   }
@@ -317,6 +316,7 @@ class LRUCacheEntries {
   // Not inlined: a hit has no use for it.
   template <typename AnyKey>
   [[gnu::noinline]] Node* FindInView(const AnyKey& key) {
+    if constexpr (kHashed) MixKeys(key);
     if (view_ == nullptr) view_ = MakeView();
     const auto found = view_->slots.find(key);
     return found != view_->slots.end() ? NodeIn(*found) : nullptr;
