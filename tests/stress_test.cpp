@@ -27,7 +27,7 @@
 namespace {
 
 constexpr long kOperations =
-    ORVEXENG_CHECKS_THREADS || ORVEXENG_CHECKS_MEMORY ? 1'000'000 : 10'000'000;
+    ORVEXENG_CHECKS_THREADS || ORVEXENG_CHECKS_MEMORY ? 1'000'000 : 4'000'000;
 
 constexpr int kThreads = 8;
 constexpr int kFailed = 77;
