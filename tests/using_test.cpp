@@ -555,3 +555,23 @@ TEST_CASE("an engine in a global pointer is destroyed at exit without harm") {
   REQUIRE(waitpid(child, &status, 0) == child);
   CHECK(status == 0);
 }
+
+TEST_CASE("a dump tells file types at INFO and all else at DEBUG") {
+  EngineUnderTest engine;
+  metadata_input_s in = Asking("/a", QUERY_DIGEST32 | QUERY_FILE_TYPE);
+  in.invOperation = INV_KEEP_IN_CACHE;
+  Answer out;
+  REQUIRE(engine.Query(in, out) == 0);
+  const struct {
+    int level;
+    int nodes;
+    int keys;
+  } rows[] = {{2, 0, 0}, {3, 1, 0}, {4, 2, 2}, {9, 2, 2}};
+  for (const auto& row : rows) {
+    CAPTURE(row.level);
+    RecordedLog log(static_cast<ORVEX_LOG>(row.level));
+    orvex_dump_cache();
+    CHECK(log.CountOf("Node: ") == row.nodes);
+    CHECK(log.CountOf("Key: ") == row.keys);
+  }
+}
