@@ -17,7 +17,7 @@
 // What to do with a node in LRUCacheNodeUpdate.
 enum LRU_OPERATION : int {
   LRU_UPDATE = 1,  // it is cached: move it to the front
-  LRU_INSERT = 2,  // it is new: put it at the front and enter it in the map
+  LRU_INSERT = 2,  // it is new: put it at the front and enter its key
 };
 
 // The results of a lookup; they stay inside the library.
