@@ -37,11 +37,20 @@ void Fill(ORVEX_Config& config) {
 template <typename Other>
 void Fill(Other&) {}
 
+template <typename Class>
+void* Memory() {
+  if constexpr (alignof(Class) <= __STDCPP_DEFAULT_NEW_ALIGNMENT__) {
+    return operator new(sizeof(Class));
+  } else {
+    return operator new (sizeof(Class), std::align_val_t{alignof(Class)});
+  }
+}
+
 // Whether this pair of slots destroys an object in place and deletes one.
 template <typename Class>
 bool DestroysAndDeletes(size_t destroy, size_t deleteSlot) {
   const long before = LiveAllocations();
-  void* const memory = operator new(sizeof(Class));
+  void* const memory = Memory<Class>();
   const long afterNew = LiveAllocations();
   Fill(*new (memory) Class());
   CallSlot<void>(memory, destroy);
@@ -196,7 +205,7 @@ void CheckCacheSlots(const char* metricsLine, uint32_t part) {
   CHECK(CallSlot<int>(&cache, 5) == 0);  // ResetMetrics
   CHECK(Opened::Counters(cache).Hit == 0);
   LRUCacheKey key(in);
-  Node* const node = Opened::Entries(cache).Find(key);
+  Node* const node = Opened::Find(cache, key);
   CallSlot<void>(&cache, 10, &key, node, LRU_UPDATE);  // LRUCacheNodeUpdate
   CHECK(says("Cache node updated"));
   Opened::Capacity(cache) = 0;

@@ -325,7 +325,7 @@ TEST_CASE("inserting under a key that is cached gives 201 and does not take the 
   LRUCacheNode mine(in, out);
   CHECK(cache.InsertCacheNode(key, &mine) == 201);
   CHECK(cache.entries_.Size() == 1);
-  CHECK(cache.entries_.Find(key) != &mine);
+  CHECK(cache.Find(key) != &mine);
 }
 
 TEST_CASE("inserting a node counts nothing, whatever comes of it") {

@@ -110,11 +110,11 @@ TEST_CASE("a thousand loads with a stop leave nothing in the process" *
   CHECK(BytesInUse() < before + kCycles * 16);
 }
 
-TEST_CASE("a thousand loads without a stop leave the entries that were cached and no more" *
+TEST_CASE("a thousand loads without a stop leave nothing of entries with short paths" *
           doctest::test_suite("slow")) {
   if (__lsan_disable != nullptr) __lsan_disable();
   const long left = Left(false);
   if (__lsan_enable != nullptr) __lsan_enable();
-  // One node in each cache. Their keys and list elements go with the library.
-  CHECK(left == 2 * kCycles);
+  // Longer paths and signers would stay: nobody ends the nodes.
+  CHECK(left == 0);
 }

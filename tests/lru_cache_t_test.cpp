@@ -50,6 +50,10 @@ class BareCache : public LRUCacheT<Key, Node, Metrics> {
   int QueryLRUCache(metadata_input_s*, metadata_output_s*) override { return LRU_MISS; }
   void LRUCacheNodeWipe() override { ++wipes; }
 
+  Node* Find(const Key& key) {
+    const LRUCacheSlot slot = entries_.Find(key);
+    return slot != 0 ? static_cast<Node*>(entries_.NodeIn(slot)) : nullptr;
+  }
   // Under KEY_SIZE paths of one first letter are one file, whatever the key.
   int Store(const char* path, uint32_t mask = kAllKeyBits) {
     metadata_input_s in = FileAt(path, mask);
@@ -72,7 +76,7 @@ class BareCache : public LRUCacheT<Key, Node, Metrics> {
   }
   Paths PathsInOrder() const {
     Paths paths;
-    entries_.ForEachNode([&paths](const Node* node) { paths.push_back(node->path); });
+    for (const Node* node : NodesIn<Node>(entries_)) paths.push_back(node->path);
     return paths;
   }
   void SetEveryCounter(long long value) {
@@ -94,13 +98,16 @@ using BareFileTypeCache = BareCache<LRUCacheKey, FileTypeCacheNode, FileTypeCach
 
 int liveNodes = 0;
 
-// Orders files by size, which is all there is to them here.
+// The size is all there is to files here.
 struct SizeKey {
   SizeKey() = default;
-  explicit SizeKey(metadata_input_s& in) : size(in.size) {}
-  bool operator<(const SizeKey& right) const { return size < right.size; }
-  void Dump() const {
-    ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, "test", "key %c", static_cast<char>(size));
+  explicit SizeKey(metadata_input_s& in) { Read(in); }
+  void Read(const metadata_input_s& in) { size = in.size; }
+  operator LRUCacheKeyView() const {
+    metadata_input_s in{};
+    in.fileOperation = KEY_SIZE;
+    in.size = size;
+    return LRUCacheKeyView(in);
   }
 
   uint64_t size = 0;
@@ -318,7 +325,7 @@ TEST_CASE("beyond its capacity a cache evicts the least recently stored") {
   CHECK(cache.metrics.evictions == 1);
   CHECK(liveNodes == 2);
   metadata_input_s evicted = FileAt("/a");
-  CHECK(cache.entries_.Find(SizeKey(evicted)) == nullptr);
+  CHECK(cache.Find(SizeKey(evicted)) == nullptr);
 }
 
 TEST_CASE("lowering the capacity evicts the surplus at once and oldest first") {
@@ -339,7 +346,7 @@ TEST_CASE("an evicted node takes its entry along and whoever shared it has none"
   cache.SetCapacity(1);
   CHECK(cache.PathsInOrder() == Paths{"second"});
   CHECK(cache.entries_.EntryCount() == 0);
-  CHECK_FALSE(cache.entries_.HasEntry(second));
+  CHECK_FALSE(cache.entries_.HasEntry(second->mapEntry));
 
   // The one without an entry is evicted without touching the map.
   cache.Store("/c");
@@ -363,13 +370,18 @@ TEST_CASE("a dump lists capacity, keys in key order and nodes in recency order")
   SizeCache cache;
   cache.SetCapacity(10);
   for (const char* path : {"/b", "/c", "/a", "/b"}) cache.Store(path);
+  const auto key = [](char size) {
+    return Message("DEBUG", "Dump",
+                   ("Key: flags=0x00000002, path=, size=" + std::to_string(size) +
+                    ", mtime=0, deviceID=0, fileID=0")
+                       .c_str());
+  };
   RecordedLog log;
   cache.DumpCache();
   CHECK(
       log.TakeTranscript() ==
       Lines({Message("DEBUG", "DumpCache", "Cache capacity = 10"),
-             Message("DEBUG", "DumpCacheMap", "CacheMap.size=3"), "DEBUG Dump test: key a",
-             "DEBUG Dump test: key b", "DEBUG Dump test: key c",
+             Message("DEBUG", "DumpCacheMap", "CacheMap.size=3"), key('a'), key('b'), key('c'),
              Message("DEBUG", "DumpCacheNodeList", "CacheNodeList.size=3"),
              "DEBUG Dump test: node /b", "DEBUG Dump test: node /a", "DEBUG Dump test: node /c"}));
 }
@@ -501,15 +513,15 @@ TEST_CASE_TEMPLATE("nodes that share an entry move to the front each alone", Cac
   REQUIRE(cache.entries_.EntryCount() == 1);
   metadata_input_s in = FileAt("/a");
   const typename Cache::KeyType shared(in);
-  CHECK(cache.entries_.Find(shared) == first);
-  CHECK(cache.entries_.HasEntry(second));
-  CHECK(cache.entries_.HasEntry(third));
+  CHECK(cache.Find(shared) == first);
+  CHECK(cache.entries_.HasEntry(second->mapEntry));
+  CHECK(cache.entries_.HasEntry(third->mapEntry));
   cache.Store("/b");
   CHECK(cache.entries_.EntryCount() == 2);
   CHECK(cache.PathsInOrder() == Paths{"/b", "third", "second", "first"});
   cache.Move(second);
   CHECK(cache.PathsInOrder() == Paths{"second", "/b", "third", "first"});
-  CHECK(cache.entries_.Find(shared) == first);
+  CHECK(cache.Find(shared) == first);
   cache.Move(first);
   CHECK(cache.PathsInOrder() == Paths{"first", "second", "/b", "third"});
   cache.Move(third);
@@ -601,8 +613,10 @@ TEST_CASE_TEMPLATE("a cache that ends without a flush leaves its nodes behind an
   {
     Cache cache;
     cache.flushesAtEnd = false;
-    for (int i = 0; i < 100; ++i) cache.Store(("/" + std::to_string(i)).c_str());
-    cache.entries_.ForEachNode([&nodes](auto* node) { nodes.push_back(node); });
+    for (int i = 0; i < 100; ++i) {
+      const std::string path = "/" + std::to_string(i);
+      nodes.push_back(cache.InsertBeside(path.c_str(), path.c_str()));
+    }
   }
   for (const auto* node : nodes) delete node;
   const long left = LiveAllocations() - before;

@@ -421,7 +421,8 @@ TEST_CASE("a soak of everything at once keeps memory flat" * doctest::test_suite
     }
     CHECK(BrokenInvariantOfIdleCaches() == "");
     CHECK(orvex_deinit() == 0);
-    if (LiveAllocations() != liveBefore) ++leakingRounds;
+    // In the first round the caches come to keep memory for the texts of keys.
+    if (round > 0 && LiveAllocations() != liveBefore) ++leakingRounds;
     if (round == kRounds / 4) pagesEarly = ResidentPages();
   }
   const long grown = ResidentPages() - pagesEarly;

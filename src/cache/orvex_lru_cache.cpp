@@ -7,9 +7,7 @@
 #include <memory>
 #include <new>
 
-#include "support/orvex_drain.h"
 #include "support/orvex_profiling.h"
-#include "support/orvex_scope_ref_cnt.h"
 
 template class LRUCacheT<LRUCacheKey, LRUCacheNode, LRUCacheMetrics_s>;
 template class ORVEX_Singleton<LRUCache>;
@@ -31,7 +29,7 @@ int LRUCache::InitLRUCache() {
   }
   const ORVEX_ScopeLock guard(&lock);
   ORVEX_StoreRelaxed(active, true);
-  ORVEX_StoreRelaxed(activeThreads, 0);
+  activeThreads.SetToZero();
   return ORVEX_OK;
 }
 
@@ -48,7 +46,7 @@ int LRUCache::DeinitLRUCache() {
   }
   // All that sleep in a query leave now, so that the drain need not wait for them.
   calHashSet.condLock.SignalAll();
-  ORVEX_DrainCalls(&activeThreads, "Deinit LRUCache", __LINE__, __func__, kLRUCacheSourceFile);
+  activeThreads.Drain("Deinit LRUCache", __LINE__, __func__, kLRUCacheSourceFile);
 
   if (const int code = FlushCache(); code != ORVEX_OK) {
     ORVEX_LOG_MESSAGE(ORVEX_LOG_WARNING, kLRUCacheSourceFile,
@@ -78,12 +76,12 @@ int LRUCache::FlushCache() {
 }
 
 int LRUCache::ResetMetrics() {
-  const ORVEX_ScopeRefCnt inFlight(&activeThreads);
+  const ORVEX_CallsInFlight::Scope inFlight(activeThreads);
   return LRUCacheT::ResetMetrics();
 }
 
 int LRUCache::GetMetrics(LRUCacheMetrics_s& out) const {
-  const ORVEX_ScopeRefCnt inFlight(&activeThreads);
+  const ORVEX_CallsInFlight::Scope inFlight(activeThreads);
   out.Query = ORVEX_atomic_read_64(&metrics.Query);
   out.Miss = ORVEX_atomic_read_64(&metrics.Miss);
   out.Hit = ORVEX_atomic_read_64(&metrics.Hit);
@@ -130,8 +128,9 @@ template <bool kSilent>
 LRU_LOOKUP LRUCache::LookUp(const metadata_input_s& in, metadata_output_s& out) {
   LRUCacheNode* node = nullptr;
   try {
-    node = entries_.Find(LRUCacheKeyView(in));
-  } catch (const std::bad_alloc&) {
+    if (!kSilent) key_.Read(in);
+    node = Find(LRUCacheKeyView(in));
+  } catch (const std::exception&) {
     return LRU_NO_MEMORY;
   }
   // A log callback may read the counters, so that they are ahead of every line.
@@ -157,7 +156,7 @@ LRU_LOOKUP LRUCache::LookUp(const metadata_input_s& in, metadata_output_s& out) 
   const bool complete = (in.queryFlags & ~out.queryFlags) == 0;
   long long* const result = complete ? &metrics.Hit : &metrics.PartialHit;
   if (kSilent) {
-    LRUCacheNodeUpdate(entries_.KeyOf(node), node, LRU_UPDATE);
+    entries_.MoveToFront(node->mapEntry);
     // Last: a locked add is a full barrier and would stall the loads that follow.
     ORVEX_atomic_increment_64(&metrics.Query);
     ORVEX_atomic_increment_64(result);
@@ -166,7 +165,7 @@ LRU_LOOKUP LRUCache::LookUp(const metadata_input_s& in, metadata_output_s& out) 
     ORVEX_LOG_FROM(ORVEX_LOG_DEBUG, kLookupFunction, kLRUCacheSourceFile,
                    complete ? "Cache query: cache hits, %s" : "Cache query: cache partial hits, %s",
                    in.path);
-    LRUCacheNodeUpdate(entries_.KeyOf(node), node, LRU_UPDATE);
+    LRUCacheNodeUpdate(key_, node, LRU_UPDATE);
   }
   return complete ? LRU_HIT : LRU_PARTIAL_HIT;
 }
@@ -180,7 +179,7 @@ int LRUCache::InsertCacheNode(LRUCacheKey& key, LRUCacheNode* node) {
   if (node == nullptr) return ORVEX_INVALID_PARAMETER;
   const ORVEX_ScopeLock guard(&lock);
   try {
-    if (entries_.Find(key) != nullptr) return ORVEX_ALREADY_CACHED;
+    if (Find(key) != nullptr) return ORVEX_ALREADY_CACHED;
     LRUCacheNodeUpdate(key, node, LRU_INSERT);
   } catch (const std::exception&) {
     return ORVEX_NO_MEMORY;

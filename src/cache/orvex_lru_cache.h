@@ -8,7 +8,7 @@
 #include "cache/orvex_lru_cache_t.h"
 #include "cache/orvex_set.h"
 #include "orvexeng.h"
-#include "support/orvex_atomic.h"
+#include "support/orvex_calls_in_flight.h"
 #include "support/orvex_local.h"
 #include "support/orvex_singleton.h"
 
@@ -69,33 +69,24 @@ class ORVEX_API LRUCache : public LRUCacheT<LRUCacheKey, LRUCacheNode, LRUCacheM
   int InsertCacheNode(LRUCacheKey& key, LRUCacheNode* node) ORVEX_EXCLUDES(lock);
 
  protected:
-  [[maybe_unused]] ORVEX_CacheLineGap beforeCalHashSet_;
-  ORVEX_Set calHashSet;
-  [[maybe_unused]] ORVEX_CacheLineGap beforeActiveThreads_;
-  // Threads inside Query, GetMetrics or ResetMetrics. An atomic, but reset under
-  // the cache lock at each start, whoever is inside.
-  mutable int volatile activeThreads = 0;
+  alignas(kCacheLineBytes) ORVEX_Set calHashSet;
+  // Threads inside Query, GetMetrics or ResetMetrics. Set to zero under the cache
+  // lock at each start, whoever is inside.
+  mutable ORVEX_CallsInFlight activeThreads;
 
  private:
-  [[maybe_unused]] ORVEX_CacheLineGap afterActiveThreads_;
-
   // kSilent: nothing of a hit is logged, so that nobody sees when it counts.
   template <bool kSilent>
   ORVEX_LOCAL LRU_LOOKUP LookUp(const metadata_input_s& in, metadata_output_s& out)
       ORVEX_REQUIRES(lock);
-  // Query where the thread sleeps or its steps are logged, so that the host may change its
-  // record meanwhile. Wait, set and lines go by the path that the query was handed; lookup
-  // and store read the record as it is by then, with an empty path for none.
-  ORVEX_LOCAL int QueryWithOwnPath(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx,
-                                   bool mayCalculate, bool mayWait) ORVEX_EXCLUDES(lock);
-  // Sleeps while another thread calculates the path, and counts that.
+  // Sleeps while another thread calculates the path, and counts that. Throws
+  // std::bad_alloc before anything is done.
   ORVEX_LOCAL void WaitUntilFree(const std::string& path);
-  // What follows a lookup that is no hit. ownPath is the path that the query was handed,
-  // or null while the record still holds it.
+  // What follows a lookup that is no hit.
   ORVEX_LOCAL int AfterMiss(int lookup, metadata_input_s* metaIn, metadata_output_s* metaOut,
-                            void* ctx, const std::string* ownPath) ORVEX_EXCLUDES(lock);
+                            void* ctx, KeptText& path) ORVEX_EXCLUDES(lock);
   ORVEX_LOCAL int Calculate(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx,
-                            const std::string* ownPath) ORVEX_EXCLUDES(lock);
+                            KeptText& path) ORVEX_EXCLUDES(lock);
 };
 
 extern template class LRUCacheT<LRUCacheKey, LRUCacheNode, LRUCacheMetrics_s>;

@@ -1,7 +1,7 @@
 // The cache of file types.
 #include "cache/orvex_lru_cache_file_type.h"
 
-#include <new>
+#include <exception>
 
 #include "cache/orvex_lru_cache_text.h"
 #include "support/orvex_log.h"
@@ -26,8 +26,9 @@ FileTypeCacheNode& FileTypeCacheNode::operator=(FileTypeCacheNode& other) {
 }
 
 void FileTypeCacheNode::SetDataToCacheNode(metadata_input_s& in, metadata_output_s& out) {
-  // First, because it is the one step that can fail.
-  path = TextOrEmpty(in.path);
+  // First, because it is the one step that can fail. The same text stays where it is: a key
+  // may share it.
+  if (path != TextOrEmpty(in.path)) path = TextOrEmpty(in.path);
   if (in.mtime != 0) {
     mtime = in.mtime;
     queryFlag |= QUERY_MTIME;
@@ -71,7 +72,7 @@ FileTypeCache::FileTypeCache(unsigned int newCapacity) { SetCapacity(newCapacity
 
 int FileTypeCache::Query(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx) {
   // Before the records: a stopped cache answers 8 whatever it is handed.
-  if (!IsInit()) return ORVEX_CACHE_NOT_INITIALISED;
+  if (!IsActive()) return ORVEX_CACHE_NOT_INITIALISED;
   if (metaOut == nullptr || metaIn == nullptr) return ORVEX_INVALID_PARAMETER;
 
   const int lookup = QueryLRUCache(metaIn, metaOut);
@@ -130,8 +131,9 @@ int FileTypeCache::QueryLRUCache(metadata_input_s* metaIn, metadata_output_s* me
   const ORVEX_ScopeLock guard(&lock);
   FileTypeCacheNode* node = nullptr;
   try {
-    node = entries_.Find(LRUCacheKeyView(*metaIn));
-  } catch (const std::bad_alloc&) {
+    key_.Read(*metaIn);
+    node = Find(key_);
+  } catch (const std::exception&) {
     return LRU_NO_MEMORY;
   }
   if (node == nullptr) {
@@ -151,7 +153,7 @@ int FileTypeCache::QueryLRUCache(metadata_input_s* metaIn, metadata_output_s* me
   ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile, "Cache query: cache hits, %s",
                     metaIn->path);
   node->GetDataFromCacheNode(*metaOut);
-  LRUCacheNodeUpdate(entries_.KeyOf(node), node, LRU_UPDATE);
+  LRUCacheNodeUpdate(key_, node, LRU_UPDATE);
   return LRU_HIT;
 }
 

@@ -5,6 +5,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "orvexeng.h"
+
 // The number of a node's slot among the entries of its cache; 0 is none.
 using LRUCacheSlot = uint16_t;
 
@@ -14,7 +16,9 @@ using LRUCacheSlot = uint16_t;
 // Invariant: at most half full while a cache keeps to its capacity.
 class LRUCacheIndex {
  public:
-  static constexpr size_t kSlots = 8192;  // as many as a cell can name
+  // Some more than a cache keeps: a thread that a host ends while a message of an insertion
+  // is logged leaves one node too many until the next eviction.
+  static constexpr size_t kSlots = ORVEX_MAX_CAPACITY + 512;
 
   // The slot of this hash that fits, or 0.
   template <typename Fits>
@@ -57,6 +61,7 @@ class LRUCacheIndex {
   // Of a hash the upper bits number its cell, which keeps the lower ones.
   static constexpr unsigned int kSlotBits = 13;
   static constexpr unsigned int kTagBits = 32 - kSlotBits;
+  static_assert(kSlots <= 1U << kSlotBits);
   // In a table at most half full a longer probe means keys that collide on purpose: by
   // chance one of 56 cells comes once in some ten million insertions, and one of eight
   // cells more a seventh as often.
@@ -66,7 +71,7 @@ class LRUCacheIndex {
   static size_t Next(size_t at) { return (at + 1) % kCells; }
   static size_t Distance(size_t from, size_t to) { return (to - from) % kCells; }
   static uint32_t Cell(uint32_t hash, LRUCacheSlot slot) { return hash << kSlotBits | slot; }
-  static LRUCacheSlot SlotIn(uint32_t cell) { return cell % kSlots; }
+  static LRUCacheSlot SlotIn(uint32_t cell) { return cell % (1U << kSlotBits); }
 
   std::array<uint32_t, kCells> cells_{};  // 0 in a free one
   std::array<uint16_t, kSlots> homes_{};  // of the slots put in

@@ -2,18 +2,10 @@
 #include "cache/orvex_lru_cache_key.h"
 
 #include "cache/orvex_lru_cache_text.h"
-#include "support/orvex_log.h"
 
 LRUCacheKey::LRUCacheKey() = default;
 
-LRUCacheKey::LRUCacheKey(metadata_input_s& in)
-    : flags(in.fileOperation),
-      name(TextOrEmpty(in.name)),
-      path(TextOrEmpty(in.path)),
-      size(in.size),
-      mtime(in.mtime),
-      deviceID(in.deviceID),
-      fileID(in.fileID) {}
+LRUCacheKey::LRUCacheKey(metadata_input_s& in) { Read(in); }
 
 LRUCacheKey::LRUCacheKey(const LRUCacheKey& other) = default;
 
@@ -29,6 +21,16 @@ LRUCacheKey& LRUCacheKey::operator=(const LRUCacheKey& other) {
   return *this;
 }
 
+void LRUCacheKey::Read(const metadata_input_s& in) {
+  flags = in.fileOperation;
+  name = TextOrEmpty(in.name);
+  path = TextOrEmpty(in.path);
+  size = in.size;
+  mtime = in.mtime;
+  deviceID = in.deviceID;
+  fileID = in.fileID;
+}
+
 bool LRUCacheKey::operator<(const LRUCacheKey& right) const {
   if ((flags & KEY_PATH) != 0 && path != right.path) return path < right.path;
   LRUCacheKeyView numbers(*this);
@@ -41,17 +43,4 @@ bool LRUCacheKey::operator==(const LRUCacheKey& other) {
          deviceID == other.deviceID && fileID == other.fileID;
 }
 
-void LRUCacheKey::Dump() const {
-  ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile,
-                    "Key: flags=0x%08x, path=%s, size=%llu, mtime=%llu, deviceID=%llu, fileID=%llu",
-                    flags, path.c_str(), PrintableNumber(size), PrintableNumber(mtime),
-                    PrintableNumber(deviceID), PrintableNumber(fileID));
-}
-
-LRUCacheKeyView::LRUCacheKeyView(const metadata_input_s& in)
-    : flags(in.fileOperation),
-      path(TextOrEmpty(in.path)),
-      size(in.size),
-      mtime(in.mtime),
-      deviceID(in.deviceID),
-      fileID(in.fileID) {}
+void LRUCacheKey::Dump() const { LRUCacheKeyView(*this).Dump(); }

@@ -7,7 +7,10 @@
 #include <string>
 #include <string_view>
 
+#include "cache/orvex_lru_cache_text.h"
 #include "orvexeng.h"
+#include "support/orvex_local.h"
+#include "support/orvex_log.h"
 
 // Which file an entry is about, and which of its fields tell it from others.
 //
@@ -16,6 +19,9 @@ class ORVEX_API LRUCacheKey {
  public:
   LRUCacheKey();
   explicit LRUCacheKey(metadata_input_s& in);
+  // Becomes the key that is made from the record. Throws std::bad_alloc, and then it is
+  // neither this key nor that one.
+  ORVEX_LOCAL void Read(const metadata_input_s& in);
   LRUCacheKey(const LRUCacheKey& other);
   virtual ~LRUCacheKey();
   // Leaves the name as it is.
@@ -39,13 +45,19 @@ class ORVEX_API LRUCacheKey {
   uint64_t fileID = 0;
 };
 
-// A key that borrows its path: looking up needs no memory, and so cannot fail.
+// A key that borrows its path: looking up needs no memory, and so cannot fail. Cached keys
+// are of this kind, too: they share the text of their nodes.
 //
 // Ownership: valid while the record or key it was made from is.
-struct LRUCacheKeyView {
-  explicit LRUCacheKeyView(const metadata_input_s& in);
-  // Implicit, so that a lookup compares views with stored keys. Inline, so that a
-  // comparison reads no more of a key than it compares.
+struct ORVEX_LOCAL LRUCacheKeyView {
+  explicit LRUCacheKeyView(const metadata_input_s& in)
+      : flags(in.fileOperation),
+        path(TextOrEmpty(in.path)),
+        size(in.size),
+        mtime(in.mtime),
+        deviceID(in.deviceID),
+        fileID(in.fileID) {}
+  // Implicit: a key is good wherever a view is asked for.
   LRUCacheKeyView(const LRUCacheKey& key)
       : flags(key.flags),
         path(key.path.c_str()),
@@ -57,10 +69,12 @@ struct LRUCacheKeyView {
   // The mask bits that select a field.
   uint32_t Fields() const { return flags & kAllFields; }
   // Whether the selected fields equal the other's; for keys of the same fields.
-  bool Equals(const LRUCacheKey& other) const;
+  bool Equals(const LRUCacheKeyView& other) const;
   // Equal for equal keys; its upper bits are the better ones. Of the numbers alone
   // where they tell files apart: they cost a tenth of a path.
   uint32_t Hash(bool alsoPath) const;
+  // Logs the key at DEBUG.
+  void Dump() const;
 
   static constexpr uint32_t kAllFields =
       KEY_PATH | KEY_SIZE | KEY_MTIME | KEY_DEVICE_ID | KEY_FILE_ID;
@@ -73,14 +87,21 @@ struct LRUCacheKeyView {
   uint64_t fileID;
 };
 
-inline bool LRUCacheKeyView::Equals(const LRUCacheKey& other) const {
+inline bool LRUCacheKeyView::Equals(const LRUCacheKeyView& other) const {
   const auto differs = [this](uint32_t field, uint64_t left, uint64_t right) {
     return (flags & field) != 0 && left != right;
   };
   return !differs(KEY_FILE_ID, fileID, other.fileID) && !differs(KEY_SIZE, size, other.size) &&
          !differs(KEY_MTIME, mtime, other.mtime) &&
          !differs(KEY_DEVICE_ID, deviceID, other.deviceID) &&
-         ((flags & KEY_PATH) == 0 || std::strcmp(path, other.path.c_str()) == 0);
+         ((flags & KEY_PATH) == 0 || std::strcmp(path, other.path) == 0);
+}
+
+inline void LRUCacheKeyView::Dump() const {
+  ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile,
+                    "Key: flags=0x%08x, path=%s, size=%llu, mtime=%llu, deviceID=%llu, fileID=%llu",
+                    flags, path, PrintableNumber(size), PrintableNumber(mtime),
+                    PrintableNumber(deviceID), PrintableNumber(fileID));
 }
 
 // By the fields that the left key's mask selects.

@@ -73,8 +73,9 @@ LRUCacheNode& LRUCacheNode::operator=(const LRUCacheNode& source) {
 }
 
 int LRUCacheNode::SetDataToCacheNode(metadata_input_s& in, metadata_output_s& out) {
-  // First, because it is the one step that can fail.
-  path = TextOrEmpty(in.path);
+  // First, because it is the one step that can fail. The same text stays where it is: a key
+  // may share it.
+  if (path != TextOrEmpty(in.path)) path = TextOrEmpty(in.path);
   dataSet = true;
   invOperation = in.invOperation;
   fileOperation = in.fileOperation;

@@ -8,7 +8,6 @@
 #include "cache/orvex_lru_cache.h"
 #include "cache/orvex_lru_cache_text.h"
 #include "support/orvex_profiling.h"
-#include "support/orvex_scope_ref_cnt.h"
 
 namespace {
 
@@ -38,12 +37,12 @@ int RefuseMissingPath(metadata_output_s& out) {
 }
 
 // Whether the path was free and is now marked. Throws std::bad_alloc.
-bool MarkAsCalculating(ORVEX_Set& set, const std::string& path) {
+bool MarkAsCalculating(ORVEX_Set& set, const char* path) {
   const ORVEX_ScopeLock guard(&set.condLock);
   return set.active && set.Insert(path);
 }
 
-bool Unmark(ORVEX_Set& set, const std::string& path) {
+bool Unmark(ORVEX_Set& set, const char* path) {
   const ORVEX_ScopeLock guard(&set.condLock);
   return set.active && set.Erase(path);
 }
@@ -53,38 +52,37 @@ bool Unmark(ORVEX_Set& set, const std::string& path) {
 // same.
 class LeavePathOnReturn {
  public:
-  LeavePathOnReturn(ORVEX_Set& calHashSet, const std::string& path, bool marked)
+  LeavePathOnReturn(ORVEX_Set& calHashSet, const char* path, bool marked)
       : set_(calHashSet), path_(path), marked_(marked) {}
   ~LeavePathOnReturn() {
     if (!marked_) {
       ORVEX_LOG_FROM(ORVEX_LOG_DEBUG, kFunction, kLRUCacheSourceFile,
-                     "[CalHashSet] Erase CalHashSet skipped: %s", path_.c_str());
+                     "[CalHashSet] Erase CalHashSet skipped: %s", path_);
     } else if (Unmark(set_, path_)) {
       ORVEX_LOG_FROM(ORVEX_LOG_DEBUG, kFunction, kLRUCacheSourceFile,
-                     "[CalHashSet] Erase CalHashSet succeed: %s", path_.c_str());
+                     "[CalHashSet] Erase CalHashSet succeed: %s", path_);
     } else {
       ORVEX_LOG_FROM(ORVEX_LOG_DEBUG, kFunction, kLRUCacheSourceFile,
-                     "[CalHashSet] Erase CalHashSet failed: %s", path_.c_str());
+                     "[CalHashSet] Erase CalHashSet failed: %s", path_);
     }
     // All, not one: waiters wait for different paths on this one condition.
     set_.condLock.SignalAll();
     ORVEX_LOG_FROM(ORVEX_LOG_INFO, kFunction, kLRUCacheSourceFile,
-                   "[CalHashSet] File hash calculation is done, broadcast signal: %s",
-                   path_.c_str());
+                   "[CalHashSet] File hash calculation is done, broadcast signal: %s", path_);
   }
   LeavePathOnReturn(const LeavePathOnReturn&) = delete;
   LeavePathOnReturn& operator=(const LeavePathOnReturn&) = delete;
 
  private:
   ORVEX_Set& set_;
-  const std::string& path_;
+  const char* const path_;
   const bool marked_;
 };
 
 }  // namespace
 
 int LRUCache::Query(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx) {
-  const ORVEX_ScopeRefCnt inFlight(&activeThreads);
+  const ORVEX_CallsInFlight::Scope inFlight(activeThreads);
   const ORVEX_ProfilingScope profiling("LRUCache::Query");
   // Before the records: a stopped cache answers 8 whatever it is handed.
   if (!IsActive()) return ORVEX_CACHE_NOT_INITIALISED;
@@ -92,55 +90,44 @@ int LRUCache::Query(metadata_input_s* metaIn, metadata_output_s* metaOut, void* 
 
   if (metaIn->path == nullptr) return RefuseMissingPath(*metaOut);
 
+  // Wait, set and lines go by the path that the query was handed; lookup and store read the
+  // record as it is by then. Below, a sleep or a message gives the host time to change it;
+  // a hit that does neither needs no copy.
+  KeptText path;
   const bool mayCalculate = (metaIn->invOperation & INV_CACHE_ONLY) == 0;
   const bool mayWait = mayCalculate && calHashSet.MayHold(metaIn->path);
-  // A hit that neither sleeps nor logs needs no copy of the path: nothing of the host's runs
-  // on its way.
   if (mayWait || ORVEX_LOG_BASE::Keeps(ORVEX_LOG_DEBUG) || ORVEX_ProfilingScope::IsOn()) {
-    return QueryWithOwnPath(metaIn, metaOut, ctx, mayCalculate, mayWait);
+    try {
+      path.Keep(metaIn->path);
+      if (mayWait) WaitUntilFree(path.Or(nullptr));
+    } catch (const std::exception&) {
+      // No memory, or a text longer than a string can be.
+      return EndWithoutMemory(*metaOut);
+    }
   }
-  if (mayCalculate && !IsActive()) return SkipInactive(metaIn->path);
-  const int lookup = QueryLRUCache(metaIn, metaOut);
-  if (lookup != LRU_HIT) return AfterMiss(lookup, metaIn, metaOut, ctx, nullptr);
-  metaOut->resultReady = 1;
-  return ORVEX_OK;
-}
-
-int LRUCache::QueryWithOwnPath(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx,
-                               bool mayCalculate, bool mayWait) {
-  // A copy: the host may change its record, or free the text, while this thread sleeps and
-  // in its log callback.
-  std::string path;
-  try {
-    path = metaIn->path;
-  } catch (const std::exception&) {
-    // No memory, or a text longer than a string can be.
-    return EndWithoutMemory(*metaOut);
-  }
-  if (mayWait) WaitUntilFree(path);
-  if (mayCalculate && !IsActive()) return SkipInactive(path.c_str());
+  if (mayCalculate && !IsActive()) return SkipInactive(path.Or(metaIn->path));
   ORVEX_LOG_FROM(ORVEX_LOG_DEBUG, kFunction, kLRUCacheSourceFile, "Free to calculate file hash: %s",
-                 path.c_str());
+                 path.Or(metaIn->path));
   const int lookup = QueryLRUCache(metaIn, metaOut);
-  if (lookup != LRU_HIT) return AfterMiss(lookup, metaIn, metaOut, ctx, &path);
+  if (lookup != LRU_HIT) return AfterMiss(lookup, metaIn, metaOut, ctx, path);
   metaOut->resultReady = 1;
   return ORVEX_OK;
 }
 
 int LRUCache::AfterMiss(int lookup, metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx,
-                        const std::string* ownPath) {
+                        KeptText& path) {
   if (lookup == LRU_NO_MEMORY) return EndWithoutMemory(*metaOut);
   if (lookup != LRU_MISS && lookup != LRU_PARTIAL_HIT && lookup != LRU_OUT_OF_DATE) return ORVEX_OK;
   metaOut->resultReady = 0;
   // Read again: the host may have changed its mind while this thread slept or logged.
   if ((metaIn->invOperation & INV_CACHE_ONLY) != 0) return ORVEX_OK;
-  if (!IsInit()) {
+  if (!IsActive()) {
     ORVEX_LOG_FROM(ORVEX_LOG_WARNING, kFunction, kLRUCacheSourceFile,
                    "File hash calculation is skipped due to inactive state: %s",
-                   ownPath != nullptr ? ownPath->c_str() : TextOrEmpty(metaIn->path));
+                   path.Or(TextOrEmpty(metaIn->path)));
     return ORVEX_CACHE_NOT_INITIALISED;
   }
-  return Calculate(metaIn, metaOut, ctx, ownPath);
+  return Calculate(metaIn, metaOut, ctx, path);
 }
 
 void LRUCache::WaitUntilFree(const std::string& path) {
@@ -158,32 +145,30 @@ void LRUCache::WaitUntilFree(const std::string& path) {
 }
 
 int LRUCache::Calculate(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx,
-                        const std::string* ownPath) {
-  // A copy: the host may change its record meanwhile.
-  std::string copy;
-  const std::string& path = ownPath != nullptr ? *ownPath : copy;
+                        KeptText& keptPath) {
   bool marked = false;
   try {
-    if (ownPath == nullptr) copy = TextOrEmpty(metaIn->path);
-    marked = MarkAsCalculating(calHashSet, path);
+    keptPath.Keep(TextOrEmpty(metaIn->path));
+    marked = MarkAsCalculating(calHashSet, keptPath.Or(nullptr));
   } catch (const std::exception&) {
     return ORVEX_NO_MEMORY;
   }
+  const char* const path = keptPath.Or(nullptr);
   const LeavePathOnReturn leave(calHashSet, path, marked);
   if (marked) {
     ORVEX_LOG_FROM(ORVEX_LOG_DEBUG, kFunction, kLRUCacheSourceFile,
-                   "[CalHashSet] Insert CalHashSet succeed: %s", path.c_str());
+                   "[CalHashSet] Insert CalHashSet succeed: %s", path);
   } else {
     // Another thread got in between. This one calculates as well: answering twice
     // is better than starting to wait anew.
     ORVEX_LOG_FROM(ORVEX_LOG_DEBUG, kFunction, kLRUCacheSourceFile,
-                   "[CalHashSet] Insert CalHashSet failed: %s", path.c_str());
+                   "[CalHashSet] Insert CalHashSet failed: %s", path);
   }
   int code;
   {
     const ORVEX_ProfilingScope profiling("LRUCache::MetaQueryCallback");
     ORVEX_LOG_FROM(ORVEX_LOG_DEBUG, kFunction, kLRUCacheSourceFile,
-                   "Calling query callback for file %s", path.c_str());
+                   "Calling query callback for file %s", path);
     const ORVEX_CountAtEnd count{&metrics.numOfHelpFuncCalled};
     code = AskHost(metaIn, metaOut, ctx);
   }

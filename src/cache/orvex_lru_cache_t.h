@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <exception>
 #include <memory>
+#include <new>
 
 #include "cache/orvex_lru_cache_entries.h"
 #include "cache/orvex_lru_cache_text.h"
@@ -39,7 +40,7 @@ struct ORVEX_LOCAL ORVEX_CountAtEnd {
 // host's callback and the counters. What a lookup, a query and an eviction mean
 // is the subclass's.
 //
-// Key:     made from a metadata_input_s&, copied, ordered by operator<, Dump().
+// Key:     made from a metadata_input_s&, Read(), converts to an LRUCacheKeyView.
 // Node:    made from and SetDataToCacheNode(metadata_input_s&,
 //          metadata_output_s&), members mapEntry (an LRUCacheSlot) and path, Dump().
 // Metrics: a plain record of 64-bit counters, each aligned to 8.
@@ -99,7 +100,15 @@ class ORVEX_API LRUCacheT {
   // IsInit without the lock, for the way of every query: an answer either way is
   // right for a call that meets a start or a stop.
   ORVEX_LOCAL bool IsActive() const { return ORVEX_LoadRelaxed(active); }
-  ORVEX_LOCAL void InsertNew(Key& key, std::unique_ptr<Node> node) ORVEX_REQUIRES(lock);
+  // None in slot 0.
+  ORVEX_LOCAL Node* NodeIn(LRUCacheSlot slot) const ORVEX_REQUIRES(lock) {
+    return slot != 0 ? static_cast<Node*>(entries_.NodeIn(slot)) : nullptr;
+  }
+  // The node under an equivalent key, or null. Throws std::bad_alloc, and then nothing has
+  // changed.
+  ORVEX_LOCAL Node* Find(const LRUCacheKeyView& key) ORVEX_REQUIRES(lock) {
+    return NodeIn(entries_.Find(key));
+  }
   // What LRUCacheNodeWipe does; counts each node in wipeOuts.
   ORVEX_LOCAL void EvictBeyondCapacity(long long volatile* wipeOuts) ORVEX_REQUIRES(lock);
   ORVEX_LOCAL void ZeroMetrics() ORVEX_REQUIRES(lock);
@@ -107,22 +116,31 @@ class ORVEX_API LRUCacheT {
   ORVEX_LOCAL int AskHost(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx)
       ORVEX_EXCLUDES(lock);
 
-  LRUCacheEntries<Key, Node> entries_ ORVEX_GUARDED_BY(lock);
+  LRUCacheEntries entries_ ORVEX_GUARDED_BY(lock){sizeof(Node)};
   // On its own cache line: waiters poll it.
-  [[maybe_unused]] ORVEX_RestOfCacheLine<sizeof(void*) + sizeof(LRUCacheEntries<Key, Node>)>
-      beforeLock_;
-  mutable ORVEX_PThread_Lock lock;
-  [[maybe_unused]] ORVEX_CacheLineGap afterLock_;
+  alignas(kCacheLineBytes) mutable ORVEX_PThread_Lock lock;
   // From InitLRUCache to DeinitLRUCache. Written under the lock; an atomic, so that
   // a query need not take the lock to read it.
-  bool active = false;
+  alignas(kCacheLineBytes) bool active = false;
   // In nodes. What is beyond it goes in LRUCacheNodeWipe.
   unsigned int capacity ORVEX_GUARDED_BY(lock) = ORVEX_MAX_CAPACITY;
   // Null until registered; survives flush and stop.
   orvex_query_cb queryCallback ORVEX_GUARDED_BY(lock) = nullptr;
-  [[maybe_unused]] ORVEX_CacheLineGap beforeMetrics_;
   // Atomics: counted without the lock by some, zeroed under it.
-  mutable Metrics metrics{};
+  alignas(kCacheLineBytes) mutable Metrics metrics{};
+  // The key of the record under way; its texts' memory serves one record after the other.
+  alignas(kCacheLineBytes) Key key_ ORVEX_GUARDED_BY(lock);
+
+ private:
+  using OwnedNode = std::unique_ptr<Node, void (*)(Node*)>;
+
+  // A node built in the memory of its slot is only destroyed.
+  ORVEX_LOCAL static void End(Node* node) { node->~Node(); }
+  ORVEX_LOCAL static void Delete(Node* node) { delete node; }
+  ORVEX_LOCAL OwnedNode Owned(LRUCacheSlot slot) ORVEX_REQUIRES(lock) {
+    return OwnedNode(NodeIn(slot), entries_.IsInPlace(slot) ? End : Delete);
+  }
+  ORVEX_LOCAL void Insert(Key& key, OwnedNode node) ORVEX_REQUIRES(lock);
 };
 
 template <typename Key, typename Node, typename Metrics>
@@ -161,13 +179,16 @@ int LRUCacheT<Key, Node, Metrics>::UpdateCache(metadata_input_s* metaIn,
   if (metaOut == nullptr || metaIn == nullptr) return ORVEX_INVALID_PARAMETER;
   const ORVEX_ScopeLock guard(&lock);
   try {
-    Key key(*metaIn);
-    if (Node* cached = entries_.Find(key)) {
+    key_.Read(*metaIn);
+    if (const LRUCacheSlot slot = entries_.Find(key_); slot != 0) {
+      Node* const cached = NodeIn(slot);
+      // The key shares the text that is about to change.
+      if (cached->path != TextOrEmpty(metaIn->path)) entries_.CopyText(slot);
       cached->SetDataToCacheNode(*metaIn, *metaOut);
-      LRUCacheNodeUpdate(key, cached, LRU_UPDATE);
+      LRUCacheNodeUpdate(key_, cached, LRU_UPDATE);
       return ORVEX_OK;
     }
-    InsertNew(key, std::make_unique<Node>(*metaIn, *metaOut));
+    Insert(key_, OwnedNode(new (entries_.MemoryForNode()) Node(*metaIn, *metaOut), End));
     return ORVEX_OK;
   } catch (const std::exception&) {
     // No memory, or a text longer than a string can be.
@@ -182,11 +203,14 @@ void LRUCacheT<Key, Node, Metrics>::LRUCacheNodeUpdate(Key& key, Node* node,
                                                        LRU_OPERATION operation) {
   if (node == nullptr) return;
   if (operation == LRU_UPDATE) {
-    entries_.MoveToFront(node);
+    entries_.MoveToFront(node->mapEntry);
     ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile, "Cache node updated: path=%s",
                       node->path.c_str());
   } else if (operation == LRU_INSERT) {
-    entries_.Insert(key, node);
+    LRUCacheKeyView view(key);
+    const bool sharesText = node->path == view.path;
+    if (sharesText) view.path = node->path.c_str();
+    node->mapEntry = entries_.Insert(view, node, !sharesText);
     ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile, "Insert new cache node: path=%s",
                       node->path.c_str());
   }
@@ -195,7 +219,9 @@ void LRUCacheT<Key, Node, Metrics>::LRUCacheNodeUpdate(Key& key, Node* node,
 template <typename Key, typename Node, typename Metrics>
 int LRUCacheT<Key, Node, Metrics>::FlushCache() {
   const ORVEX_ScopeLock guard(&lock);
-  entries_.Clear([](const Node* node) { delete node; });
+  entries_.ForgetKeys();
+  for (LRUCacheSlot slot = entries_.After(0); slot != 0; slot = entries_.After(slot)) Owned(slot);
+  entries_.Clear();
   return ORVEX_OK;
 }
 
@@ -218,14 +244,16 @@ template <typename Key, typename Node, typename Metrics>
 void LRUCacheT<Key, Node, Metrics>::DumpCacheMap() const {
   ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile, "CacheMap.size=%u",
                     static_cast<unsigned int>(entries_.EntryCount()));
-  entries_.ForEachKey([](const Key& key) { key.Dump(); });
+  for (const LRUCacheSlot slot : entries_.InOrderOfKeys()) entries_.KeyIn(slot).Dump();
 }
 
 template <typename Key, typename Node, typename Metrics>
 void LRUCacheT<Key, Node, Metrics>::DumpCacheNodeList() const {
   ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile, "CacheNodeList.size=%u",
                     static_cast<unsigned int>(entries_.Size()));
-  entries_.ForEachNode([](const Node* node) { node->Dump(); });
+  for (LRUCacheSlot slot = entries_.After(0); slot != 0; slot = entries_.After(slot)) {
+    NodeIn(slot)->Dump();
+  }
 }
 
 template <typename Key, typename Node, typename Metrics>
@@ -257,13 +285,13 @@ void LRUCacheT<Key, Node, Metrics>::RegisterMetaQueryCallback(orvex_query_cb cal
 }
 
 template <typename Key, typename Node, typename Metrics>
-void LRUCacheT<Key, Node, Metrics>::InsertNew(Key& key, std::unique_ptr<Node> node) {
+void LRUCacheT<Key, Node, Metrics>::Insert(Key& key, OwnedNode node) {
   // Once inserted it is the cache's, also when a log callback ends the thread.
   Node* const inserted = node.release();
   try {
     LRUCacheNodeUpdate(key, inserted, LRU_INSERT);
   } catch (const std::bad_alloc&) {
-    delete inserted;
+    node.reset(inserted);
     throw;
   }
   LRUCacheNodeWipe();
@@ -274,7 +302,7 @@ void LRUCacheT<Key, Node, Metrics>::EvictBeyondCapacity(long long volatile* wipe
   while (entries_.Size() > capacity) {
     ORVEX_LOG_FROM(ORVEX_LOG_DEBUG, "LRUCacheNodeWipe", kLRUCacheSourceFile,
                    "Reach max cache capacity, start to remove oldest one");
-    const std::unique_ptr<const Node> oldest(entries_.RemoveOldest());
+    const OwnedNode oldest = Owned(entries_.RemoveOldest());
     oldest->Dump();
     ORVEX_atomic_increment_64(wipeOuts);
   }

@@ -1,12 +1,36 @@
 // What the files of the caches share when they read and log the host's records.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <cstring>
+#include <memory>
+
+#include "support/orvex_local.h"
 
 // The source-file name that every message of the two caches carries.
 inline constexpr char kLRUCacheSourceFile[] = "orvex_lru_cache";
 
 inline const char* TextOrEmpty(const char* text) { return text != nullptr ? text : ""; }
+
+// A text of the host's, copied once it may go or change. Short ones need no memory.
+class ORVEX_LOCAL KeptText {
+ public:
+  // Keeps the first text it is handed. Throws std::bad_alloc.
+  void Keep(const char* text) {
+    if (kept_ != nullptr) return;
+    const size_t bytes = std::strlen(text) + 1;
+    if (bytes > sizeof short_) long_.reset(new char[bytes]);
+    kept_ = static_cast<const char*>(std::memcpy(long_ ? long_.get() : short_, text, bytes));
+  }
+  // What is kept, or the other text while nothing is.
+  const char* Or(const char* other) const { return kept_ != nullptr ? kept_ : other; }
+
+ private:
+  const char* kept_ = nullptr;
+  std::unique_ptr<char[]> long_;
+  char short_[256];
+};
 
 // uint64_t is unsigned long on one target and unsigned long long on the other;
 // a format string needs one of them.

@@ -18,16 +18,24 @@ bool ORVEX_Set::PredicateFunc(void* arg) {
   return set->active && set->paths.find(*path) != set->paths.end();
 }
 
-bool ORVEX_Set::Insert(const std::string& path) {
-  if (!paths.insert(path).second) return false;
+bool ORVEX_Set::Insert(const char* path) {
+  if (paths.find(path) != paths.end()) return false;
+  if (spare_.empty()) {
+    paths.emplace(path);
+  } else {
+    spare_.value() = path;
+    paths.insert(std::move(spare_));
+  }
   unsigned int& stripe = stripes_[IndexOf(path)];
   ORVEX_StoreRelease(stripe, stripe + 1);
   ORVEX_StoreRelease(pathCount_, paths.size());
   return true;
 }
 
-bool ORVEX_Set::Erase(const std::string& path) {
-  if (paths.erase(path) == 0) return false;
+bool ORVEX_Set::Erase(const char* path) {
+  const auto found = paths.find(path);
+  if (found == paths.end()) return false;
+  spare_ = paths.extract(found);
   unsigned int& stripe = stripes_[IndexOf(path)];
   ORVEX_StoreRelease(stripe, stripe - 1);
   ORVEX_StoreRelease(pathCount_, paths.size());
@@ -36,6 +44,7 @@ bool ORVEX_Set::Erase(const std::string& path) {
 
 void ORVEX_Set::Clear() {
   paths.clear();
+  spare_ = {};
   for (unsigned int& stripe : stripes_) ORVEX_StoreRelease(stripe, 0U);
   ORVEX_StoreRelease(pathCount_, paths.size());
 }

@@ -50,14 +50,14 @@ class ORVEX_API ORVEX_Set {
   }
   // False when it is there already. Throws std::bad_alloc, and then nothing has
   // changed.
-  ORVEX_LOCAL bool Insert(const std::string& path) ORVEX_REQUIRES(condLock);
+  ORVEX_LOCAL bool Insert(const char* path) ORVEX_REQUIRES(condLock);
   // False when it is not there.
-  ORVEX_LOCAL bool Erase(const std::string& path) ORVEX_REQUIRES(condLock);
+  ORVEX_LOCAL bool Erase(const char* path) ORVEX_REQUIRES(condLock);
   ORVEX_LOCAL void Clear() ORVEX_REQUIRES(condLock);
 
   bool active ORVEX_GUARDED_BY(condLock) = false;  // as long as the cache is
   // Public, but the counts below follow only what Insert, Erase and Clear change.
-  std::set<std::string> paths ORVEX_GUARDED_BY(condLock);
+  std::set<std::string, std::less<>> paths ORVEX_GUARDED_BY(condLock);
   ORVEX_PThread_CondLock condLock;
 
  private:
@@ -70,10 +70,11 @@ class ORVEX_API ORVEX_Set {
     return stripes_[IndexOf(path)];
   }
 
-  [[maybe_unused]] ORVEX_CacheLineGap beforeCounts_;
+  // The path erased last, whose memory serves the next one.
+  std::set<std::string, std::less<>>::node_type spare_ ORVEX_GUARDED_BY(condLock);
   // How many paths there are, and how many with each remainder of their hash: asked by
   // queries that may call the host, so that hardly one takes the lock on account of
   // another's path. Written under condLock.
-  size_t pathCount_ = 0;
+  alignas(kCacheLineBytes) size_t pathCount_ = 0;
   unsigned int stripes_[kStripes] = {};
 };

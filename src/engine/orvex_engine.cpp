@@ -9,10 +9,8 @@
 
 #include "cache/orvex_caches.h"
 #include "support/orvex_config.h"
-#include "support/orvex_drain.h"
 #include "support/orvex_log.h"
 #include "support/orvex_profiling.h"
-#include "support/orvex_scope_ref_cnt.h"
 
 template class ORVEX_Singleton<ORVEX_ENGINE>;
 
@@ -97,7 +95,7 @@ int ORVEX_ENGINE::Init(metadata_query_fptrs_s* fptrs) {
   TypeCache().RegisterMetaQueryCallback(fptrs->fileTypeQueryCallback);
   ORVEX_StoreRelaxed(inited, true);
   // Calls that came too early, or outlived an earlier stop, are not counted.
-  ORVEX_StoreRelaxed(refCount, 0);
+  refCount.SetToZero();
   ORVEX_LOG_MESSAGE(ORVEX_LOG_INFO, kEngineSourceFile, "Kelda Inventory Engine init successfully");
   return ORVEX_OK;
 }
@@ -113,8 +111,7 @@ int ORVEX_ENGINE::Deinit() {
   // Before the wait: threads that sleep in a cache leave only once it stops.
   HashCache().DeinitLRUCache();
   TypeCache().DeinitLRUCache();
-  ORVEX_DrainCalls(&refCount, "Kelda Inventory Engine deinit", __LINE__, __func__,
-                   kEngineSourceFile);
+  refCount.Drain("Kelda Inventory Engine deinit", __LINE__, __func__, kEngineSourceFile);
   ORVEX_LOG_MESSAGE(ORVEX_LOG_WARNING, kEngineSourceFile,
                     "Kelda Inventory Engine deinit successfully");
   return ORVEX_OK;
@@ -126,14 +123,14 @@ bool ORVEX_ENGINE::IsInit() const {
 }
 
 int ORVEX_ENGINE::GetStatus() {
-  const ORVEX_ScopeRefCnt inFlight(&refCount);
+  const ORVEX_CallsInFlight::Scope inFlight(refCount);
   return IsInit() ? ORVEX_INITIALISED : ORVEX_NOT_INITIALISED;
 }
 
 int ORVEX_ENGINE::Query(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx) {
-  const ORVEX_ScopeRefCnt inFlight(&refCount);
+  const ORVEX_CallsInFlight::Scope inFlight(refCount);
   const ORVEX_ProfilingScope profiling("ORVEX_ENGINE::Query");
-  if (!IsInit()) return ORVEX_NOT_INITIALISED;
+  if (!ORVEX_LoadRelaxed(inited)) return ORVEX_NOT_INITIALISED;
   if (metaOut == nullptr || metaIn == nullptr) {
     ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kEngineSourceFile,
                       "Invalid parameter: metaIn=0x%08x, metaOut=0x%08x", Low32Bits(metaIn),
@@ -166,7 +163,7 @@ int ORVEX_ENGINE::GetMetrics(orvex_metrics_s& metrics, unsigned int size,
 
 int ORVEX_ENGINE::GetMetrics(orvex_metrics_s* metrics, unsigned int size,
                              unsigned int* outSize) const {
-  const ORVEX_ScopeRefCnt inFlight(&refCount);
+  const ORVEX_CallsInFlight::Scope inFlight(refCount);
   const ORVEX_ProfilingScope profiling("ORVEX_ENGINE::GetMetrics");
   if (!IsInit()) return ORVEX_NOT_INITIALISED;
   if (size == 0) {
@@ -217,7 +214,7 @@ void ORVEX_ENGINE::DumpMetrics() const {
 }
 
 int ORVEX_ENGINE::ResetMetrics() {
-  const ORVEX_ScopeRefCnt inFlight(&refCount);
+  const ORVEX_CallsInFlight::Scope inFlight(refCount);
   if (!IsInit()) return ORVEX_NOT_INITIALISED;
   HashCache().ResetMetrics();
   TypeCache().ResetMetrics();

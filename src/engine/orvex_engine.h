@@ -4,6 +4,7 @@
 #include "orvexeng.h"
 #include "support/orvex_annotations.h"
 #include "support/orvex_atomic.h"
+#include "support/orvex_calls_in_flight.h"
 #include "support/orvex_local.h"
 #include "support/orvex_lock.h"
 #include "support/orvex_singleton.h"
@@ -19,8 +20,8 @@
 // Ownership: none; the caches are singletons of their own.
 // Threads: any number at once; Init and Deinit one at a time.
 // Locking: lock orders nothing. It is taken and released again where a state is
-// read or about to change. inited and refCount are relaxed cells: what protects
-// a running query from Deinit is the count.
+// about to change or asked for by itself. inited is a relaxed cell: what protects a
+// running query from Deinit is the count.
 class ORVEX_API ORVEX_ENGINE {
  public:
   ORVEX_ENGINE();
@@ -33,7 +34,7 @@ class ORVEX_API ORVEX_ENGINE {
   int Deinit() ORVEX_EXCLUDES(lock);
   bool IsInit() const ORVEX_EXCLUDES(lock);
   int GetStatus() ORVEX_EXCLUDES(lock);
-  int Query(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx) ORVEX_EXCLUDES(lock);
+  int Query(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx);
   int GetMetrics(orvex_metrics_s& metrics, unsigned int size, unsigned int& outSize) const
       ORVEX_EXCLUDES(lock);
   // For callers that may not have a record: pointers can be null, references
@@ -47,12 +48,9 @@ class ORVEX_API ORVEX_ENGINE {
   ORVEX_LOCAL void PassLock() const ORVEX_EXCLUDES(lock);
 
   mutable ORVEX_PThread_Lock lock;
-  [[maybe_unused]] ORVEX_CacheLineGap afterLock_;
-  bool inited = false;
-  [[maybe_unused]] ORVEX_CacheLineGap beforeRefCount_;
+  alignas(kCacheLineBytes) bool inited = false;
   // Threads inside Query, GetMetrics, ResetMetrics or GetStatus.
-  mutable int volatile refCount = 0;
-  [[maybe_unused]] ORVEX_CacheLineGap afterRefCount_;
+  mutable ORVEX_CallsInFlight refCount;
 };
 
 extern template class ORVEX_Singleton<ORVEX_ENGINE>;

@@ -2,22 +2,12 @@
 #pragma once
 
 #include <cstddef>
-#include <type_traits>
 
 #include "orvexeng.h"
 
+// What different threads write stands on lines of its own: they would otherwise travel
+// between processors together.
 constexpr size_t kCacheLineBytes = 64;
-
-// Keeps what stands before it and what stands behind it on different cache lines: cells
-// that different threads write would otherwise travel between processors together. A
-// gap, not an alignment, which would ask more of memory than operator new gives. Nobody
-// reads it, and so nobody writes it.
-using ORVEX_CacheLineGap = std::aligned_storage_t<kCacheLineBytes, 1>;
-
-// The same for an object that begins with a line, after so many bytes of it: what
-// stands behind begins the next line.
-template <size_t kBytes>
-using ORVEX_RestOfCacheLine = std::aligned_storage_t<kCacheLineBytes - kBytes % kCacheLineBytes, 1>;
 
 // The counters of the library are plain cells, so that records and classes keep
 // their layout; whoever touches one goes through these functions.

@@ -30,8 +30,7 @@ class ORVEX_API ORVEX_Singleton {
 
 template <typename T>
 T* ORVEX_Singleton<T>::GetInstance() {
-  // The gaps in T that fill up a cache line count on T beginning one.
-  alignas(kCacheLineBytes) static T instance = Built();
+  static T instance = Built();
   return &instance;
 }
 

@@ -96,7 +96,19 @@ void* operator new(size_t size, const std::nothrow_t&) noexcept { return Allocat
 
 void* operator new[](size_t size, const std::nothrow_t&) noexcept { return Allocate(size); }
 
+void* operator new(size_t size, std::align_val_t alignment) {
+  void* const memory =
+      AllocationFails() ? nullptr : std::aligned_alloc(static_cast<size_t>(alignment), size);
+  if (memory == nullptr) throw std::bad_alloc();
+  ++live;
+  return memory;
+}
+
 void operator delete(void* memory) noexcept { Free(memory); }
+
+void operator delete(void* memory, std::align_val_t) noexcept { Free(memory); }
+
+void operator delete(void* memory, size_t, std::align_val_t) noexcept { Free(memory); }
 
 void operator delete[](void* memory) noexcept { Free(memory); }
 

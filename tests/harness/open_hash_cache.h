@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "cache/orvex_lru_cache.h"
+#include "harness/nodes.h"
 #include "harness/records.h"
 
 using Paths = std::vector<std::string>;
@@ -27,10 +28,13 @@ class OpenHashCache : public LRUCache {
   // The paths from the most to the least recently used.
   Paths PathsInOrder() const {
     Paths paths;
-    entries_.ForEachNode([&paths](const LRUCacheNode* node) { paths.push_back(node->path); });
+    for (const LRUCacheNode* node : NodesIn<LRUCacheNode>(entries_)) paths.push_back(node->path);
     return paths;
   }
 
+  LRUCacheNode* Find(const LRUCacheKey& key) {
+    return static_cast<LRUCacheNode*>(entries_.NodeIn(entries_.Find(key)));
+  }
   // Stores an answer and returns the code.
   int Store(metadata_input_s in, metadata_output_s& out) { return UpdateCache(&in, &out); }
   // Stores every digest, filled with 1, under InputFor of the path.

@@ -7,12 +7,17 @@
 #include <vector>
 
 #include "cache/orvex_caches.h"
+#include "harness/nodes.h"
 
 // Opens what subclasses may see. Never made: it only names the members.
 template <typename Key, typename Node, typename Metrics>
 struct OpenedCache : LRUCacheT<Key, Node, Metrics> {
   using Cache = LRUCacheT<Key, Node, Metrics>;
   static auto& Entries(Cache& cache) { return cache.*(&OpenedCache::entries_); }
+  static Node* Find(Cache& cache, const Key& key) {
+    auto& entries = Entries(cache);
+    return static_cast<Node*>(entries.NodeIn(entries.Find(key)));
+  }
   static auto& Lock(Cache& cache) { return cache.*(&OpenedCache::lock); }
   static bool IsActive(Cache& cache) { return cache.*(&OpenedCache::active); }
   static auto& Capacity(Cache& cache) { return cache.*(&OpenedCache::capacity); }
@@ -34,26 +39,23 @@ std::string BrokenInvariant(LRUCacheT<Key, Node, Metrics>& cache, bool mixedMask
   using Opened = OpenedCache<Key, Node, Metrics>;
   const ORVEX_ScopeLock guard(&Opened::Lock(cache));
   auto& entries = Opened::Entries(cache);
-  std::vector<const Node*> nodes;
-  entries.ForEachNode([&nodes](const Node* node) { nodes.push_back(node); });
+  auto nodes = NodesIn<Node>(entries);
   if (nodes.size() != entries.Size()) return "another number of nodes than is told";
   if (nodes.size() > Opened::Capacity(cache)) return "more nodes than the capacity";
   std::sort(nodes.begin(), nodes.end(), std::less<>());
   if (!nodes.empty() && nodes.front() == nullptr) return "a null node";
   if (std::adjacent_find(nodes.begin(), nodes.end()) != nodes.end()) return "a node twice";
-  std::vector<const Key*> keys;
-  entries.ForEachKey([&keys](const Key& key) { keys.push_back(&key); });
-  if (keys.size() != entries.EntryCount()) return "another number of keys than is told";
-  if (mixedMasks) return keys.size() > nodes.size() ? "more keys than nodes" : "";
-  if (keys.size() != nodes.size()) return "a node without an entry of its own";
-  for (const Key* key : keys) {
-    const Node* const found = entries.Find(*key);
-    if (!std::binary_search(nodes.begin(), nodes.end(), found, std::less<>())) {
-      return "a key that leads to no node";
-    }
-    if (&entries.KeyOf(found) != key) return "a key that leads to another's node";
-    if (!entries.HasEntry(found)) return "a node that forgot its entry";
+  size_t keys = 0;
+  for (const LRUCacheSlot slot : entries.InOrderOfKeys()) {
+    ++keys;
+    if (mixedMasks) continue;
+    if (entries.Find(entries.KeyIn(slot)) != slot) return "a key that leads to another slot";
+    if (!entries.HasEntry(slot)) return "a slot that forgot its entry";
+    if (static_cast<const Node*>(entries.NodeIn(slot))->mapEntry != slot) return "a node elsewhere";
   }
+  if (keys != entries.EntryCount()) return "another number of keys than is told";
+  if (keys > nodes.size()) return "more keys than nodes";
+  if (!mixedMasks && keys != nodes.size()) return "a node without an entry of its own";
   return "";
 }
 
@@ -69,7 +71,7 @@ inline std::string BrokenInvariantOfIdleCaches(bool mixedMasks = false) {
   ORVEX_Set& set = OpenedHashCache::Set(HashCache());
   const ORVEX_ScopeLock guard(&set.condLock);
   if (!set.paths.empty()) return "still being calculated: " + *set.paths.begin();
-  const int inside = ORVEX_atomic_read_32(&OpenedHashCache::ThreadsInside(HashCache()));
+  const int inside = OpenedHashCache::ThreadsInside(HashCache()).Sum();
   if (inside != 0) return "threads inside the idle hash cache: " + std::to_string(inside);
   return "";
 }

@@ -16,7 +16,6 @@ namespace {
 struct Numbered {
   explicit Numbered(int itsNumber) : number(itsNumber) {}
   int number;
-  LRUCacheSlot mapEntry = 0;
   int entry = 0;  // the model's
 };
 
@@ -27,34 +26,40 @@ class Pair {
 
   // The number of the node found, or 0.
   int Find(metadata_input_s in) {
-    const Numbered* const found = entries_.Find(LRUCacheKey(in));
+    const LRUCacheSlot found = entries_.Find(LRUCacheKeyView(in));
     const Numbered* const expected = model_.Find(ModelKey(in));
-    const int number = found != nullptr ? found->number : 0;
+    const int number = found != 0 ? NodeIn(found)->number : 0;
     CHECK(number == (expected != nullptr ? expected->number : 0));
     return number;
   }
   void Insert(metadata_input_s in) {
     const int number = ++nodes_;
-    entries_.Insert(LRUCacheKey(in), new Numbered(number));
+    // Any node may be built in place or elsewhere, and any key share its text or not.
+    auto* const node =
+        number % 3 == 0 ? new Numbered(number) : new (entries_.MemoryForNode()) Numbered(number);
+    const bool copiesText = number % 2 == 0;
+    const std::string passing(TextOrEmpty(in.path));
+    LRUCacheKeyView key(in);
+    if (copiesText) key.path = passing.c_str();
+    entries_.Insert(key, node, copiesText);
     model_.Insert(ModelKey(in), std::make_unique<Numbered>(number));
   }
   // The node at this place, from the most recently used one.
   void MoveToFront(size_t place) {
-    size_t at = 0;
-    const Numbered* wanted = nullptr;
-    entries_.ForEachNode([&](const Numbered* node) {
-      if (at++ == place) wanted = node;
-    });
-    entries_.MoveToFront(wanted);
+    LRUCacheSlot slot = entries_.After(0);
+    for (size_t at = 0; at < place; ++at) slot = entries_.After(slot);
+    entries_.MoveToFront(slot);
     model_.MoveToFront(model_.nodes[place].get());
   }
   void RemoveOldest() {
-    const std::unique_ptr<const Numbered> removed(entries_.RemoveOldest());
-    CHECK(removed->number == model_.nodes.back()->number);
+    const LRUCacheSlot removed = entries_.RemoveOldest();
+    CHECK(NodeIn(removed)->number == model_.nodes.back()->number);
+    End(removed);
     model_.RemoveOldest();
   }
   void Clear() {
-    entries_.Clear([](const Numbered* node) { delete node; });
+    for (LRUCacheSlot slot = entries_.After(0); slot != 0; slot = entries_.After(slot)) End(slot);
+    entries_.Clear();
     model_.Clear();
   }
   size_t Size() const { return entries_.Size(); }
@@ -62,15 +67,17 @@ class Pair {
   void CheckThatAllIsTheSame() {
     REQUIRE(entries_.Size() == model_.nodes.size());
     std::vector<std::string> recency, expectedRecency, keys, expectedKeys;
-    entries_.ForEachNode([&](const Numbered* node) {
-      recency.push_back(std::to_string(node->number) + (entries_.HasEntry(node) ? "" : "-"));
-    });
+    for (LRUCacheSlot slot = entries_.After(0); slot != 0; slot = entries_.After(slot)) {
+      recency.push_back(std::to_string(NodeIn(slot)->number) +
+                        (entries_.HasEntry(slot) ? "" : "-"));
+    }
     for (const auto& node : model_.nodes) {
       expectedRecency.push_back(std::to_string(node->number) + (node->entry != 0 ? "" : "-"));
     }
-    entries_.ForEachKey([&](const LRUCacheKey& key) {
+    for (const LRUCacheSlot slot : entries_.InOrderOfKeys()) {
+      const LRUCacheKeyView& key = entries_.KeyIn(slot);
       keys.push_back(Told(key.flags, key.path, key.size, key.mtime, key.deviceID, key.fileID));
-    });
+    }
     for (const ModelKey* key : model_.KeysInOrder()) {
       expectedKeys.push_back(Told(key->flags, key->path, key->numbers[0], key->numbers[1],
                                   key->numbers[2], key->numbers[3]));
@@ -86,7 +93,12 @@ class Pair {
     return path + ((" " + std::to_string(numbers)) + ...) + " " + std::to_string(flags);
   }
 
-  LRUCacheEntries<LRUCacheKey, Numbered> entries_;
+  Numbered* NodeIn(LRUCacheSlot slot) { return static_cast<Numbered*>(entries_.NodeIn(slot)); }
+  void End(LRUCacheSlot slot) {
+    if (!entries_.IsInPlace(slot)) delete NodeIn(slot);
+  }
+
+  LRUCacheEntries entries_{sizeof(Numbered)};
   ModelCache<Numbered> model_;
   int nodes_ = 0;
 };
@@ -198,21 +210,19 @@ TEST_CASE("keys are found across the end of the index") {
 }
 
 TEST_CASE("as many nodes as there are slots can be in, and one more is refused") {
-  LRUCacheEntries<LRUCacheKey, Numbered> entries;
-  std::vector<std::unique_ptr<Numbered>> nodes;
+  LRUCacheEntries entries(0);
   metadata_input_s in = InputFor("/a");
-  int refused = 0;
-  for (uint64_t i = 0; i < 8192; ++i) {
-    nodes.push_back(std::make_unique<Numbered>(1));
+  size_t refused = 0;
+  for (uint64_t i = 0; i < LRUCacheIndex::kSlots; ++i) {
     in.size = i;
     try {
-      entries.Insert(LRUCacheKey(in), nodes.back().get());
+      entries.Insert(LRUCacheKeyView(in), nullptr, false);
     } catch (const std::bad_alloc&) {
       ++refused;
     }
   }
   CHECK(refused == 1);
-  CHECK(entries.Size() == 8191);
-  in.size = 8190;
-  CHECK(entries.Find(LRUCacheKey(in)) == nodes[8190].get());
+  CHECK(entries.Size() == LRUCacheIndex::kSlots - 1);
+  in.size = LRUCacheIndex::kSlots - 2;
+  CHECK(entries.Find(LRUCacheKeyView(in)) != 0);
 }

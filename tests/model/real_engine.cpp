@@ -79,14 +79,15 @@ void LookInto(LRUCacheT<Key, Node, Metrics>& cache, CacheState& state) {
   state.active = Opened::IsActive(cache);
   state.capacity = Opened::Capacity(cache);
   state.nodes.clear();
-  entries.ForEachNode([&](const auto* node) {
+  for (const Node* node : NodesIn<Node>(entries)) {
     state.nodes.push_back(StateOf(*node));
-    state.nodes.back().hasEntry = entries.HasEntry(node);
-  });
+    state.nodes.back().hasEntry = entries.HasEntry(node->mapEntry);
+  }
   state.keys.clear();
-  entries.ForEachKey([&](const LRUCacheKey& key) {
+  for (const LRUCacheSlot slot : entries.InOrderOfKeys()) {
+    const LRUCacheKeyView& key = entries.KeyIn(slot);
     state.keys.push_back({key.flags, key.path, key.size, key.mtime, key.deviceID, key.fileID});
-  });
+  }
 }
 
 }  // namespace
@@ -171,7 +172,7 @@ void RealEngine::Look(EngineState& state) {
 void RealEngine::LookAtCalls(CallState& state) {
   LRUCache& hash = HashCache();
   const ORVEX_Set& set = OpenedHashCache::Set(hash);
-  state.threads = OpenedHashCache::ThreadsInside(hash);
+  state.threads = OpenedHashCache::ThreadsInside(hash).Sum();
   state.setActive = set.active;
   state.pathsBeingCalculated.assign(set.paths.begin(), set.paths.end());
 }

@@ -1,0 +1,316 @@
+// What a cache holds: which keys, a node for each, and how recently each was used.
+#include "cache/orvex_lru_cache_entries.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <new>
+#include <set>
+#include <utility>
+
+namespace {
+
+constexpr size_t kSlots = LRUCacheIndex::kSlots;
+constexpr size_t kChunk = 64;
+
+}  // namespace
+
+// What a slot's memory begins with; the memory for its node follows.
+struct LRUCacheEntries::Place {
+  LRUCacheKeyView key;
+  void* node;
+  uint64_t insertion;  // grows from one to the next
+};
+
+struct LRUCacheEntries::Tables {
+  struct Link {
+    LRUCacheSlot previous;
+    LRUCacheSlot next;  // of a free slot: the next free one
+    LRUCacheSlot entry;
+    bool ownsText;  // of its key
+  };
+  std::array<Link, kSlots> links{};  // 0 begins and ends the ring
+  LRUCacheIndex index;
+  std::array<std::unique_ptr<unsigned char[]>, kSlots / kChunk> chunks;
+  std::array<LRUCacheSlot, kSlots> sorted{};  // so that sorting needs no memory
+};
+
+// Compares slots by their keys, with each other and with any key.
+struct LRUCacheEntries::Before {
+  using is_transparent = void;
+  const LRUCacheEntries* entries;
+
+  bool operator()(LRUCacheSlot left, LRUCacheSlot right) const {
+    return entries->KeyIn(left) < entries->KeyIn(right);
+  }
+  bool operator()(const LRUCacheKeyView& left, LRUCacheSlot right) const {
+    return left < entries->KeyIn(right);
+  }
+  bool operator()(LRUCacheSlot left, const LRUCacheKeyView& right) const {
+    return entries->KeyIn(left) < right;
+  }
+};
+
+// Mixed keys cannot be searched for where they are.
+struct LRUCacheEntries::OrderedView {
+  using Set = std::set<LRUCacheSlot, Before>;
+  explicit OrderedView(Before before) : slots(before) {}
+  Set slots;
+  std::array<Set::const_iterator, kSlots> positions{};
+};
+
+LRUCacheEntries::LRUCacheEntries(size_t nodeBytes) : placeBytes_(sizeof(Place) + nodeBytes) {}
+
+LRUCacheEntries::~LRUCacheEntries() { Clear(); }
+
+LRUCacheEntries::Place& LRUCacheEntries::PlaceOf(LRUCacheSlot slot) const {
+  unsigned char* const chunk = tables_->chunks[slot / kChunk].get();
+  return *std::launder(reinterpret_cast<Place*>(chunk + slot % kChunk * placeBytes_));
+}
+
+bool LRUCacheEntries::HasEntry(LRUCacheSlot slot) const { return tables_->links[slot].entry != 0; }
+
+void* LRUCacheEntries::NodeIn(LRUCacheSlot slot) const { return PlaceOf(slot).node; }
+
+bool LRUCacheEntries::IsInPlace(LRUCacheSlot slot) const {
+  return NodeIn(slot) == &PlaceOf(slot) + 1;
+}
+
+const LRUCacheKeyView& LRUCacheEntries::KeyIn(LRUCacheSlot slot) const { return PlaceOf(slot).key; }
+
+LRUCacheSlot LRUCacheEntries::After(LRUCacheSlot slot) const {
+  return tables_ != nullptr ? tables_->links[slot].next : LRUCacheSlot{0};
+}
+
+LRUCacheEntries::Slots LRUCacheEntries::InOrderOfKeys() const {
+  if (view_ == nullptr) return EntriesBy(Before{this});
+  LRUCacheSlot* const begin = tables_->sorted.data();
+  return {begin, std::copy(view_->slots.begin(), view_->slots.end(), begin)};
+}
+
+LRUCacheSlot LRUCacheEntries::Find(const LRUCacheKeyView& key) {
+  if (entryCount_ == 0) return 0;
+  return IndexAnswers(key) ? FindInIndex(key) : FindInView(key);
+}
+
+void* LRUCacheEntries::MemoryForNode() { return &PlaceOf(FreeSlot()) + 1; }
+
+LRUCacheSlot LRUCacheEntries::Insert(const LRUCacheKeyView& key, void* node, bool copiesText) {
+  const LRUCacheSlot slot = FreeSlot();
+  new (&PlaceOf(slot)) Place{key, node, ++insertions_};
+  Tables::Link& link = tables_->links[slot];
+  const LRUCacheSlot nextFree = link.next;
+  link.ownsText = false;
+  if (copiesText) CopyText(slot);
+  try {
+    link.entry = Enter(slot);
+  } catch (...) {
+    FreeText(slot);
+    throw;
+  }
+  if (slot == freeSlot_) {
+    freeSlot_ = nextFree;
+  } else {
+    lastSlot_ = slot;
+  }
+  LinkFirst(slot);
+  ++size_;
+  return slot;
+}
+
+void LRUCacheEntries::CopyText(LRUCacheSlot slot) {
+  if (tables_->links[slot].ownsText) return;
+  const char*& text = PlaceOf(slot).key.path;
+  const size_t bytes = std::strlen(text) + 1;
+  text = static_cast<const char*>(std::memcpy(new char[bytes], text, bytes));
+  tables_->links[slot].ownsText = true;
+}
+
+void LRUCacheEntries::MoveToFront(LRUCacheSlot slot) {
+  Unlink(slot);
+  LinkFirst(slot);
+}
+
+LRUCacheSlot LRUCacheEntries::RemoveOldest() {
+  const LRUCacheSlot slot = tables_->links[0].previous;
+  if (HasEntry(slot)) RemoveEntry(tables_->links[slot].entry);
+  FreeText(slot);
+  Unlink(slot);
+  tables_->links[slot].next = std::exchange(freeSlot_, slot);
+  --size_;
+  return slot;
+}
+
+void LRUCacheEntries::ForgetKeys() {
+  for (LRUCacheSlot slot = After(0); slot != 0; slot = After(slot)) {
+    FreeText(slot);
+    tables_->links[slot].entry = 0;
+  }
+  entryCount_ = 0;
+  isIndexed_ = false;
+  ForgetOrder();
+}
+
+void LRUCacheEntries::Clear() {
+  ForgetKeys();
+  tables_.reset();
+  size_ = freeSlot_ = lastSlot_ = 0;
+}
+
+// A slot to take, with memory behind it.
+LRUCacheSlot LRUCacheEntries::FreeSlot() {
+  if (tables_ == nullptr) tables_.reset(new Tables);
+  if (freeSlot_ != 0) return freeSlot_;
+  const size_t slot = size_t{lastSlot_} + 1;
+  if (slot == kSlots) throw std::bad_alloc();
+  std::unique_ptr<unsigned char[]>& chunk = tables_->chunks[slot / kChunk];
+  if (chunk == nullptr) chunk.reset(new unsigned char[kChunk * placeBytes_]);
+  return static_cast<LRUCacheSlot>(slot);
+}
+
+void LRUCacheEntries::LinkFirst(LRUCacheSlot slot) {
+  auto& links = tables_->links;
+  links[slot].previous = 0;
+  links[slot].next = links[0].next;
+  links[links[0].next].previous = slot;
+  links[0].next = slot;
+}
+
+void LRUCacheEntries::Unlink(LRUCacheSlot slot) {
+  auto& links = tables_->links;
+  links[links[slot].previous].next = links[slot].next;
+  links[links[slot].next].previous = links[slot].previous;
+}
+
+void LRUCacheEntries::FreeText(LRUCacheSlot slot) {
+  if (std::exchange(tables_->links[slot].ownsText, false)) delete[] KeyIn(slot).path;
+}
+
+// The entry that the slot is in from here on: its own, or that of an equivalent key.
+// Throws std::bad_alloc, and then no entry has changed.
+LRUCacheSlot LRUCacheEntries::Enter(LRUCacheSlot slot) {
+  const LRUCacheKeyView& key = KeyIn(slot);
+  if (entryCount_ == 0) fields_ = key.Fields();
+  bool inIndex = IndexAnswers(key);
+  if (inIndex) {
+    if (const LRUCacheSlot equal = FindInIndex(key); equal != 0) return equal;
+  } else {
+    MixKeys(key);
+    if (view_ == nullptr) view_ = MakeView();
+  }
+  if (view_ != nullptr) {
+    if (const LRUCacheSlot equal = EnterView(slot); equal != slot) return equal;
+  }
+  if (inIndex && !EnterIndex(slot)) {
+    if (view_ == nullptr) {
+      view_ = MakeView();
+      EnterView(slot);
+    }
+    inIndex = false;
+  }
+  isIndexed_ = inIndex;
+  ++entryCount_;
+  return slot;
+}
+
+void LRUCacheEntries::RemoveEntry(LRUCacheSlot entry) {
+  if (isIndexed_) tables_->index.Remove(entry);
+  if (view_ != nullptr) view_->slots.erase(view_->positions[entry]);
+  // Some node is in no entry of its own. Those that shared this one are in none now.
+  if (entryCount_ != size_) {
+    for (LRUCacheSlot slot = After(0); slot != 0; slot = After(slot)) {
+      if (tables_->links[slot].entry == entry) tables_->links[slot].entry = 0;
+    }
+  }
+  if (--entryCount_ == 0) ForgetOrder();
+}
+
+// Without entries there are no masks, and hashing gets another chance.
+void LRUCacheEntries::ForgetOrder() {
+  view_.reset();
+  if (!isIndexed_ && tables_ != nullptr) tables_->index = {};
+  isIndexed_ = true;
+  hashesPaths_ = isMixed_ = false;
+}
+
+template <typename Order>
+LRUCacheEntries::Slots LRUCacheEntries::EntriesBy(const Order& before) const {
+  if (size_ == 0) return {nullptr, nullptr};
+  LRUCacheSlot* const begin = tables_->sorted.data();
+  LRUCacheSlot* end = begin;
+  for (LRUCacheSlot slot = After(0); slot != 0; slot = After(slot)) {
+    if (tables_->links[slot].entry == slot) *end++ = slot;
+  }
+  std::sort(begin, end, before);
+  return {begin, end};
+}
+
+LRUCacheEntries::Slots LRUCacheEntries::EntriesAsTheyCame() const {
+  return EntriesBy([this](LRUCacheSlot left, LRUCacheSlot right) {
+    return PlaceOf(left).insertion < PlaceOf(right).insertion;
+  });
+}
+
+std::unique_ptr<LRUCacheEntries::OrderedView> LRUCacheEntries::MakeView() const {
+  auto view = std::make_unique<OrderedView>(Before{this});
+  for (const LRUCacheSlot slot : EntriesAsTheyCame()) {
+    view->positions[slot] = view->slots.insert(view->slots.begin(), slot);
+  }
+  return view;
+}
+
+// Not inlined: a hit has no use for it.
+__attribute__((noinline)) LRUCacheSlot LRUCacheEntries::FindInView(const LRUCacheKeyView& key) {
+  MixKeys(key);
+  if (view_ == nullptr) view_ = MakeView();
+  const auto found = view_->slots.find(key);
+  return found != view_->slots.end() ? *found : LRUCacheSlot{0};
+}
+
+// The slot itself, or that of an equivalent key, which stays.
+LRUCacheSlot LRUCacheEntries::EnterView(LRUCacheSlot slot) {
+  const auto position = view_->slots.insert(view_->slots.begin(), slot);
+  if (*position == slot) view_->positions[slot] = position;
+  return *position;
+}
+
+// What keys of different masks find depends on the shape of the view. One that colliding
+// keys made earlier remembers what was removed since, so that it is made anew.
+void LRUCacheEntries::MixKeys(const LRUCacheKeyView& key) {
+  if (isMixed_ || key.Fields() == fields_) return;
+  view_ = MakeView();
+  isMixed_ = true;
+}
+
+bool LRUCacheEntries::IndexAnswers(const LRUCacheKeyView& key) const {
+  return isIndexed_ && key.Fields() == fields_;
+}
+
+// The slot whose key is equal, or 0.
+LRUCacheSlot LRUCacheEntries::FindInIndex(const LRUCacheKeyView& key) const {
+  return tables_->index.Find(key.Hash(hashesPaths_), [this, &key](LRUCacheSlot slot) {
+    // While the keys are compared the node is on its way.
+    const auto* const place = reinterpret_cast<const char*>(&PlaceOf(slot));
+    for (size_t at = 64; at < placeBytes_; at += 64) __builtin_prefetch(place + at);
+    return key.Equals(KeyIn(slot));
+  });
+}
+
+// False when too many keys collide, and then nothing has changed.
+bool LRUCacheEntries::EnterIndex(LRUCacheSlot slot) {
+  return tables_->index.Put(KeyIn(slot).Hash(hashesPaths_), slot) ||
+         (!hashesPaths_ && EnterByPaths(slot));
+}
+
+// Many names of one file have all numbers in common; their paths tell them apart.
+bool LRUCacheEntries::EnterByPaths(LRUCacheSlot newSlot) {
+  const std::unique_ptr<LRUCacheIndex> index(new (std::nothrow) LRUCacheIndex);
+  if (index == nullptr) return false;
+  for (const LRUCacheSlot slot : EntriesAsTheyCame()) {
+    if (!index->Put(KeyIn(slot).Hash(true), slot)) return false;
+  }
+  if (!index->Put(KeyIn(newSlot).Hash(true), newSlot)) return false;
+  tables_->index = *index;
+  hashesPaths_ = true;
+  return true;
+}
