@@ -1,5 +1,5 @@
-// The cache of digests, signers and other per-file metadata: lookup and update,
-// lifecycle, counters. Its query stands in orvex_lru_cache_query.cpp.
+// The cache of digests, signers and other per-file metadata: update, lifecycle, counters.
+// Its lookup and query stand in orvex_lru_cache_query.cpp.
 #include "cache/orvex_lru_cache.h"
 
 #include <cstdint>
@@ -12,11 +12,6 @@
 template class LRUCacheT<LRUCacheKey, LRUCacheNode, LRUCacheMetrics_s>;
 template class ORVEX_Singleton<LRUCache>;
 
-namespace {
-// What the messages of a lookup carry.
-constexpr char kLookupFunction[] = "QueryLRUCache";
-}  // namespace
-
 LRUCache::LRUCache() { LRUCache::ResetMetrics(); }
 
 LRUCache::~LRUCache() = default;
@@ -24,10 +19,10 @@ LRUCache::~LRUCache() = default;
 int LRUCache::InitLRUCache() {
   ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile, "Init LRUCache successfully");
   {
-    const ORVEX_ScopeLock guard(&calHashSet.condLock);
+    const ORVEX_MutexGuard guard(&calHashSet.condLock);
     calHashSet.active = true;
   }
-  const ORVEX_ScopeLock guard(&lock);
+  const ORVEX_MutexGuard guard(&lock);
   ORVEX_StoreRelaxed(active, true);
   activeThreads.SetToZero();
   return ORVEX_OK;
@@ -35,12 +30,12 @@ int LRUCache::InitLRUCache() {
 
 int LRUCache::DeinitLRUCache() {
   {
-    const ORVEX_ScopeLock guard(&lock);
+    const ORVEX_MutexGuard guard(&lock);
     ZeroMetrics();
     ORVEX_StoreRelaxed(active, false);
   }
   {
-    const ORVEX_ScopeLock guard(&calHashSet.condLock);
+    const ORVEX_MutexGuard guard(&calHashSet.condLock);
     calHashSet.active = false;
     calHashSet.Clear();
   }
@@ -59,7 +54,7 @@ int LRUCache::DeinitLRUCache() {
 
 int LRUCache::UpdateMetaData(metadata_input_s* metaIn, metadata_output_s* metaOut) {
   const int code = UpdateCache(metaIn, metaOut);
-  const ORVEX_ScopeLock guard(&lock);
+  const ORVEX_MutexGuard guard(&lock);
   ORVEX_atomic_increment_64(code == ORVEX_OK ? &metrics.numOfCacheUpdateMetaDataSuccess
                                              : &metrics.numOfCacheUpdateMetaDataFailure);
   return code;
@@ -117,59 +112,6 @@ void LRUCache::LRUCacheNodeUpdate(LRUCacheKey& key, LRUCacheNode* node, LRU_OPER
   LRUCacheT::LRUCacheNodeUpdate(key, node, operation);
 }
 
-int LRUCache::QueryLRUCache(metadata_input_s* metaIn, metadata_output_s* metaOut) {
-  const ORVEX_ProfilingScope profiling("LRUCache::QueryLRUCache");
-  const ORVEX_ScopeLock guard(&lock);
-  const bool silent = !ORVEX_LOG_BASE::Keeps(ORVEX_LOG_DEBUG) && !ORVEX_ProfilingScope::IsOn();
-  return silent ? LookUp<true>(*metaIn, *metaOut) : LookUp<false>(*metaIn, *metaOut);
-}
-
-template <bool kSilent>
-LRU_LOOKUP LRUCache::LookUp(const metadata_input_s& in, metadata_output_s& out) {
-  LRUCacheNode* node = nullptr;
-  try {
-    if (!kSilent) key_.Read(in);
-    node = Find(LRUCacheKeyView(in));
-  } catch (const std::exception&) {
-    return LRU_NO_MEMORY;
-  }
-  // A log callback may read the counters, so that they are ahead of every line.
-  if (!kSilent) ORVEX_atomic_increment_64(&metrics.Query);
-  if (node == nullptr) {
-    if (kSilent) ORVEX_atomic_increment_64(&metrics.Query);
-    ORVEX_atomic_increment_64(&metrics.Miss);
-    ORVEX_LOG_FROM(ORVEX_LOG_DEBUG, kLookupFunction, kLRUCacheSourceFile,
-                   "Cache query: cache miss, %s", in.path);
-    return LRU_MISS;
-  }
-  if (in.mtime != 0 && in.mtime != node->mtime) {
-    if (kSilent) ORVEX_atomic_increment_64(&metrics.Query);
-    ORVEX_atomic_increment_64(&metrics.OutOfDate);
-    ORVEX_LOG_FROM(ORVEX_LOG_WARNING, kLookupFunction, kLRUCacheSourceFile,
-                   "Cache query: cache out-of-date, (%llu/%llu) %s", PrintableNumber(in.mtime),
-                   PrintableNumber(node->mtime), in.path);
-    return LRU_OUT_OF_DATE;
-  }
-  // Signers that could not be copied leave their bit clear, and the comparison
-  // sees that.
-  node->GetDataFromCacheNode(out);
-  const bool complete = (in.queryFlags & ~out.queryFlags) == 0;
-  long long* const result = complete ? &metrics.Hit : &metrics.PartialHit;
-  if (kSilent) {
-    entries_.MoveToFront(node->mapEntry);
-    // Last: a locked add is a full barrier and would stall the loads that follow.
-    ORVEX_atomic_increment_64(&metrics.Query);
-    ORVEX_atomic_increment_64(result);
-  } else {
-    ORVEX_atomic_increment_64(result);
-    ORVEX_LOG_FROM(ORVEX_LOG_DEBUG, kLookupFunction, kLRUCacheSourceFile,
-                   complete ? "Cache query: cache hits, %s" : "Cache query: cache partial hits, %s",
-                   in.path);
-    LRUCacheNodeUpdate(key_, node, LRU_UPDATE);
-  }
-  return complete ? LRU_HIT : LRU_PARTIAL_HIT;
-}
-
 void LRUCache::LRUCacheNodeWipe() {
   const ORVEX_ProfilingScope profiling("LRUCache::LRUCacheNodeWipe");
   EvictBeyondCapacity(&metrics.WipeOuts);
@@ -177,7 +119,7 @@ void LRUCache::LRUCacheNodeWipe() {
 
 int LRUCache::InsertCacheNode(LRUCacheKey& key, LRUCacheNode* node) {
   if (node == nullptr) return ORVEX_INVALID_PARAMETER;
-  const ORVEX_ScopeLock guard(&lock);
+  const ORVEX_MutexGuard guard(&lock);
   try {
     if (Find(key) != nullptr) return ORVEX_ALREADY_CACHED;
     LRUCacheNodeUpdate(key, node, LRU_INSERT);

@@ -10,6 +10,7 @@
 #include "orvexeng.h"
 #include "support/orvex_calls_in_flight.h"
 #include "support/orvex_local.h"
+#include "support/orvex_profiling.h"
 #include "support/orvex_singleton.h"
 
 // The counters of the hash cache. Each lookup counts in Query and in one of the
@@ -75,16 +76,23 @@ class ORVEX_API LRUCache : public LRUCacheT<LRUCacheKey, LRUCacheNode, LRUCacheM
   mutable ORVEX_CallsInFlight activeThreads;
 
  private:
-  // kSilent: nothing of a hit is logged, so that nobody sees when it counts.
-  template <bool kSilent>
+  // Whether a host may be told of each step.
+  ORVEX_LOCAL static bool Talks() {
+    return ORVEX_ProfilingScope::IsOn() || ORVEX_LOG_BASE::Keeps(ORVEX_LOG_DEBUG);
+  }
+  ORVEX_LOCAL bool MayWait(const metadata_input_s& in) const {
+    return (in.invOperation & INV_CACHE_ONLY) == 0 && calHashSet.MayHold(in.path);
+  }
+  // Without kTalks nothing of a hit is told, so that nobody sees when it counts.
+  template <bool kTalks>
   ORVEX_LOCAL LRU_LOOKUP LookUp(const metadata_input_s& in, metadata_output_s& out)
       ORVEX_REQUIRES(lock);
+  // The query, from its lookup on if there was one.
+  ORVEX_LOCAL int QueryStepByStep(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx,
+                                  int lookup) ORVEX_EXCLUDES(lock);
   // Sleeps while another thread calculates the path, and counts that. Throws
   // std::bad_alloc before anything is done.
   ORVEX_LOCAL void WaitUntilFree(const std::string& path);
-  // What follows a lookup that is no hit.
-  ORVEX_LOCAL int AfterMiss(int lookup, metadata_input_s* metaIn, metadata_output_s* metaOut,
-                            void* ctx, KeptText& path) ORVEX_EXCLUDES(lock);
   ORVEX_LOCAL int Calculate(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx,
                             KeptText& path) ORVEX_EXCLUDES(lock);
 };

@@ -2,38 +2,10 @@
 #include "cache/orvex_lru_cache_entries.h"
 
 #include <algorithm>
-#include <array>
 #include <cstring>
 #include <new>
 #include <set>
 #include <utility>
-
-namespace {
-
-constexpr size_t kSlots = LRUCacheIndex::kSlots;
-constexpr size_t kChunk = 64;
-
-}  // namespace
-
-// What a slot's memory begins with; the memory for its node follows.
-struct LRUCacheEntries::Place {
-  LRUCacheKeyView key;
-  void* node;
-  uint64_t insertion;  // grows from one to the next
-};
-
-struct LRUCacheEntries::Tables {
-  struct Link {
-    LRUCacheSlot previous;
-    LRUCacheSlot next;  // of a free slot: the next free one
-    LRUCacheSlot entry;
-    bool ownsText;  // of its key
-  };
-  std::array<Link, kSlots> links{};  // 0 begins and ends the ring
-  LRUCacheIndex index;
-  std::array<std::unique_ptr<unsigned char[]>, kSlots / kChunk> chunks;
-  std::array<LRUCacheSlot, kSlots> sorted{};  // so that sorting needs no memory
-};
 
 // Compares slots by their keys, with each other and with any key.
 struct LRUCacheEntries::Before {
@@ -63,34 +35,10 @@ LRUCacheEntries::LRUCacheEntries(size_t nodeBytes) : placeBytes_(sizeof(Place) +
 
 LRUCacheEntries::~LRUCacheEntries() { Clear(); }
 
-LRUCacheEntries::Place& LRUCacheEntries::PlaceOf(LRUCacheSlot slot) const {
-  unsigned char* const chunk = tables_->chunks[slot / kChunk].get();
-  return *std::launder(reinterpret_cast<Place*>(chunk + slot % kChunk * placeBytes_));
-}
-
-bool LRUCacheEntries::HasEntry(LRUCacheSlot slot) const { return tables_->links[slot].entry != 0; }
-
-void* LRUCacheEntries::NodeIn(LRUCacheSlot slot) const { return PlaceOf(slot).node; }
-
-bool LRUCacheEntries::IsInPlace(LRUCacheSlot slot) const {
-  return NodeIn(slot) == &PlaceOf(slot) + 1;
-}
-
-const LRUCacheKeyView& LRUCacheEntries::KeyIn(LRUCacheSlot slot) const { return PlaceOf(slot).key; }
-
-LRUCacheSlot LRUCacheEntries::After(LRUCacheSlot slot) const {
-  return tables_ != nullptr ? tables_->links[slot].next : LRUCacheSlot{0};
-}
-
 LRUCacheEntries::Slots LRUCacheEntries::InOrderOfKeys() const {
   if (view_ == nullptr) return EntriesBy(Before{this});
   LRUCacheSlot* const begin = tables_->sorted.data();
   return {begin, std::copy(view_->slots.begin(), view_->slots.end(), begin)};
-}
-
-LRUCacheSlot LRUCacheEntries::Find(const LRUCacheKeyView& key) {
-  if (entryCount_ == 0) return 0;
-  return IndexAnswers(key) ? FindInIndex(key) : FindInView(key);
 }
 
 void* LRUCacheEntries::MemoryForNode() { return &PlaceOf(FreeSlot()) + 1; }
@@ -98,7 +46,7 @@ void* LRUCacheEntries::MemoryForNode() { return &PlaceOf(FreeSlot()) + 1; }
 LRUCacheSlot LRUCacheEntries::Insert(const LRUCacheKeyView& key, void* node, bool copiesText) {
   const LRUCacheSlot slot = FreeSlot();
   new (&PlaceOf(slot)) Place{key, node, ++insertions_};
-  Tables::Link& link = tables_->links[slot];
+  Link& link = tables_->links[slot];
   const LRUCacheSlot nextFree = link.next;
   link.ownsText = false;
   if (copiesText) CopyText(slot);
@@ -124,11 +72,6 @@ void LRUCacheEntries::CopyText(LRUCacheSlot slot) {
   const size_t bytes = std::strlen(text) + 1;
   text = static_cast<const char*>(std::memcpy(new char[bytes], text, bytes));
   tables_->links[slot].ownsText = true;
-}
-
-void LRUCacheEntries::MoveToFront(LRUCacheSlot slot) {
-  Unlink(slot);
-  LinkFirst(slot);
 }
 
 LRUCacheSlot LRUCacheEntries::RemoveOldest() {
@@ -166,20 +109,6 @@ LRUCacheSlot LRUCacheEntries::FreeSlot() {
   std::unique_ptr<unsigned char[]>& chunk = tables_->chunks[slot / kChunk];
   if (chunk == nullptr) chunk.reset(new unsigned char[kChunk * placeBytes_]);
   return static_cast<LRUCacheSlot>(slot);
-}
-
-void LRUCacheEntries::LinkFirst(LRUCacheSlot slot) {
-  auto& links = tables_->links;
-  links[slot].previous = 0;
-  links[slot].next = links[0].next;
-  links[links[0].next].previous = slot;
-  links[0].next = slot;
-}
-
-void LRUCacheEntries::Unlink(LRUCacheSlot slot) {
-  auto& links = tables_->links;
-  links[links[slot].previous].next = links[slot].next;
-  links[links[slot].next].previous = links[slot].previous;
 }
 
 void LRUCacheEntries::FreeText(LRUCacheSlot slot) {
@@ -260,7 +189,7 @@ std::unique_ptr<LRUCacheEntries::OrderedView> LRUCacheEntries::MakeView() const 
 }
 
 // Not inlined: a hit has no use for it.
-__attribute__((noinline)) LRUCacheSlot LRUCacheEntries::FindInView(const LRUCacheKeyView& key) {
+__attribute__((noinline)) LRUCacheSlot LRUCacheEntries::FindInView(LRUCacheKeyView key) {
   MixKeys(key);
   if (view_ == nullptr) view_ = MakeView();
   const auto found = view_->slots.find(key);
@@ -280,20 +209,6 @@ void LRUCacheEntries::MixKeys(const LRUCacheKeyView& key) {
   if (isMixed_ || key.Fields() == fields_) return;
   view_ = MakeView();
   isMixed_ = true;
-}
-
-bool LRUCacheEntries::IndexAnswers(const LRUCacheKeyView& key) const {
-  return isIndexed_ && key.Fields() == fields_;
-}
-
-// The slot whose key is equal, or 0.
-LRUCacheSlot LRUCacheEntries::FindInIndex(const LRUCacheKeyView& key) const {
-  return tables_->index.Find(key.Hash(hashesPaths_), [this, &key](LRUCacheSlot slot) {
-    // While the keys are compared the node is on its way.
-    const auto* const place = reinterpret_cast<const char*>(&PlaceOf(slot));
-    for (size_t at = 64; at < placeBytes_; at += 64) __builtin_prefetch(place + at);
-    return key.Equals(KeyIn(slot));
-  });
 }
 
 // False when too many keys collide, and then nothing has changed.

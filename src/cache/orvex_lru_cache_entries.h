@@ -1,9 +1,11 @@
 // What a cache holds: which keys, a node for each, and how recently each was used.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <new>
 
 #include "cache/orvex_lru_cache_index.h"
 #include "cache/orvex_lru_cache_key.h"
@@ -44,20 +46,25 @@ class ORVEX_LOCAL LRUCacheEntries {
   // Nodes, those that are in no entry included.
   size_t Size() const { return size_; }
   size_t EntryCount() const { return entryCount_; }
-  bool HasEntry(LRUCacheSlot slot) const;
-  void* NodeIn(LRUCacheSlot slot) const;
+  bool HasEntry(LRUCacheSlot slot) const { return tables_->links[slot].entry != 0; }
+  void* NodeIn(LRUCacheSlot slot) const { return PlaceOf(slot).node; }
   // Whether the node stands in the memory of its slot.
-  bool IsInPlace(LRUCacheSlot slot) const;
+  bool IsInPlace(LRUCacheSlot slot) const { return NodeIn(slot) == &PlaceOf(slot) + 1; }
   // The key that the node was inserted under.
-  const LRUCacheKeyView& KeyIn(LRUCacheSlot slot) const;
+  const LRUCacheKeyView& KeyIn(LRUCacheSlot slot) const { return PlaceOf(slot).key; }
   // From the most to the least recently used slot. 0 before the first and after the last.
-  LRUCacheSlot After(LRUCacheSlot slot) const;
+  LRUCacheSlot After(LRUCacheSlot slot) const {
+    return tables_ != nullptr ? tables_->links[slot].next : LRUCacheSlot{0};
+  }
   // In the order of keys.
   Slots InOrderOfKeys() const;
 
   // The slot whose entry has an equivalent key, or 0. Throws std::bad_alloc when there is
   // no memory for the ordered view, and then nothing has changed.
-  LRUCacheSlot Find(const LRUCacheKeyView& key);
+  LRUCacheSlot Find(LRUCacheKeyView key) {
+    if (entryCount_ == 0) return 0;
+    return IndexAnswers(key) ? FindInIndex(key) : FindInView(key);
+  }
   // Where the node of the next insertion may be built. Throws std::bad_alloc.
   void* MemoryForNode();
   // Takes a slot for the node and makes it the most recently used one. The text of the key
@@ -66,7 +73,10 @@ class ORVEX_LOCAL LRUCacheEntries {
   LRUCacheSlot Insert(const LRUCacheKeyView& key, void* node, bool copiesText);
   // Gives the key a text of its own. Throws std::bad_alloc.
   void CopyText(LRUCacheSlot slot);
-  void MoveToFront(LRUCacheSlot slot);
+  void MoveToFront(LRUCacheSlot slot) {
+    Unlink(slot);
+    LinkFirst(slot);
+  }
   // Its entry goes with it, whoever shares it; its node can be reached until the next
   // insertion. There must be a slot in use.
   LRUCacheSlot RemoveOldest();
@@ -75,15 +85,46 @@ class ORVEX_LOCAL LRUCacheEntries {
   void Clear();
 
  private:
-  struct Place;
-  struct Tables;
+  // What a slot's memory begins with; the memory for its node follows.
+  struct Place {
+    LRUCacheKeyView key;
+    void* node;
+    uint64_t insertion;  // grows from one to the next
+  };
+  struct Link {
+    LRUCacheSlot previous;
+    LRUCacheSlot next;  // of a free slot: the next free one
+    LRUCacheSlot entry;
+    bool ownsText;  // of its key
+  };
+  static constexpr size_t kSlots = LRUCacheIndex::kSlots;
+  static constexpr size_t kChunk = 64;
+  struct Tables {
+    std::array<Link, kSlots> links{};  // 0 begins and ends the ring
+    LRUCacheIndex index;
+    std::array<std::unique_ptr<unsigned char[]>, kSlots / kChunk> chunks;
+    std::array<LRUCacheSlot, kSlots> sorted{};  // so that sorting needs no memory
+  };
   struct Before;
   struct OrderedView;
 
-  Place& PlaceOf(LRUCacheSlot slot) const;
+  Place& PlaceOf(LRUCacheSlot slot) const {
+    unsigned char* const chunk = tables_->chunks[slot / kChunk].get();
+    return *std::launder(reinterpret_cast<Place*>(chunk + slot % kChunk * placeBytes_));
+  }
   LRUCacheSlot FreeSlot();
-  void LinkFirst(LRUCacheSlot slot);
-  void Unlink(LRUCacheSlot slot);
+  void LinkFirst(LRUCacheSlot slot) {
+    auto& links = tables_->links;
+    links[slot].previous = 0;
+    links[slot].next = links[0].next;
+    links[links[0].next].previous = slot;
+    links[0].next = slot;
+  }
+  void Unlink(LRUCacheSlot slot) {
+    auto& links = tables_->links;
+    links[links[slot].previous].next = links[slot].next;
+    links[links[slot].next].previous = links[slot].previous;
+  }
   void FreeText(LRUCacheSlot slot);
   LRUCacheSlot Enter(LRUCacheSlot slot);
   void RemoveEntry(LRUCacheSlot entry);
@@ -92,11 +133,21 @@ class ORVEX_LOCAL LRUCacheEntries {
   Slots EntriesBy(const Order& before) const;
   Slots EntriesAsTheyCame() const;
   std::unique_ptr<OrderedView> MakeView() const;
-  LRUCacheSlot FindInView(const LRUCacheKeyView& key);
+  LRUCacheSlot FindInView(LRUCacheKeyView key);
   LRUCacheSlot EnterView(LRUCacheSlot slot);
   void MixKeys(const LRUCacheKeyView& key);
-  bool IndexAnswers(const LRUCacheKeyView& key) const;
-  LRUCacheSlot FindInIndex(const LRUCacheKeyView& key) const;
+  bool IndexAnswers(const LRUCacheKeyView& key) const {
+    return isIndexed_ && key.Fields() == fields_;
+  }
+  // The slot whose key is equal, or 0.
+  LRUCacheSlot FindInIndex(const LRUCacheKeyView& key) const {
+    return tables_->index.Find(key.Hash(hashesPaths_), [this, &key](LRUCacheSlot slot) {
+      // While the keys are compared the node is on its way.
+      const auto* const place = reinterpret_cast<const char*>(&PlaceOf(slot));
+      for (int line = 1; line <= 4; ++line) __builtin_prefetch(place + 64 * line);
+      return key.Equals(KeyIn(slot));
+    });
+  }
   bool EnterIndex(LRUCacheSlot slot);
   bool EnterByPaths(LRUCacheSlot newSlot);
 

@@ -128,7 +128,7 @@ void FileTypeCache::DumpMetrics() const {
 }
 
 int FileTypeCache::QueryLRUCache(metadata_input_s* metaIn, metadata_output_s* metaOut) {
-  const ORVEX_ScopeLock guard(&lock);
+  const ORVEX_MutexGuard guard(&lock);
   FileTypeCacheNode* node = nullptr;
   try {
     key_.Read(*metaIn);
@@ -136,18 +136,8 @@ int FileTypeCache::QueryLRUCache(metadata_input_s* metaIn, metadata_output_s* me
   } catch (const std::exception&) {
     return LRU_NO_MEMORY;
   }
-  if (node == nullptr) {
-    ORVEX_atomic_increment_64(&metrics.Miss);
-    ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile, "Cache query: cache miss, %s",
-                      metaIn->path);
-    return LRU_MISS;
-  }
-  if (metaIn->mtime != 0 && metaIn->mtime != node->mtime) {
-    ORVEX_atomic_increment_64(&metrics.OutOfDate);
-    ORVEX_LOG_MESSAGE(ORVEX_LOG_WARNING, kLRUCacheSourceFile,
-                      "Cache query: cache out-of-date, (%llu/%llu) %s",
-                      PrintableNumber(metaIn->mtime), PrintableNumber(node->mtime), metaIn->path);
-    return LRU_OUT_OF_DATE;
+  if (node == nullptr || (metaIn->mtime != 0 && metaIn->mtime != node->mtime)) {
+    return MissOrOutOfDate(node, *metaIn);
   }
   ORVEX_atomic_increment_64(&metrics.Hit);
   ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile, "Cache query: cache hits, %s",

@@ -23,22 +23,6 @@ SignerArray CopyOfSigners(const char* source, uint32_t count) {
   return copy;
 }
 
-template <size_t kLength>
-void CopyDigest(uint8_t (&to)[kLength], const uint8_t (&from)[kLength]) {
-  std::memcpy(to, from, kLength);
-}
-
-// Copies those digests whose bits are in present, between a node and a record or
-// another node, and adds their bits to flags.
-template <typename To, typename From>
-void CopyDigests(To& to, const From& from, uint32_t present, uint32_t& flags) {
-  if ((present & QUERY_DIGEST16) != 0) CopyDigest(to.digest16, from.digest16);
-  if ((present & QUERY_DIGEST20) != 0) CopyDigest(to.digest20, from.digest20);
-  if ((present & QUERY_DIGEST32) != 0) CopyDigest(to.digest32, from.digest32);
-  if ((present & QUERY_AUX_DIGEST20) != 0) CopyDigest(to.auxDigest20, from.auxDigest20);
-  flags |= present & (QUERY_DIGEST16 | QUERY_DIGEST20 | QUERY_DIGEST32 | QUERY_AUX_DIGEST20);
-}
-
 }  // namespace
 
 LRUCacheNode::LRUCacheNode() : recordTime(ORVEXTimeGetTimeStampNS()) {}
@@ -107,33 +91,7 @@ int LRUCacheNode::SetDataToCacheNode(metadata_input_s& in, metadata_output_s& ou
 }
 
 unsigned int LRUCacheNode::GetDataFromCacheNode(metadata_output_s& out) {
-  if ((queryFlags & QUERY_SIZE) != 0) {
-    out.size = size;
-    out.queryFlags |= QUERY_SIZE;
-  }
-  CopyDigests(out, *this, queryFlags, out.queryFlags);
-  if ((queryFlags & QUERY_MTIME) != 0) {
-    out.modificationTime = mtime;
-    out.queryFlags |= QUERY_MTIME;
-    ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile, "metaOut.modificationTime=%lu",
-                      static_cast<unsigned long>(mtime));
-  }
-  if ((queryFlags & QUERY_SIGNERS) != 0) {
-    delete[] out.signers;
-    out.signers = nullptr;
-    out.signerCount = 0;
-    out.queryFlags &= ~uint32_t{QUERY_SIGNERS};
-    if (signerCount != 0 && signers != nullptr) {
-      SignerArray copy = CopyOfSigners(signers.get(), signerCount);
-      if (copy == nullptr) return ORVEX_NO_MEMORY;
-      out.signers = copy.release();
-      out.signerCount = signerCount;
-    }
-    out.queryFlags |= QUERY_SIGNERS;
-  }
-  out.feedback = feedback ? 1 : 0;
-  out.queryFlags |= QUERY_FEEDBACK;
-  return ORVEX_OK;
+  return GiveTo<true>(out);
 }
 
 void LRUCacheNode::Dump() const {
@@ -150,6 +108,21 @@ bool LRUCacheNode::HasSignersOf(const LRUCacheNode& other) const {
   return signers != nullptr && other.signers != nullptr &&
          std::memcmp(signers.get(), other.signers.get(), size_t{signerCount} * ORVEX_SIGNER_SLOT) ==
              0;
+}
+
+__attribute__((noinline)) bool LRUCacheNode::GiveSigners(metadata_output_s& out) const {
+  delete[] out.signers;
+  out.signers = nullptr;
+  out.signerCount = 0;
+  out.queryFlags &= ~uint32_t{QUERY_SIGNERS};
+  if (signerCount != 0 && signers != nullptr) {
+    SignerArray copy = CopyOfSigners(signers.get(), signerCount);
+    if (copy == nullptr) return false;
+    out.signers = copy.release();
+    out.signerCount = signerCount;
+  }
+  out.queryFlags |= QUERY_SIGNERS;
+  return true;
 }
 
 void LRUCacheNode::ForgetSigners() {

@@ -1,14 +1,34 @@
 // What the hash cache knows about one file.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <string>
 
 #include "cache/orvex_lru_cache_index.h"
 #include "cache/orvex_lru_cache_key.h"
+#include "cache/orvex_lru_cache_text.h"
 #include "orvexeng.h"
 #include "support/orvex_local.h"
+#include "support/orvex_log.h"
+
+template <size_t kLength>
+void CopyDigest(uint8_t (&to)[kLength], const uint8_t (&from)[kLength]) {
+  std::memcpy(to, from, kLength);
+}
+
+// Copies those digests whose bits are in present, between a node and a record or
+// another node, and adds their bits to flags.
+template <typename To, typename From>
+void CopyDigests(To& to, const From& from, uint32_t present, uint32_t& flags) {
+  if ((present & QUERY_DIGEST16) != 0) CopyDigest(to.digest16, from.digest16);
+  if ((present & QUERY_DIGEST20) != 0) CopyDigest(to.digest20, from.digest20);
+  if ((present & QUERY_DIGEST32) != 0) CopyDigest(to.digest32, from.digest32);
+  if ((present & QUERY_AUX_DIGEST20) != 0) CopyDigest(to.auxDigest20, from.auxDigest20);
+  flags |= present & (QUERY_DIGEST16 | QUERY_DIGEST20 | QUERY_DIGEST32 | QUERY_AUX_DIGEST20);
+}
 
 // The parts of an answer that a host gave for one file. Parts gather over several
 // answers; signers alone are those of the last one.
@@ -35,6 +55,10 @@ class ORVEX_API LRUCacheNode {
   // a signer array, and then all parts but feedback are copied.
   unsigned int GetDataFromCacheNode(metadata_output_s& out);
 
+  // The same; without kTalks nothing is logged.
+  template <bool kTalks>
+  ORVEX_LOCAL unsigned int GiveTo(metadata_output_s& out);
+
   // Logs the node at DEBUG.
   void Dump() const;
 
@@ -60,7 +84,30 @@ class ORVEX_API LRUCacheNode {
 
  private:
   ORVEX_LOCAL bool HasSignersOf(const LRUCacheNode& other) const;
+  // False when there is no memory for them.
+  ORVEX_LOCAL bool GiveSigners(metadata_output_s& out) const;
   ORVEX_LOCAL void ForgetSigners();
   // Leaves the node without signers when they cannot be had.
   ORVEX_LOCAL void StoreSigners(const char* source, uint32_t count);
 };
+
+template <bool kTalks>
+inline unsigned int LRUCacheNode::GiveTo(metadata_output_s& out) {
+  if ((queryFlags & QUERY_SIZE) != 0) {
+    out.size = size;
+    out.queryFlags |= QUERY_SIZE;
+  }
+  CopyDigests(out, *this, queryFlags, out.queryFlags);
+  if ((queryFlags & QUERY_MTIME) != 0) {
+    out.modificationTime = mtime;
+    out.queryFlags |= QUERY_MTIME;
+    if (kTalks) {
+      ORVEX_LOG_FROM(ORVEX_LOG_DEBUG, "GetDataFromCacheNode", kLRUCacheSourceFile,
+                     "metaOut.modificationTime=%lu", static_cast<unsigned long>(mtime));
+    }
+  }
+  if ((queryFlags & QUERY_SIGNERS) != 0 && !GiveSigners(out)) return ORVEX_NO_MEMORY;
+  out.feedback = feedback ? 1 : 0;
+  out.queryFlags |= QUERY_FEEDBACK;
+  return ORVEX_OK;
+}

@@ -38,12 +38,12 @@ int RefuseMissingPath(metadata_output_s& out) {
 
 // Whether the path was free and is now marked. Throws std::bad_alloc.
 bool MarkAsCalculating(ORVEX_Set& set, const char* path) {
-  const ORVEX_ScopeLock guard(&set.condLock);
+  const ORVEX_MutexGuard guard(&set.condLock);
   return set.active && set.Insert(path);
 }
 
 bool Unmark(ORVEX_Set& set, const char* path) {
-  const ORVEX_ScopeLock guard(&set.condLock);
+  const ORVEX_MutexGuard guard(&set.condLock);
   return set.active && set.Erase(path);
 }
 
@@ -81,41 +81,97 @@ class LeavePathOnReturn {
 
 }  // namespace
 
-int LRUCache::Query(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx) {
+// Flattened: all of a hit is one function, and nothing else is inlined into it.
+__attribute__((flatten)) int LRUCache::Query(metadata_input_s* metaIn, metadata_output_s* metaOut,
+                                             void* ctx) {
   const ORVEX_CallsInFlight::Scope inFlight(activeThreads);
+  // Most queries are hits that nobody is told of and that wait for nobody: nothing of the
+  // host's runs on their way.
+  int lookup = LRU_NOT_YET;
+  if (!Talks() && IsActive() && metaIn != nullptr && metaOut != nullptr &&
+      metaIn->path != nullptr && !MayWait(*metaIn)) {
+    {
+      const ORVEX_MutexGuard guard(&lock);
+      lookup = LookUp<false>(*metaIn, *metaOut);
+    }
+    if (lookup == LRU_HIT) {
+      metaOut->resultReady = 1;
+      return ORVEX_OK;
+    }
+  }
+  return QueryStepByStep(metaIn, metaOut, ctx, lookup);
+}
+
+int LRUCache::QueryLRUCache(metadata_input_s* metaIn, metadata_output_s* metaOut) {
+  const ORVEX_ProfilingScope profiling("LRUCache::QueryLRUCache");
+  const ORVEX_MutexGuard guard(&lock);
+  return LookUp<true>(*metaIn, *metaOut);
+}
+
+template <bool kTalks>
+inline LRU_LOOKUP LRUCache::LookUp(const metadata_input_s& in, metadata_output_s& out) {
+  LRUCacheSlot slot = 0;
+  try {
+    if (kTalks) key_.Read(in);
+    slot = entries_.Find(LRUCacheKeyView(in));
+  } catch (const std::exception&) {
+    return LRU_NO_MEMORY;
+  }
+  LRUCacheNode* const node = NodeIn(slot);
+  const bool isCurrent = node != nullptr && (in.mtime == 0 || in.mtime == node->mtime);
+  // A log callback may read the counters, so that they are ahead of every line.
+  if (kTalks || !isCurrent) ORVEX_atomic_increment_64(&metrics.Query);
+  if (!isCurrent) return MissOrOutOfDate(node, in);
+  // Signers that could not be copied leave their bit clear, and the comparison
+  // sees that.
+  node->GiveTo<kTalks>(out);
+  const bool isComplete = (in.queryFlags & ~out.queryFlags) == 0;
+  long long* const result = isComplete ? &metrics.Hit : &metrics.PartialHit;
+  if (kTalks) {
+    ORVEX_atomic_increment_64(result);
+    ORVEX_LOG_FROM(
+        ORVEX_LOG_DEBUG, "QueryLRUCache", kLRUCacheSourceFile,
+        isComplete ? "Cache query: cache hits, %s" : "Cache query: cache partial hits, %s",
+        in.path);
+    LRUCacheNodeUpdate(key_, node, LRU_UPDATE);
+  } else {
+    entries_.MoveToFront(slot);
+    // Last: a locked add is a full barrier and would stall the loads that follow.
+    ORVEX_atomic_increment_64(&metrics.Query);
+    ORVEX_atomic_increment_64(result);
+  }
+  return isComplete ? LRU_HIT : LRU_PARTIAL_HIT;
+}
+
+__attribute__((noinline)) int LRUCache::QueryStepByStep(metadata_input_s* metaIn,
+                                                        metadata_output_s* metaOut, void* ctx,
+                                                        int lookup) {
   const ORVEX_ProfilingScope profiling("LRUCache::Query");
-  // Before the records: a stopped cache answers 8 whatever it is handed.
-  if (!IsActive()) return ORVEX_CACHE_NOT_INITIALISED;
-  if (metaIn == nullptr || metaOut == nullptr) return ORVEX_INVALID_PARAMETER;
-
-  if (metaIn->path == nullptr) return RefuseMissingPath(*metaOut);
-
-  // Wait, set and lines go by the path that the query was handed; lookup and store read the
-  // record as it is by then. Below, a sleep or a message gives the host time to change it;
-  // a hit that does neither needs no copy.
   KeptText path;
-  const bool mayCalculate = (metaIn->invOperation & INV_CACHE_ONLY) == 0;
-  const bool mayWait = mayCalculate && calHashSet.MayHold(metaIn->path);
-  if (mayWait || ORVEX_LOG_BASE::Keeps(ORVEX_LOG_DEBUG) || ORVEX_ProfilingScope::IsOn()) {
+  if (lookup == LRU_NOT_YET) {
+    // Before the records: a stopped cache answers 8 whatever it is handed.
+    if (!IsActive()) return ORVEX_CACHE_NOT_INITIALISED;
+    if (metaIn == nullptr || metaOut == nullptr) return ORVEX_INVALID_PARAMETER;
+    if (metaIn->path == nullptr) return RefuseMissingPath(*metaOut);
+    // Wait, set and lines go by the path that the query was handed; lookup and store read
+    // the record as it is by then, since a sleep or a message gives the host time to change it.
+    const bool mayCalculate = (metaIn->invOperation & INV_CACHE_ONLY) == 0;
     try {
       path.Keep(metaIn->path);
-      if (mayWait) WaitUntilFree(path.Or(nullptr));
+      if (MayWait(*metaIn)) WaitUntilFree(path.Or(nullptr));
     } catch (const std::exception&) {
       // No memory, or a text longer than a string can be.
       return EndWithoutMemory(*metaOut);
     }
+    if (mayCalculate && !IsActive()) return SkipInactive(path.Or(nullptr));
+    ORVEX_LOG_FROM(ORVEX_LOG_DEBUG, kFunction, kLRUCacheSourceFile,
+                   "Free to calculate file hash: %s", path.Or(nullptr));
+    lookup = QueryLRUCache(metaIn, metaOut);
+    if (lookup == LRU_HIT) {
+      metaOut->resultReady = 1;
+      return ORVEX_OK;
+    }
   }
-  if (mayCalculate && !IsActive()) return SkipInactive(path.Or(metaIn->path));
-  ORVEX_LOG_FROM(ORVEX_LOG_DEBUG, kFunction, kLRUCacheSourceFile, "Free to calculate file hash: %s",
-                 path.Or(metaIn->path));
-  const int lookup = QueryLRUCache(metaIn, metaOut);
-  if (lookup != LRU_HIT) return AfterMiss(lookup, metaIn, metaOut, ctx, path);
-  metaOut->resultReady = 1;
-  return ORVEX_OK;
-}
-
-int LRUCache::AfterMiss(int lookup, metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx,
-                        KeptText& path) {
   if (lookup == LRU_NO_MEMORY) return EndWithoutMemory(*metaOut);
   if (lookup != LRU_MISS && lookup != LRU_PARTIAL_HIT && lookup != LRU_OUT_OF_DATE) return ORVEX_OK;
   metaOut->resultReady = 0;

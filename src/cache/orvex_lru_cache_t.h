@@ -23,6 +23,7 @@ enum LRU_OPERATION : int {
 
 // The results of a lookup; they stay inside the library.
 enum LRU_LOOKUP : int {
+  LRU_NOT_YET = 0,
   LRU_MISS = 1,
   LRU_HIT = 2,
   LRU_PARTIAL_HIT = 3,
@@ -106,9 +107,12 @@ class ORVEX_API LRUCacheT {
   }
   // The node under an equivalent key, or null. Throws std::bad_alloc, and then nothing has
   // changed.
-  ORVEX_LOCAL Node* Find(const LRUCacheKeyView& key) ORVEX_REQUIRES(lock) {
+  ORVEX_LOCAL Node* Find(LRUCacheKeyView key) ORVEX_REQUIRES(lock) {
     return NodeIn(entries_.Find(key));
   }
+  // Counts and tells that a lookup found no node, or one of another time.
+  ORVEX_LOCAL LRU_LOOKUP MissOrOutOfDate(const Node* node, const metadata_input_s& in)
+      ORVEX_REQUIRES(lock);
   // What LRUCacheNodeWipe does; counts each node in wipeOuts.
   ORVEX_LOCAL void EvictBeyondCapacity(long long volatile* wipeOuts) ORVEX_REQUIRES(lock);
   ORVEX_LOCAL void ZeroMetrics() ORVEX_REQUIRES(lock);
@@ -151,7 +155,7 @@ LRUCacheT<Key, Node, Metrics>::~LRUCacheT() = default;
 
 template <typename Key, typename Node, typename Metrics>
 int LRUCacheT<Key, Node, Metrics>::InitLRUCache() {
-  const ORVEX_ScopeLock guard(&lock);
+  const ORVEX_MutexGuard guard(&lock);
   ORVEX_StoreRelaxed(active, true);
   return ORVEX_OK;
 }
@@ -159,7 +163,7 @@ int LRUCacheT<Key, Node, Metrics>::InitLRUCache() {
 template <typename Key, typename Node, typename Metrics>
 int LRUCacheT<Key, Node, Metrics>::DeinitLRUCache() {
   {
-    const ORVEX_ScopeLock guard(&lock);
+    const ORVEX_MutexGuard guard(&lock);
     ORVEX_StoreRelaxed(active, false);
   }
   FlushCache();
@@ -177,7 +181,7 @@ template <typename Key, typename Node, typename Metrics>
 int LRUCacheT<Key, Node, Metrics>::UpdateCache(metadata_input_s* metaIn,
                                                metadata_output_s* metaOut) {
   if (metaOut == nullptr || metaIn == nullptr) return ORVEX_INVALID_PARAMETER;
-  const ORVEX_ScopeLock guard(&lock);
+  const ORVEX_MutexGuard guard(&lock);
   try {
     key_.Read(*metaIn);
     if (const LRUCacheSlot slot = entries_.Find(key_); slot != 0) {
@@ -218,7 +222,7 @@ void LRUCacheT<Key, Node, Metrics>::LRUCacheNodeUpdate(Key& key, Node* node,
 
 template <typename Key, typename Node, typename Metrics>
 int LRUCacheT<Key, Node, Metrics>::FlushCache() {
-  const ORVEX_ScopeLock guard(&lock);
+  const ORVEX_MutexGuard guard(&lock);
   entries_.ForgetKeys();
   for (LRUCacheSlot slot = entries_.After(0); slot != 0; slot = entries_.After(slot)) Owned(slot);
   entries_.Clear();
@@ -227,14 +231,14 @@ int LRUCacheT<Key, Node, Metrics>::FlushCache() {
 
 template <typename Key, typename Node, typename Metrics>
 int LRUCacheT<Key, Node, Metrics>::ResetMetrics() {
-  const ORVEX_ScopeLock guard(&lock);
+  const ORVEX_MutexGuard guard(&lock);
   ZeroMetrics();
   return ORVEX_OK;
 }
 
 template <typename Key, typename Node, typename Metrics>
 void LRUCacheT<Key, Node, Metrics>::DumpCache() const {
-  const ORVEX_ScopeLock guard(&lock);
+  const ORVEX_MutexGuard guard(&lock);
   ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile, "Cache capacity = %u", capacity);
   DumpCacheMap();
   DumpCacheNodeList();
@@ -258,13 +262,13 @@ void LRUCacheT<Key, Node, Metrics>::DumpCacheNodeList() const {
 
 template <typename Key, typename Node, typename Metrics>
 bool LRUCacheT<Key, Node, Metrics>::IsInit() const {
-  const ORVEX_ScopeLock guard(&lock);
+  const ORVEX_MutexGuard guard(&lock);
   return IsActive();
 }
 
 template <typename Key, typename Node, typename Metrics>
 void LRUCacheT<Key, Node, Metrics>::SetCapacity(unsigned int newCapacity) {
-  const ORVEX_ScopeLock guard(&lock);
+  const ORVEX_MutexGuard guard(&lock);
   // Unsigned, so that 0 counts as too large.
   capacity = newCapacity - 1 < ORVEX_MAX_CAPACITY ? newCapacity : ORVEX_MAX_CAPACITY;
   ORVEX_LOG_MESSAGE(ORVEX_LOG_INFO, kLRUCacheSourceFile, "Set max cache capacity to %u", capacity);
@@ -278,7 +282,7 @@ void LRUCacheT<Key, Node, Metrics>::RegisterMetaQueryCallback(orvex_query_cb cal
                       "Kelda Inventory Engine register query callback failed: invalid parameter");
     return;
   }
-  const ORVEX_ScopeLock guard(&lock);
+  const ORVEX_MutexGuard guard(&lock);
   queryCallback = callback;
   ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile,
                     "Kelda Inventory Engine register query callback successfully");
@@ -295,6 +299,23 @@ void LRUCacheT<Key, Node, Metrics>::Insert(Key& key, OwnedNode node) {
     throw;
   }
   LRUCacheNodeWipe();
+}
+
+template <typename Key, typename Node, typename Metrics>
+__attribute__((noinline)) LRU_LOOKUP LRUCacheT<Key, Node, Metrics>::MissOrOutOfDate(
+    const Node* node, const metadata_input_s& in) {
+  constexpr char kFunction[] = "QueryLRUCache";
+  if (node == nullptr) {
+    ORVEX_atomic_increment_64(&metrics.Miss);
+    ORVEX_LOG_FROM(ORVEX_LOG_DEBUG, kFunction, kLRUCacheSourceFile, "Cache query: cache miss, %s",
+                   in.path);
+    return LRU_MISS;
+  }
+  ORVEX_atomic_increment_64(&metrics.OutOfDate);
+  ORVEX_LOG_FROM(ORVEX_LOG_WARNING, kFunction, kLRUCacheSourceFile,
+                 "Cache query: cache out-of-date, (%llu/%llu) %s", PrintableNumber(in.mtime),
+                 PrintableNumber(node->mtime), in.path);
+  return LRU_OUT_OF_DATE;
 }
 
 template <typename Key, typename Node, typename Metrics>
@@ -324,7 +345,7 @@ int LRUCacheT<Key, Node, Metrics>::AskHost(metadata_input_s* metaIn, metadata_ou
   // query, not this one.
   orvex_query_cb callback;
   {
-    const ORVEX_ScopeLock guard(&lock);
+    const ORVEX_MutexGuard guard(&lock);
     callback = queryCallback;
   }
   // No lock from here on: the host may take seconds, may throw, and may call back

@@ -221,4 +221,4 @@ int ORVEX_ENGINE::ResetMetrics() {
   return ORVEX_OK;
 }
 
-void ORVEX_ENGINE::PassLock() const { const ORVEX_ScopeLock guard(&lock); }
+void ORVEX_ENGINE::PassLock() const { const ORVEX_MutexGuard guard(&lock); }

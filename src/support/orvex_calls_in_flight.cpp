@@ -42,6 +42,7 @@ void ORVEX_CallsInFlight::Drain(const char* what, unsigned int line, const char*
 
 // Threads' own addresses differ in their middle bits.
 int volatile& ORVEX_CallsInFlight::CellOfThread() {
-  const auto thread = static_cast<uint32_t>(pthread_self() >> 4);
+  const auto thread =
+      static_cast<uint32_t>(reinterpret_cast<uintptr_t>(__builtin_thread_pointer()) >> 4);
   return cells_[(thread * 0x9E3779B9U) >> 26].count;
 }

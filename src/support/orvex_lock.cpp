@@ -3,20 +3,9 @@
 
 #include <unistd.h>
 
-#include <cstdio>
-
 #include "support/orvex_atomic.h"
-#include "support/orvex_cancellation.h"
 
 namespace {
-
-// Straight to standard output, never through the logger, whose callback may be
-// what the lock is about.
-void ReportFailure(const char* operation, const ORVEX_Lock& lock) {
-  const ORVEX_CancellationHold hold;
-  std::printf("[LOCK] %s failed: %d\n", operation, static_cast<int>(lock.GetLastErrorCode()));
-  std::fflush(stdout);
-}
 
 // A mutex for the length of a wait, given back on every way out: a host may cancel its
 // thread while it sleeps. Whether it could be had goes unnoticed.
@@ -63,32 +52,9 @@ unsigned int ORVEX_PThread_Lock::GetLastErrorCode() const {
   return static_cast<unsigned int>(ORVEX_LoadRelaxed(lastError_));
 }
 
-unsigned int ORVEX_PThread_Lock::Lock() {
-  if (ORVEX_LoadRelaxed(taken_)) PauseWhileTaken();
-  const int error = pthread_mutex_lock(&mutex_);
-  ORVEX_StoreRelaxed(lastError_, error);
-  if (error != 0) return ORVEX_LOCK_FAILED;
-  ORVEX_StoreRelaxed(taken_, true);
-  return ORVEX_OK;
-}
+unsigned int ORVEX_PThread_Lock::Lock() { return Acquire(); }
 
-unsigned int ORVEX_PThread_Lock::Unlock() {
-  ORVEX_StoreRelaxed(taken_, false);
-  const int error = pthread_mutex_unlock(&mutex_);
-  ORVEX_StoreRelaxed(lastError_, error);
-  if (error != 0) return ORVEX_UNLOCK_FAILED;
-  return ORVEX_OK;
-}
-
-// What the library does under a lock usually takes less time than putting a thread to
-// sleep and waking it again. A hundred pauses take about as long as that does.
-__attribute__((noinline)) void ORVEX_PThread_Lock::PauseWhileTaken() const {
-  constexpr int kMostPauses = 100;
-  int pauses = 0;
-  do {
-    __builtin_ia32_pause();
-  } while (++pauses < kMostPauses && ORVEX_LoadRelaxed(taken_));
-}
+unsigned int ORVEX_PThread_Lock::Unlock() { return Release(); }
 
 ORVEX_CondVar::~ORVEX_CondVar() = default;
 
@@ -123,9 +89,11 @@ unsigned int ORVEX_PThread_CondLock::Wait(bool& waited, CondWaitCallbacks_t& cal
 }
 
 ORVEX_ScopeLock::ORVEX_ScopeLock(ORVEX_Lock* lock) : lock_(lock) {
-  if (lock_ != nullptr && lock_->Lock() != ORVEX_OK) ReportFailure("lock", *lock_);
+  if (lock_ != nullptr && lock_->Lock() != ORVEX_OK)
+    ORVEX_MutexGuard::ReportFailure("lock", *lock_);
 }
 
 ORVEX_ScopeLock::~ORVEX_ScopeLock() {
-  if (lock_ != nullptr && lock_->Unlock() != ORVEX_OK) ReportFailure("unlock", *lock_);
+  if (lock_ != nullptr && lock_->Unlock() != ORVEX_OK)
+    ORVEX_MutexGuard::ReportFailure("unlock", *lock_);
 }

@@ -57,7 +57,7 @@ class ORVEX_LOCAL ORVEX_ProfilingScope {
   static bool IsOn() { return ORVEX_LoadRelaxed(ORVEX_Profiling::EnableProfiling); }
 
  private:
-  void Report() const;
+  __attribute__((noinline)) void Report() const;
 
   const char* name_;
   timespec startTime_{};

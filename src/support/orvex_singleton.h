@@ -5,6 +5,7 @@
 
 #include "orvexeng.h"
 #include "support/orvex_atomic.h"
+#include "support/orvex_local.h"
 
 // Threads: concurrent first calls build the object once.
 // Ownership: built on first use, destroyed at process exit or when the library
@@ -25,12 +26,23 @@ class ORVEX_API ORVEX_Singleton {
     ~Successor() { new (GetInstance()) T(); }
   };
 
+  static T* Build();
   static T Built();
+
+  // What every call but the first goes by.
+  ORVEX_LOCAL static inline T* known_ = nullptr;
 };
 
 template <typename T>
-T* ORVEX_Singleton<T>::GetInstance() {
+inline T* ORVEX_Singleton<T>::GetInstance() {
+  T* const known = ORVEX_LoadAcquire(known_);
+  return known != nullptr ? known : Build();
+}
+
+template <typename T>
+__attribute__((noinline)) T* ORVEX_Singleton<T>::Build() {
   static T instance = Built();
+  ORVEX_StoreRelease(known_, &instance);
   return &instance;
 }
 
