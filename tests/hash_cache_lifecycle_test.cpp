@@ -73,7 +73,7 @@ class GuardedRecord {
  private:
   static size_t PageSize() { return static_cast<size_t>(sysconf(_SC_PAGESIZE)); }
   static void LetIn(int) {
-    current_->threadsInside = cache_->activeThreads.Sum();
+    current_->threadsInside = cache_->ThreadsInside();
     mprotect(current_->page_, PageSize(), PROT_READ | PROT_WRITE);
   }
 
@@ -93,7 +93,7 @@ TEST_CASE("a new hash cache is stopped and its counters are zero") {
   CHECK_FALSE(cache.IsInit());
   CHECK_FALSE(cache.calHashSet.active);
   CHECK(cache.capacity == 4096);
-  CHECK(cache.activeThreads.Sum() == 0);
+  CHECK(cache.ThreadsInside() == 0);
   cache.DumpMetrics();
   CHECK(log.TakeTranscript() == Lines({MetricsLine(kTenZeros)}));
 }
@@ -243,7 +243,7 @@ TEST_CASE("a thread that reads the counters of the hash cache counts as inside")
   GuardedRecord record(cache);
   cache.GetMetrics(record.Metrics());
   CHECK(record.threadsInside == 1);
-  CHECK(cache.activeThreads.Sum() == 0);
+  CHECK(cache.ThreadsInside() == 0);
 }
 
 TEST_CASE("a thread that resets the counters of the hash cache counts as inside") {
@@ -251,11 +251,11 @@ TEST_CASE("a thread that resets the counters of the hash cache counts as inside"
   int threadsInside = -1;
   {
     FailingPThread system;
-    system.onLock = [&] { threadsInside = cache.activeThreads.Sum(); };
+    system.onLock = [&] { threadsInside = cache.ThreadsInside(); };
     cache.ResetMetrics();
   }
   CHECK(threadsInside == 1);
-  CHECK(cache.activeThreads.Sum() == 0);
+  CHECK(cache.ThreadsInside() == 0);
 }
 
 TEST_CASE("a stopped hash cache is empty with zero counters and counts no query") {
@@ -305,7 +305,7 @@ TEST_CASE("a thread that outlived a stop takes the count below zero and the next
   cache.InitLRUCache();
   held.mayAnswer.Open();
   outliving.get();
-  CHECK(cache.activeThreads.Sum() == -1);
+  CHECK(cache.ThreadsInside() == -1);
   RecordedLog log;
   pauses.sleeps = 0;
   CHECK(cache.DeinitLRUCache() == 0);

@@ -286,7 +286,7 @@ TEST_CASE("a query without a path throws and leaves no thread counted") {
     Answer out;
     CHECK_THROWS_AS(cache.Ask(in, out), std::logic_error);
   }
-  CHECK(cache.activeThreads.Sum() == 0);
+  CHECK(cache.ThreadsInside() == 0);
   CHECK(cache.metrics.Query == 0);
 }
 
@@ -784,7 +784,7 @@ TEST_CASE("an exception of the host passes through and frees the path") {
   Answer out;
   CHECK_THROWS_AS(cache.Ask(InputFor("/a"), out), std::bad_alloc);
   CHECK(out.resultReady == 0);
-  CHECK(cache.activeThreads.Sum() == 0);
+  CHECK(cache.ThreadsInside() == 0);
   CHECK(cache.PathsInOrder().empty());
   CHECK(cache.metrics.numOfHelpFuncCalled == 1);
   CHECK_FALSE(IsBeingCalculated(cache, "/a"));
@@ -839,7 +839,7 @@ TEST_CASE("a thread that is cancelled inside the host frees the path") {
   pthread_cancel(thread);
   pthread_join(thread, nullptr);
   CHECK_FALSE(IsBeingCalculated(cache, "/a"));
-  CHECK(cache.activeThreads.Sum() == 0);
+  CHECK(cache.ThreadsInside() == 0);
 }
 
 TEST_CASE("the host may call back into the cache while it computes") {

@@ -51,7 +51,7 @@ class BareCache : public LRUCacheT<Key, Node, Metrics> {
   void LRUCacheNodeWipe() override { ++wipes; }
 
   Node* Find(const Key& key) {
-    const LRUCacheSlot slot = entries_.Find(key);
+    const LRUCacheSlot slot = entries_.Find(LRUCacheKeyView(key));
     return slot != 0 ? static_cast<Node*>(entries_.NodeIn(slot)) : nullptr;
   }
   // Under KEY_SIZE paths of one first letter are one file, whatever the key.

@@ -162,7 +162,7 @@ TEST_CASE("threads that ask for one path all get one answer, whatever their orde
       REQUIRE(counted.numOfHelpFuncCalled == scene.calls);
       // Who waited found the answer.
       REQUIRE(counted.numOfWaitInHashCalculation + scene.calls <= static_cast<int>(threads));
-      REQUIRE(scene.cache->activeThreads.Sum() == 0);
+      REQUIRE(scene.cache->ThreadsInside() == 0);
       REQUIRE(scene.cache->PathsInOrder() == Paths{"/a"});
     });
     // Some waited for the others, and in another order all got in at once.
@@ -184,7 +184,7 @@ TEST_CASE("threads whose answers are not kept all ask the host, whatever their o
         REQUIRE(scene.CallsOf(i) == 1);
       }
       REQUIRE(scene.cache->metrics.numOfHelpFuncCalled == static_cast<int>(threads));
-      REQUIRE(scene.cache->activeThreads.Sum() == 0);
+      REQUIRE(scene.cache->ThreadsInside() == 0);
       REQUIRE(scene.cache->PathsInOrder().empty());
     });
     CHECK(scene.mostWaits == static_cast<int>(threads) - 1);
@@ -210,7 +210,7 @@ TEST_CASE("a host that fails or throws holds nobody up, whatever the order of th
           REQUIRE(scene.CallsOf(i) == 1);
         }
         REQUIRE(scene.cache->metrics.numOfHelpFuncCalled == static_cast<int>(threads));
-        REQUIRE(scene.cache->activeThreads.Sum() == 0);
+        REQUIRE(scene.cache->ThreadsInside() == 0);
         REQUIRE(scene.cache->PathsInOrder().empty());
       });
       CHECK(scene.mostWaits == static_cast<int>(threads) - 1);
@@ -230,7 +230,7 @@ TEST_CASE("threads that ask for another path are woken in vain and sleep on, wha
     }
     REQUIRE(scene.CallsOf(1) == 1);
     REQUIRE(scene.cache->metrics.numOfWaitInHashCalculation + scene.calls <= 3);
-    REQUIRE(scene.cache->activeThreads.Sum() == 0);
+    REQUIRE(scene.cache->ThreadsInside() == 0);
     REQUIRE(scene.cache->entries_.Size() == 2);
   });
   CHECK(scene.mostWaits == 1);
@@ -254,7 +254,7 @@ TEST_CASE("every thread leaves a cache that is stopped, whatever the order") {
           REQUIRE(scene.HasOneAnswer(i));
         }
       }
-      REQUIRE(scene.cache->activeThreads.Sum() == 0);
+      REQUIRE(scene.cache->ThreadsInside() == 0);
       REQUIRE_FALSE(scene.cache->IsInit());
       REQUIRE_FALSE(scene.cache->calHashSet.active);
       // It starts afresh; an answer that came too late for the stop is in it.
@@ -300,7 +300,7 @@ TEST_CASE("sleepers leave a cache that is stopped, however long the host takes")
       REQUIRE(scene.Code(i) == ORVEX_CACHE_NOT_INITIALISED);
       ++refused;
     }
-    REQUIRE(scene.cache->activeThreads.Sum() == 0);
+    REQUIRE(scene.cache->ThreadsInside() == 0);
   });
   CHECK(refused > 0);
 }
@@ -336,7 +336,7 @@ TEST_CASE("a flush takes no answer from those that ask, whatever the order") {
         REQUIRE(scene.HasOneAnswer(i));
       }
       REQUIRE(scene.cache->metrics.numOfHelpFuncCalled == scene.calls);
-      REQUIRE(scene.cache->activeThreads.Sum() == 0);
+      REQUIRE(scene.cache->ThreadsInside() == 0);
       REQUIRE(scene.cache->entries_.Size() <= 1);
     });
     CHECK(scene.mostCalls == static_cast<int>(askers));
@@ -360,7 +360,7 @@ TEST_CASE("a thread that asks the cache only neither waits nor calls, whatever t
       if (scene.IsReady(askers)) REQUIRE(scene.HasOneAnswer(askers));
       ++(scene.IsReady(askers) ? answered : unanswered);
       REQUIRE(scene.cache->metrics.numOfHelpFuncCalled == scene.calls);
-      REQUIRE(scene.cache->activeThreads.Sum() == 0);
+      REQUIRE(scene.cache->ThreadsInside() == 0);
     });
     CHECK(scene.mostWaits == static_cast<int>(askers) - 1);
     CHECK(answered > 0);

@@ -24,7 +24,7 @@ int LRUCache::InitLRUCache() {
   }
   const ORVEX_MutexGuard guard(&lock);
   ORVEX_StoreRelaxed(active, true);
-  activeThreads.SetToZero();
+  calls_.SetToZero(ORVEX_CallsInFlight::kOfCache);
   return ORVEX_OK;
 }
 
@@ -41,7 +41,8 @@ int LRUCache::DeinitLRUCache() {
   }
   // All that sleep in a query leave now, so that the drain need not wait for them.
   calHashSet.condLock.SignalAll();
-  activeThreads.Drain("Deinit LRUCache", __LINE__, __func__, kLRUCacheSourceFile);
+  calls_.Drain(ORVEX_CallsInFlight::kOfCache, "Deinit LRUCache", __LINE__, __func__,
+               kLRUCacheSourceFile);
 
   if (const int code = FlushCache(); code != ORVEX_OK) {
     ORVEX_LOG_MESSAGE(ORVEX_LOG_WARNING, kLRUCacheSourceFile,
@@ -71,12 +72,12 @@ int LRUCache::FlushCache() {
 }
 
 int LRUCache::ResetMetrics() {
-  const ORVEX_CallsInFlight::Scope inFlight(activeThreads);
+  const ORVEX_CallsInFlight::Scope inFlight(calls_, ORVEX_CallsInFlight::kOfCache);
   return LRUCacheT::ResetMetrics();
 }
 
 int LRUCache::GetMetrics(LRUCacheMetrics_s& out) const {
-  const ORVEX_CallsInFlight::Scope inFlight(activeThreads);
+  const ORVEX_CallsInFlight::Scope inFlight(calls_, ORVEX_CallsInFlight::kOfCache);
   out.Query = ORVEX_atomic_read_64(&metrics.Query);
   out.Miss = ORVEX_atomic_read_64(&metrics.Miss);
   out.Hit = ORVEX_atomic_read_64(&metrics.Hit);

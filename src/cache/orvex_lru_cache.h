@@ -64,6 +64,19 @@ class ORVEX_API LRUCache : public LRUCacheT<LRUCacheKey, LRUCacheNode, LRUCacheM
 
   virtual ~LRUCache();
 
+  // Whether a host may be told of each step of a query.
+  ORVEX_LOCAL static bool Talks() {
+    return ORVEX_ProfilingScope::IsOn() || ORVEX_LOG_BASE::Keeps(ORVEX_LOG_DEBUG);
+  }
+  // Query as far as nobody is told of it or waits: an LRU_LOOKUP. A hit is all of a query,
+  // and nothing of the host's runs on its way.
+  ORVEX_LOCAL int LookUpQuietly(const metadata_input_s* metaIn, metadata_output_s* metaOut)
+      ORVEX_EXCLUDES(lock);
+  // The query, from its lookup on if there was one. For both the caller has counted itself in.
+  ORVEX_LOCAL int QueryStepByStep(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx,
+                                  int lookup) ORVEX_EXCLUDES(lock);
+  ORVEX_LOCAL ORVEX_CallsInFlight& Calls() { return calls_; }
+
   // Takes the node over and returns 0. Otherwise it stays the caller's:
   // ORVEX_INVALID_PARAMETER when it is null, ORVEX_ALREADY_CACHED when there is
   // one under an equivalent key, ORVEX_NO_MEMORY.
@@ -71,15 +84,11 @@ class ORVEX_API LRUCache : public LRUCacheT<LRUCacheKey, LRUCacheNode, LRUCacheM
 
  protected:
   alignas(kCacheLineBytes) ORVEX_Set calHashSet;
-  // Threads inside Query, GetMetrics or ResetMetrics. Set to zero under the cache
-  // lock at each start, whoever is inside.
-  mutable ORVEX_CallsInFlight activeThreads;
+  // Threads inside Query, GetMetrics or ResetMetrics, set to zero under the cache
+  // lock at each start, whoever is inside; and those inside the engine.
+  mutable ORVEX_CallsInFlight calls_;
 
  private:
-  // Whether a host may be told of each step.
-  ORVEX_LOCAL static bool Talks() {
-    return ORVEX_ProfilingScope::IsOn() || ORVEX_LOG_BASE::Keeps(ORVEX_LOG_DEBUG);
-  }
   ORVEX_LOCAL bool MayWait(const metadata_input_s& in) const {
     return (in.invOperation & INV_CACHE_ONLY) == 0 && calHashSet.MayHold(in.path);
   }
@@ -87,9 +96,6 @@ class ORVEX_API LRUCache : public LRUCacheT<LRUCacheKey, LRUCacheNode, LRUCacheM
   template <bool kTalks>
   ORVEX_LOCAL LRU_LOOKUP LookUp(const metadata_input_s& in, metadata_output_s& out)
       ORVEX_REQUIRES(lock);
-  // The query, from its lookup on if there was one.
-  ORVEX_LOCAL int QueryStepByStep(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx,
-                                  int lookup) ORVEX_EXCLUDES(lock);
   // Sleeps while another thread calculates the path, and counts that. Throws
   // std::bad_alloc before anything is done.
   ORVEX_LOCAL void WaitUntilFree(const std::string& path);

@@ -119,7 +119,7 @@ void LRUCacheEntries::FreeText(LRUCacheSlot slot) {
 // Throws std::bad_alloc, and then no entry has changed.
 LRUCacheSlot LRUCacheEntries::Enter(LRUCacheSlot slot) {
   const LRUCacheKeyView& key = KeyIn(slot);
-  if (entryCount_ == 0) fields_ = key.Fields();
+  if (entryCount_ == 0) fields_ = FieldsOf(key);
   bool inIndex = IndexAnswers(key);
   if (inIndex) {
     if (const LRUCacheSlot equal = FindInIndex(key); equal != 0) return equal;
@@ -189,7 +189,7 @@ std::unique_ptr<LRUCacheEntries::OrderedView> LRUCacheEntries::MakeView() const 
 }
 
 // Not inlined: a hit has no use for it.
-__attribute__((noinline)) LRUCacheSlot LRUCacheEntries::FindInView(LRUCacheKeyView key) {
+__attribute__((noinline)) LRUCacheSlot LRUCacheEntries::FindInView(const LRUCacheKeyView& key) {
   MixKeys(key);
   if (view_ == nullptr) view_ = MakeView();
   const auto found = view_->slots.find(key);
@@ -206,14 +206,14 @@ LRUCacheSlot LRUCacheEntries::EnterView(LRUCacheSlot slot) {
 // What keys of different masks find depends on the shape of the view. One that colliding
 // keys made earlier remembers what was removed since, so that it is made anew.
 void LRUCacheEntries::MixKeys(const LRUCacheKeyView& key) {
-  if (isMixed_ || key.Fields() == fields_) return;
+  if (isMixed_ || FieldsOf(key) == fields_) return;
   view_ = MakeView();
   isMixed_ = true;
 }
 
 // False when too many keys collide, and then nothing has changed.
 bool LRUCacheEntries::EnterIndex(LRUCacheSlot slot) {
-  return tables_->index.Put(KeyIn(slot).Hash(hashesPaths_), slot) ||
+  return tables_->index.Put(HashOf(KeyIn(slot), hashesPaths_), slot) ||
          (!hashesPaths_ && EnterByPaths(slot));
 }
 
@@ -222,9 +222,9 @@ bool LRUCacheEntries::EnterByPaths(LRUCacheSlot newSlot) {
   const std::unique_ptr<LRUCacheIndex> index(new (std::nothrow) LRUCacheIndex);
   if (index == nullptr) return false;
   for (const LRUCacheSlot slot : EntriesAsTheyCame()) {
-    if (!index->Put(KeyIn(slot).Hash(true), slot)) return false;
+    if (!index->Put(HashOf(KeyIn(slot), true), slot)) return false;
   }
-  if (!index->Put(KeyIn(newSlot).Hash(true), newSlot)) return false;
+  if (!index->Put(HashOf(KeyIn(newSlot), true), newSlot)) return false;
   tables_->index = *index;
   hashesPaths_ = true;
   return true;

@@ -61,9 +61,10 @@ class ORVEX_LOCAL LRUCacheEntries {
 
   // The slot whose entry has an equivalent key, or 0. Throws std::bad_alloc when there is
   // no memory for the ordered view, and then nothing has changed.
-  LRUCacheSlot Find(LRUCacheKeyView key) {
+  template <typename AnyKey>
+  LRUCacheSlot Find(const AnyKey& key) {
     if (entryCount_ == 0) return 0;
-    return IndexAnswers(key) ? FindInIndex(key) : FindInView(key);
+    return IndexAnswers(key) ? FindInIndex(key) : FindInView(LRUCacheKeyView(key));
   }
   // Where the node of the next insertion may be built. Throws std::bad_alloc.
   void* MemoryForNode();
@@ -133,19 +134,21 @@ class ORVEX_LOCAL LRUCacheEntries {
   Slots EntriesBy(const Order& before) const;
   Slots EntriesAsTheyCame() const;
   std::unique_ptr<OrderedView> MakeView() const;
-  LRUCacheSlot FindInView(LRUCacheKeyView key);
+  LRUCacheSlot FindInView(const LRUCacheKeyView& key);
   LRUCacheSlot EnterView(LRUCacheSlot slot);
   void MixKeys(const LRUCacheKeyView& key);
-  bool IndexAnswers(const LRUCacheKeyView& key) const {
-    return isIndexed_ && key.Fields() == fields_;
+  template <typename AnyKey>
+  bool IndexAnswers(const AnyKey& key) const {
+    return isIndexed_ && FieldsOf(key) == fields_;
   }
   // The slot whose key is equal, or 0.
-  LRUCacheSlot FindInIndex(const LRUCacheKeyView& key) const {
-    return tables_->index.Find(key.Hash(hashesPaths_), [this, &key](LRUCacheSlot slot) {
+  template <typename AnyKey>
+  LRUCacheSlot FindInIndex(const AnyKey& key) const {
+    return tables_->index.Find(HashOf(key, hashesPaths_), [this, &key](LRUCacheSlot slot) {
       // While the keys are compared the node is on its way.
       const auto* const place = reinterpret_cast<const char*>(&PlaceOf(slot));
       for (int line = 1; line <= 4; ++line) __builtin_prefetch(place + 64 * line);
-      return key.Equals(KeyIn(slot));
+      return AreEqual(key, KeyIn(slot));
     });
   }
   bool EnterIndex(LRUCacheSlot slot);

@@ -66,18 +66,8 @@ struct ORVEX_LOCAL LRUCacheKeyView {
         deviceID(key.deviceID),
         fileID(key.fileID) {}
 
-  // The mask bits that select a field.
-  uint32_t Fields() const { return flags & kAllFields; }
-  // Whether the selected fields equal the other's; for keys of the same fields.
-  bool Equals(const LRUCacheKeyView& other) const;
-  // Equal for equal keys; its upper bits are the better ones. Of the numbers alone
-  // where they tell files apart: they cost a tenth of a path.
-  uint32_t Hash(bool alsoPath) const;
   // Logs the key at DEBUG.
   void Dump() const;
-
-  static constexpr uint32_t kAllFields =
-      KEY_PATH | KEY_SIZE | KEY_MTIME | KEY_DEVICE_ID | KEY_FILE_ID;
 
   uint32_t flags;
   const char* path;  // never null
@@ -87,14 +77,47 @@ struct ORVEX_LOCAL LRUCacheKeyView {
   uint64_t fileID;
 };
 
-inline bool LRUCacheKeyView::Equals(const LRUCacheKeyView& other) const {
-  const auto differs = [this](uint32_t field, uint64_t left, uint64_t right) {
-    return (flags & field) != 0 && left != right;
-  };
-  return !differs(KEY_FILE_ID, fileID, other.fileID) && !differs(KEY_SIZE, size, other.size) &&
-         !differs(KEY_MTIME, mtime, other.mtime) &&
-         !differs(KEY_DEVICE_ID, deviceID, other.deviceID) &&
-         ((flags & KEY_PATH) == 0 || std::strcmp(path, other.path) == 0);
+// What follows is asked of keys and of records alike, so that a hit copies no record.
+
+inline uint32_t MaskOf(const LRUCacheKeyView& key) { return key.flags; }
+inline uint32_t MaskOf(const metadata_input_s& in) { return in.fileOperation; }
+
+// The mask bits that select a field.
+template <typename AnyKey>
+uint32_t FieldsOf(const AnyKey& key) {
+  return MaskOf(key) & (KEY_PATH | KEY_SIZE | KEY_MTIME | KEY_DEVICE_ID | KEY_FILE_ID);
+}
+
+// Whether the selected fields are equal, for keys of the same fields.
+template <typename AnyKey>
+bool AreEqual(const AnyKey& left, const LRUCacheKeyView& right) {
+  const uint32_t mask = MaskOf(left);
+  return ((mask & KEY_FILE_ID) == 0 || left.fileID == right.fileID) &&
+         ((mask & KEY_SIZE) == 0 || left.size == right.size) &&
+         ((mask & KEY_MTIME) == 0 || left.mtime == right.mtime) &&
+         ((mask & KEY_DEVICE_ID) == 0 || left.deviceID == right.deviceID) &&
+         ((mask & KEY_PATH) == 0 || std::strcmp(TextOrEmpty(left.path), right.path) == 0);
+}
+
+// Equal for equal keys; its upper bits are the better ones. Of the numbers alone where they
+// tell files apart: they cost a tenth of a path.
+//
+// Multiplicative hashing (Knuth, The Art of Computer Programming, volume 3, 6.4), each
+// field by an odd factor of its own, so that the products need not wait for each
+// other. The factors are the fractions of square roots of primes: 3, 5, 7, 11 and 13.
+template <typename AnyKey>
+uint32_t HashOf(const AnyKey& key, bool alsoPath) {
+  const uint32_t mask = MaskOf(key);
+  uint64_t hash = 0;
+  if ((mask & KEY_SIZE) != 0) hash += key.size * 0xBB67AE8584CAA73B;
+  if ((mask & KEY_MTIME) != 0) hash += key.mtime * 0x3C6EF372FE94F82B;
+  if ((mask & KEY_DEVICE_ID) != 0) hash += key.deviceID * 0xA54FF53A5F1D36F1;
+  if ((mask & KEY_FILE_ID) != 0) hash += key.fileID * 0x510E527FADE682D1;
+  const bool numbersSuffice = !alsoPath && (mask & KEY_FILE_ID) != 0 && key.fileID != 0;
+  if (!numbersSuffice && (mask & KEY_PATH) != 0) {
+    hash += std::hash<std::string_view>()(TextOrEmpty(key.path)) * 0x9B05688C2B3E6C1F;
+  }
+  return static_cast<uint32_t>(hash >> 32);
 }
 
 inline void LRUCacheKeyView::Dump() const {
@@ -115,20 +138,4 @@ inline bool operator<(const LRUCacheKeyView& left, const LRUCacheKeyView& right)
     return left.deviceID < right.deviceID;
   }
   return (left.flags & KEY_FILE_ID) != 0 && left.fileID < right.fileID;
-}
-
-// Multiplicative hashing (Knuth, The Art of Computer Programming, volume 3, 6.4), each
-// field by an odd factor of its own, so that the products need not wait for each
-// other. The factors are the fractions of square roots of primes: 3, 5, 7, 11 and 13.
-inline uint32_t LRUCacheKeyView::Hash(bool alsoPath) const {
-  uint64_t hash = 0;
-  if ((flags & KEY_SIZE) != 0) hash += size * 0xBB67AE8584CAA73B;
-  if ((flags & KEY_MTIME) != 0) hash += mtime * 0x3C6EF372FE94F82B;
-  if ((flags & KEY_DEVICE_ID) != 0) hash += deviceID * 0xA54FF53A5F1D36F1;
-  if ((flags & KEY_FILE_ID) != 0) hash += fileID * 0x510E527FADE682D1;
-  const bool numbersSuffice = !alsoPath && (flags & KEY_FILE_ID) != 0 && fileID != 0;
-  if (!numbersSuffice && (flags & KEY_PATH) != 0) {
-    hash += std::hash<std::string_view>()(path) * 0x9B05688C2B3E6C1F;
-  }
-  return static_cast<uint32_t>(hash >> 32);
 }

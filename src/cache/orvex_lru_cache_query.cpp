@@ -81,25 +81,21 @@ class LeavePathOnReturn {
 
 }  // namespace
 
-// Flattened: all of a hit is one function, and nothing else is inlined into it.
-__attribute__((flatten)) int LRUCache::Query(metadata_input_s* metaIn, metadata_output_s* metaOut,
-                                             void* ctx) {
-  const ORVEX_CallsInFlight::Scope inFlight(activeThreads);
-  // Most queries are hits that nobody is told of and that wait for nobody: nothing of the
-  // host's runs on their way.
-  int lookup = LRU_NOT_YET;
-  if (!Talks() && IsActive() && metaIn != nullptr && metaOut != nullptr &&
-      metaIn->path != nullptr && !MayWait(*metaIn)) {
-    {
-      const ORVEX_MutexGuard guard(&lock);
-      lookup = LookUp<false>(*metaIn, *metaOut);
-    }
-    if (lookup == LRU_HIT) {
-      metaOut->resultReady = 1;
-      return ORVEX_OK;
-    }
+int LRUCache::Query(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx) {
+  const ORVEX_CallsInFlight::Scope inFlight(calls_, ORVEX_CallsInFlight::kOfCache);
+  const int lookup = Talks() ? LRU_NOT_YET : LookUpQuietly(metaIn, metaOut);
+  return lookup == LRU_HIT ? ORVEX_OK : QueryStepByStep(metaIn, metaOut, ctx, lookup);
+}
+
+int LRUCache::LookUpQuietly(const metadata_input_s* metaIn, metadata_output_s* metaOut) {
+  if (!IsActive() || metaIn == nullptr || metaOut == nullptr || metaIn->path == nullptr ||
+      MayWait(*metaIn)) {
+    return LRU_NOT_YET;
   }
-  return QueryStepByStep(metaIn, metaOut, ctx, lookup);
+  const ORVEX_MutexGuard guard(&lock);
+  const int lookup = LookUp<false>(*metaIn, *metaOut);
+  if (lookup == LRU_HIT) metaOut->resultReady = 1;
+  return lookup;
 }
 
 int LRUCache::QueryLRUCache(metadata_input_s* metaIn, metadata_output_s* metaOut) {
@@ -113,7 +109,7 @@ inline LRU_LOOKUP LRUCache::LookUp(const metadata_input_s& in, metadata_output_s
   LRUCacheSlot slot = 0;
   try {
     if (kTalks) key_.Read(in);
-    slot = entries_.Find(LRUCacheKeyView(in));
+    slot = entries_.Find(in);
   } catch (const std::exception&) {
     return LRU_NO_MEMORY;
   }

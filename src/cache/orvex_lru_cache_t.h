@@ -107,7 +107,7 @@ class ORVEX_API LRUCacheT {
   }
   // The node under an equivalent key, or null. Throws std::bad_alloc, and then nothing has
   // changed.
-  ORVEX_LOCAL Node* Find(LRUCacheKeyView key) ORVEX_REQUIRES(lock) {
+  ORVEX_LOCAL Node* Find(const LRUCacheKeyView& key) ORVEX_REQUIRES(lock) {
     return NodeIn(entries_.Find(key));
   }
   // Counts and tells that a lookup found no node, or one of another time.
@@ -184,7 +184,7 @@ int LRUCacheT<Key, Node, Metrics>::UpdateCache(metadata_input_s* metaIn,
   const ORVEX_MutexGuard guard(&lock);
   try {
     key_.Read(*metaIn);
-    if (const LRUCacheSlot slot = entries_.Find(key_); slot != 0) {
+    if (const LRUCacheSlot slot = entries_.Find(LRUCacheKeyView(key_)); slot != 0) {
       Node* const cached = NodeIn(slot);
       // The key shares the text that is about to change.
       if (cached->path != TextOrEmpty(metaIn->path)) entries_.CopyText(slot);

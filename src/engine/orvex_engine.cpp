@@ -49,10 +49,9 @@ unsigned int Low32Bits(const void* pointer) {
 
 }  // namespace
 
-ORVEX_ENGINE::ORVEX_ENGINE() {
+ORVEX_ENGINE::ORVEX_ENGINE() : calls_(HashCache().Calls()) {
   // What the engine works with is built before it and destroyed after it: nothing
   // ever finds an engine that runs without its caches.
-  HashCache();
   TypeCache();
   ORVEX_Singleton<ORVEX_Config>::GetInstance();
   ORVEX_LOGGER::GetInstance();
@@ -95,7 +94,7 @@ int ORVEX_ENGINE::Init(metadata_query_fptrs_s* fptrs) {
   TypeCache().RegisterMetaQueryCallback(fptrs->fileTypeQueryCallback);
   ORVEX_StoreRelaxed(inited, true);
   // Calls that came too early, or outlived an earlier stop, are not counted.
-  refCount.SetToZero();
+  calls_.SetToZero(ORVEX_CallsInFlight::kOfEngine);
   ORVEX_LOG_MESSAGE(ORVEX_LOG_INFO, kEngineSourceFile, "Kelda Inventory Engine init successfully");
   return ORVEX_OK;
 }
@@ -111,7 +110,8 @@ int ORVEX_ENGINE::Deinit() {
   // Before the wait: threads that sleep in a cache leave only once it stops.
   HashCache().DeinitLRUCache();
   TypeCache().DeinitLRUCache();
-  refCount.Drain("Kelda Inventory Engine deinit", __LINE__, __func__, kEngineSourceFile);
+  calls_.Drain(ORVEX_CallsInFlight::kOfEngine, "Kelda Inventory Engine deinit", __LINE__, __func__,
+               kEngineSourceFile);
   ORVEX_LOG_MESSAGE(ORVEX_LOG_WARNING, kEngineSourceFile,
                     "Kelda Inventory Engine deinit successfully");
   return ORVEX_OK;
@@ -123,12 +123,31 @@ bool ORVEX_ENGINE::IsInit() const {
 }
 
 int ORVEX_ENGINE::GetStatus() {
-  const ORVEX_CallsInFlight::Scope inFlight(refCount);
+  const ORVEX_CallsInFlight::Scope inFlight(calls_, ORVEX_CallsInFlight::kOfEngine);
   return IsInit() ? ORVEX_INITIALISED : ORVEX_NOT_INITIALISED;
 }
 
-int ORVEX_ENGINE::Query(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx) {
-  const ORVEX_CallsInFlight::Scope inFlight(refCount);
+// All of a hit is this one function, from the cache's lookup to its last counter.
+__attribute__((flatten)) int ORVEX_ENGINE::Query(metadata_input_s* metaIn,
+                                                 metadata_output_s* metaOut, void* ctx) {
+  // Who asks only the hash cache is counted in for both at once, unless a host is told of
+  // each step and may look who is where.
+  if (metaIn != nullptr && (metaIn->queryFlags & QUERY_FILE_TYPE) == 0 && metaIn->queryFlags != 0 &&
+      !LRUCache::Talks()) {
+    ORVEX_CallsInFlight::Scope inFlight(calls_, ORVEX_CallsInFlight::kOfBoth);
+    const int lookup =
+        ORVEX_LoadRelaxed(inited) ? HashCache().LookUpQuietly(metaIn, metaOut) : LRU_NOT_YET;
+    if (lookup == LRU_HIT) return ORVEX_OK;
+    return QueryStepByStep(metaIn, metaOut, ctx, &inFlight, lookup);
+  }
+  const ORVEX_CallsInFlight::Scope inFlight(calls_, ORVEX_CallsInFlight::kOfEngine);
+  return QueryStepByStep(metaIn, metaOut, ctx, nullptr, LRU_NOT_YET);
+}
+
+__attribute__((noinline)) int ORVEX_ENGINE::QueryStepByStep(metadata_input_s* metaIn,
+                                                            metadata_output_s* metaOut, void* ctx,
+                                                            ORVEX_CallsInFlight::Scope* inBoth,
+                                                            int lookup) {
   const ORVEX_ProfilingScope profiling("ORVEX_ENGINE::Query");
   if (!ORVEX_LoadRelaxed(inited)) return ORVEX_NOT_INITIALISED;
   if (metaOut == nullptr || metaIn == nullptr) {
@@ -146,8 +165,11 @@ int ORVEX_ENGINE::Query(metadata_input_s* metaIn, metadata_output_s* metaOut, vo
   }
   // Read again: the host's callback may have changed what is wanted.
   if ((metaIn->queryFlags & ~uint32_t{QUERY_FILE_TYPE}) != 0) {
-    const int hashCode = HashCache().Query(metaIn, metaOut, ctx);
+    const int hashCode = inBoth != nullptr
+                             ? HashCache().QueryStepByStep(metaIn, metaOut, ctx, lookup)
+                             : HashCache().Query(metaIn, metaOut, ctx);
     if (hashCode != ORVEX_OK) {
+      if (inBoth != nullptr) inBoth->StayInEngine();
       // The code so far, on purpose: a lone failure of the hash cache prints 0.
       ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kEngineSourceFile, "Error query hash cache %d", code);
       if (code == ORVEX_OK) code = hashCode;
@@ -163,7 +185,7 @@ int ORVEX_ENGINE::GetMetrics(orvex_metrics_s& metrics, unsigned int size,
 
 int ORVEX_ENGINE::GetMetrics(orvex_metrics_s* metrics, unsigned int size,
                              unsigned int* outSize) const {
-  const ORVEX_CallsInFlight::Scope inFlight(refCount);
+  const ORVEX_CallsInFlight::Scope inFlight(calls_, ORVEX_CallsInFlight::kOfEngine);
   const ORVEX_ProfilingScope profiling("ORVEX_ENGINE::GetMetrics");
   if (!IsInit()) return ORVEX_NOT_INITIALISED;
   if (size == 0) {
@@ -214,7 +236,7 @@ void ORVEX_ENGINE::DumpMetrics() const {
 }
 
 int ORVEX_ENGINE::ResetMetrics() {
-  const ORVEX_CallsInFlight::Scope inFlight(refCount);
+  const ORVEX_CallsInFlight::Scope inFlight(calls_, ORVEX_CallsInFlight::kOfEngine);
   if (!IsInit()) return ORVEX_NOT_INITIALISED;
   HashCache().ResetMetrics();
   TypeCache().ResetMetrics();

@@ -45,12 +45,16 @@ class ORVEX_API ORVEX_ENGINE {
   int ResetMetrics() ORVEX_EXCLUDES(lock);
 
  private:
+  // The query, from the hash cache's lookup on if there was one. inBoth is the scope of a call
+  // that the hash cache counts as well.
+  ORVEX_LOCAL int QueryStepByStep(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx,
+                                  ORVEX_CallsInFlight::Scope* inBoth, int lookup);
   ORVEX_LOCAL void PassLock() const ORVEX_EXCLUDES(lock);
 
   mutable ORVEX_PThread_Lock lock;
   alignas(kCacheLineBytes) bool inited = false;
-  // Threads inside Query, GetMetrics, ResetMetrics or GetStatus.
-  mutable ORVEX_CallsInFlight refCount;
+  // Counts threads inside Query, GetMetrics, ResetMetrics or GetStatus; the hash cache's.
+  ORVEX_CallsInFlight& calls_;
 };
 
 extern template class ORVEX_Singleton<ORVEX_ENGINE>;

@@ -1,10 +1,7 @@
 // How many calls of hosts are inside.
 #include "support/orvex_calls_in_flight.h"
 
-#include <pthread.h>
 #include <unistd.h>
-
-#include <cstdint>
 
 #include "support/orvex_log.h"
 
@@ -13,20 +10,23 @@ constexpr int kMaxRetries = 10;
 constexpr unsigned int kPauseUs = 100000;
 }  // namespace
 
-int ORVEX_CallsInFlight::Sum() const {
+int ORVEX_CallsInFlight::Sum(Count count) const {
   int sum = 0;
-  for (const Cell& cell : cells_) sum += ORVEX_atomic_read_32(&cell.count);
+  for (const Cell& cell : cells_) sum += Of(count, ORVEX_atomic_read_32(&cell.counts));
   return sum;
 }
 
-void ORVEX_CallsInFlight::SetToZero() {
-  for (Cell& cell : cells_) ORVEX_StoreRelaxed(cell.count, 0);
+void ORVEX_CallsInFlight::SetToZero(Count count) {
+  for (Cell& cell : cells_) {
+    const int found = Of(count, ORVEX_atomic_read_32(&cell.counts));
+    if (found != 0) ORVEX_atomic_add_32(&cell.counts, -found * count);
+  }
 }
 
-void ORVEX_CallsInFlight::Drain(const char* what, unsigned int line, const char* function,
-                                const char* sourceFile) const {
+void ORVEX_CallsInFlight::Drain(Count count, const char* what, unsigned int line,
+                                const char* function, const char* sourceFile) const {
   for (int retry = 0; retry < kMaxRetries; ++retry) {
-    const int inside = Sum();
+    const int inside = Sum(count);
     if (inside == 0) {
       ORVEX_LOG_AT(ORVEX_LOG_WARNING, line, function, sourceFile,
                    "%s: All threads leaves successfully, retry=%d", what, retry);
@@ -37,12 +37,5 @@ void ORVEX_CallsInFlight::Drain(const char* what, unsigned int line, const char*
     usleep(kPauseUs);
   }
   ORVEX_LOG_AT(ORVEX_LOG_WARNING, line, function, sourceFile,
-               "%s: Threads(%d) still running after max retry", what, Sum());
-}
-
-// Threads' own addresses differ in their middle bits.
-int volatile& ORVEX_CallsInFlight::CellOfThread() {
-  const auto thread =
-      static_cast<uint32_t>(reinterpret_cast<uintptr_t>(__builtin_thread_pointer()) >> 4);
-  return cells_[(thread * 0x9E3779B9U) >> 26].count;
+               "%s: Threads(%d) still running after max retry", what, Sum(count));
 }

@@ -15,7 +15,6 @@ using Paths = std::vector<std::string>;
 class OpenHashCache : public LRUCache {
  public:
   using LRUCache::active;
-  using LRUCache::activeThreads;
   using LRUCache::calHashSet;
   using LRUCache::capacity;
   using LRUCache::entries_;
@@ -25,6 +24,7 @@ class OpenHashCache : public LRUCache {
   OpenHashCache() { RegisterMetaQueryCallback(CallHost); }
   ~OpenHashCache() override { FlushCache(); }
 
+  int ThreadsInside() const { return calls_.Sum(ORVEX_CallsInFlight::kOfCache); }
   // The paths from the most to the least recently used.
   Paths PathsInOrder() const {
     Paths paths;
@@ -33,7 +33,7 @@ class OpenHashCache : public LRUCache {
   }
 
   LRUCacheNode* Find(const LRUCacheKey& key) {
-    return static_cast<LRUCacheNode*>(entries_.NodeIn(entries_.Find(key)));
+    return static_cast<LRUCacheNode*>(entries_.NodeIn(entries_.Find(LRUCacheKeyView(key))));
   }
   // Stores an answer and returns the code.
   int Store(metadata_input_s in, metadata_output_s& out) { return UpdateCache(&in, &out); }

@@ -16,7 +16,7 @@ struct OpenedCache : LRUCacheT<Key, Node, Metrics> {
   static auto& Entries(Cache& cache) { return cache.*(&OpenedCache::entries_); }
   static Node* Find(Cache& cache, const Key& key) {
     auto& entries = Entries(cache);
-    return static_cast<Node*>(entries.NodeIn(entries.Find(key)));
+    return static_cast<Node*>(entries.NodeIn(entries.Find(LRUCacheKeyView(key))));
   }
   static auto& Lock(Cache& cache) { return cache.*(&OpenedCache::lock); }
   static bool IsActive(Cache& cache) { return cache.*(&OpenedCache::active); }
@@ -29,7 +29,9 @@ using OpenedFileType = OpenedCache<LRUCacheKey, FileTypeCacheNode, FileTypeCache
 
 struct OpenedHashCache : LRUCache {
   static auto& Set(LRUCache& cache) { return cache.*(&OpenedHashCache::calHashSet); }
-  static auto& ThreadsInside(LRUCache& cache) { return cache.*(&OpenedHashCache::activeThreads); }
+  static int ThreadsInside(LRUCache& cache) {
+    return (cache.*(&OpenedHashCache::calls_)).Sum(ORVEX_CallsInFlight::kOfCache);
+  }
 };
 
 // What of the promise does not hold, or "" when all of it does. With mixedMasks
@@ -71,7 +73,7 @@ inline std::string BrokenInvariantOfIdleCaches(bool mixedMasks = false) {
   ORVEX_Set& set = OpenedHashCache::Set(HashCache());
   const ORVEX_ScopeLock guard(&set.condLock);
   if (!set.paths.empty()) return "still being calculated: " + *set.paths.begin();
-  const int inside = OpenedHashCache::ThreadsInside(HashCache()).Sum();
+  const int inside = OpenedHashCache::ThreadsInside(HashCache());
   if (inside != 0) return "threads inside the idle hash cache: " + std::to_string(inside);
   return "";
 }

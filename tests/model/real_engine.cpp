@@ -172,7 +172,7 @@ void RealEngine::Look(EngineState& state) {
 void RealEngine::LookAtCalls(CallState& state) {
   LRUCache& hash = HashCache();
   const ORVEX_Set& set = OpenedHashCache::Set(hash);
-  state.threads = OpenedHashCache::ThreadsInside(hash).Sum();
+  state.threads = OpenedHashCache::ThreadsInside(hash);
   state.setActive = set.active;
   state.pathsBeingCalculated.assign(set.paths.begin(), set.paths.end());
 }
