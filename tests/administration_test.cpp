@@ -6,7 +6,8 @@
 #include <utility>
 #include <vector>
 
-#include "cache/orvex_caches.h"
+#include "cache/orvex_lru_cache.h"
+#include "cache/orvex_lru_cache_file_type.h"
 #include "harness/recorded_log.h"
 #include "harness/records.h"
 #include "harness/virtual_table.h"

@@ -12,7 +12,8 @@
 #include <fstream>
 #include <string>
 
-#include "cache/orvex_caches.h"
+#include "cache/orvex_lru_cache.h"
+#include "cache/orvex_lru_cache_file_type.h"
 #include "harness/engine_under_test.h"
 #include "harness/recorded_log.h"
 #include "support/orvex_config.h"

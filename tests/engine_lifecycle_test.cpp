@@ -6,7 +6,8 @@
 #include <string>
 #include <utility>
 
-#include "cache/orvex_caches.h"
+#include "cache/orvex_lru_cache.h"
+#include "cache/orvex_lru_cache_file_type.h"
 #include "engine/orvex_engine.h"
 #include "harness/captured_output.h"
 #include "harness/counted_sleep.h"

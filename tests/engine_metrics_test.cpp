@@ -4,7 +4,8 @@
 #include <cstring>
 #include <string>
 
-#include "cache/orvex_caches.h"
+#include "cache/orvex_lru_cache.h"
+#include "cache/orvex_lru_cache_file_type.h"
 #include "engine/orvex_engine.h"
 #include "harness/engine_under_test.h"
 #include "harness/recorded_log.h"

@@ -16,7 +16,8 @@
 #include <thread>
 #include <vector>
 
-#include "cache/orvex_caches.h"
+#include "cache/orvex_lru_cache.h"
+#include "cache/orvex_lru_cache_file_type.h"
 #include "harness/counted_sleep.h"
 #include "harness/open_hash_cache.h"
 #include "harness/sanitizers.h"

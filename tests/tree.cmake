@@ -29,6 +29,8 @@ foreach(bits IN LISTS headerBits)
       -m${bits} ${headerCompilers})
 endforeach()
 
+orvexeng_add_tree_test("layers_test: each layer uses those below it and none above"
+  COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/layers_test.sh ${PROJECT_SOURCE_DIR}/src)
 orvexeng_add_tree_test("reproducible_test: the library is the same wherever it is built"
   SLOW COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/reproducible_test.sh ${PROJECT_SOURCE_DIR} ${ORVEXENG_BITS}
     ${CMAKE_C_COMPILER} ${CMAKE_CXX_COMPILER})

@@ -3,13 +3,12 @@
 
 #include <string>
 
-#include "cache/orvex_lru_cache_key.h"
 #include "cache/orvex_lru_cache_node.h"
 #include "cache/orvex_lru_cache_t.h"
 #include "cache/orvex_set.h"
 #include "orvexeng.h"
+#include "support/orvex_annotations.h"
 #include "support/orvex_calls_in_flight.h"
-#include "support/orvex_local.h"
 #include "support/orvex_profiling.h"
 #include "support/orvex_singleton.h"
 
@@ -77,6 +76,7 @@ class ORVEX_API LRUCache : public LRUCacheT<LRUCacheKey, LRUCacheNode, LRUCacheM
                                   int lookup) ORVEX_EXCLUDES(lock);
   ORVEX_LOCAL ORVEX_CallsInFlight& Calls() { return calls_; }
 
+  // For hosts: the library itself inserts what it is told.
   // Takes the node over and returns 0. Otherwise it stays the caller's:
   // ORVEX_INVALID_PARAMETER when it is null, ORVEX_ALREADY_CACHED when there is
   // one under an equivalent key, ORVEX_NO_MEMORY.
@@ -105,3 +105,6 @@ class ORVEX_API LRUCache : public LRUCacheT<LRUCacheKey, LRUCacheNode, LRUCacheM
 
 extern template class LRUCacheT<LRUCacheKey, LRUCacheNode, LRUCacheMetrics_s>;
 extern template class ORVEX_Singleton<LRUCache>;
+
+// The one of the process.
+inline LRUCache& HashCache() { return *ORVEX_Singleton<LRUCache>::GetInstance(); }

@@ -9,7 +9,7 @@
 
 #include "cache/orvex_lru_cache_index.h"
 #include "cache/orvex_lru_cache_key.h"
-#include "support/orvex_local.h"
+#include "support/orvex_annotations.h"
 
 // Every node has a numbered slot with its key. The slots form a ring in order of recency,
 // and a hash index leads from a key to its slot; where hashing cannot tell what the order

@@ -3,7 +3,6 @@
 
 #include <exception>
 
-#include "cache/orvex_lru_cache_text.h"
 #include "support/orvex_log.h"
 
 template class LRUCacheT<LRUCacheKey, FileTypeCacheNode, FileTypeCacheMetrics_s>;

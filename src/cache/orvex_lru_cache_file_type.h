@@ -4,11 +4,9 @@
 #include <cstdint>
 #include <string>
 
-#include "cache/orvex_lru_cache_index.h"
-#include "cache/orvex_lru_cache_key.h"
 #include "cache/orvex_lru_cache_t.h"
 #include "orvexeng.h"
-#include "support/orvex_local.h"
+#include "support/orvex_annotations.h"
 #include "support/orvex_singleton.h"
 
 // The type of one file, as the host gave it.
@@ -21,6 +19,7 @@ class ORVEX_API FileTypeCacheNode {
   // Throws std::bad_alloc, as SetDataToCacheNode does.
   FileTypeCacheNode(metadata_input_s& in, metadata_output_s& out);
   FileTypeCacheNode(const FileTypeCacheNode&) = delete;
+  // For hosts: the library itself assigns no node.
   // Takes over path and file type; mtime and the place in the cache stay.
   FileTypeCacheNode& operator=(FileTypeCacheNode& other);
 
@@ -75,3 +74,9 @@ class ORVEX_API FileTypeCache final
 
 extern template class LRUCacheT<LRUCacheKey, FileTypeCacheNode, FileTypeCacheMetrics_s>;
 extern template class ORVEX_Singleton<FileTypeCache>;
+
+// The one of the process, as its base class, so that its operations are called through
+// the virtual table like those of the hash cache.
+inline LRUCacheT<LRUCacheKey, FileTypeCacheNode, FileTypeCacheMetrics_s>& TypeCache() {
+  return *ORVEX_Singleton<FileTypeCache>::GetInstance();
+}

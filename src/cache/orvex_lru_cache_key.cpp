@@ -1,7 +1,6 @@
 // The identity of a file in both caches.
 #include "cache/orvex_lru_cache_key.h"
 
-#include "cache/orvex_lru_cache_text.h"
 
 LRUCacheKey::LRUCacheKey() = default;
 

@@ -9,7 +9,7 @@
 
 #include "cache/orvex_lru_cache_text.h"
 #include "orvexeng.h"
-#include "support/orvex_local.h"
+#include "support/orvex_annotations.h"
 #include "support/orvex_log.h"
 
 // Which file an entry is about, and which of its fields tell it from others.
@@ -24,7 +24,7 @@ class ORVEX_API LRUCacheKey {
   ORVEX_LOCAL void Read(const metadata_input_s& in);
   LRUCacheKey(const LRUCacheKey& other);
   virtual ~LRUCacheKey();
-  // Leaves the name as it is.
+  // Leaves the name as it is. For hosts, as are the comparisons and the dump.
   LRUCacheKey& operator=(const LRUCacheKey& other);
 
   // Orders by the fields that the left key's mask selects; the right one's never

@@ -5,7 +5,6 @@
 #include <cstring>
 #include <new>
 
-#include "cache/orvex_lru_cache_text.h"
 #include "support/orvex_log.h"
 #include "support/orvex_time.h"
 

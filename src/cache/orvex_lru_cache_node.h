@@ -8,10 +8,9 @@
 #include <string>
 
 #include "cache/orvex_lru_cache_index.h"
-#include "cache/orvex_lru_cache_key.h"
 #include "cache/orvex_lru_cache_text.h"
 #include "orvexeng.h"
-#include "support/orvex_local.h"
+#include "support/orvex_annotations.h"
 #include "support/orvex_log.h"
 
 // By words on 32-bit x86: gcc would use a string instruction there, which takes longer to
@@ -46,6 +45,7 @@ class ORVEX_API LRUCacheNode {
   LRUCacheNode(metadata_input_s& in, metadata_output_s& out);
   LRUCacheNode(const LRUCacheNode&) = delete;
   virtual ~LRUCacheNode();
+  // For hosts: the library itself assigns no node.
   // Takes over the parts that the source holds and keeps the others; mtime and
   // the place in the cache stay in any case.
   LRUCacheNode& operator=(const LRUCacheNode& source);

@@ -6,7 +6,6 @@
 #include <string>
 
 #include "cache/orvex_lru_cache.h"
-#include "cache/orvex_lru_cache_text.h"
 #include "support/orvex_profiling.h"
 
 namespace {

@@ -7,11 +7,9 @@
 #include <new>
 
 #include "cache/orvex_lru_cache_entries.h"
-#include "cache/orvex_lru_cache_text.h"
 #include "orvexeng.h"
 #include "support/orvex_annotations.h"
 #include "support/orvex_atomic.h"
-#include "support/orvex_local.h"
 #include "support/orvex_lock.h"
 #include "support/orvex_log.h"
 
@@ -56,22 +54,73 @@ struct ORVEX_LOCAL ORVEX_CountAtEnd {
 template <typename Key, typename Node, typename Metrics>
 class ORVEX_API LRUCacheT {
  public:
-  LRUCacheT();
+  // With a body, as the destructor: what is defaulted here an instantiation does not export.
+  LRUCacheT() {}  // NOLINT(modernize-use-equals-default)
   LRUCacheT(const LRUCacheT&) = delete;
   LRUCacheT& operator=(const LRUCacheT&) = delete;
 
-  virtual int InitLRUCache() ORVEX_EXCLUDES(lock);
+  virtual int InitLRUCache() ORVEX_EXCLUDES(lock) {
+    const ORVEX_MutexGuard guard(&lock);
+    ORVEX_StoreRelaxed(active, true);
+    return ORVEX_OK;
+  }
   // Refuses new queries from here on, empties the cache and zeroes the counters.
-  virtual int DeinitLRUCache() ORVEX_EXCLUDES(lock);
+  virtual int DeinitLRUCache() ORVEX_EXCLUDES(lock) {
+    {
+      const ORVEX_MutexGuard guard(&lock);
+      ORVEX_StoreRelaxed(active, false);
+    }
+    FlushCache();
+    ResetMetrics();
+    return ORVEX_OK;
+  }
   virtual int UpdateMetaData(metadata_input_s* metaIn, metadata_output_s* metaOut)
-      ORVEX_EXCLUDES(lock);
+      ORVEX_EXCLUDES(lock) {
+    return UpdateCache(metaIn, metaOut);
+  }
   // Stores an answer, in an active cache or not. Returns 0,
   // ORVEX_INVALID_PARAMETER or ORVEX_NO_MEMORY, and then the cache is as it was.
   virtual int UpdateCache(metadata_input_s* metaIn, metadata_output_s* metaOut)
-      ORVEX_EXCLUDES(lock);
-  virtual int FlushCache() ORVEX_EXCLUDES(lock);
-  virtual int ResetMetrics() ORVEX_EXCLUDES(lock);
-  virtual void DumpCache() const ORVEX_EXCLUDES(lock);
+      ORVEX_EXCLUDES(lock) {
+    if (metaOut == nullptr || metaIn == nullptr) return ORVEX_INVALID_PARAMETER;
+    const ORVEX_MutexGuard guard(&lock);
+    try {
+      key_.Read(*metaIn);
+      if (const LRUCacheSlot slot = entries_.Find(LRUCacheKeyView(key_)); slot != 0) {
+        Node* const cached = NodeIn(slot);
+        // The key shares the text that is about to change.
+        if (cached->path != TextOrEmpty(metaIn->path)) entries_.CopyText(slot);
+        cached->SetDataToCacheNode(*metaIn, *metaOut);
+        LRUCacheNodeUpdate(key_, cached, LRU_UPDATE);
+        return ORVEX_OK;
+      }
+      Insert(key_, OwnedNode(new (entries_.MemoryForNode()) Node(*metaIn, *metaOut), End));
+      return ORVEX_OK;
+    } catch (const std::exception&) {
+      // No memory, or a text longer than a string can be.
+      ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kLRUCacheSourceFile,
+                        "Insufficient memory for create cache node");
+      return ORVEX_NO_MEMORY;
+    }
+  }
+  virtual int FlushCache() ORVEX_EXCLUDES(lock) {
+    const ORVEX_MutexGuard guard(&lock);
+    entries_.ForgetKeys();
+    for (LRUCacheSlot slot = entries_.After(0); slot != 0; slot = entries_.After(slot)) Owned(slot);
+    entries_.Clear();
+    return ORVEX_OK;
+  }
+  virtual int ResetMetrics() ORVEX_EXCLUDES(lock) {
+    const ORVEX_MutexGuard guard(&lock);
+    ZeroMetrics();
+    return ORVEX_OK;
+  }
+  virtual void DumpCache() const ORVEX_EXCLUDES(lock) {
+    const ORVEX_MutexGuard guard(&lock);
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile, "Cache capacity = %u", capacity);
+    DumpCacheMap();
+    DumpCacheNodeList();
+  }
   virtual int Query(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx)
       ORVEX_EXCLUDES(lock) = 0;
   virtual int GetMetrics(Metrics& out) const = 0;
@@ -79,24 +128,68 @@ class ORVEX_API LRUCacheT {
   // Throws std::bad_alloc for LRU_INSERT, and then nothing has changed and the
   // node is still the caller's.
   virtual void LRUCacheNodeUpdate(Key& key, Node* node, LRU_OPERATION operation)
-      ORVEX_REQUIRES(lock);
-  virtual void DumpCacheMap() const ORVEX_REQUIRES(lock);
-  virtual void DumpCacheNodeList() const ORVEX_REQUIRES(lock);
+      ORVEX_REQUIRES(lock) {
+    if (node == nullptr) return;
+    if (operation == LRU_UPDATE) {
+      entries_.MoveToFront(node->mapEntry);
+      ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile, "Cache node updated: path=%s",
+                        node->path.c_str());
+    } else if (operation == LRU_INSERT) {
+      LRUCacheKeyView view(key);
+      const bool sharesText = node->path == view.path;
+      if (sharesText) view.path = node->path.c_str();
+      node->mapEntry = entries_.Insert(view, node, !sharesText);
+      ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile, "Insert new cache node: path=%s",
+                        node->path.c_str());
+    }
+  }
+  virtual void DumpCacheMap() const ORVEX_REQUIRES(lock) {
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile, "CacheMap.size=%u",
+                      static_cast<unsigned int>(entries_.EntryCount()));
+    for (const LRUCacheSlot slot : entries_.InOrderOfKeys()) entries_.KeyIn(slot).Dump();
+  }
+  virtual void DumpCacheNodeList() const ORVEX_REQUIRES(lock) {
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile, "CacheNodeList.size=%u",
+                      static_cast<unsigned int>(entries_.Size()));
+    for (LRUCacheSlot slot = entries_.After(0); slot != 0; slot = entries_.After(slot)) {
+      NodeIn(slot)->Dump();
+    }
+  }
   // One of LRU_LOOKUP. Needs no memory while all keys are of one mask.
   virtual int QueryLRUCache(metadata_input_s* metaIn, metadata_output_s* metaOut)
       ORVEX_EXCLUDES(lock) = 0;
   // Evicts the least recently used nodes beyond the capacity.
   virtual void LRUCacheNodeWipe() ORVEX_REQUIRES(lock) = 0;
 
-  bool IsInit() const ORVEX_EXCLUDES(lock);
+  bool IsInit() const ORVEX_EXCLUDES(lock) {
+    const ORVEX_MutexGuard guard(&lock);
+    return IsActive();
+  }
   // In nodes, 1 to ORVEX_MAX_CAPACITY; anything else means the latter. Evicts at
   // once.
-  void SetCapacity(unsigned int newCapacity) ORVEX_EXCLUDES(lock);
+  void SetCapacity(unsigned int newCapacity) ORVEX_EXCLUDES(lock) {
+    const ORVEX_MutexGuard guard(&lock);
+    // Unsigned, so that 0 counts as too large.
+    capacity = newCapacity - 1 < ORVEX_MAX_CAPACITY ? newCapacity : ORVEX_MAX_CAPACITY;
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_INFO, kLRUCacheSourceFile, "Set max cache capacity to %u",
+                      capacity);
+    LRUCacheNodeWipe();
+  }
   // A null callback is an error in the log and changes nothing.
-  void RegisterMetaQueryCallback(orvex_query_cb callback) ORVEX_EXCLUDES(lock);
+  void RegisterMetaQueryCallback(orvex_query_cb callback) ORVEX_EXCLUDES(lock) {
+    if (callback == nullptr) {
+      ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kLRUCacheSourceFile,
+                        "Kelda Inventory Engine register query callback failed: invalid parameter");
+      return;
+    }
+    const ORVEX_MutexGuard guard(&lock);
+    queryCallback = callback;
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile,
+                      "Kelda Inventory Engine register query callback successfully");
+  }
 
  protected:
-  ~LRUCacheT();
+  ~LRUCacheT() {}  // NOLINT(modernize-use-equals-default)
 
   // IsInit without the lock, for the way of every query: an answer either way is
   // right for a call that meets a start or a stop.
@@ -111,14 +204,53 @@ class ORVEX_API LRUCacheT {
     return NodeIn(entries_.Find(key));
   }
   // Counts and tells that a lookup found no node, or one of another time.
-  ORVEX_LOCAL LRU_LOOKUP MissOrOutOfDate(const Node* node, const metadata_input_s& in)
-      ORVEX_REQUIRES(lock);
+  ORVEX_LOCAL __attribute__((noinline)) LRU_LOOKUP MissOrOutOfDate(const Node* node,
+                                                                   const metadata_input_s& in)
+      ORVEX_REQUIRES(lock) {
+    constexpr char kFunction[] = "QueryLRUCache";
+    if (node == nullptr) {
+      ORVEX_atomic_increment_64(&metrics.Miss);
+      ORVEX_LOG_FROM(ORVEX_LOG_DEBUG, kFunction, kLRUCacheSourceFile, "Cache query: cache miss, %s",
+                     in.path);
+      return LRU_MISS;
+    }
+    ORVEX_atomic_increment_64(&metrics.OutOfDate);
+    ORVEX_LOG_FROM(ORVEX_LOG_WARNING, kFunction, kLRUCacheSourceFile,
+                   "Cache query: cache out-of-date, (%llu/%llu) %s", PrintableNumber(in.mtime),
+                   PrintableNumber(node->mtime), in.path);
+    return LRU_OUT_OF_DATE;
+  }
   // What LRUCacheNodeWipe does; counts each node in wipeOuts.
-  ORVEX_LOCAL void EvictBeyondCapacity(long long volatile* wipeOuts) ORVEX_REQUIRES(lock);
-  ORVEX_LOCAL void ZeroMetrics() ORVEX_REQUIRES(lock);
+  ORVEX_LOCAL void EvictBeyondCapacity(long long volatile* wipeOuts) ORVEX_REQUIRES(lock) {
+    while (entries_.Size() > capacity) {
+      ORVEX_LOG_FROM(ORVEX_LOG_DEBUG, "LRUCacheNodeWipe", kLRUCacheSourceFile,
+                     "Reach max cache capacity, start to remove oldest one");
+      const OwnedNode oldest = Owned(entries_.RemoveOldest());
+      oldest->Dump();
+      ORVEX_atomic_increment_64(wipeOuts);
+    }
+  }
+  ORVEX_LOCAL void ZeroMetrics() ORVEX_REQUIRES(lock) {
+    static_assert(alignof(Metrics) >= 8 && sizeof(Metrics) % sizeof(long long) == 0,
+                  "a counter across two cache lines slows every locked add: keep alignas(8)");
+    auto* const counters = reinterpret_cast<long long*>(&metrics);
+    for (size_t i = 0; i < sizeof(Metrics) / sizeof(long long); ++i)
+      ORVEX_ZeroCounter(counters + i);
+  }
   // The host's answer, unchanged.
   ORVEX_LOCAL int AskHost(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx)
-      ORVEX_EXCLUDES(lock);
+      ORVEX_EXCLUDES(lock) {
+    // Read once: a host that registers another callback meanwhile changes the next
+    // query, not this one.
+    orvex_query_cb callback;
+    {
+      const ORVEX_MutexGuard guard(&lock);
+      callback = queryCallback;
+    }
+    // No lock from here on: the host may take seconds, may throw, and may call back
+    // into the library on this very thread.
+    return callback(metaIn, metaOut, ctx);
+  }
 
   LRUCacheEntries entries_ ORVEX_GUARDED_BY(lock){sizeof(Node)};
   // On its own cache line: waiters poll it.
@@ -144,211 +276,15 @@ class ORVEX_API LRUCacheT {
   ORVEX_LOCAL OwnedNode Owned(LRUCacheSlot slot) ORVEX_REQUIRES(lock) {
     return OwnedNode(NodeIn(slot), entries_.IsInPlace(slot) ? End : Delete);
   }
-  ORVEX_LOCAL void Insert(Key& key, OwnedNode node) ORVEX_REQUIRES(lock);
-};
-
-template <typename Key, typename Node, typename Metrics>
-LRUCacheT<Key, Node, Metrics>::LRUCacheT() = default;
-
-template <typename Key, typename Node, typename Metrics>
-LRUCacheT<Key, Node, Metrics>::~LRUCacheT() = default;
-
-template <typename Key, typename Node, typename Metrics>
-int LRUCacheT<Key, Node, Metrics>::InitLRUCache() {
-  const ORVEX_MutexGuard guard(&lock);
-  ORVEX_StoreRelaxed(active, true);
-  return ORVEX_OK;
-}
-
-template <typename Key, typename Node, typename Metrics>
-int LRUCacheT<Key, Node, Metrics>::DeinitLRUCache() {
-  {
-    const ORVEX_MutexGuard guard(&lock);
-    ORVEX_StoreRelaxed(active, false);
-  }
-  FlushCache();
-  ResetMetrics();
-  return ORVEX_OK;
-}
-
-template <typename Key, typename Node, typename Metrics>
-int LRUCacheT<Key, Node, Metrics>::UpdateMetaData(metadata_input_s* metaIn,
-                                                  metadata_output_s* metaOut) {
-  return UpdateCache(metaIn, metaOut);
-}
-
-template <typename Key, typename Node, typename Metrics>
-int LRUCacheT<Key, Node, Metrics>::UpdateCache(metadata_input_s* metaIn,
-                                               metadata_output_s* metaOut) {
-  if (metaOut == nullptr || metaIn == nullptr) return ORVEX_INVALID_PARAMETER;
-  const ORVEX_MutexGuard guard(&lock);
-  try {
-    key_.Read(*metaIn);
-    if (const LRUCacheSlot slot = entries_.Find(LRUCacheKeyView(key_)); slot != 0) {
-      Node* const cached = NodeIn(slot);
-      // The key shares the text that is about to change.
-      if (cached->path != TextOrEmpty(metaIn->path)) entries_.CopyText(slot);
-      cached->SetDataToCacheNode(*metaIn, *metaOut);
-      LRUCacheNodeUpdate(key_, cached, LRU_UPDATE);
-      return ORVEX_OK;
+  ORVEX_LOCAL void Insert(Key& key, OwnedNode node) ORVEX_REQUIRES(lock) {
+    // Once inserted it is the cache's, also when a log callback ends the thread.
+    Node* const inserted = node.release();
+    try {
+      LRUCacheNodeUpdate(key, inserted, LRU_INSERT);
+    } catch (const std::bad_alloc&) {
+      node.reset(inserted);
+      throw;
     }
-    Insert(key_, OwnedNode(new (entries_.MemoryForNode()) Node(*metaIn, *metaOut), End));
-    return ORVEX_OK;
-  } catch (const std::exception&) {
-    // No memory, or a text longer than a string can be.
-    ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kLRUCacheSourceFile,
-                      "Insufficient memory for create cache node");
-    return ORVEX_NO_MEMORY;
+    LRUCacheNodeWipe();
   }
-}
-
-template <typename Key, typename Node, typename Metrics>
-void LRUCacheT<Key, Node, Metrics>::LRUCacheNodeUpdate(Key& key, Node* node,
-                                                       LRU_OPERATION operation) {
-  if (node == nullptr) return;
-  if (operation == LRU_UPDATE) {
-    entries_.MoveToFront(node->mapEntry);
-    ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile, "Cache node updated: path=%s",
-                      node->path.c_str());
-  } else if (operation == LRU_INSERT) {
-    LRUCacheKeyView view(key);
-    const bool sharesText = node->path == view.path;
-    if (sharesText) view.path = node->path.c_str();
-    node->mapEntry = entries_.Insert(view, node, !sharesText);
-    ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile, "Insert new cache node: path=%s",
-                      node->path.c_str());
-  }
-}
-
-template <typename Key, typename Node, typename Metrics>
-int LRUCacheT<Key, Node, Metrics>::FlushCache() {
-  const ORVEX_MutexGuard guard(&lock);
-  entries_.ForgetKeys();
-  for (LRUCacheSlot slot = entries_.After(0); slot != 0; slot = entries_.After(slot)) Owned(slot);
-  entries_.Clear();
-  return ORVEX_OK;
-}
-
-template <typename Key, typename Node, typename Metrics>
-int LRUCacheT<Key, Node, Metrics>::ResetMetrics() {
-  const ORVEX_MutexGuard guard(&lock);
-  ZeroMetrics();
-  return ORVEX_OK;
-}
-
-template <typename Key, typename Node, typename Metrics>
-void LRUCacheT<Key, Node, Metrics>::DumpCache() const {
-  const ORVEX_MutexGuard guard(&lock);
-  ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile, "Cache capacity = %u", capacity);
-  DumpCacheMap();
-  DumpCacheNodeList();
-}
-
-template <typename Key, typename Node, typename Metrics>
-void LRUCacheT<Key, Node, Metrics>::DumpCacheMap() const {
-  ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile, "CacheMap.size=%u",
-                    static_cast<unsigned int>(entries_.EntryCount()));
-  for (const LRUCacheSlot slot : entries_.InOrderOfKeys()) entries_.KeyIn(slot).Dump();
-}
-
-template <typename Key, typename Node, typename Metrics>
-void LRUCacheT<Key, Node, Metrics>::DumpCacheNodeList() const {
-  ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile, "CacheNodeList.size=%u",
-                    static_cast<unsigned int>(entries_.Size()));
-  for (LRUCacheSlot slot = entries_.After(0); slot != 0; slot = entries_.After(slot)) {
-    NodeIn(slot)->Dump();
-  }
-}
-
-template <typename Key, typename Node, typename Metrics>
-bool LRUCacheT<Key, Node, Metrics>::IsInit() const {
-  const ORVEX_MutexGuard guard(&lock);
-  return IsActive();
-}
-
-template <typename Key, typename Node, typename Metrics>
-void LRUCacheT<Key, Node, Metrics>::SetCapacity(unsigned int newCapacity) {
-  const ORVEX_MutexGuard guard(&lock);
-  // Unsigned, so that 0 counts as too large.
-  capacity = newCapacity - 1 < ORVEX_MAX_CAPACITY ? newCapacity : ORVEX_MAX_CAPACITY;
-  ORVEX_LOG_MESSAGE(ORVEX_LOG_INFO, kLRUCacheSourceFile, "Set max cache capacity to %u", capacity);
-  LRUCacheNodeWipe();
-}
-
-template <typename Key, typename Node, typename Metrics>
-void LRUCacheT<Key, Node, Metrics>::RegisterMetaQueryCallback(orvex_query_cb callback) {
-  if (callback == nullptr) {
-    ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kLRUCacheSourceFile,
-                      "Kelda Inventory Engine register query callback failed: invalid parameter");
-    return;
-  }
-  const ORVEX_MutexGuard guard(&lock);
-  queryCallback = callback;
-  ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile,
-                    "Kelda Inventory Engine register query callback successfully");
-}
-
-template <typename Key, typename Node, typename Metrics>
-void LRUCacheT<Key, Node, Metrics>::Insert(Key& key, OwnedNode node) {
-  // Once inserted it is the cache's, also when a log callback ends the thread.
-  Node* const inserted = node.release();
-  try {
-    LRUCacheNodeUpdate(key, inserted, LRU_INSERT);
-  } catch (const std::bad_alloc&) {
-    node.reset(inserted);
-    throw;
-  }
-  LRUCacheNodeWipe();
-}
-
-template <typename Key, typename Node, typename Metrics>
-__attribute__((noinline)) LRU_LOOKUP LRUCacheT<Key, Node, Metrics>::MissOrOutOfDate(
-    const Node* node, const metadata_input_s& in) {
-  constexpr char kFunction[] = "QueryLRUCache";
-  if (node == nullptr) {
-    ORVEX_atomic_increment_64(&metrics.Miss);
-    ORVEX_LOG_FROM(ORVEX_LOG_DEBUG, kFunction, kLRUCacheSourceFile, "Cache query: cache miss, %s",
-                   in.path);
-    return LRU_MISS;
-  }
-  ORVEX_atomic_increment_64(&metrics.OutOfDate);
-  ORVEX_LOG_FROM(ORVEX_LOG_WARNING, kFunction, kLRUCacheSourceFile,
-                 "Cache query: cache out-of-date, (%llu/%llu) %s", PrintableNumber(in.mtime),
-                 PrintableNumber(node->mtime), in.path);
-  return LRU_OUT_OF_DATE;
-}
-
-template <typename Key, typename Node, typename Metrics>
-void LRUCacheT<Key, Node, Metrics>::EvictBeyondCapacity(long long volatile* wipeOuts) {
-  while (entries_.Size() > capacity) {
-    ORVEX_LOG_FROM(ORVEX_LOG_DEBUG, "LRUCacheNodeWipe", kLRUCacheSourceFile,
-                   "Reach max cache capacity, start to remove oldest one");
-    const OwnedNode oldest = Owned(entries_.RemoveOldest());
-    oldest->Dump();
-    ORVEX_atomic_increment_64(wipeOuts);
-  }
-}
-
-template <typename Key, typename Node, typename Metrics>
-void LRUCacheT<Key, Node, Metrics>::ZeroMetrics() {
-  static_assert(alignof(Metrics) >= 8 && sizeof(Metrics) % sizeof(long long) == 0,
-                "a counter across two cache lines slows every locked add: keep alignas(8)");
-  auto* const counters = reinterpret_cast<long long*>(&metrics);
-  for (size_t i = 0; i < sizeof(Metrics) / sizeof(long long); ++i) ORVEX_ZeroCounter(counters + i);
-}
-
-template <typename Key, typename Node, typename Metrics>
-int LRUCacheT<Key, Node, Metrics>::AskHost(metadata_input_s* metaIn, metadata_output_s* metaOut,
-                                           // NOLINTNEXTLINE(readability-non-const-parameter)
-                                           void* ctx) {
-  // Read once: a host that registers another callback meanwhile changes the next
-  // query, not this one.
-  orvex_query_cb callback;
-  {
-    const ORVEX_MutexGuard guard(&lock);
-    callback = queryCallback;
-  }
-  // No lock from here on: the host may take seconds, may throw, and may call back
-  // into the library on this very thread.
-  return callback(metaIn, metaOut, ctx);
-}
+};

@@ -6,7 +6,7 @@
 #include <cstring>
 #include <memory>
 
-#include "support/orvex_local.h"
+#include "support/orvex_annotations.h"
 
 // The source-file name that every message of the two caches carries.
 inline constexpr char kLRUCacheSourceFile[] = "orvex_lru_cache";

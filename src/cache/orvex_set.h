@@ -11,7 +11,6 @@
 #include "orvexeng.h"
 #include "support/orvex_annotations.h"
 #include "support/orvex_atomic.h"
-#include "support/orvex_local.h"
 #include "support/orvex_lock.h"
 
 // Lets one thread calculate a path while the others that want it wait.

@@ -7,7 +7,8 @@
 #include <exception>
 #include <string>
 
-#include "cache/orvex_caches.h"
+#include "cache/orvex_lru_cache.h"
+#include "cache/orvex_lru_cache_file_type.h"
 #include "support/orvex_config.h"
 #include "support/orvex_log.h"
 #include "support/orvex_profiling.h"
@@ -151,16 +152,17 @@ __attribute__((noinline)) int ORVEX_ENGINE::QueryStepByStep(metadata_input_s* me
   const ORVEX_ProfilingScope profiling("ORVEX_ENGINE::Query");
   if (!ORVEX_LoadRelaxed(inited)) return ORVEX_NOT_INITIALISED;
   if (metaOut == nullptr || metaIn == nullptr) {
-    ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kEngineSourceFile,
-                      "Invalid parameter: metaIn=0x%08x, metaOut=0x%08x", Low32Bits(metaIn),
-                      Low32Bits(metaOut));
+    ORVEX_LOG_FROM(ORVEX_LOG_ERROR, "Query", kEngineSourceFile,
+                   "Invalid parameter: metaIn=0x%08x, metaOut=0x%08x", Low32Bits(metaIn),
+                   Low32Bits(metaOut));
     return ORVEX_INVALID_PARAMETER;
   }
   int code = ORVEX_OK;
   if ((metaIn->queryFlags & QUERY_FILE_TYPE) != 0) {
     code = TypeCache().Query(metaIn, metaOut, ctx);
     if (code != ORVEX_OK) {
-      ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kEngineSourceFile, "Error query file type cache %d", code);
+      ORVEX_LOG_FROM(ORVEX_LOG_ERROR, "Query", kEngineSourceFile, "Error query file type cache %d",
+                     code);
     }
   }
   // Read again: the host's callback may have changed what is wanted.
@@ -171,7 +173,8 @@ __attribute__((noinline)) int ORVEX_ENGINE::QueryStepByStep(metadata_input_s* me
     if (hashCode != ORVEX_OK) {
       if (inBoth != nullptr) inBoth->StayInEngine();
       // The code so far, on purpose: a lone failure of the hash cache prints 0.
-      ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kEngineSourceFile, "Error query hash cache %d", code);
+      ORVEX_LOG_FROM(ORVEX_LOG_ERROR, "Query", kEngineSourceFile, "Error query hash cache %d",
+                     code);
       if (code == ORVEX_OK) code = hashCode;
     }
   }

@@ -5,7 +5,6 @@
 #include "support/orvex_annotations.h"
 #include "support/orvex_atomic.h"
 #include "support/orvex_calls_in_flight.h"
-#include "support/orvex_local.h"
 #include "support/orvex_lock.h"
 #include "support/orvex_singleton.h"
 

@@ -1,6 +1,7 @@
 // The exported functions. They hold no logic: each hands its arguments to the one
 // operation that answers it.
-#include "cache/orvex_caches.h"
+#include "cache/orvex_lru_cache.h"
+#include "cache/orvex_lru_cache_file_type.h"
 #include "engine/orvex_engine.h"
 #include "orvexeng.h"
 #include "support/orvex_log.h"

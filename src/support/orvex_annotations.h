@@ -1,7 +1,12 @@
+// What the compiler is told about declarations.
+#pragma once
+
+// Keeps a member of an exported class inside the library.
+#define ORVEX_LOCAL __attribute__((visibility("hidden")))
+
 // Names for clang's thread-safety analysis; nothing under other compilers.
 //
 // https://clang.llvm.org/docs/ThreadSafetyAnalysis.html
-#pragma once
 
 #if defined(__clang__)
 #define ORVEX_ANNOTATION(x) __attribute__((x))

@@ -4,8 +4,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "support/orvex_annotations.h"
 #include "support/orvex_atomic.h"
-#include "support/orvex_local.h"
 
 // Counts calls into the engine and into its hash cache, and waits for those inside. Each
 // thread counts in one of several cells, so that calls of different threads seldom touch one

@@ -112,32 +112,6 @@ void ORVEX_Config::ParseLine(char* line) {
   if (value != nullptr) entries_.insert_or_assign(key, value);
 }
 
-unsigned int ORVEX_Config::SetConfig() {
-  bool flag = false;
-  unsigned int number = 0;
-  if (GetConfigBool("LogEnable", flag) == ORVEX_OK) {
-    ORVEX_StoreRelaxed(ORVEX_LOG_BASE::LogEnable, flag);
-    ORVEX_LOG_MESSAGE(ORVEX_LOG_INFO, kConfigSourceFile, "Set config LogEnable to %d", flag);
-  }
-  if (GetConfigInteger("LogLevel", number) == ORVEX_OK) {
-    ORVEX_StoreRelaxed(ORVEX_LOG_BASE::LogLevel, static_cast<ORVEX_LOG>(number));
-    ORVEX_LOG_MESSAGE(ORVEX_LOG_INFO, kConfigSourceFile, "Set config LogLevel to %u", number);
-  }
-  if (GetConfigBool("DatabaseEnable", flag) == ORVEX_OK) {
-    orvex_db_set_enable(flag);
-    ORVEX_LOG_MESSAGE(ORVEX_LOG_INFO, kConfigSourceFile, "Set config DatabaseEnable to %d", flag);
-  }
-  if (GetConfigBool("ProfilingEnable", flag) == ORVEX_OK) {
-    orvex_profiling_set_enable(flag);
-    ORVEX_LOG_MESSAGE(ORVEX_LOG_INFO, kConfigSourceFile, "Set config ProfilingEnable to %d", flag);
-  }
-  if (GetConfigInteger("CacheCapacity", number) == ORVEX_OK) {
-    orvex_set_cache_capacity(ORVEX_HASH_CACHE, static_cast<int>(number));
-    ORVEX_LOG_MESSAGE(ORVEX_LOG_INFO, kConfigSourceFile, "Set config CacheCapacity to %u", number);
-  }
-  return ORVEX_OK;
-}
-
 unsigned int ORVEX_Config::GetConfigInteger(const char* key, unsigned int& value) {
   const std::string* text = Find(key);
   if (text == nullptr) return ORVEX_CONFIG_ABSENT;

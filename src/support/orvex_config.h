@@ -6,7 +6,7 @@
 #include <string>
 
 #include "orvexeng.h"
-#include "support/orvex_local.h"
+#include "support/orvex_annotations.h"
 #include "support/orvex_singleton.h"
 
 // Codes of the support layer; they stay inside the library.
@@ -44,10 +44,11 @@ class ORVEX_API ORVEX_Config {
   // 0 and the value, ORVEX_CONFIG_ABSENT, or ORVEX_CONFIG_MALFORMED: an integer
   // is decimal digits only, a bool exactly "0" or "1".
   unsigned int GetConfigInteger(const char* key, unsigned int& value);
+  // For hosts: the library itself does not use it.
   unsigned int GetConfigString(const char* key, std::string& value);
   unsigned int GetConfigBool(const char* key, bool& value);
 
-  // Logs every entry at DEBUG, in key order.
+  // Logs every entry at DEBUG, in key order. For hosts: the library itself does not use it.
   void Dump() const;
 
   // Where the engine looks for the file: "orvexeng.ini", relative to the working

@@ -9,7 +9,6 @@
 #include "support/orvex_annotations.h"
 #include "support/orvex_atomic.h"
 #include "support/orvex_cancellation.h"
-#include "support/orvex_local.h"
 
 // Codes of the support layer; they stay inside the library.
 enum : unsigned int {
@@ -119,7 +118,7 @@ class ORVEX_API ORVEX_PThread_CondLock : public ORVEX_CondVar, public ORVEX_PThr
   ORVEX_PThread_CondLock();
   ~ORVEX_PThread_CondLock() override;
 
-  // Wakes one waiter. Always 0.
+  // Wakes one waiter. Always 0. For hosts: the library itself does not use it.
   unsigned int Signal() override;
   // Wakes all waiters. Always 0.
   unsigned int SignalAll() override;
@@ -138,7 +137,8 @@ class ORVEX_API ORVEX_PThread_CondLock : public ORVEX_CondVar, public ORVEX_PThr
   pthread_cond_t condition_ = PTHREAD_COND_INITIALIZER;
 };
 
-// Holds a lock for the length of a scope. A null lock means none.
+// Holds a lock for the length of a scope. A null lock means none. For hosts: the library
+// itself does not use it.
 //
 // Reports a failure on standard output and carries on: the library lives in
 // somebody else's process and neither throws nor aborts over a mutex. A lock

@@ -6,10 +6,11 @@
 #include <string>
 
 #include "orvexeng.h"
+#include "support/orvex_annotations.h"
 #include "support/orvex_atomic.h"
-#include "support/orvex_local.h"
 
-// Logs how long the scope it stands in took, at INFO, when profiling is on.
+// Logs how long the scope it stands in took, at INFO, when profiling is on. For hosts: the
+// library itself uses no more than its switch.
 //
 // Whether it times is decided at either end on its own: only a scope whose whole
 // life falls into an "on" period reports a meaningful time. With profiling off

@@ -3,7 +3,8 @@
 
 #include "support/orvex_atomic.h"
 
-// Adds one to a counter and takes it away again, whichever way the scope ends.
+// Adds one to a counter and takes it away again, whichever way the scope ends. For hosts:
+// the library itself does not use it.
 //
 // Ownership: the cell is its owner's and outlives the scope.
 class ORVEX_API ORVEX_ScopeRefCnt {

@@ -4,8 +4,8 @@
 #include <new>
 
 #include "orvexeng.h"
+#include "support/orvex_annotations.h"
 #include "support/orvex_atomic.h"
-#include "support/orvex_local.h"
 
 // Threads: concurrent first calls build the object once.
 // Ownership: built on first use, destroyed at process exit or when the library

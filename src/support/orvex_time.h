@@ -7,7 +7,8 @@
 // jumps when the system time is set: differences are wall-clock differences.
 ORVEX_API unsigned long long ORVEXTimeGetTimeStampNS() noexcept;
 
-// Unsigned 64-bit arithmetic: divisions truncate, multiplications wrap.
+// Unsigned 64-bit arithmetic: divisions truncate, multiplications wrap. For hosts: the
+// library itself converts no time.
 ORVEX_API unsigned long long ORVEXTimeNsToSec(unsigned long long ns) noexcept;
 ORVEX_API unsigned long long ORVEXTimeNsToMs(unsigned long long ns) noexcept;
 ORVEX_API unsigned long long ORVEXTimeNsToUs(unsigned long long ns) noexcept;

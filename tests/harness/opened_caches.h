@@ -6,7 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "cache/orvex_caches.h"
+#include "cache/orvex_lru_cache.h"
+#include "cache/orvex_lru_cache_file_type.h"
 #include "harness/nodes.h"
 
 // Opens what subclasses may see. Never made: it only names the members.

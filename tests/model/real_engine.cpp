@@ -4,7 +4,8 @@
 #include <cstring>
 #include <new>
 
-#include "cache/orvex_caches.h"
+#include "cache/orvex_lru_cache.h"
+#include "cache/orvex_lru_cache_file_type.h"
 #include "engine/orvex_engine.h"
 #include "harness/opened_caches.h"
 #include "support/orvex_config.h"
