@@ -1,7 +1,8 @@
 #!/bin/sh
 # A document's blocks against what they show. Every fenced block is one of these:
 #   after <!-- file: PATH -->        that file of the source tree, letter for letter;
-#   after <!-- output: PROGRAM -->   what that program prints, engine log lines apart;
+#   after <!-- lines: PATH -->       consecutive lines of that file, indentation apart;
+#   after <!-- output: PROGRAM... -->  what each of them prints, engine log lines apart;
 #   after <!-- sample: COMMAND -->   what that command printed once, as it is measured
 #                                    and differs from run to run: the command exists;
 #   after <!-- run: TEST -->         shell commands that this script of tests/ runs;
@@ -25,7 +26,11 @@ fail() {
 
 # Each block into a file of its own, in order, with its kind and name beside it.
 awk -v to="$directory" '
-  /^ *<!-- (file|output|sample|run): .* -->$/ && !inside { marker = $2 " " $3; next }
+  /^ *<!-- (file|lines|output|sample|run): .* -->$/ && !inside {
+    marker = $0
+    gsub(/^ *<!-- | -->$/, "", marker)
+    next
+  }
   /^ *(```|~~~)/ && inside { inside = 0; close(block); next }
   /^ *(```|~~~)/ {
     inside = 1
@@ -58,26 +63,31 @@ commands() {
     sed 's/^[ \t]*\(\(sudo\|[A-Za-z_]*=[^ ]*\) \{1,\}\)*//; s/[ \t].*//; /^$/d'
 }
 
+# The lines of a file without their indentation, as one.
+flat() { sed 's/^ *//' "$1" | tr '\n' '\001'; }
+
 for marker in "$directory"/*.marker; do
   [ -e "$marker" ] || break
   block=${marker%.marker}
   read -r kind name <"$marker"
   case $kind in
-    file:) cp "$sources/$name" "$directory/expected" ;;
+    file:) diff -u "$sources/$name" "$block" || fail "$name is not shown as it is" ;;
+    lines:) case $(flat "$sources/$name") in
+        *"$(flat "$block")"*) ;;
+        *) fail "$name has no such lines: $(cat "$block")" ;;
+      esac ;;
     # The engine's own lines carry the time of day and a level.
-    output:) (cd "$directory" && "$programs/$name") >"$directory/printed" || fail "$name fails"
-      grep -vE '^[0-9]{4} .* \[[A-Z]+\] ' "$directory/printed" >"$directory/expected" ;;
-    sample:) exists "$name" || fail "a sample of $name, which does not exist"
-      continue ;;
-    run:) [ -x "$sources/tests/$name" ] || fail "$name does not exist"
-      continue ;;
+    output:) for program in $name; do
+        (cd "$directory" && "$programs/$program") >"$directory/printed" || fail "$program fails"
+        grep -vE '^[0-9]{4} .* \[[A-Z]+\] ' "$directory/printed" >"$directory/expected"
+        diff -u "$directory/expected" "$block" || fail "$program prints something else"
+      done ;;
+    sample:) exists "$name" || fail "a sample of $name, which does not exist" ;;
+    run:) [ -x "$sources/tests/$name" ] || fail "$name does not exist" ;;
     sh:) for command in $(commands "$block"); do
         exists "$command" || fail "$command does not exist"
-      done
-      continue ;;
-    *) fail "the block of $name is neither marked nor of shell commands"
-      continue ;;
+      done ;;
+    *) fail "the block of $name is neither marked nor of shell commands" ;;
   esac
-  diff -u "$directory/expected" "$block" || fail "$kind $name is not shown as it is"
 done
 [ "$failures" -eq 0 ]

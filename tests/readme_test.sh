@@ -4,7 +4,7 @@
 #
 # usage: readme_test.sh SOURCE_DIRECTORY
 set -eu
-directory=$(mktemp -d)
+directory=$(mktemp -d "${TMPDIR:-/tmp}/a tree.XXXXXX") # Commands that forget quotes fail there.
 trap 'rm -rf "$directory"' EXIT
 tar -C "$1" --exclude=./build --exclude=./.git -cf - . | tar -C "$directory" -xf -
 cd "$directory"
