@@ -1,8 +1,7 @@
 /**
  * @file
- * liborvexeng, the Kelda Inventory Engine: answers about files - digests,
- * signers, modification time, file type - kept in two caches in front of the
- * host's own computing.
+ * liborvexeng, the Kelda Inventory Engine: two caches in front of what a host
+ * computes about files - digests, signers, modification time, file type.
  *
  * Conventions that hold for everything below
  *
@@ -10,43 +9,42 @@
  *          the ORVEX_* codes. A query may also return the non-zero status of a
  *          host callback unchanged, so its codes are not limited to this list.
  * Strings  NUL-terminated 8-bit text. The library copies what it keeps; a
- *          string need live only as long as the call it is given to.
+ *          string need only live until the call it is passed to returns.
  * Records  The caller owns every record it passes. No record is kept after the
  *          call returns. A pointer is non-null unless its comment says what a
  *          null pointer does. The library reads and writes a record without a
  *          lock: do not share one output record between threads.
- * Threads  Every function may be called from any thread at any time, from any
- *          number of threads at once, before orvex_init and after orvex_deinit
- *          too, except that orvex_init and orvex_deinit are not meant to run
- *          at the same time as themselves or each other. The library has no
- *          thread of its own: callbacks run on the thread that called in.
- * Signals  No function may be called from a signal handler: it would wait for a
+ * Threads  Any thread may call any function at any time, concurrently with any
+ *          other, before orvex_init and after orvex_deinit too. Only orvex_init
+ *          and orvex_deinit must not run concurrently with themselves or each
+ *          other. The library starts no threads: callbacks run on the calling
+ *          thread.
+ * Signals  No function may be called from a signal handler: it could wait for a
  *          lock that the interrupted thread holds.
- * Memory   Any function that returns a code returns ORVEX_NO_MEMORY when memory
+ * Memory   A function that returns a code returns ORVEX_NO_MEMORY when memory
  *          runs out, unless its comment says otherwise, and leaves the caches
- *          as they were. A function without a result does less.
- * Errors   Nothing is thrown across this boundary, with two exceptions: an
- *          exception of a query callback passes through to the caller of
- *          orvex_query, and a hash query without a path throws
- *          std::logic_error, which ends a host in C, Python, Rust or Go. A C
- *          host should compile with -fexceptions if its callbacks can throw. A
- *          callback left by longjmp keeps its path marked as being calculated
- *          until orvex_deinit, which waits its full time.
+ *          unchanged. Functions that return void do as much as memory allows.
+ * Errors   The library throws in two cases only: an exception of a query
+ *          callback passes through to the caller of orvex_query, and a hash
+ *          query without a path throws std::logic_error, which terminates a
+ *          host in C, Python, Rust or Go. Compile a C host with -fexceptions if
+ *          its callbacks can throw. A callback left by longjmp leaves its path
+ *          marked as being calculated until orvex_deinit, which then waits its
+ *          full time.
  * Output   Without a log callback messages go to standard output, often with a
- *          lock held: a closed pipe there ends the process by SIGPIPE, a full
- *          one stops its callers, hits too, and a descriptor 1 that the host
- *          closed and reused gets the lines. A daemon registers a callback. On
- *          32 bits the lines' times end in January 2038.
- * fork     A child of a process that has other threads inside the library may
- *          only call exec or _exit, not exit: a lock that another thread held
- *          stays locked in the child for ever, and a thread that slept is
- *          waited for. A child forked while no thread is inside may use the
- *          library; it has its own copy of the caches.
+ *          lock held: a closed pipe there kills the process by SIGPIPE, a full
+ *          one blocks callers, hits too, and if the host closed descriptor 1,
+ *          whatever reuses it gets the lines. Daemons register a callback. On
+ *          32 bits the timestamps end in January 2038.
+ * fork     If other threads are inside the library at fork, the child may only
+ *          call exec or _exit, not exit: a lock that another thread held stays
+ *          locked in the child for ever. If no thread is inside, the child may
+ *          use the library, with its own copy of the caches.
  * exit     The library's objects are destroyed at process exit and by the last
- *          dlclose. No thread may be inside the library then; entries that are
- *          still cached are not freed: call orvex_deinit first. What exit
- *          handlers and destructors of globals call after that finds an engine
- *          that is not initialised and cannot be, and that logs nothing.
+ *          dlclose. No thread may be inside the library then. Call orvex_deinit
+ *          first, or the entries still cached are not freed. Calls from exit
+ *          handlers and destructors of globals after that find an engine that
+ *          is not initialised, cannot be, and logs nothing.
  */
 #ifndef ORVEXENG_H
 #define ORVEXENG_H
@@ -68,33 +66,33 @@ extern "C" {
 /** The version of the engine that this header belongs to. */
 #define ORVEX_VERSION "1.1.1035"
 
-/** What a function of the library can return; see each function. */
+/** What functions return; each lists its own. */
 enum orvex_code {
   /** Done. */
   ORVEX_OK = 0,
-  /** The metrics record could not be copied out: no destination. */
+  /** The metrics could not be copied out: no destination. */
   ORVEX_COPY_FAILED = 1,
-  /** Out of memory. Nothing was changed but what the function says. */
+  /** Out of memory. Only what the function names was changed. */
   ORVEX_NO_MEMORY = 2,
   /** A null record, a size of 0, an unknown cache or a null log callback. */
   ORVEX_INVALID_PARAMETER = 3,
-  /** The cache asked is stopped, or was stopped while the caller waited. */
+  /** The cache is stopped, or was stopped while the caller waited. */
   ORVEX_CACHE_NOT_INITIALISED = 8,
   /** The engine is not initialised. */
   ORVEX_NOT_INITIALISED = 100,
-  /** The engine is initialised: an answer of orvex_get_status, an error of orvex_init. */
+  /** The engine is initialised: a result of orvex_get_status, an error of orvex_init. */
   ORVEX_INITIALISED = 101,
-  /** The callback table is null or one of its entries is. */
+  /** The callback table or one of its entries is null. */
   ORVEX_INVALID_CALLBACKS = 102,
-  /** An equal key is cached already. No function below returns it. */
+  /** An equal key is already cached. No function below returns it. */
   ORVEX_ALREADY_CACHED = 201,
   /** There is no database in this engine. */
   ORVEX_DATABASE_UNAVAILABLE = 312
 };
 
 /**
- * The parts of an answer: what is wanted in metadata_input_s::queryFlags, what
- * is present in metadata_output_s::queryFlags.
+ * The parts of an answer: those wanted in metadata_input_s::queryFlags, those
+ * present in metadata_output_s::queryFlags.
  */
 enum {
   QUERY_SIZE = 0x001,         /**< size */
@@ -112,13 +110,13 @@ enum {
  * The key mask, metadata_input_s::fileOperation: which identity fields make up
  * the cache key. Other bits are ignored.
  *
- * Use one mask for all queries. Keys of different masks have no common order:
- * the engine stays sound, but may then miss entries that it holds.
+ * Use one mask for all queries. Keys built with different masks are not
+ * comparable; lookups stay safe but may miss.
  *
  * Keep KEY_MTIME and KEY_SIZE in the mask. Without them a changed file finds
- * the entry of its older self; such an entry is judged out of date by mtime
- * alone and then refreshed part by part, so that a part which the refreshing
- * callback did not fill is served from the older file as current.
+ * the entry of its previous version. Only mtime then shows that the entry is
+ * out of date, and it is refreshed part by part: a part that the callback does
+ * not fill is served from the previous version.
  */
 enum {
   KEY_PATH = 0x01,      /**< path */
@@ -131,8 +129,8 @@ enum {
 /** How the caches treat a query, metadata_input_s::invOperation. Other bits are ignored. */
 enum {
   /**
-   * Store what a callback answered. Without it an answer goes to the caller
-   * only, and threads that waited for it calculate again.
+   * Store the callback's answer. Without it the answer goes to the caller only,
+   * and threads that waited for it calculate again.
    */
   INV_KEEP_IN_CACHE = 0x01,
   /**
@@ -146,7 +144,7 @@ enum {
 #define ORVEX_SIGNER_SLOT 257
 
 /**
- * Which file a query is about and what is wanted. Filled by the caller; the
+ * The file a query is about and the parts wanted. Filled by the caller; the
  * library only reads it.
  */
 typedef struct metadata_input_s {
@@ -157,27 +155,26 @@ typedef struct metadata_input_s {
   uint32_t reserved2; /**< the host's own */
   uint64_t size;      /**< file size in bytes; 0 means not given, and never satisfies QUERY_SIZE */
   /**
-   * Modification time in a unit of the host's choice; 0 means not given: then
-   * no entry is judged out of date, and QUERY_MTIME is never satisfied by it.
+   * Modification time in a unit of the host's choice. 0 means not given: no
+   * entry counts as out of date, and QUERY_MTIME is never satisfied.
    */
   uint64_t mtime;
   uint64_t deviceID;      /**< the device that holds the file; the host defines it */
   uint64_t fileID;        /**< the file on that device; the host defines it */
   uint32_t fileOperation; /**< key mask, KEY_* */
   uint32_t invOperation;  /**< INV_* */
-  uint32_t queryFlags;    /**< the parts wanted, QUERY_*; 0 asks nothing and returns 0 */
+  uint32_t queryFlags;    /**< the parts wanted, QUERY_*; 0 asks for nothing and returns 0 */
 } metadata_input_s;
 
 /**
  * The answer. Filled by the library from a cache, or by a host callback.
  *
- * Zero the record before each query. Bits that queryFlags holds on entry stay,
- * and count as present when the library decides whether everything wanted is
- * there.
+ * Zero the record before each query: bits already set in queryFlags count as
+ * present.
  *
- * A cached entry is copied out whole, wanted or not: its signers, a copy to be
- * freed; QUERY_FEEDBACK, 0 unless a callback gave one; QUERY_SIZE and
- * QUERY_MTIME, where the input that was stored had them.
+ * A cached entry is copied out whole, wanted or not: its signers, as a copy you
+ * free; QUERY_FEEDBACK, 0 unless a callback gave one; QUERY_SIZE and
+ * QUERY_MTIME, if the stored input had them.
  */
 typedef struct metadata_output_s {
   uint32_t reserved0;        /**< the host's own; never read or written here */
@@ -195,36 +192,35 @@ typedef struct metadata_output_s {
    * signerCount slots of ORVEX_SIGNER_SLOT bytes, one NUL-terminated name in
    * each (QUERY_SIGNERS).
    *
-   * An array that the library stores here was allocated with C++ new[] and is
-   * the caller's, to be freed with delete[] (from C: through a function
-   * compiled as C++). Before the library stores one it frees what it finds here
-   * with delete[]: pass null, or an array that may be freed that way.
+   * The library allocates the array with C++ new[]; the caller frees it with
+   * delete[] (from C: through a function compiled as C++). The library first
+   * delete[]s whatever this field holds: pass null or an array from new[].
    */
   char* signers;
   int32_t major;        /**< file type (QUERY_FILE_TYPE) */
   int32_t minor;        /**< file type (QUERY_FILE_TYPE) */
   int32_t feedback;     /**< the host's verdict, cached as 0 or 1 (QUERY_FEEDBACK) */
-  uint32_t resultReady; /**< 1: the answer is here; 0: the cache had none; untouched on refusal */
+  uint32_t resultReady; /**< 1 answered, 0 not cached; unchanged on 3, 8 and 100 */
 } metadata_output_s;
 
 /**
- * A host function that computes an answer which the caches do not hold.
+ * A host function that computes an answer the caches do not hold.
  *
- * It is given the very pointers that the host passed to orvex_query, and
- * returns 0 when it has filled *out. It ORs the bit of every part it filled
- * into out->queryFlags and leaves other bits alone. *out may hold parts of a
- * cached entry already, a signer array among them: free that array with
- * delete[] before storing another. The library copies a signer array that it
- * keeps and neither frees nor keeps the callback's. To keep an answer out of
- * the cache, clear INV_KEEP_IN_CACHE in in->invOperation.
+ * It receives the pointers that the host passed to orvex_query and returns 0
+ * once it has filled *out. It ORs the bit of every part it filled into
+ * out->queryFlags and leaves the other bits alone. *out may already hold parts
+ * of a cached entry, including a signer array: delete[] that array before
+ * storing another. The library copies the signers it keeps; the callback's
+ * array goes to the caller of orvex_query. To keep an answer out of the cache,
+ * clear INV_KEEP_IN_CACHE in in->invOperation.
  *
- * A non-zero status is a failure: nothing is stored and orvex_query returns
- * it, unchanged. It can equal a code of the library: choose statuses below 0 or
- * from 1000 on, which none of them will be.
+ * A non-zero status is a failure: nothing is stored and orvex_query returns it
+ * unchanged. Choose statuses below 0 or from 1000 on, which the library never
+ * uses.
  *
  * Threads: runs on the thread that called orvex_query, with no library lock
- * held; several may run at once, for one path too. It may call any function of
- * this header but orvex_init and orvex_deinit, and may query other paths; a
+ * held; several may run at once, even for one path. It may call any function of
+ * this header except orvex_init and orvex_deinit, and may query other paths. A
  * query for its own path would wait for itself for ever, unless it sets
  * INV_CACHE_ONLY. Two callbacks must not query each other's path.
  */
@@ -241,9 +237,8 @@ typedef struct metadata_query_fptrs_s {
  *
  * Hash cache lookups: cacheQuery = cacheMiss + cacheHit + cachePartialHit +
  * cacheOutOfDate. File type cache lookups: fileTypeHit + fileTypeMiss +
- * fileTypeOutOfDate. Counters start at 0 and are set back by
- * orvex_reset_metrics and orvex_deinit; calls that are under way then go on
- * counting from there.
+ * fileTypeOutOfDate. Counters start at 0; orvex_reset_metrics and orvex_deinit
+ * reset them, and calls in flight go on counting from there.
  */
 typedef struct orvex_metrics_s {
   char version[32];                   /**< ORVEX_VERSION, padded with zero bytes */
@@ -262,7 +257,7 @@ typedef struct orvex_metrics_s {
   int64_t cacheUpdateMetaDataFailure; /**< orvex_update_metadata calls that did not */
   int64_t reserved[5];                /**< always 0 */
   int64_t cacheHelpFuncCalled;        /**< calls of metaQueryCallback */
-  int64_t cacheWaitInHashCalculation; /**< hash queries that slept while another one calculated */
+  int64_t cacheWaitInHashCalculation; /**< hash queries that waited for another to calculate */
 } orvex_metrics_s;
 
 /**
@@ -270,13 +265,13 @@ typedef struct orvex_metrics_s {
  *
  * level is 0 FATAL, 1 ERROR, 2 WARNING, 3 INFO or 4 DEBUG; line, function and
  * file (a bare name, without extension) say where the message comes from.
- * message is cut to 511 characters; length is what the whole text would have
- * had. All texts live until the callback returns.
+ * message is cut to 511 characters; length is that of the uncut text. All texts
+ * live until the callback returns.
  *
- * Threads: runs on the thread that caused the message, several at once, and
- * often with a lock of the library held. It must not call the library, throw or
- * end its thread; an exception is discarded, and thread cancellation is held
- * off while it runs.
+ * Threads: runs on the thread that caused the message, several at once, often
+ * with a library lock held. It must not call the library, throw or end its
+ * thread; exceptions are discarded, and thread cancellation is deferred while
+ * it runs.
  */
 typedef void (*orvex_log_cb)(unsigned int level, unsigned int line, const char* function,
                              const char* file, const char* message, unsigned int length);
@@ -287,51 +282,49 @@ enum {
   ORVEX_FILE_TYPE_CACHE = 1 /**< file types */
 };
 
-/** The most entries a cache can be told to keep, and what it keeps unless told. */
+/** The highest capacity of a cache, and its default, in entries. */
 #define ORVEX_MAX_CAPACITY 4096
 
 /**
- * Starts the engine: reads orvexeng.ini from the working directory if it is
- * there, starts both caches and registers the callbacks with them. Entries
- * pushed by orvex_update_metadata before are kept.
+ * Starts the engine: reads orvexeng.ini from the working directory if it
+ * exists, starts both caches and registers the callbacks. Keeps entries stored
+ * earlier by orvex_update_metadata.
  *
- * The file's lines assign LogEnable (0 or 1), LogLevel (INFO, 3, unless told; 4
- * and above keep everything), DatabaseEnable (no effect), ProfilingEnable (0 or
- * 1) and CacheCapacity (the hash cache's); see orvexeng.ini(5) for their form.
- * What one file assigned is applied again by each start that finds a file. A
- * file that cannot be opened is reported in the log and otherwise ignored.
+ * The file sets LogEnable (0 or 1), LogLevel (default INFO, 3; 4 and above keep
+ * everything), DatabaseEnable (no effect), ProfilingEnable (0 or 1) and
+ * CacheCapacity (of the hash cache); orvexeng.ini(5) gives the syntax. Every
+ * start that finds a file also applies again what earlier files set. A file
+ * that cannot be opened is reported in the log and otherwise ignored.
  *
- * Threads: one at a time, and not beside orvex_deinit. Not from a callback of
- * a query in flight.
+ * Threads: not concurrently with itself or orvex_deinit, and not from a
+ * callback of a query in flight.
  * Ownership: *fptrs stays the caller's and may go once the call returns.
- * Returns: 0; 101 already initialised; 102 when fptrs or one of its entries is
- * null; 2 out of memory, and then the engine is not initialised and the call
- * may be repeated; 100 when the process exits and the library's objects are
- * gone.
+ * Returns: 0; 101 if already initialised; 102 if fptrs or one of its entries is
+ * null; 2 if out of memory: the engine is then not initialised and the call may
+ * be repeated; 100 at process exit, once the library's objects are gone.
  */
 ORVEX_API int orvex_init(metadata_query_fptrs_s* fptrs);
 
 /**
- * Stops the engine: new queries are refused, sleepers are woken and leave with
- * 8, both caches are emptied and their counters zeroed. Capacities, the log
- * callback and what the configuration file set survive.
+ * Stops the engine: refuses new queries, wakes waiting threads, which return 8,
+ * empties both caches and zeroes their counters. Capacities, the log callback
+ * and the settings of the configuration file survive.
  *
  * Waits up to a second for queries inside the hash cache and up to another for
- * calls inside the engine, less when signals interrupt the thread, then returns
- * whether or not they have left. A query that outlives the call still comes
- * back from its callback into the library: do not unload the library until all
- * have returned. It takes the count of calls in flight below zero if the engine
- * was started again meanwhile, and the next orvex_deinit then waits its full
+ * calls inside the engine (shorter if signals interrupt the wait), then returns
+ * even if some remain. A query that outlives the call still returns from its
+ * callback into the library: do not unload the library until all have returned.
+ * If the engine was restarted meanwhile, the next orvex_deinit waits its full
  * time.
  *
- * Threads: one at a time, and not beside orvex_init. From a callback it would
+ * Threads: not concurrently with itself or orvex_init. From a callback it would
  * wait for itself until its time is up.
- * Returns: 0; 100 not initialised.
+ * Returns: 0; 100 if not initialised.
  */
 ORVEX_API int orvex_deinit(void);
 
 /**
- * Tells whether the engine is initialised.
+ * Says whether the engine is initialised.
  *
  * Returns: 101 if it is, 100 if not.
  */
@@ -341,57 +334,56 @@ ORVEX_API int orvex_get_status(void);
  * Answers a query about one file, asking the host only for what the caches do
  * not hold.
  *
- * The file type cache is asked when in->queryFlags holds QUERY_FILE_TYPE, then
- * the hash cache when any other bit is set, whatever the first one returned.
- * The hash cache tells a full hit (every bit wanted is in out->queryFlags
- * after the cached parts were copied out) from a partial hit, an out-of-date
- * entry (in->mtime is given and differs) and a miss. On anything but a full
- * hit it calls metaQueryCallback and, when INV_KEEP_IN_CACHE is set, stores the
- * answer: the parts present replace or join those of the entry, while signers
- * are replaced or removed. A thread that asks for a path which another thread
- * is calculating waits for it and then looks in the cache; it calculates itself
- * when the other one failed or did not keep its answer. Two threads that start
- * at the same moment may both calculate.
+ * Asks the file type cache if in->queryFlags holds QUERY_FILE_TYPE, then the
+ * hash cache if any other bit is set, whatever the first returned. A hash query
+ * is a full hit if, with the cached parts copied out, out->queryFlags holds
+ * every bit wanted; otherwise it is a partial hit, an out-of-date entry
+ * (in->mtime is given and differs) or a miss. On anything but a full hit the
+ * cache calls metaQueryCallback and, with INV_KEEP_IN_CACHE, stores the answer:
+ * the parts present replace or join those of the entry; signers are replaced or
+ * removed. A thread that wants a path another thread is calculating waits, then
+ * looks in the cache, and calculates only if the other failed or did not keep
+ * its answer. Two threads that start at the same moment may both calculate.
  *
  * An out-of-date entry is refreshed, not removed: fill every part that the
  * entry may hold, or keep KEY_MTIME in the key mask.
  *
  * Walking more files than the capacity in one order, again and again, never
- * hits: each file is evicted before its turn comes round.
+ * hits: each file is evicted just before its turn.
  *
  * Threads: any. Callbacks run on this thread with no library lock held.
- * Ownership: both records stay the caller's. A signer array left in *out is
- * the caller's from then on. ctx goes to the callbacks untouched.
- * Errors: a hash query with a null path throws std::logic_error once the
- * cache is known to run (2 without memory for it). An exception of a callback
- * passes through; nothing is stored and threads waiting for the path go on.
- * Returns: 0, with out->resultReady telling whether there is an answer (a
- * cache-only query without one is no error) and out->queryFlags which of the
- * wanted parts are in it, as a callback need not give all; 100 before
- * orvex_init, whatever the pointers; 3 for a null record; 8 when a cache is
- * being stopped; 2 when an answer could not be stored (it is in *out all the
- * same, resultReady 1) or memory ran out before (resultReady 0); otherwise a
- * callback's status. The file type cache's code comes first, the hash cache's
- * only if that one was 0.
+ * Ownership: both records stay the caller's, and so does a signer array left in
+ * *out. ctx is passed to the callbacks as it is.
+ * Errors: a hash query with a null path throws std::logic_error, but only after
+ * the checks that give 8; without memory for the exception it returns 2. An
+ * exception of a callback passes through; nothing is stored and threads waiting
+ * for the path go on.
+ * Returns: 0: out->resultReady says whether there is an answer (a cache-only
+ * query without one is no error), out->queryFlags which parts it has, as a
+ * callback need not give all; 100 before orvex_init, whatever the pointers; 3
+ * for a null record; 8 if a cache is stopped or being stopped; 2 if the answer
+ * could not be stored (it is in *out, resultReady 1) or memory ran out before
+ * (resultReady 0); otherwise a callback's status. The file type cache's code
+ * wins; the hash cache's is returned only if that was 0.
  */
 ORVEX_API int orvex_query(metadata_input_s* in, metadata_output_s* out, void* ctx);
 
 /**
  * Copies the counters out: as many leading bytes of the record as fit in size.
  *
- * *outSize receives the number of bytes written, 192 at most, and only when the
- * result is 0. It must not be null.
+ * *outSize receives the number of bytes written, at most 192, if the result is
+ * 0. It must not be null.
  *
  * Threads: any, also from a query callback. The counters are read one by one,
  * so they need not add up while queries run.
- * Returns: 0, also for a record cut short; 100 not initialised; 3 when size is
- * 0; 1 when metrics is null.
+ * Returns: 0, even for a record cut short; 100 if not initialised; 3 if size is
+ * 0; 1 if metrics is null.
  */
 ORVEX_API int orvex_get_metrics(orvex_metrics_s* metrics, unsigned int size, unsigned int* outSize);
 
 /**
- * Logs the counters of both caches, one DEBUG line each. Works before
- * orvex_init and after orvex_deinit, too.
+ * Logs the counters of both caches, one DEBUG line each. Also works before
+ * orvex_init and after orvex_deinit.
  *
  * Threads: any, also from a query callback.
  */
@@ -401,7 +393,7 @@ ORVEX_API void orvex_dump_metrics(void);
  * Sets the counters of both caches to zero.
  *
  * Threads: any, also from a query callback.
- * Returns: 0; 100 not initialised.
+ * Returns: 0; 100 if not initialised.
  */
 ORVEX_API int orvex_reset_metrics(void);
 
@@ -409,13 +401,13 @@ ORVEX_API int orvex_reset_metrics(void);
  * Stores metadata that the host computed itself in the hash cache, as if a
  * callback had answered with it. The file type cache is not touched.
  *
- * Works before orvex_init as well: what is stored then is there afterwards.
- * Whether it was stored is told by the counters cacheUpdateMetaDataSuccess and
- * cacheUpdateMetaDataFailure.
+ * Also works before orvex_init; the entry is kept by the start. Only the
+ * counters cacheUpdateMetaDataSuccess and cacheUpdateMetaDataFailure show
+ * whether it was stored.
  *
  * Threads: any, also from a query callback.
  * Ownership: both records and the signer array stay the caller's.
- * Returns: always 0, also for a null record and when memory runs out.
+ * Returns: always 0, even for a null record or when memory runs out.
  */
 ORVEX_API int orvex_update_metadata(metadata_input_s* in, metadata_output_s* out);
 
@@ -424,7 +416,7 @@ ORVEX_API int orvex_update_metadata(metadata_input_s* in, metadata_output_s* out
  * least recently used. The file type cache's entries are logged at INFO, all
  * else at DEBUG.
  *
- * Threads: any, also from a query callback. Queries stand still meanwhile.
+ * Threads: any, also from a query callback. Queries wait until it is done.
  */
 ORVEX_API void orvex_dump_cache(void);
 
@@ -438,12 +430,12 @@ ORVEX_API void orvex_dump_cache(void);
 ORVEX_API int orvex_flush_cache(int cacheType);
 
 /**
- * Sets how many entries a cache keeps, and evicts the oldest beyond it at once.
- * The capacity holds until it is set again, across orvex_deinit too, or until
- * an orvex_init that finds a configuration file, whatever is in it, after that
- * or an earlier one assigned CacheCapacity.
+ * Sets the capacity of a cache in entries and at once evicts the oldest entries
+ * beyond it. Survives orvex_deinit. A later orvex_init that finds a
+ * configuration file, whatever is in it, applies CacheCapacity if that file or
+ * an earlier one set it.
  *
- * capacity is a number of entries, 1 to 4096; anything else means 4096.
+ * capacity is 1 to 4096; anything else means 4096.
  *
  * Threads: any, also from a query callback.
  * Returns: 0; 3 for a cacheType other than ORVEX_HASH_CACHE or
@@ -452,27 +444,27 @@ ORVEX_API int orvex_flush_cache(int cacheType);
 ORVEX_API int orvex_set_cache_capacity(int cacheType, int capacity);
 
 /**
- * Sends the engine's messages to callback instead of standard output. It
- * replaces an earlier callback; none can be taken away again, so it must stay
- * callable for as long as the library is loaded.
+ * Sends the engine's messages to callback instead of standard output. Replaces
+ * an earlier callback. A callback cannot be removed, so it must stay callable
+ * for as long as the library is loaded.
  *
  * Threads: any; meant for start-up, before queries run.
- * Returns: 0; 3 for a null callback, and then the earlier one stays.
+ * Returns: 0; 3 for a null callback: the earlier one stays.
  */
 ORVEX_API int orvex_register_log_cb(orvex_log_cb callback);
 
 /**
- * Switches profiling: at INFO, one line with the elapsed time for each of the
- * engine's timed scopes. Off unless the configuration file or this turns it on.
+ * Turns profiling on or off: one INFO line with the elapsed time of each of the
+ * engine's timed scopes. Off by default; the configuration file can set it too.
  *
- * Threads: any, also from a query callback; scopes under way may go unreported
+ * Threads: any, also from a query callback; scopes in flight may go unreported
  * or report a meaningless time.
  * Returns: always 0.
  */
 ORVEX_API int orvex_profiling_set_enable(bool enable);
 
 /**
- * Tells in *enable whether profiling is on. enable must not be null.
+ * Stores in *enable whether profiling is on. enable must not be null.
  *
  * Threads: any, also from a query callback.
  * Returns: always 0.

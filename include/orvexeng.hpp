@@ -1,7 +1,7 @@
-// liborvexeng for C++17: answers that free themselves, callbacks that are callables, and
-// an engine that is running for as long as its object lives.
+// liborvexeng for C++17: answers that free themselves, callables as callbacks, and an
+// engine that runs as long as its object lives.
 //
-// Nothing but this header and orvexeng.h; what that one promises holds here, too.
+// Header-only; everything that orvexeng.h promises holds here too.
 #ifndef ORVEXENG_HPP
 #define ORVEXENG_HPP
 
@@ -23,11 +23,10 @@
 
 namespace orvexeng {
 
-// What a query returns whose callback threw anything but std::bad_alloc, which is
-// ORVEX_NO_MEMORY.
+// What a query returns if its callback threw. std::bad_alloc gives ORVEX_NO_MEMORY instead.
 inline constexpr int callback_threw = -1;
 
-// A code of the library where there is no result to return it in.
+// Thrown with a code of the library where none can be returned.
 class error : public std::runtime_error {
  public:
   error(const std::string& what, int code)
@@ -38,7 +37,7 @@ class error : public std::runtime_error {
   int code_;
 };
 
-// An output record that owns its signers and begins zeroed.
+// An output record that owns its signers and starts zeroed.
 //
 // Ownership: signers is null or an array from new[].
 class answer : public metadata_output_s {
@@ -60,7 +59,7 @@ class answer : public metadata_output_s {
   // Whether all of these parts, QUERY_*, are present.
   bool has(std::uint32_t parts) const noexcept { return (parts & ~queryFlags) == 0; }
 
-  // The names, valid until the answer is changed or gone. Empty when there are none.
+  // The names, valid until the answer is changed or destroyed. Empty if there are none.
   std::vector<std::string_view> signer_names() const {
     std::vector<std::string_view> names;
     if (!has(QUERY_SIGNERS) || signers == nullptr) return names;
@@ -76,7 +75,7 @@ class answer : public metadata_output_s {
   void add(std::uint32_t parts) noexcept { queryFlags |= parts; }
 
   // For a callback: replaces the signers and adds their bit. A name is cut to 256
-  // characters. Throws std::bad_alloc, and then the signers are as they were.
+  // characters. If it throws std::bad_alloc, the signers are unchanged.
   void set_signers(const std::vector<std::string_view>& names) {
     char* const slots = names.empty() ? nullptr : new char[names.size() * ORVEX_SIGNER_SLOT]();
     for (std::size_t i = 0; i < names.size(); ++i) {
@@ -99,21 +98,20 @@ class answer : public metadata_output_s {
   void forget() noexcept { record() = metadata_output_s(); }
 };
 
-// Computes parts of an answer and returns 0, or a code that the query returns. What it
-// throws becomes a code.
+// Computes parts of an answer and returns 0, or a code that the query then returns.
+// Exceptions become codes.
 using callback = std::function<int(metadata_input_s& in, answer& out)>;
 
 // The engine of the process, initialised from construction to destruction.
 //
-// Ownership: keeps its callbacks, which may be called while it lives. A global may hold
-// it: at exit it may go after the library's own objects, and then its entries are not
-// freed.
+// Ownership: owns its callbacks. May live in a global: if it is destroyed after the
+// library's own objects, its entries are not freed.
 // Threads: query from any number at once. All must have returned before the engine is
-// destroyed, and none may pass a query of this engine's time to orvex_query itself: the
-// callbacks find their engine in ctx.
+// destroyed. While it lives, do not call orvex_query directly: the callbacks find their
+// engine in ctx.
 class engine {
  public:
-  // Throws error with ORVEX_INITIALISED when an engine runs already, with
+  // Throws error with ORVEX_INITIALISED if an engine is already running, with
   // ORVEX_INVALID_CALLBACKS for an empty callable and with ORVEX_NO_MEMORY.
   engine(callback hash, callback file_type)
       : hash_(std::move(hash)), fileType_(std::move(file_type)) {
@@ -127,8 +125,8 @@ class engine {
   engine(const engine&) = delete;
   engine& operator=(const engine&) = delete;
 
-  // Resets out and answers as orvex_query does. The input is a copy: a callback that takes
-  // INV_KEEP_IN_CACHE from it leaves the caller's as it was.
+  // Resets out and answers as orvex_query does. The input is a copy: a callback that clears
+  // INV_KEEP_IN_CACHE does not change the caller's.
   //
   // Returns: as orvex_query, or callback_threw. Throws std::logic_error for a hash query
   // without a path.
@@ -151,13 +149,13 @@ class engine {
   template <callback engine::*Which>
   static int call(metadata_input_s* in, metadata_output_s* out, void* ctx) {
     try {
-      // Every query passes an answer; see above.
+      // query() always passes an answer.
       return (static_cast<engine*>(ctx)->*Which)(*in, static_cast<answer&>(*out));
     } catch (const std::bad_alloc&) {
       return ORVEX_NO_MEMORY;
 #if defined(__GLIBCXX__)
     } catch (const abi::__forced_unwind&) {
-      throw;  // The thread is being cancelled, and whoever stops that is aborted.
+      throw;  // Thread cancellation: swallowing it aborts the process.
 #endif
     } catch (...) {
       return callback_threw;
