@@ -1,4 +1,4 @@
-// A host with several threads: all want one file, and one of them computes.
+// Several threads want one file, and one of them computes.
 #include <atomic>
 #include <condition_variable>
 #include <cstdio>
@@ -12,7 +12,7 @@ namespace {
 
 constexpr int kThreads = 4;
 
-// A door that opens once so many have knocked.
+// Opens after the given number of knocks.
 class Latch {
  public:
   explicit Latch(int knocks) : missing_(knocks) {}
@@ -34,8 +34,8 @@ class Latch {
 Latch computing(1);           // The first thread is inside its callback.
 Latch waiting(kThreads - 1);  // The others sleep until it is done.
 
-// The engine tells of each thread that goes to sleep. It is called under a lock of the
-// library, and so only knocks.
+// The engine logs each thread that goes to sleep. This runs under a lock of the library, so
+// it only knocks.
 void CountSleepers(unsigned int, unsigned int, const char*, const char*, const char* message,
                    unsigned int) {
   if (std::strstr(message, "is calculating, wait for signal") != nullptr) waiting.Knock();
@@ -50,7 +50,7 @@ int main() {
       [&](metadata_input_s&, orvexeng::answer& out) {
         ++computed;
         computing.Knock();
-        waiting.Wait();  // A host would read the file here, for as long as that takes.
+        waiting.Wait();  // A host would read the file here.
         out.add(QUERY_DIGEST32);
         return 0;
       },

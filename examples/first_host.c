@@ -1,4 +1,4 @@
-/* The smallest host: it makes a "digest" of the path, and asks twice. */
+// The smallest host: it makes up a digest from the path and queries twice.
 #include <orvexeng.h>
 #include <stdio.h>
 #include <string.h>
@@ -12,7 +12,7 @@ static int Digest(metadata_input_s* in, metadata_output_s* out, void* calls) {
 
 static int FileType(metadata_input_s* in, metadata_output_s* out, void* calls) {
   (void)in, (void)out, (void)calls;
-  return 1; /* This host knows no types. */
+  return 1;  // No file types here.
 }
 
 int main(void) {

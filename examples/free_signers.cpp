@@ -1,4 +1,4 @@
-// For C hosts: frees and makes the signer arrays of the engine, which C++ allocates.
+// For C hosts: frees and makes the engine's signer arrays.
 #include "free_signers.h"
 
 #include <cstddef>

@@ -1,7 +1,5 @@
-/*
- * For C hosts: frees the signer arrays of the engine, which C++ allocated. Copy this
- * file and free_signers.cpp into the host and compile the latter with its C++ compiler.
- */
+// For C hosts: frees and makes signer arrays, which the engine allocates as C++ does.
+// Compile free_signers.cpp with a C++ compiler and link it into the host.
 #ifndef FREE_SIGNERS_H
 #define FREE_SIGNERS_H
 
@@ -11,17 +9,17 @@
 extern "C" {
 #endif
 
-/* Frees the record's signer array and leaves it without signers. *out must have been
- * zeroed before its first use. */
+// Frees the record's signer array and leaves it without signers. *out must have been
+// zeroed before its first use.
 void free_signers(metadata_output_s* out);
 
-/* For a callback: frees the record's array, stores a zeroed one of count slots and sets
- * QUERY_SIGNERS. Returns the slots, or NULL without memory, and then the record is left
- * without signers. A count of 0 says that the file has none, and returns NULL too. */
+// For a callback: replaces the record's signers by count zeroed slots and sets
+// QUERY_SIGNERS. Returns the slots, or NULL if out of memory: the record is then left
+// without signers. A count of 0 says that the file has none; it returns NULL too.
 char* new_signers(metadata_output_s* out, uint32_t count);
 
 #ifdef __cplusplus
 }
 #endif
 
-#endif /* FREE_SIGNERS_H */
+#endif  // FREE_SIGNERS_H

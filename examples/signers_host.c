@@ -1,4 +1,4 @@
-/* A C host with signers: free_signers.cpp beside it is compiled as C++. */
+// A C host with signers. free_signers.cpp is compiled as C++ and linked to it.
 #include <orvexeng.h>
 #include <stdio.h>
 

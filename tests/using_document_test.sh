@@ -1,6 +1,6 @@
 #!/bin/sh
-# The sentences in italics that end the sections of a document are the test cases of a
-# source, in the same order, and there are as many sections.
+# The sentences in italics that end the numbered sections of a document are the test cases
+# of a source, in the same order, and there are as many sections.
 #
 # usage: using_document_test.sh DOCUMENT SOURCE
 set -u
@@ -8,10 +8,10 @@ directory=$(mktemp -d) || exit 1
 trap 'rm -rf "$directory"' EXIT
 sed -n 's/^\*\(.*\)\*$/\1/p' "$1" >"$directory/named"
 sed -n 's/^TEST_CASE("\(.*\)").*$/\1/p' "$2" >"$directory/tests"
-sections=$(grep -c '^## ' "$1")
-[ "$sections" -gt 0 ] || { printf 'FAILED: %s has no section\n' "$1"; exit 1; }
+sections=$(grep -c '^## [0-9]' "$1")
+[ "$sections" -gt 0 ] || { printf 'FAILED: %s has no numbered section\n' "$1"; exit 1; }
 [ "$sections" -eq "$(wc -l <"$directory/named")" ] || {
-  printf 'FAILED: %s has %s sections, but not as many tests\n' "$1" "$sections"
+  printf 'FAILED: %s has %s numbered sections, but not as many tests\n' "$1" "$sections"
   exit 1
 }
 diff -u "$directory/named" "$directory/tests"
