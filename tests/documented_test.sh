@@ -10,9 +10,10 @@ scan=${2:-}
 header=$sources/include/orvexeng.h
 exported=$sources/tests/exported_functions.txt
 config=$sources/src/engine/orvex_settings.cpp
-library=$sources/docs/man/orvexeng.3
-ini=$sources/docs/man/orvexeng.ini.5
-tool=$sources/docs/man/orvex-scan.1
+manual=$sources/docs/man
+library=$manual/orvexeng.3
+ini=$manual/orvexeng.ini.5
+tool=$manual/orvex-scan.1
 directory=$(mktemp -d) || exit 1
 trap 'rm -rf "$directory"' EXIT
 failures=0
@@ -26,7 +27,7 @@ same() {
     failures=$((failures + 1))
   }
   (cd "$directory" && diff -u there.sorted told.sorted) && return
-  printf 'FAILED: the %s there are (-) and those the manual tells of (+) differ\n' "$1"
+  printf 'FAILED: the %s there are (-) and those in the manual (+) differ\n' "$1"
   failures=$((failures + 1))
 }
 there() { cat >"$directory/there"; }
@@ -41,28 +42,38 @@ tr '\n' '\001' <"$header" | sed 's|/\*[^*]*\*\{1,\}\([^/*][^*]*\*\{1,\}\)*/||g' 
   awk '{ printf "%s%s", $0, /^ORVEX_API [^;]*$/ ? " " : "\n" }' >"$code"
 
 sed -n 's/^ORVEX_API \(.*\);$/\1/; s/ *\* */ */g; /^[a-z ]*orvex_[a-z_]*(.*)$/p' "$code" | there
-awk -F'"' '
-  /^\.Ft / { type = substr($0, 5) }
-  /^\.Fn / && type != "" {
-    split($1, words, " ")
-    arguments = words[3]
-    for (i = 2; i < NF; i += 2) arguments = arguments (i > 2 ? ", " : "") $i
-    printf "%s %s(%s)\n", type, words[2], arguments
-    type = ""
-  }' "$library" | told
+synopsis() {
+  awk -F'"' '
+    /^\.Ft / { type = substr($0, 5) }
+    /^\.Fn / && type != "" {
+      split($1, words, " ")
+      arguments = words[3]
+      for (i = 2; i < NF; i += 2) arguments = arguments (i > 2 ? ", " : "") $i
+      printf "%s %s(%s)\n", type, words[2], arguments
+      type = ""
+    }' "$@"
+}
+synopsis "$library" | told
 same 'functions of the synopsis'
+synopsis "$manual"/orvex_*.3 | told
+same 'functions of the pages'
 
 sed -n 's/^ORVEX_API .*\(orvex_[a-z_]*\)(.*/\1/p' "$header" | there
 cp "$exported" "$directory/told"
 same 'declared and exported functions'
-sed -n 's/^\.It Fn //p' "$library" | told
-same 'functions'
+# The page of each function, or a link to it, names the function.
+for page in "$manual"/orvex_*.3; do
+  name=$(basename "$page" .3)
+  link=$(sed -n 's|^\.so man3/||p' "$page")
+  sed 's/ ,$//' "$manual/${link:-$name.3}" | grep -qx "\.Nm $name" && echo "$name"
+done | told
+same 'functions with a page'
 
 {
   sed -n 's/^\([A-Z][A-Z0-9_]*\) = \([0-9a-fx]*\),\{0,1\}\( }.*\)\{0,1\}$/\1 \2/p' "$code"
   sed -n 's/^#define \(ORVEX_[A-Z_]*\) "\{0,1\}\([0-9.]*\)"\{0,1\}$/\1 \2/p' "$header"
 } | there
-sed -n 's/^\.It Dv \([A-Z0-9_]*\) Pq \(Qq \)\{0,1\}/\1 /p' "$library" | told
+sed -n 's/^\.It Dv \([A-Z0-9_]*\) Pq \(Qq \)\{0,1\}/\1 /p' "$manual"/*.3 | told
 same 'codes and other constants'
 
 awk '
@@ -74,7 +85,7 @@ sed -n 's/^typedef .*(\*\(orvex_[a-z_]*\))(.*/\1/p' "$code" >>"$directory/there"
 awk '
   /^\.Vt / { record = $2; print record }
   /^\.It Fa / { for (i = 3; i <= NF; ++i) if ($i != ",") print record "." $i }
-' "$library" | sort -u | told
+' "$manual"/*.3 | sort -u | told
 same 'types and fields, counters among them'
 
 sed -n 's/.*GetConfig[A-Z][a-z]*("\([^"]*\)".*/\1/p' "$config" | there
