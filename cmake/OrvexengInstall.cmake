@@ -5,8 +5,9 @@
 # keeps several widths in one /usr, to lib/i386-linux-gnu or lib/x86_64-linux-gnu.
 # To put both widths into another prefix, name CMAKE_INSTALL_LIBDIR for one of them.
 #
-# Three components: Runtime (the library), Development (header, link, CMake package,
-# pkg-config file, manual of the functions) and Tools (orvex-scan and its manual).
+# Three components: Runtime (the library), Development (headers, link, CMake package,
+# pkg-config file, manual of the functions, guides, examples) and Tools (orvex-scan and its
+# manual).
 
 include(CMakePackageConfigHelpers)
 # A 64-bit compiler with -m32 does not tell this.
@@ -24,6 +25,12 @@ install(TARGETS orvexeng EXPORT orvexengTargets
 install(DIRECTORY include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT Development
   FILES_MATCHING PATTERN "orvexeng.h" PATTERN "orvexeng.hpp")
 
+# Side by side as in the source tree, so that links between them work.
+install(FILES docs/abi.md docs/examples.md docs/languages.md docs/logging.md docs/using.md
+  DESTINATION ${CMAKE_INSTALL_DOCDIR}/docs COMPONENT Development)
+install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT Development
+  PATTERN "CMakeLists.txt" EXCLUDE)
+
 # find_package(orvexeng). The version file refuses a library of another width.
 set(orvexengPackageDir ${CMAKE_INSTALL_LIBDIR}/cmake/orvexeng)
 install(EXPORT orvexengTargets NAMESPACE orvexeng:: FILE orvexeng-config.cmake
@@ -34,7 +41,7 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/orvexeng-config-version.cmake
 
 # pkg-config finds the rest from where its file lies. Directories outside the prefix
 # stay where they are.
-foreach(dir INCLUDEDIR LIBDIR)
+foreach(dir INCLUDEDIR LIBDIR DOCDIR)
   if(IS_ABSOLUTE ${CMAKE_INSTALL_${dir}})
     set(orvexengPc${dir} ${CMAKE_INSTALL_${dir}})
   else()

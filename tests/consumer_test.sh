@@ -43,11 +43,11 @@ usesPrefix() {
 command=$1
 shift
 if [ "$command" = install ]; then
-  DESTDIR="$directory/stage" cmake --install "$1" --prefix /first
+  DESTDIR="$directory/stage" cmake --install "$1" --prefix "/first place"
   rm -rf "$2"
   mkdir -p "$(dirname "$2")"
-  mv "$directory/stage/first" "$2"
-  ! grep -rIl -e /first -e "$1" -e "$directory" "$2" || fail 'files name the place they were built in or installed to'
+  mv "$directory/stage/first place" "$2"
+  ! grep -rIl -e "/first place" -e "$1" -e "$directory" "$2" || fail 'files name the place they were built in or installed to'
   exit 0
 fi
 prefix=$1
@@ -114,11 +114,11 @@ case $command in
     PKG_CONFIG_LIBDIR=$(dirname "$(find "$prefix" -name orvexeng.pc)")
     export PKG_CONFIG_LIBDIR
     flags=$(pkg-config --cflags --libs 'orvexeng >= 1.1')
-    libraries=$(pkg-config --variable=libdir orvexeng)
-    # shellcheck disable=SC2086 # flags are words
-    "$cc" "-m$bits" "$consumers/c/consumer.c" -o "$directory/c" $flags
-    # shellcheck disable=SC2086
-    "$cxx" "-m$bits" "$consumers/cpp/consumer.cpp" -o "$directory/cpp" $flags
+    # Both are words of a shell, with blanks escaped.
+    libraries=
+    eval "libraries=$(pkg-config --variable=libdir orvexeng)"
+    eval "\"$cc\" -m$bits \"$consumers/c/consumer.c\" -o \"$directory/c\" $flags"
+    eval "\"$cxx\" -m$bits \"$consumers/cpp/consumer.cpp\" -o \"$directory/cpp\" $flags"
     for host in "$directory/c" "$directory/cpp"; do
       usesPrefix "$host" "$libraries"
       LD_LIBRARY_PATH=$libraries "$host"

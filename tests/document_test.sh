@@ -5,8 +5,9 @@
 #   after <!-- output: PROGRAM... -->  what each of them prints, engine log lines apart;
 #   after <!-- sample: COMMAND -->   what that command printed once, as it is measured
 #                                    and differs from run to run: the command exists;
-#   after <!-- run: TEST -->         shell commands that this script of tests/ runs;
+#   after <!-- run: TEST... -->      shell commands that this script of tests/ runs;
 #   opened with "sh"                 shell commands: each of them exists.
+# Links within the source tree lead to a file, and to a heading of it if they name one.
 # A command exists when it is a file of the source tree, a target whose program is
 # below build/, or known to the shell.
 #
@@ -83,11 +84,26 @@ for marker in "$directory"/*.marker; do
         diff -u "$directory/expected" "$block" || fail "$program prints something else"
       done ;;
     sample:) exists "$name" || fail "a sample of $name, which does not exist" ;;
-    run:) [ -x "$sources/tests/$name" ] || fail "$name does not exist" ;;
+    run:) [ -x "$sources/tests/${name%% *}" ] || fail "$name does not exist" ;;
     sh:) for command in $(commands "$block"); do
         exists "$command" || fail "$command does not exist"
       done ;;
     *) fail "the block of $name is neither marked nor of shell commands" ;;
+  esac
+done
+
+# The headings of a document as the ends of links.
+anchors() { sed -n 's/^##* //p' "$1" | tr '[:upper:] ' '[:lower:]-' | sed 's/[^a-z0-9_-]//g'; }
+
+# Outside of blocks. A link's text may end one line and the link begin the next.
+# shellcheck disable=SC2016 # backquotes as they are
+for link in $(sed '/^ *```/,/^ *```/d' "$document" | tr '\n' ' ' | grep -oE '\]\([^) ]+\)' | sed 's/^](//; s/)$//'); do
+  case $link in *://*) continue ;; esac
+  target=$(dirname "$document")/${link%%#*}
+  [ "${link%%#*}" ] || target=$document
+  [ -e "$target" ] || fail "$link leads nowhere"
+  case $link in
+    *#*) anchors "$target" | grep -qxF -e "${link#*#}" || fail "$link names no heading" ;;
   esac
 done
 [ "$failures" -eq 0 ]
