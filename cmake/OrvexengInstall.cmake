@@ -58,17 +58,10 @@ configure_file(cmake/orvexeng.pc.in orvexeng.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/orvexeng.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT Development)
 
-# The manual: section 1 is about the tool, the others about the library.
-foreach(section 1 3 5)
+foreach(section 3 5)
   file(GLOB pages CONFIGURE_DEPENDS docs/man/*.${section})
-  if(pages)
-    set(component Development)
-    if(section EQUAL 1)
-      set(component Tools)
-    endif()
-    install(FILES ${pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section}
-      COMPONENT ${component})
-  endif()
+  install(FILES ${pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section}
+    COMPONENT Development)
 endforeach()
 
 if(TARGET orvex-scan)
@@ -78,4 +71,5 @@ if(TARGET orvex-scan)
     set_target_properties(orvex-scan PROPERTIES INSTALL_RPATH "$ORIGIN/${toLibraries}")
   endif()
   install(TARGETS orvex-scan RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT Tools)
+  install(FILES docs/man/orvex-scan.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT Tools)
 endif()

@@ -48,6 +48,8 @@ if [ "$command" = install ]; then
   mkdir -p "$(dirname "$2")"
   mv "$directory/stage/first place" "$2"
   ! grep -rIl -e "/first place" -e "$1" -e "$directory" "$2" || fail 'files name the place they were built in or installed to'
+  [ -e "$2/bin/orvex-scan" ] || ! find "$2" -name 'orvex-scan*' | grep . ||
+    fail 'there is no orvex-scan, but a page about it'
   exit 0
 fi
 prefix=$1
