@@ -314,7 +314,7 @@ ORVEX_API int orvex_init(metadata_query_fptrs_s* fptrs);
  * calls inside the engine (shorter if signals interrupt the wait), then returns
  * even if some remain. A query that outlives the call still returns from its
  * callback into the library: do not unload the library until all have returned.
- * If the engine was restarted meanwhile, the next orvex_deinit waits its full
+ * If the engine has been restarted by then, the next orvex_deinit waits its full
  * time.
  *
  * Threads: not concurrently with itself or orvex_init. From a callback it would
