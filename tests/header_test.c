@@ -1,5 +1,5 @@
-/* The public header as a C host sees it: it compiles alone, and its constants and
- * records are what they were when the host was built. */
+// The public header as a C host sees it: it compiles alone, and its constants and
+// records are what they were when the host was built.
 #include "orvexeng.h"
 
 #include <stddef.h>

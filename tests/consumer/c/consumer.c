@@ -1,4 +1,4 @@
-/* Asks twice about one file: 0 when the second answer came from the cache. */
+// Asks twice about one file: 0 when the second answer came from the cache.
 #include <orvexeng.h>
 #include <string.h>
 
