@@ -59,6 +59,11 @@ needed=$(printf '%s\n' "$dynamic" | sed -n 's/.*NEEDED.*\[\(.*\)\]/\1/p' |
   grep -vE '^(libstdc\+\+|libgcc_s|libc|libm|ld-linux.*)\.so\.[0-9]+$')
 [ -z "$needed" ] || fail "more than the C and C++ runtime is needed: $needed"
 
+promised=$(sed -n 's/.*Runs on | glibc \([0-9.]*\) .*/GLIBC_\1/p' "$(dirname "$0")/../README.md")
+newest=$(readelf -VW "$library" | grep -oE 'GLIBC_[0-9.]+' | sort -Vu | tail -n 1)
+[ "$(printf '%s\n' "$newest" "$promised" | sort -V | tail -n 1)" = "$promised" ] ||
+  fail "needs $newest, while the README says $promised"
+
 headers=$(readelf -lW "$library")
 printf '%s\n' "$headers" | grep -q GNU_RELRO || fail 'relocations stay writable'
 printf '%s\n' "$headers" | grep 'GNU_STACK' | grep -q 'RWE' && fail 'the stack is executable'
