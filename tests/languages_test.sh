@@ -17,6 +17,8 @@ skip() {
   exit 77
 }
 
+command -v pkg-config >/dev/null || skip 'no pkg-config: scripts/require pkg-config'
+
 # word NAME COMMAND: what NAME stands for in the document's commands.
 words=$directory/words
 mkdir "$words"
