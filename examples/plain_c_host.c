@@ -1,12 +1,11 @@
 // A C host that frees signers without a C++ compiler or linker.
-#define _GNU_SOURCE  // RTLD_DEFAULT
 #include <dlfcn.h>
 #include <orvexeng.h>
 #include <stdio.h>
 
 static void FreeSigners(metadata_output_s* out) {
   void (*arrayDelete)(void*) = NULL;
-  *(void**)&arrayDelete = dlsym(RTLD_DEFAULT, "_ZdaPv");  // operator delete[](void*)
+  *(void**)&arrayDelete = dlsym(dlopen(NULL, RTLD_LAZY), "_ZdaPv");  // operator delete[](void*)
   if (arrayDelete != NULL) arrayDelete(out->signers);
   out->signers = NULL;
 }
