@@ -34,7 +34,7 @@ class ORVEX_API ORVEX_Singleton {
 };
 
 template <typename T>
-inline T* ORVEX_Singleton<T>::GetInstance() {
+T* ORVEX_Singleton<T>::GetInstance() {
   T* const known = ORVEX_LoadAcquire(known_);
   return known != nullptr ? known : Build();
 }
