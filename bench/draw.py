@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 """Draws what a full hit costs, by contender and number of entries, and what else a cache
-costs: an insertion, a hit beside insertions, memory.
+costs: an insertion, a hit during insertions, memory.
 
 usage: bench/draw.py REPORT.json... >docs/hit.svg
 
@@ -50,13 +50,13 @@ def draw_bars(values, left, top, longest):
 
 
 def draw_costs(report, top):
-    """What a cache costs beside the time of a hit."""
-    beside = report["times"]["f-hit-beside-insert"][""]
+    """What a cache costs apart from the time of a hit."""
+    during = report["times"]["f-hit-during-insert"][""]
     memory = {who: told["memory"]["bytes"] for who, told in report["counts"].items()
               if "memory" in told}
     panels = [("an insertion, ns", medians(report["times"], "d-insert")),
-              ("a hit beside insertions, p99, ns",
-               {who: time["counters"]["p99"] for who, time in beside.items()}),
+              ("a hit during insertions, p99, ns",
+               {who: time["counters"]["p99"] for who, time in during.items()}),
               ("memory of an entry, bytes", memory)]
     for place, (title, values) in enumerate(panels):
         left = NARROW_LEFT + place * PANEL
@@ -130,7 +130,7 @@ def main(reports):
                   *draw_bars(medians(report["times"], "a-hit-uniform", "4096"), LEFT, top + TOP, BARS),
                   *draw_growth(report["times"], top + TOP),
                   *draw_costs(report, top + TOP + BELOW)]
-    print_picture(len(reports) * ROW, "What a full hit, an insertion, a hit beside insertions and "
+    print_picture(len(reports) * ROW, "What a full hit, an insertion, a hit during insertions and "
                   "an entry's memory cost, by cache", parts)
 
 

@@ -1,4 +1,4 @@
-// Ever-new files: alone, and beside a thread whose queries all hit.
+// Ever-new files: alone, and while another thread's queries all hit.
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -86,7 +86,7 @@ double Percentile(std::vector<float>& hits, double share) {
 // that became a miss all the same is counted and told. Each hit is timed alone: a
 // cache whose inserter takes the lock again at once has a good mean and a bad tail.
 template <class C>
-void HitsBesideInsertions(benchmark::State& state) {
+void HitsDuringInsertions(benchmark::State& state) {
   using Clock = std::chrono::steady_clock;
   constexpr size_t kHotFiles = 64;
   static const TickClock ticks;
@@ -130,7 +130,7 @@ void AddInsertions() {
     benchmark::RegisterBenchmark(Name<C>("d-insert").c_str(), Insertions<C>)
         ->Setup(StartFull<C>)
         ->Teardown(StopRunning<C>);
-    benchmark::RegisterBenchmark(Name<C>("f-hit-beside-insert").c_str(), HitsBesideInsertions<C>)
+    benchmark::RegisterBenchmark(Name<C>("f-hit-during-insert").c_str(), HitsDuringInsertions<C>)
         ->Setup(StartFull<C>)
         ->Teardown(StopRunning<C>)
         // Enough for a hundred hits beyond the last percentile.

@@ -24,12 +24,12 @@ TITLES = {
     "c-hit-threads": "c  full hits from several threads (elapsed time over the queries of all)",
     "d-insert": "d  ever-new files: miss, callback that returns at once, keep, evict",
     "e-growth": "e  full hits, uniform, by the number of entries",
-    "f-hit-beside-insert": "f  full hits while another thread inserts: mean and percentiles of a hit, "
+    "f-hit-during-insert": "f  full hits while another thread inserts: mean and percentiles of a hit, "
                            "and what an insertion took",
     "g-cold-path": "g  eight threads, one cold path, a callback of 5 ms",
 }
 ENGINE = "engine"
-# What a benchmark tells beside its time, and how the tables call it.
+# What a benchmark reports apart from its time, and its name in the tables.
 COUNTERS = {"calls": "calls", "p50": "p50", "p99": "p99", "p99.9": "p99.9",
             "insertionNs": "insertion", "misses": "misses per hit"}
 
@@ -166,7 +166,7 @@ def main(target, directory, engine_counts, peer_counts):
     print_table("h, i, k  the engine's other queries, over full caches",
                 ["query", "ns", "instructions", "allocations"], rows)
     print_counts(counted)
-    print_table("j  what it takes at all", ["load the library, start, first query",
+    print_table("j  start-up and size", ["load the library, start, first query",
                                              f"{statistics.median(started) / 1000:.0f} us"], [
         ["the stripped library", f"{size} bytes"],
         ["an entry of a full hash cache", f"{counted[ENGINE, 'memory']['bytes']} bytes"]])

@@ -129,7 +129,7 @@ TEST_CASE("flushing gives the code of the cache it names") {
   CHECK(orvex_flush_cache(1) == 56);
 }
 
-TEST_CASE_FIXTURE(EmptiedAtTheEnd, "each cache keeps 4096 entries unless told otherwise") {
+TEST_CASE_FIXTURE(EmptiedAtTheEnd, "each cache keeps 4096 entries by default") {
   const auto storeOne = [](int number) {
     const std::string path = "/" + std::to_string(number);
     Push(path.c_str());

@@ -88,7 +88,7 @@ class CacheOfFiles {
     Answer out;
     return cache.QueryLRUCache(&in, &out) == LRU_HIT;
   }
-  // A node beside one that may be there under the same key.
+  // A node next to one that may be there under the same key.
   void InsertBeside(const File& file, uint32_t fields) { InsertBesideIn(cache, file, fields); }
 
   Cache cache;
@@ -234,7 +234,7 @@ TEST_CASE_TEMPLATE("files that hash alike with their paths are told apart by the
   CheckThatEvenOnesAreFound<Cache>(files, KEY_PATH | KEY_DEVICE_ID);
 }
 
-TEST_CASE_TEMPLATE("names of one file are found beside files whose paths then hash alike", Cache,
+TEST_CASE_TEMPLATE("names of one file are found among files whose paths then hash alike", Cache,
                    LRUCache, FileTypeCache) {
   std::vector<File> files = FilesAlikeWithPaths(kMany);
   for (uint64_t i = 0; i < kMany; ++i) files.push_back({PathNumber(i), 7, 8});

@@ -25,7 +25,7 @@ fail() {
   failures=$((failures + 1))
 }
 
-# Each block into a file of its own, in order, with its kind and name beside it.
+# Each block into a file of its own, in order, with its kind and name next to it.
 awk -v to="$directory" '
   /^ *<!-- (file|lines|output|sample|run): .* -->$/ && !inside {
     marker = $0

@@ -44,7 +44,7 @@ uint32_t FromEnvironment(const char* name, uint32_t otherwise) {
   return wanted != nullptr ? static_cast<uint32_t>(std::atol(wanted)) : otherwise;
 }
 
-// What happens beside plain queries.
+// What happens apart from plain queries.
 struct Mix {
   // Of a thousand operations.
   uint32_t pushes = 0;

@@ -60,7 +60,7 @@ class BareCache : public LRUCacheT<Key, Node, Metrics> {
     Answer out;
     return Base::UpdateMetaData(&in, &out);
   }
-  // A node that enters beside one under an equivalent key.
+  // A node that enters next to one under an equivalent key.
   Node* InsertBeside(const char* path, const char* name) {
     metadata_input_s in = FileAt(path);
     Answer out;

@@ -795,7 +795,7 @@ TEST_CASE("signers that cannot be assigned leave the node without any") {
   CHECK((target.queryFlags & QUERY_SIGNERS) == 0);
 }
 
-TEST_CASE("signers that cannot be given back are told by 2 and copy no feedback") {
+TEST_CASE("signers that cannot be copied out give 2 and leave feedback alone") {
   metadata_input_s in = InputFor("/a");
   Answer out;
   GiveSigners(out, {"Kelda"});

@@ -173,7 +173,7 @@ TEST_CASE("a child forked at any moment of a running load may exec or leave by _
   CHECK(queries > 0);
   CHECK(BrokenInvariantOfIdleCaches() == "");
   CHECK(orvex_deinit() == 0);
-  std::printf("%d forks beside %ld queries\n", kForks, queries);
+  std::printf("%d forks during %ld queries\n", kForks, queries);
 }
 
 TEST_CASE("a child forked while no thread is inside has an engine of its own") {
@@ -258,7 +258,7 @@ TEST_CASE("ten thousand signals a second change no answer and hold up no stop" *
       {
         const SignalRain rain(load);
         while (Clock::now() - begin < duration * (round + 1) / 4) sched_yield();
-        code = orvex_deinit();  // Beside the load.
+        code = orvex_deinit();  // During the load.
       }
       CHECK(code == 0);
       ++starts;
@@ -273,7 +273,7 @@ TEST_CASE("ten thousand signals a second change no answer and hold up no stop" *
   }
   const double seconds = std::chrono::duration<double>(Clock::now() - begin).count();
   CHECK(signalsSeen > 1000);
-  std::printf("%d signals in %.1f s beside %ld queries and %d stops\n", signalsSeen.load(), seconds,
+  std::printf("%d signals in %.1f s during %ld queries and %d stops\n", signalsSeen.load(), seconds,
               queries, starts);
 }
 
@@ -307,7 +307,7 @@ TEST_CASE("a storm of starts and stops under load pauses two seconds at most in 
   CHECK(load.wrongAnswers == 0);
   CHECK(load.wrongCodes == 0);
   CHECK(load.queries > 0);
-  std::printf("%d starts and stops beside %ld queries, %d pauses in the longest stop\n", cycles,
+  std::printf("%d starts and stops during %ld queries, %d pauses in the longest stop\n", cycles,
               load.queries.load(), mostPauses);
 }
 

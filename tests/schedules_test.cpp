@@ -64,7 +64,7 @@ class Scene {
     });
   }
   // A thread that does something else.
-  void Meanwhile(std::function<void()> action) { bodies_.push_back(std::move(action)); }
+  void Concurrently(std::function<void()> action) { bodies_.push_back(std::move(action)); }
 
   // Runs them in every order; checks after each.
   template <typename Check>
@@ -238,11 +238,11 @@ TEST_CASE("threads that ask for another path are woken in vain and sleep on, wha
 
 TEST_CASE("every thread leaves a cache that is stopped, whatever the order") {
   for (const size_t askers : {1u, 2u}) {
-    Scene scene("stopped meanwhile");
+    Scene scene("stopped concurrently");
     for (size_t i = 0; i < askers; ++i) scene.Ask();
     int code = -1;
     int refused = 0;
-    scene.Meanwhile([&] { code = scene.cache->DeinitLRUCache(); });
+    scene.Concurrently([&] { code = scene.cache->DeinitLRUCache(); });
     scene.InEveryOrder([&] {
       REQUIRE(code == 0);
       for (size_t i = 0; i < askers; ++i) {
@@ -288,7 +288,7 @@ TEST_CASE("sleepers leave a cache that is stopped, however long the host takes")
   int refused = 0;
   scene.Ask();
   scene.Ask();
-  scene.Meanwhile([&] {
+  scene.Concurrently([&] {
     scene.cache->DeinitLRUCache();
     another();
   });
@@ -306,10 +306,10 @@ TEST_CASE("sleepers leave a cache that is stopped, however long the host takes")
 }
 
 TEST_CASE("nobody is left behind in a cache that is stopped and started, whatever the order") {
-  Scene scene("stopped and started meanwhile");
+  Scene scene("stopped and started concurrently");
   scene.Ask();
   scene.Ask();
-  scene.Meanwhile([&] {
+  scene.Concurrently([&] {
     scene.cache->DeinitLRUCache();
     scene.cache->InitLRUCache();
   });
@@ -326,9 +326,9 @@ TEST_CASE("nobody is left behind in a cache that is stopped and started, whateve
 
 TEST_CASE("a flush takes no answer from those that ask, whatever the order") {
   for (const size_t askers : {1u, 2u}) {
-    Scene scene("flushed meanwhile");
+    Scene scene("flushed concurrently");
     for (size_t i = 0; i < askers; ++i) scene.Ask();
-    scene.Meanwhile([&] { scene.cache->FlushCache(); });
+    scene.Concurrently([&] { scene.cache->FlushCache(); });
     scene.InEveryOrder([&] {
       for (size_t i = 0; i < askers; ++i) {
         REQUIRE(scene.Code(i) == 0);
@@ -345,7 +345,7 @@ TEST_CASE("a flush takes no answer from those that ask, whatever the order") {
 
 TEST_CASE("a thread that asks the cache only neither waits nor calls, whatever the order") {
   for (const size_t askers : {1u, 2u}) {
-    Scene scene("cache only meanwhile");
+    Scene scene("cache only, concurrently");
     for (size_t i = 0; i < askers; ++i) scene.Ask();
     scene.Ask("/a", INV_CACHE_ONLY);
     int answered = 0;
@@ -402,7 +402,7 @@ TEST_CASE("every thread leaves an engine that is stopped, whatever the order") {
     }
     orvex_deinit();
     std::printf(
-        "engine stopped meanwhile: %ld schedules of %zu threads, each with up to %d "
+        "engine stopped concurrently: %ld schedules of %zu threads, each with up to %d "
         "preemptions\n",
         schedules.Count(), bodies.size(), preemptions);
   }
@@ -483,7 +483,7 @@ TEST_CASE("every thread leaves a file type cache that is stopped, whatever the o
     CHECK(found > 0);
     CHECK(missed > 0);
     std::printf(
-        "file type cache stopped meanwhile: %ld schedules of %zu threads, each with up to %d "
+        "file type cache stopped concurrently: %ld schedules of %zu threads, each with up to %d "
         "preemptions\n",
         schedules.Count(), bodies.size(), preemptions);
   }

@@ -237,7 +237,7 @@ TEST_CASE("a lock that fails in a waiting thread leaves it neither hanging nor u
     }
   }
   CHECK(points > 0);
-  std::printf("%4d points: pthread_mutex_lock beside a calculating thread\n", points);
+  std::printf("%4d points: pthread_mutex_lock next to a calculating thread\n", points);
 }
 
 TEST_CASE("a condition that cannot be waited on, once or ever, lets the calculating thread on") {

@@ -99,8 +99,8 @@ bool AreEqual(const AnyKey& left, const LRUCacheKeyView& right) {
          ((mask & KEY_PATH) == 0 || std::strcmp(TextOrEmpty(left.path), right.path) == 0);
 }
 
-// Equal for equal keys; its upper bits are the better ones. Of the numbers alone where they
-// tell files apart: they cost a tenth of a path.
+// Equal keys hash equally; use the high bits. Skips the path when the file number is known:
+// hashing it costs ten times as much.
 //
 // Multiplicative hashing (Knuth, The Art of Computer Programming, volume 3, 6.4), each
 // field by an odd factor of its own, so that the products need not wait for each

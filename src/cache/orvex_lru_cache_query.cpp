@@ -14,7 +14,7 @@ namespace {
 constexpr char kFunction[] = "Query";
 
 int EndWithoutMemory(metadata_output_s& out) {
-  // The file type cache may have called its part of the answer ready.
+  // The file type cache may already have set it.
   out.resultReady = 0;
   return ORVEX_NO_MEMORY;
 }
@@ -210,8 +210,8 @@ int LRUCache::Calculate(metadata_input_s* metaIn, metadata_output_s* metaOut, vo
     ORVEX_LOG_FROM(ORVEX_LOG_DEBUG, kFunction, kLRUCacheSourceFile,
                    "[CalHashSet] Insert CalHashSet succeed: %s", path);
   } else {
-    // Another thread got in between. This one calculates as well: answering twice
-    // is better than starting to wait anew.
+    // Another thread marked it first. This one calculates as well: answering twice is
+    // better than waiting again.
     ORVEX_LOG_FROM(ORVEX_LOG_DEBUG, kFunction, kLRUCacheSourceFile,
                    "[CalHashSet] Insert CalHashSet failed: %s", path);
   }

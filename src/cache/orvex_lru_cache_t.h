@@ -191,8 +191,8 @@ class ORVEX_API LRUCacheT {
  protected:
   ~LRUCacheT() {}  // NOLINT(modernize-use-equals-default)
 
-  // IsInit without the lock, for the way of every query: an answer either way is
-  // right for a call that meets a start or a stop.
+  // IsInit without the lock, for the query path. A call racing a start or stop may see
+  // either answer.
   ORVEX_LOCAL bool IsActive() const { return ORVEX_LoadRelaxed(active); }
   // None in slot 0.
   ORVEX_LOCAL Node* NodeIn(LRUCacheSlot slot) const ORVEX_REQUIRES(lock) {
@@ -240,8 +240,7 @@ class ORVEX_API LRUCacheT {
   // The host's answer, unchanged.
   ORVEX_LOCAL int AskHost(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx)
       ORVEX_EXCLUDES(lock) {
-    // Read once: a host that registers another callback meanwhile changes the next
-    // query, not this one.
+    // Read once: registering another callback affects the next query, not this one.
     orvex_query_cb callback;
     {
       const ORVEX_MutexGuard guard(&lock);

@@ -34,16 +34,15 @@ class ORVEX_API ORVEX_Set {
   ORVEX_Set(const ORVEX_Set&) = delete;
   ORVEX_Set& operator=(const ORVEX_Set&) = delete;
 
-  // The callbacks of a condition wait on condLock, which holds it meanwhile.
+  // The callbacks of a condition wait on condLock, which is held while they run.
   // arg is a PathInSet*; whether its path is being calculated. False for null.
   static bool PredicateFunc(void* arg);
   // arg is a const std::string*, the path. They log; null is ignored.
   static void PreWaitLogFunc(void* arg);
   static void PostWaitLogFunc(void* arg);
 
-  // False only while the path is not in the set: then nobody needs the lock to find it
-  // missing. A path comes in before its callback runs, and what a callback brought is
-  // in the cache before its path leaves.
+  // False means the path is not in the set, so the caller can skip the lock. A path is
+  // marked before its callback runs, and the answer is cached before it is unmarked.
   ORVEX_LOCAL bool MayHold(const char* path) const {
     return ORVEX_LoadAcquire(pathCount_) != 0 && ORVEX_LoadAcquire(StripeOf(path)) != 0;
   }

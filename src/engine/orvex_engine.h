@@ -36,8 +36,7 @@ class ORVEX_API ORVEX_ENGINE {
   int Query(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx);
   int GetMetrics(orvex_metrics_s& metrics, unsigned int size, unsigned int& outSize) const
       ORVEX_EXCLUDES(lock);
-  // For callers that may not have a record: pointers can be null, references
-  // cannot. A null outSize is the caller's fault once there is something to tell.
+  // Accepts null metrics (code 1). outSize must not be null.
   ORVEX_LOCAL int GetMetrics(orvex_metrics_s* metrics, unsigned int size,
                              unsigned int* outSize) const ORVEX_EXCLUDES(lock);
   void DumpMetrics() const;

@@ -5,8 +5,7 @@
 
 #include "orvexeng.h"
 
-// What different threads write stands on lines of its own: they would otherwise travel
-// between processors together.
+// What different threads write is aligned to cache lines, to prevent false sharing.
 constexpr size_t kCacheLineBytes = 64;
 
 // The counters of the library are plain cells, so that records and classes keep
@@ -41,7 +40,7 @@ void ORVEX_StoreRelaxed(T volatile& cell, T value) {
   __atomic_store(&cell, &value, __ATOMIC_RELAXED);
 }
 
-// The same where the value read also tells that what its writer did before is done.
+// Acquire load: what the writer did before its release store is visible.
 template <typename T>
 T ORVEX_LoadAcquire(const T& cell) {
   T value;

@@ -41,7 +41,7 @@ class ORVEX_API ORVEX_Profiling {
   std::string name_;
 };
 
-// The same for the library's own scopes, which are on the way of every query: it
+// The same for the library's own scopes, which every query enters: it
 // keeps the pointer to its name, never fails, and its flag tests need no call.
 class ORVEX_LOCAL ORVEX_ProfilingScope {
  public:

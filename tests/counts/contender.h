@@ -1,4 +1,4 @@
-// What a cache must be to be counted and timed beside the engine.
+// What a cache must be to be counted and timed next to the engine.
 #pragma once
 
 #include <memory>

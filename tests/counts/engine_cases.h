@@ -1,4 +1,4 @@
-// What else the engine is asked, beside plain hits.
+// What else the engine is asked, apart from plain hits.
 #pragma once
 
 #include <string>

@@ -1,4 +1,4 @@
-// The host behind every contender: what a miss costs beside the cache.
+// The host behind every contender: what a miss costs apart from the cache.
 #pragma once
 
 #include <atomic>

@@ -6,7 +6,7 @@
 #include <vector>
 
 // The numbers of a clock that ticks once for each event of a history, so that no two
-// share one. Begins are taken before what they tell of, ends after it.
+// share one. Begins are taken before the event, ends after it.
 struct EventSpan {
   uint32_t begin;
   uint32_t end;

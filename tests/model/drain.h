@@ -3,7 +3,7 @@
 
 #include "model/model_log.h"
 
-// Who waits, as its messages say.
+// Waiting for calls to leave, as its messages say.
 struct DrainMessages {
   const char* function;
   const char* file;

@@ -145,7 +145,7 @@ void CheckRandomSteps(unsigned int seed, unsigned int otherMasks) {
       case 2:
         if (keys.Below(60) == 0) pair.Clear();
         break;
-      case 3:  // beside one under an equivalent key, if there is one
+      case 3:  // next to one under an equivalent key, if there is one
         if (keys.Below(8) == 0) pair.Insert(in);
         break;
       default:
