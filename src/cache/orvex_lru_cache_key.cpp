@@ -1,7 +1,6 @@
 // The identity of a file in both caches.
 #include "cache/orvex_lru_cache_key.h"
 
-
 LRUCacheKey::LRUCacheKey() = default;
 
 LRUCacheKey::LRUCacheKey(metadata_input_s& in) { Read(in); }
