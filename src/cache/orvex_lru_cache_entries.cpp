@@ -31,7 +31,8 @@ struct LRUCacheEntries::OrderedView {
   std::array<Set::const_iterator, kSlots> positions{};
 };
 
-LRUCacheEntries::LRUCacheEntries(size_t nodeBytes) : placeBytes_(sizeof(Place) + nodeBytes) {}
+LRUCacheEntries::LRUCacheEntries(size_t nodeBytes)
+    : linesOfPlace_((sizeof(Place) + nodeBytes + sizeof(Line) - 1) / sizeof(Line)) {}
 
 LRUCacheEntries::~LRUCacheEntries() { Clear(); }
 
@@ -45,10 +46,13 @@ void* LRUCacheEntries::MemoryForNode() { return &PlaceOf(FreeSlot()) + 1; }
 
 LRUCacheSlot LRUCacheEntries::Insert(const LRUCacheKeyView& key, void* node, bool copiesText) {
   const LRUCacheSlot slot = FreeSlot();
-  new (&PlaceOf(slot)) Place{key, node, ++insertions_};
+  Place* const place =
+      new (&PlaceOf(slot)) Place{key.path, key.size, key.mtime, key.deviceID, key.fileID};
+  tables_->origins[slot] = {node, ++insertions_, key.flags};
   Link& link = tables_->links[slot];
   const LRUCacheSlot nextFree = link.next;
   link.ownsText = false;
+  link.isInPlace = node == place + 1;
   if (copiesText) CopyText(slot);
   try {
     link.entry = Enter(slot);
@@ -68,7 +72,7 @@ LRUCacheSlot LRUCacheEntries::Insert(const LRUCacheKeyView& key, void* node, boo
 
 void LRUCacheEntries::CopyText(LRUCacheSlot slot) {
   if (tables_->links[slot].ownsText) return;
-  const char*& text = PlaceOf(slot).key.path;
+  const char*& text = PlaceOf(slot).path;
   const size_t bytes = std::strlen(text) + 1;
   text = static_cast<const char*>(std::memcpy(new char[bytes], text, bytes));
   tables_->links[slot].ownsText = true;
@@ -106,8 +110,8 @@ LRUCacheSlot LRUCacheEntries::FreeSlot() {
   if (freeSlot_ != 0) return freeSlot_;
   const size_t slot = size_t{lastSlot_} + 1;
   if (slot == kSlots) throw std::bad_alloc();
-  std::unique_ptr<unsigned char[]>& chunk = tables_->chunks[slot / kChunk];
-  if (chunk == nullptr) chunk.reset(new unsigned char[kChunk * placeBytes_]);
+  std::unique_ptr<Line[]>& chunk = tables_->chunks[slot / kChunk];
+  if (chunk == nullptr) chunk.reset(new Line[kChunk * linesOfPlace_]);
   return static_cast<LRUCacheSlot>(slot);
 }
 
@@ -118,7 +122,7 @@ void LRUCacheEntries::FreeText(LRUCacheSlot slot) {
 // The entry that the slot is in from here on: its own, or that of an equivalent key.
 // Throws std::bad_alloc, and then no entry has changed.
 LRUCacheSlot LRUCacheEntries::Enter(LRUCacheSlot slot) {
-  const LRUCacheKeyView& key = KeyIn(slot);
+  const LRUCacheKeyView key = KeyIn(slot);
   if (entryCount_ == 0) fields_ = FieldsOf(key);
   bool inIndex = IndexAnswers(key);
   if (inIndex) {
@@ -176,7 +180,7 @@ LRUCacheEntries::Slots LRUCacheEntries::EntriesBy(const Order& before) const {
 
 LRUCacheEntries::Slots LRUCacheEntries::EntriesAsTheyCame() const {
   return EntriesBy([this](LRUCacheSlot left, LRUCacheSlot right) {
-    return PlaceOf(left).insertion < PlaceOf(right).insertion;
+    return tables_->origins[left].insertion < tables_->origins[right].insertion;
   });
 }
 

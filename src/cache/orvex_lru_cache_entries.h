@@ -10,6 +10,7 @@
 #include "cache/orvex_lru_cache_index.h"
 #include "cache/orvex_lru_cache_key.h"
 #include "support/orvex_annotations.h"
+#include "support/orvex_atomic.h"
 
 // Every node has a numbered slot with its key. The slots form a ring in order of recency,
 // and a hash index leads from a key to its slot; where hashing cannot tell what the order
@@ -47,11 +48,21 @@ class ORVEX_LOCAL LRUCacheEntries {
   size_t Size() const { return size_; }
   size_t EntryCount() const { return entryCount_; }
   bool HasEntry(LRUCacheSlot slot) const { return tables_->links[slot].entry != 0; }
-  void* NodeIn(LRUCacheSlot slot) const { return PlaceOf(slot).node; }
+  void* NodeIn(LRUCacheSlot slot) const {
+    return IsInPlace(slot) ? &PlaceOf(slot) + 1 : tables_->origins[slot].node;
+  }
   // Whether the node stands in the memory of its slot.
-  bool IsInPlace(LRUCacheSlot slot) const { return NodeIn(slot) == &PlaceOf(slot) + 1; }
+  bool IsInPlace(LRUCacheSlot slot) const { return tables_->links[slot].isInPlace; }
   // The key that the node was inserted under.
-  const LRUCacheKeyView& KeyIn(LRUCacheSlot slot) const { return PlaceOf(slot).key; }
+  LRUCacheKeyView KeyIn(LRUCacheSlot slot) const {
+    const Place& place = PlaceOf(slot);
+    return {tables_->origins[slot].mask,
+            place.path,
+            place.size,
+            place.mtime,
+            place.deviceID,
+            place.fileID};
+  }
   // From the most to the least recently used slot. 0 before the first and after the last.
   LRUCacheSlot After(LRUCacheSlot slot) const {
     return tables_ != nullptr ? tables_->links[slot].next : LRUCacheSlot{0};
@@ -86,32 +97,46 @@ class ORVEX_LOCAL LRUCacheEntries {
   void Clear();
 
  private:
-  // What a slot's memory begins with; the memory for its node follows.
+  // What a slot's memory begins with, as far as an index asks for it; the memory for its
+  // node follows. A slot of the hash cache takes four cache lines.
   struct Place {
-    LRUCacheKeyView key;
-    void* node;
-    uint64_t insertion;  // grows from one to the next
+    const char* path;
+    uint64_t size;
+    uint64_t mtime;
+    uint64_t deviceID;
+    uint64_t fileID;
   };
   struct Link {
     LRUCacheSlot previous;
     LRUCacheSlot next;  // of a free slot: the next free one
     LRUCacheSlot entry;
     bool ownsText;  // of its key
+    bool isInPlace;
+  };
+  // What a hit has no use for.
+  struct Origin {
+    void* node;
+    uint64_t insertion;  // grows from one to the next
+    uint32_t mask;
+  };
+  struct alignas(kCacheLineBytes) Line {
+    unsigned char bytes[kCacheLineBytes];
   };
   static constexpr size_t kSlots = LRUCacheIndex::kSlots;
   static constexpr size_t kChunk = 64;
   struct Tables {
     std::array<Link, kSlots> links{};  // 0 begins and ends the ring
     LRUCacheIndex index;
-    std::array<std::unique_ptr<unsigned char[]>, kSlots / kChunk> chunks;
+    std::array<std::unique_ptr<Line[]>, kSlots / kChunk> chunks;
+    std::array<Origin, kSlots> origins;
     std::array<LRUCacheSlot, kSlots> sorted{};  // so that sorting needs no memory
   };
   struct Before;
   struct OrderedView;
 
   Place& PlaceOf(LRUCacheSlot slot) const {
-    unsigned char* const chunk = tables_->chunks[slot / kChunk].get();
-    return *std::launder(reinterpret_cast<Place*>(chunk + slot % kChunk * placeBytes_));
+    Line* const chunk = tables_->chunks[slot / kChunk].get();
+    return *std::launder(reinterpret_cast<Place*>(chunk + slot % kChunk * linesOfPlace_));
   }
   LRUCacheSlot FreeSlot();
   void LinkFirst(LRUCacheSlot slot) {
@@ -146,15 +171,16 @@ class ORVEX_LOCAL LRUCacheEntries {
   LRUCacheSlot FindInIndex(const AnyKey& key) const {
     return tables_->index.Find(HashOf(key, hashesPaths_), [this, &key](LRUCacheSlot slot) {
       // While the keys are compared the node is on its way.
-      const auto* const place = reinterpret_cast<const char*>(&PlaceOf(slot));
-      for (int line = 1; line <= 4; ++line) __builtin_prefetch(place + 64 * line);
-      return AreEqual(key, KeyIn(slot));
+      const Place& place = PlaceOf(slot);
+      const auto* const line = reinterpret_cast<const Line*>(&place);
+      for (int following = 1; following < 4; ++following) __builtin_prefetch(line + following);
+      return AreEqual(key, place);
     });
   }
   bool EnterIndex(LRUCacheSlot slot);
   bool EnterByPaths(LRUCacheSlot newSlot);
 
-  const size_t placeBytes_;
+  const size_t linesOfPlace_;
   std::unique_ptr<Tables> tables_;     // null until the first insertion
   std::unique_ptr<OrderedView> view_;  // null until it is needed
   size_t size_ = 0;

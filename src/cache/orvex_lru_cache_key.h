@@ -50,6 +50,14 @@ class ORVEX_API LRUCacheKey {
 //
 // Ownership: valid while the record or key it was made from is.
 struct ORVEX_LOCAL LRUCacheKeyView {
+  LRUCacheKeyView(uint32_t itsFlags, const char* itsPath, uint64_t itsSize, uint64_t itsMtime,
+                  uint64_t itsDeviceID, uint64_t itsFileID)
+      : flags(itsFlags),
+        path(itsPath),
+        size(itsSize),
+        mtime(itsMtime),
+        deviceID(itsDeviceID),
+        fileID(itsFileID) {}
   explicit LRUCacheKeyView(const metadata_input_s& in)
       : flags(in.fileOperation),
         path(TextOrEmpty(in.path)),
@@ -89,8 +97,8 @@ uint32_t FieldsOf(const AnyKey& key) {
 }
 
 // Whether the selected fields are equal, for keys of the same fields.
-template <typename AnyKey>
-bool AreEqual(const AnyKey& left, const LRUCacheKeyView& right) {
+template <typename AnyKey, typename Fields>
+bool AreEqual(const AnyKey& left, const Fields& right) {
   const uint32_t mask = MaskOf(left);
   return ((mask & KEY_FILE_ID) == 0 || left.fileID == right.fileID) &&
          ((mask & KEY_SIZE) == 0 || left.size == right.size) &&

@@ -75,7 +75,7 @@ class Pair {
       expectedRecency.push_back(std::to_string(node->number) + (node->entry != 0 ? "" : "-"));
     }
     for (const LRUCacheSlot slot : entries_.InOrderOfKeys()) {
-      const LRUCacheKeyView& key = entries_.KeyIn(slot);
+      const LRUCacheKeyView key = entries_.KeyIn(slot);
       keys.push_back(Told(key.flags, key.path, key.size, key.mtime, key.deviceID, key.fileID));
     }
     for (const ModelKey* key : model_.KeysInOrder()) {

@@ -86,7 +86,7 @@ void LookInto(LRUCacheT<Key, Node, Metrics>& cache, CacheState& state) {
   }
   state.keys.clear();
   for (const LRUCacheSlot slot : entries.InOrderOfKeys()) {
-    const LRUCacheKeyView& key = entries.KeyIn(slot);
+    const LRUCacheKeyView key = entries.KeyIn(slot);
     state.keys.push_back({key.flags, key.path, key.size, key.mtime, key.deviceID, key.fileID});
   }
 }
