@@ -8,6 +8,7 @@
 
 #include "harness/engine_under_test.h"
 #include "harness/latch.h"
+#include "harness/opened_caches.h"
 #include "harness/recorded_log.h"
 #include "support/orvex_profiling.h"
 
@@ -194,11 +195,61 @@ TEST_CASE("before it is initialised the engine refuses queries with 100 and with
   CHECK(log.TakeTranscript() == "");
 }
 
+TEST_CASE("an engine that does not run reads no record") {
+  // Where no memory is.
+  auto* const in = reinterpret_cast<metadata_input_s*>(uintptr_t{64});
+  auto* const out = reinterpret_cast<metadata_output_s*>(uintptr_t{64});
+  CHECK(orvex_query(in, out, nullptr) == 100);
+  { EngineUnderTest engine; }
+  CHECK(orvex_query(in, out, nullptr) == 100);
+}
+
 TEST_CASE("a stopped engine refuses queries with 100") {
   { EngineUnderTest engine; }
   metadata_input_s in = InputFor("/a");
   Answer out;
   CHECK(orvex_query(&in, &out, nullptr) == 100);
+}
+
+TEST_CASE("who is told of a failure finds no query inside the hash cache any more") {
+  EngineUnderTest engine;
+  engine.host.onHash = [](metadata_input_s&, metadata_output_s&) { return 77; };
+  static int inside;
+  inside = 0;
+  orvex_register_log_cb(
+      [](unsigned int level, unsigned int, const char*, const char*, const char*, unsigned int) {
+        if (level == ORVEX_LOG_ERROR) inside += 1 + OpenedHashCache::ThreadsInside(HashCache());
+      });
+  ORVEX_LOG_BASE::LogLevel = ORVEX_LOG_ERROR;
+  metadata_input_s in = InputFor("/a");
+  Answer out;
+  CHECK(engine.Query(in, out) == 77);
+  CHECK(orvex_query(&in, nullptr, nullptr) == 3);
+  CHECK(inside == 2);  // Once for each message, and nobody inside.
+}
+
+TEST_CASE("a path that the warning about an old entry changes is marked and told as it was") {
+  EngineUnderTest engine;
+  static metadata_input_s in;
+  in = InputFor("/a");
+  in.fileOperation = KEY_SIZE;
+  Answer first;
+  REQUIRE(engine.Query(in, first) == 0);
+  in.mtime = 6;
+  static std::string told;
+  told.clear();
+  orvex_register_log_cb(
+      [](unsigned int, unsigned int, const char*, const char*, const char* message, unsigned int) {
+        told += message;
+        told += '\n';
+        in.path = "/b";
+      });
+  ORVEX_LOG_BASE::LogLevel = ORVEX_LOG_INFO;
+  Answer second;
+  CHECK(orvex_query(&in, &second, &engine.host) == 0);
+  CHECK(told ==
+        "Cache query: cache out-of-date, (6/5) /a\n"
+        "[CalHashSet] File hash calculation is done, broadcast signal: /a\n");
 }
 
 TEST_CASE("a refused query is timed all the same") {

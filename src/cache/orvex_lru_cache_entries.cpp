@@ -53,7 +53,8 @@ LRUCacheSlot LRUCacheEntries::Insert(const LRUCacheKeyView& key, void* node, boo
   const LRUCacheSlot nextFree = link.next;
   link.ownsText = false;
   link.isInPlace = node == place + 1;
-  if (copiesText) CopyText(slot);
+  // A node from elsewhere may be changed by whoever built it.
+  if (copiesText || !link.isInPlace) CopyText(slot);
   try {
     link.entry = Enter(slot);
   } catch (...) {

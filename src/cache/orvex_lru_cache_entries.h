@@ -80,7 +80,7 @@ class ORVEX_LOCAL LRUCacheEntries {
   // Where the node of the next insertion may be built. Throws std::bad_alloc.
   void* MemoryForNode();
   // Takes a slot for the node and makes it the most recently used one. The text of the key
-  // is copied, or stays where it is until CopyText or the removal of the slot. Throws
+  // is copied unless the node is in place and shares it until CopyText or its removal. Throws
   // std::bad_alloc, and then nothing has changed.
   LRUCacheSlot Insert(const LRUCacheKeyView& key, void* node, bool copiesText);
   // Gives the key a text of its own. Throws std::bad_alloc.

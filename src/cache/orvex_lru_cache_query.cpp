@@ -114,6 +114,10 @@ inline LRU_LOOKUP LRUCache::LookUp(const metadata_input_s& in, metadata_output_s
   }
   LRUCacheNode* const node = NodeIn(slot);
   const bool isCurrent = node != nullptr && (in.mtime == 0 || in.mtime == node->mtime);
+  // A message is not quiet: its callback may change the record.
+  if (!kTalks && node != nullptr && !isCurrent && ORVEX_LOG_BASE::Keeps(ORVEX_LOG_WARNING)) {
+    return LRU_NOT_YET;
+  }
   // A log callback may read the counters, so that they are ahead of every line.
   if (kTalks || !isCurrent) ORVEX_atomic_increment_64(&metrics.Query);
   if (!isCurrent) return MissOrOutOfDate(node, in);

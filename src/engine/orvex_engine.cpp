@@ -48,6 +48,12 @@ unsigned int Low32Bits(const void* pointer) {
   return static_cast<unsigned int>(reinterpret_cast<uintptr_t>(pointer));
 }
 
+// With the code so far, on purpose: a lone failure of the hash cache prints 0.
+void TellHashFailure(int codeSoFar) {
+  ORVEX_LOG_FROM(ORVEX_LOG_ERROR, "Query", kEngineSourceFile, "Error query hash cache %d",
+                 codeSoFar);
+}
+
 }  // namespace
 
 ORVEX_ENGINE::ORVEX_ENGINE() : calls_(HashCache().Calls()) {
@@ -131,24 +137,36 @@ int ORVEX_ENGINE::GetStatus() {
 // All of a hit is this one function, from the cache's lookup to its last counter.
 __attribute__((flatten)) int ORVEX_ENGINE::Query(metadata_input_s* metaIn,
                                                  metadata_output_s* metaOut, void* ctx) {
-  // Who asks only the hash cache is counted in for both at once, unless a host is told of
-  // each step and may look who is where.
-  if (metaIn != nullptr && (metaIn->queryFlags & QUERY_FILE_TYPE) == 0 && metaIn->queryFlags != 0 &&
+  // A query for the hash cache alone is counted in for both at once, unless a host is told
+  // of each step and may look who is where. An engine that does not run reads no record.
+  if (ORVEX_LoadRelaxed(inited) && metaIn != nullptr && metaOut != nullptr &&
+      (metaIn->queryFlags & QUERY_FILE_TYPE) == 0 && metaIn->queryFlags != 0 &&
       !LRUCache::Talks()) {
     ORVEX_CallsInFlight::Scope inFlight(calls_, ORVEX_CallsInFlight::kOfBoth);
     const int lookup =
         ORVEX_LoadRelaxed(inited) ? HashCache().LookUpQuietly(metaIn, metaOut) : LRU_NOT_YET;
     if (lookup == LRU_HIT) return ORVEX_OK;
-    return QueryStepByStep(metaIn, metaOut, ctx, &inFlight, lookup);
+    if (lookup != LRU_NOT_YET) return FinishHashQuery(metaIn, metaOut, ctx, inFlight, lookup);
   }
-  const ORVEX_CallsInFlight::Scope inFlight(calls_, ORVEX_CallsInFlight::kOfEngine);
-  return QueryStepByStep(metaIn, metaOut, ctx, nullptr, LRU_NOT_YET);
+  return QueryStepByStep(metaIn, metaOut, ctx);
+}
+
+__attribute__((noinline)) int ORVEX_ENGINE::FinishHashQuery(metadata_input_s* metaIn,
+                                                            metadata_output_s* metaOut, void* ctx,
+                                                            ORVEX_CallsInFlight::Scope& inBoth,
+                                                            int lookup) {
+  const ORVEX_ProfilingScope profiling("ORVEX_ENGINE::Query");
+  const int code = HashCache().QueryStepByStep(metaIn, metaOut, ctx, lookup);
+  if (code != ORVEX_OK) {
+    inBoth.StayInEngine();
+    TellHashFailure(ORVEX_OK);
+  }
+  return code;
 }
 
 __attribute__((noinline)) int ORVEX_ENGINE::QueryStepByStep(metadata_input_s* metaIn,
-                                                            metadata_output_s* metaOut, void* ctx,
-                                                            ORVEX_CallsInFlight::Scope* inBoth,
-                                                            int lookup) {
+                                                            metadata_output_s* metaOut, void* ctx) {
+  const ORVEX_CallsInFlight::Scope inFlight(calls_, ORVEX_CallsInFlight::kOfEngine);
   const ORVEX_ProfilingScope profiling("ORVEX_ENGINE::Query");
   if (!ORVEX_LoadRelaxed(inited)) return ORVEX_NOT_INITIALISED;
   if (metaOut == nullptr || metaIn == nullptr) {
@@ -167,14 +185,9 @@ __attribute__((noinline)) int ORVEX_ENGINE::QueryStepByStep(metadata_input_s* me
   }
   // Read again: the host's callback may have changed what is wanted.
   if ((metaIn->queryFlags & ~uint32_t{QUERY_FILE_TYPE}) != 0) {
-    const int hashCode = inBoth != nullptr
-                             ? HashCache().QueryStepByStep(metaIn, metaOut, ctx, lookup)
-                             : HashCache().Query(metaIn, metaOut, ctx);
+    const int hashCode = HashCache().Query(metaIn, metaOut, ctx);
     if (hashCode != ORVEX_OK) {
-      if (inBoth != nullptr) inBoth->StayInEngine();
-      // The code so far, on purpose: a lone failure of the hash cache prints 0.
-      ORVEX_LOG_FROM(ORVEX_LOG_ERROR, "Query", kEngineSourceFile, "Error query hash cache %d",
-                     code);
+      TellHashFailure(code);
       if (code == ORVEX_OK) code = hashCode;
     }
   }

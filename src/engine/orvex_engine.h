@@ -43,10 +43,10 @@ class ORVEX_API ORVEX_ENGINE {
   int ResetMetrics() ORVEX_EXCLUDES(lock);
 
  private:
-  // The query, from the hash cache's lookup on if there was one. inBoth is the scope of a call
-  // that the hash cache counts as well.
-  ORVEX_LOCAL int QueryStepByStep(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx,
-                                  ORVEX_CallsInFlight::Scope* inBoth, int lookup);
+  ORVEX_LOCAL int QueryStepByStep(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx);
+  // What follows a lookup in the hash cache that was no hit.
+  ORVEX_LOCAL int FinishHashQuery(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx,
+                                  ORVEX_CallsInFlight::Scope& inBoth, int lookup);
   ORVEX_LOCAL void PassLock() const ORVEX_EXCLUDES(lock);
 
   mutable ORVEX_PThread_Lock lock;
