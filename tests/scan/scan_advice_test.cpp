@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "advice.h"
+#include "report/advice.h"
 
 using orvexscan::Advice;
 using orvexscan::Options;

@@ -5,10 +5,10 @@
 #include <filesystem>
 #include <string>
 
-#include "calculation.h"
+#include "ask/calculation.h"
+#include "file/identity.h"
 #include "harness/calculating_host.h"
 #include "harness/temporary_directory.h"
-#include "identity.h"
 
 using orvexscan::Calculation;
 using orvexscan::FailureReason;

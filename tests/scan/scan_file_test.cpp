@@ -8,14 +8,14 @@
 #include <string>
 #include <vector>
 
-#include "file_failure.h"
-#include "file_reader.h"
-#include "file_type.h"
+#include "content/file_type.h"
+#include "file/file_failure.h"
+#include "file/file_reader.h"
+#include "file/identity.h"
 #include "harness/temporary_directory.h"
-#include "identity.h"
-#include "inventory.h"
-#include "process_maps.h"
-#include "walk.h"
+#include "inventory/inventory.h"
+#include "inventory/process_maps.h"
+#include "inventory/walk.h"
 
 using orvexscan::FailureReason;
 using orvexscan::FileFailure;

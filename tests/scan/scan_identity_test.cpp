@@ -10,11 +10,11 @@
 #include <string>
 #include <thread>
 
-#include "calculation.h"
+#include "ask/calculation.h"
+#include "file/identity.h"
+#include "file/settling.h"
 #include "harness/calculating_host.h"
 #include "harness/temporary_directory.h"
-#include "identity.h"
-#include "settling.h"
 
 using orvexscan::Calculation;
 using orvexscan::Identity;

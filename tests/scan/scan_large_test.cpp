@@ -8,12 +8,12 @@
 #include <cstdint>
 #include <string>
 
-#include "descriptor.h"
-#include "file_reader.h"
+#include "file/descriptor.h"
+#include "file/file_reader.h"
+#include "file/identity.h"
 #include "harness/deep_form.h"
 #include "harness/scan_run.h"
 #include "harness/temporary_directory.h"
-#include "identity.h"
 
 using orvexscan::IdentityOf;
 

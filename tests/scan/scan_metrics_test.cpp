@@ -11,7 +11,7 @@
 
 #include "harness/scan_run.h"
 #include "harness/temporary_directory.h"
-#include "metrics.h"
+#include "report/metrics.h"
 
 using orvexscan::Metric;
 

@@ -7,12 +7,12 @@
 #include <string>
 #include <vector>
 
-#include "file_reader.h"
+#include "content/pe_certificates.h"
+#include "content/signer_names.h"
+#include "file/file_reader.h"
+#include "file/identity.h"
 #include "harness/signed_pe.h"
 #include "harness/temporary_directory.h"
-#include "identity.h"
-#include "pe_certificates.h"
-#include "signer_names.h"
 
 using orvexscan::AddSigners;
 using orvexscan::FileReader;

@@ -3,10 +3,10 @@
 
 #include <string>
 
-#include "file_reader.h"
+#include "content/pe_certificates.h"
+#include "file/file_reader.h"
+#include "file/identity.h"
 #include "harness/scan_run.h"
-#include "identity.h"
-#include "pe_certificates.h"
 
 namespace {
 

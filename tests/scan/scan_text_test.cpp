@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "printable.h"
+#include "terminal/printable.h"
 
 using orvexscan::IsUtf8;
 using orvexscan::Printable;

@@ -10,7 +10,7 @@
 #include "harness/scan_run.h"
 #include "harness/temporary_directory.h"
 #include "harness/watching_scan.h"
-#include "known_files.h"
+#include "watch/known_files.h"
 
 namespace fs = std::filesystem;
 

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "identity.h"
+#include "file/identity.h"
 #include "orvexeng.h"
 
 namespace orvexscan {

@@ -9,10 +9,10 @@
 #include <cstring>
 #include <string>
 
-#include "calculation.h"
-#include "engine_log.h"
-#include "identity.h"
-#include "settling.h"
+#include "ask/calculation.h"
+#include "ask/engine_log.h"
+#include "file/identity.h"
+#include "file/settling.h"
 
 constexpr std::chrono::seconds kDefaultSettling(2);
 

@@ -1,0 +1,58 @@
+// Asks the engine about one file after another.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "ask/calculation.h"
+#include "inventory/inventory.h"
+#include "options.h"
+
+namespace orvexscan {
+
+// What asking took.
+struct Tally {
+  uint64_t visits = 0;
+  uint64_t failed = 0;
+  uint64_t unsettled = 0;
+  uint64_t bytesHashed = 0;
+  uint64_t bytesSaved = 0;
+  std::chrono::nanoseconds hashTime{0};
+};
+
+// What came of it.
+struct Reply {
+  Answer answer;
+  /// What is wrong with the certificate table; nothing if the file was not hashed for it.
+  std::optional<std::vector<std::string>> certificateFaults;
+};
+
+// Asks a running engine and counts what that takes.
+//
+// Threads: one at a time; each that asks has its own.
+class Asker {
+ public:
+  /// Throws std::runtime_error when libmagic or OpenSSL cannot be started.
+  explicit Asker(const Options& options);
+
+  /// Throws FileFailure when the file has no answer, and counts that too.
+  Reply Ask(const std::string& path);
+
+  /// What was counted since the last call.
+  Tally TakeTally();
+  uint64_t bytesHashed() const { return tally_.bytesHashed; }
+
+ private:
+  Reply Query(const std::string& path);
+  void Count(const Calculation& calculation, const Identity& identity);
+
+  const IdentityMode identityMode_;
+  const ReadingRules rules_;
+  Tools tools_;
+  Tally tally_;
+};
+
+}  // namespace orvexscan

@@ -1,0 +1,82 @@
+// What the engine cannot answer from its caches: the host's side of one query.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "ask/answer_source.h"
+#include "content/digests.h"
+#include "content/file_type.h"
+#include "file/file_failure.h"
+#include "file/file_reader.h"
+#include "file/identity.h"
+#include "file/settling.h"
+#include "orvexeng.h"
+
+namespace orvexscan {
+
+// What a worker needs to calculate, kept from file to file.
+struct Tools {
+  Tools();
+
+  FileTypeReader fileType;
+  Digests digests;
+  std::vector<unsigned char> buffer;
+};
+
+// How files are read.
+struct ReadingRules {
+  bool followLinks;
+  Settling settling;
+};
+
+// One query's calculation, given to orvex_query as its context.
+//
+// Ownership: borrows the tools, which no other calculation may use meanwhile, and the
+// rules. Keeps the file open from the first callback on, so that type and digests are
+// those of one file.
+// Threads: one at a time; the engine calls back on the thread that asks.
+class Calculation : public AnswerSource {
+ public:
+  /// For a query about what identity was taken of.
+  Calculation(Tools* tools, const Identity& identity, const ReadingRules& rules)
+      : tools_(tools), identity_(identity), rules_(rules) {}
+
+  /// Why a callback failed; nothing when none did.
+  const std::optional<FileFailure>& failure() const { return failure_; }
+  /// Whether the whole file was read for its digests, as nothing cached could serve.
+  bool hashed() const { return hashed_; }
+  /// False when the file was read while it was too young for its answer to be kept.
+  bool settled() const { return settled_; }
+  uint64_t bytesHashed() const { return bytesHashed_; }
+  std::chrono::nanoseconds hashTime() const { return hashTime_; }
+  /// What is wrong with the file's certificate table, if it was hashed.
+  const std::vector<std::string>& certificateFaults() const { return certificateFaults_; }
+
+ private:
+  using Step = void (Calculation::*)(const metadata_input_s&, metadata_output_s*);
+  int AnswerHash(metadata_input_s* in, metadata_output_s* out) noexcept override;
+  int AnswerFileType(metadata_input_s* in, metadata_output_s* out) noexcept override;
+  int Attempt(Step step, metadata_input_s* in, metadata_output_s* out);
+
+  void Hash(const metadata_input_s& in, metadata_output_s* out);
+  std::vector<std::string> FindSigners();
+  void FindFileType(const metadata_input_s& in, metadata_output_s* out);
+  FileReader& Open(const metadata_input_s& in);
+
+  Tools* const tools_;
+  const Identity identity_;
+  const ReadingRules& rules_;
+  std::optional<FileReader> file_;
+  std::optional<FileFailure> failure_;
+  bool settled_ = true;
+  bool hashed_ = false;
+  uint64_t bytesHashed_ = 0;
+  std::chrono::nanoseconds hashTime_{0};
+  std::vector<std::string> certificateFaults_;
+};
+
+}  // namespace orvexscan

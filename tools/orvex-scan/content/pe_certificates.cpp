@@ -1,0 +1,132 @@
+#include "content/pe_certificates.h"
+
+#include <fmt/format.h>
+
+#include <cstdint>
+
+namespace orvexscan {
+namespace {
+
+constexpr size_t kDosHeaderSize = 64;
+constexpr size_t kPeOffsetAt = 60;        // in the DOS header
+constexpr size_t kPeHeaderSize = 4 + 20;  // the mark and the COFF header
+constexpr size_t kOptionalSizeAt = 4 + 16;
+constexpr uint16_t kPe32 = 0x10b;
+constexpr uint16_t kPe32Plus = 0x20b;
+constexpr size_t kDirectoriesAt32 = 96;  // in the optional header; their count is just before
+constexpr size_t kDirectoriesAt32Plus = 112;
+constexpr size_t kDirectorySize = 8;
+constexpr size_t kCertificateDirectory = 4;
+constexpr size_t kEntryHeaderSize = 8;
+constexpr size_t kEntryAlignment = 8;
+constexpr uint16_t kRevision1 = 0x0100;
+constexpr uint16_t kRevision2 = 0x0200;
+constexpr uint16_t kPkcs7 = 2;
+// Real tables have some ten kilobytes.
+constexpr uint32_t kMostTableBytes = 16 << 20;
+
+uint16_t U16(const unsigned char* bytes) { return static_cast<uint16_t>(bytes[0] | bytes[1] << 8); }
+
+uint32_t U32(const unsigned char* bytes) {
+  return U16(bytes) | static_cast<uint32_t>(U16(bytes + 2)) << 16;
+}
+
+// The table's place in the file, both 0 when there is none.
+struct CertificateTable {
+  uint32_t offset = 0;
+  uint32_t size = 0;
+};
+
+CertificateTable FindTable(FileReader* file) {
+  unsigned char dos[kDosHeaderSize];
+  if (file->ReadAt(0, dos, sizeof dos) < sizeof dos || dos[0] != 'M' || dos[1] != 'Z') return {};
+
+  const uint64_t peOffset = U32(dos + kPeOffsetAt);
+  unsigned char pe[kPeHeaderSize];
+  if (file->ReadAt(peOffset, pe, sizeof pe) < sizeof pe || pe[0] != 'P' || pe[1] != 'E' ||
+      pe[2] != 0 || pe[3] != 0) {
+    return {};  // a plain DOS program, or another format with that beginning
+  }
+
+  constexpr size_t kEnough = kDirectoriesAt32Plus + (kCertificateDirectory + 1) * kDirectorySize;
+  unsigned char optional[kEnough] = {};
+  const size_t length = file->ReadAt(peOffset + kPeHeaderSize, optional, sizeof optional);
+  const uint16_t magic = U16(optional);
+  if (magic != kPe32 && magic != kPe32Plus) return {};
+
+  const size_t directories = magic == kPe32 ? kDirectoriesAt32 : kDirectoriesAt32Plus;
+  const size_t entry = directories + kCertificateDirectory * kDirectorySize;
+  const bool present = U32(optional + directories - 4) > kCertificateDirectory &&
+                       U16(pe + kOptionalSizeAt) >= entry + kDirectorySize &&
+                       length >= entry + kDirectorySize;
+  if (!present) return {};
+  return {U32(optional + entry), U32(optional + entry + 4)};
+}
+
+// The first fault of an entry that makes whatever follows it unreadable.
+std::string FaultOfLength(uint32_t length, size_t left) {
+  if (length == 0) return "has zero length";
+  if (length < kEntryHeaderSize) return fmt::format("has a length of {}, below its header", length);
+  if (length > left) return fmt::format("is truncated: {} bytes of {}", left, length);
+  return {};
+}
+
+void SplitTable(const std::vector<unsigned char>& table, PeCertificates* found) {
+  size_t at = 0;
+  for (int number = 1; at < table.size(); ++number) {
+    const size_t left = table.size() - at;
+    if (left < kEntryHeaderSize) {
+      found->faults.push_back(
+          fmt::format("entry {} is truncated: {} bytes are no header", number, left));
+      return;
+    }
+    const unsigned char* entry = table.data() + at;
+    const uint32_t length = U32(entry);
+    const std::string fault = FaultOfLength(length, left);
+    if (!fault.empty()) {
+      found->faults.push_back(fmt::format("entry {} {}", number, fault));
+      return;
+    }
+    const uint16_t revision = U16(entry + 4);
+    const uint16_t type = U16(entry + 6);
+    if (revision != kRevision1 && revision != kRevision2) {
+      found->faults.push_back(
+          fmt::format("entry {} has the unknown revision {:#06x}", number, revision));
+    } else if (type == kPkcs7) {
+      found->signatures.emplace_back(entry + kEntryHeaderSize, entry + length);
+    } else {
+      found->faults.push_back(fmt::format("entry {} is of type {}, no PKCS#7", number, type));
+    }
+    at += (length + kEntryAlignment - 1) / kEntryAlignment * kEntryAlignment;
+  }
+}
+
+}  // namespace
+
+PeCertificates ReadPeCertificates(FileReader* file) {
+  PeCertificates found;
+  const CertificateTable place = FindTable(file);
+  if (place.offset == 0 && place.size == 0) return found;
+  if (place.size == 0) {
+    found.faults.emplace_back("the table has zero length");
+    return found;
+  }
+  // In 64 bits: the sum of two 32-bit numbers from the file may be anything.
+  const uint64_t end = uint64_t{place.offset} + place.size;
+  if (end > file->size()) {
+    found.faults.push_back(
+        fmt::format("the table ends at {}, past the end of the file at {}", end, file->size()));
+    return found;
+  }
+  if (place.size > kMostTableBytes) {
+    found.faults.push_back(
+        fmt::format("the table has {} bytes, more than any real one", place.size));
+    return found;
+  }
+  std::vector<unsigned char> table(place.size);
+  table.resize(file->ReadAt(place.offset, table.data(), table.size()));
+  SplitTable(table, &found);
+  return found;
+}
+
+}  // namespace orvexscan

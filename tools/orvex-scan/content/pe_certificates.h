@@ -1,0 +1,26 @@
+// The certificate table of a PE file: where Windows programs and boot loaders carry
+// their signatures.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "file/file_reader.h"
+
+namespace orvexscan {
+
+// What the table holds. A file of any other format has neither.
+struct PeCertificates {
+  /// The PKCS#7 signature of each entry that holds one, as DER, in file order.
+  std::vector<std::vector<unsigned char>> signatures;
+  /// What is wrong with the table, one sentence each; empty when all is well. Entries
+  /// before the fault are given all the same.
+  std::vector<std::string> faults;
+};
+
+/// Reads the table of an open file. Nothing in the file is trusted: every offset and
+/// length is checked against what is there, and the memory taken is bounded.
+/// Throws FileFailure when a read fails.
+PeCertificates ReadPeCertificates(FileReader* file);
+
+}  // namespace orvexscan

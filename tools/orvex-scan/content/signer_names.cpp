@@ -1,0 +1,138 @@
+#include "content/signer_names.h"
+
+#include <openssl/err.h>
+#include <openssl/pkcs7.h>
+#include <openssl/x509.h>
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+
+namespace orvexscan {
+namespace {
+
+constexpr const char* kNestedSignature = "1.3.6.1.4.1.311.2.4.1";
+// Real files nest once. A file made to harm could nest until the stack ends.
+constexpr int kDeepestNesting = 8;
+
+template <typename T, void (*kFree)(T*)>
+struct FreeWith {
+  void operator()(T* object) const { kFree(object); }
+};
+using Pkcs7 = std::unique_ptr<PKCS7, FreeWith<PKCS7, PKCS7_free>>;
+using Bio = std::unique_ptr<BIO, FreeWith<BIO, BIO_free_all>>;
+using Object = std::unique_ptr<ASN1_OBJECT, FreeWith<ASN1_OBJECT, ASN1_OBJECT_free>>;
+
+// Cuts at a character's beginning, and leaves no NUL that would end the name early: a
+// certificate could be made to show only half of what it was issued to.
+std::string FitForSlot(std::string name) {
+  std::replace(name.begin(), name.end(), '\0', '?');
+  if (name.size() <= kMostNameBytes) return name;
+  size_t end = kMostNameBytes;
+  while (end > 0 && (static_cast<unsigned char>(name[end]) & 0xc0) == 0x80) --end;
+  name.resize(end);
+  return name;
+}
+
+std::string WholeName(const X509_NAME* subject) {
+  Bio text(BIO_new(BIO_s_mem()));
+  if (!text || X509_NAME_print_ex(text.get(), subject, 0, XN_FLAG_RFC2253) < 0) return {};
+  char* bytes = nullptr;
+  const long length = BIO_get_mem_data(text.get(), &bytes);
+  return length > 0 ? std::string(bytes, static_cast<size_t>(length)) : std::string();
+}
+
+std::string CommonName(const X509_NAME* subject) {
+  const int index = X509_NAME_get_index_by_NID(subject, NID_commonName, -1);
+  if (index < 0) return WholeName(subject);
+  unsigned char* text = nullptr;
+  const int length =
+      ASN1_STRING_to_UTF8(&text, X509_NAME_ENTRY_get_data(X509_NAME_get_entry(subject, index)));
+  if (length < 0) return WholeName(subject);
+  std::string name(reinterpret_cast<const char*>(text), static_cast<size_t>(length));
+  OPENSSL_free(text);
+  return name;
+}
+
+void AddSignature(const unsigned char* der, size_t length, int depth, SignerNames* found);
+
+// NOLINTNEXTLINE(misc-no-recursion): as deep as kDeepestNesting allows.
+void AddNested(const PKCS7_SIGNER_INFO* signer, int depth, SignerNames* found) {
+  const Object nested(OBJ_txt2obj(kNestedSignature, 1));
+  for (int i = 0; i < sk_X509_ATTRIBUTE_num(signer->unauth_attr); ++i) {
+    X509_ATTRIBUTE* attribute = sk_X509_ATTRIBUTE_value(signer->unauth_attr, i);
+    if (OBJ_cmp(X509_ATTRIBUTE_get0_object(attribute), nested.get()) != 0) continue;
+    for (int j = 0; j < X509_ATTRIBUTE_count(attribute); ++j) {
+      const ASN1_TYPE* value = X509_ATTRIBUTE_get0_type(attribute, j);
+      if (value == nullptr || value->type != V_ASN1_SEQUENCE) {
+        found->faults.emplace_back("a nested signature is no sequence");
+        continue;
+      }
+      const ASN1_STRING* der = value->value.sequence;
+      AddSignature(ASN1_STRING_get0_data(der), static_cast<size_t>(ASN1_STRING_length(der)),
+                   depth + 1, found);
+    }
+  }
+}
+
+// NOLINTNEXTLINE(misc-no-recursion): see AddNested.
+void AddSignature(const unsigned char* der, size_t length, int depth, SignerNames* found) {
+  if (depth > kDeepestNesting) {
+    found->faults.emplace_back("signatures are nested too deeply");
+    return;
+  }
+  // Bytes after the signature are the padding of its entry.
+  const Pkcs7 signature(d2i_PKCS7(nullptr, &der, static_cast<long>(length)));
+  ERR_clear_error();
+  if (!signature || !PKCS7_type_is_signed(signature.get()) || signature->d.sign == nullptr) {
+    found->faults.emplace_back("a signature is no signed PKCS#7");
+    return;
+  }
+  STACK_OF(PKCS7_SIGNER_INFO)* signers = PKCS7_get_signer_info(signature.get());
+  if (sk_PKCS7_SIGNER_INFO_num(signers) <= 0)
+    found->faults.emplace_back("a signature has no signer");
+  for (int i = 0; i < sk_PKCS7_SIGNER_INFO_num(signers); ++i) {
+    if (found->names.size() == kMostSigners) {
+      found->faults.emplace_back("there are more than 256 signers");
+      return;
+    }
+    const PKCS7_SIGNER_INFO* signer = sk_PKCS7_SIGNER_INFO_value(signers, i);
+    X509* certificate =
+        X509_find_by_issuer_and_serial(signature->d.sign->cert, signer->issuer_and_serial->issuer,
+                                       signer->issuer_and_serial->serial);
+    if (certificate == nullptr) {
+      found->faults.emplace_back("a signer's certificate is missing");
+    } else {
+      found->names.push_back(FitForSlot(CommonName(X509_get_subject_name(certificate))));
+    }
+    AddNested(signer, depth, found);
+  }
+}
+
+}  // namespace
+
+void AddSigners(const std::vector<unsigned char>& signature, SignerNames* found) {
+  AddSignature(signature.data(), signature.size(), 0, found);
+}
+
+char* SignerSlots(const std::vector<std::string>& names) {
+  if (names.empty()) return nullptr;
+  char* slots = new char[names.size() * ORVEX_SIGNER_SLOT]();
+  char* slot = slots;
+  for (const std::string& name : names) {
+    std::memcpy(slot, name.data(), std::min(name.size(), kMostNameBytes));
+    slot += ORVEX_SIGNER_SLOT;
+  }
+  return slots;
+}
+
+std::vector<std::string> NamesInSlots(const char* slots, uint32_t count) {
+  std::vector<std::string> names;
+  for (uint32_t i = 0; i < count; ++i) {
+    const char* slot = slots + size_t{i} * ORVEX_SIGNER_SLOT;
+    names.emplace_back(slot, strnlen(slot, kMostNameBytes));
+  }
+  return names;
+}
+
+}  // namespace orvexscan

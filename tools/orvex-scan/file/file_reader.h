@@ -1,0 +1,44 @@
+// One open file, read without ever mistaking a changed one for the one asked about.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "file/descriptor.h"
+#include "file/identity.h"
+
+namespace orvexscan {
+
+// Ownership: closes its descriptor.
+// Threads: one at a time.
+class FileReader {
+ public:
+  /// Opens path and checks that it is the very file that expected was taken of.
+  /// Throws FileFailure otherwise.
+  FileReader(const std::string& path, const Identity& expected, bool followLinks);
+
+  /// Hands the whole content to sink, piece by piece, through buffer, and returns
+  /// the number of bytes. Throws FileFailure when a read fails.
+  using Sink = std::function<void(const unsigned char* bytes, size_t count)>;
+  uint64_t ReadAll(std::vector<unsigned char>* buffer, const Sink& sink);
+
+  /// Reads up to count bytes at offset; fewer only at the end of the file.
+  size_t ReadAt(uint64_t offset, unsigned char* bytes, size_t count);
+
+  /// Throws FileFailure if the file is no longer what it was when it was opened; its
+  /// ctime tells in every mode. What was read before a call that returns is one state of
+  /// the file, once the file is settled.
+  void CheckUnchanged() const;
+
+  uint64_t size() const { return opened_.size; }
+  int descriptor() const { return descriptor_.get(); }
+
+ private:
+  const Descriptor descriptor_;
+  const Identity opened_;
+};
+
+}  // namespace orvexscan

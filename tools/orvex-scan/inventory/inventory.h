@@ -1,0 +1,86 @@
+// The files of a scan: which there are, in which order they are asked about, and what
+// is known of each.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "content/file_type_table.h"
+#include "file/file_failure.h"
+#include "file/identity.h"
+
+namespace orvexscan {
+
+// What the engine answered about a file.
+struct Answer {
+  Identity identity;
+  bool settled = true;  ///< kept in the caches, as the file was old enough for that
+  std::array<uint8_t, 16> md5{};
+  std::array<uint8_t, 20> sha1{};
+  std::array<uint8_t, 32> sha256{};
+  std::vector<std::string> signers;
+  FileType type;
+};
+
+// Why there was none, in the last pass that failed; pass 0 is the gathering of files.
+struct Failure {
+  int pass;
+  FailureReason reason;
+  std::string detail;
+};
+
+struct FileRecord {
+  explicit FileRecord(const std::string& ofPath) : path(ofPath) {}
+
+  std::string path;
+  uint32_t visits = 0;  ///< in each pass
+  std::optional<Answer> answer;
+  std::optional<Failure> failure;
+  std::vector<std::string> certificateFaults;
+};
+
+// Gathered first, then asked about from several threads, then reported.
+//
+// Threads: the gathering and the reporting use one thread. Between them no file comes or
+// goes, and the Store functions may be called from any number of threads at once.
+// Locking: lock_ guards what is stored in the records, never their paths.
+class Inventory {
+ public:
+  /// Adds a visit of path at the end of the order; a path may be visited more than once.
+  void AddVisit(const std::string& path);
+  /// Adds a file that cannot be visited at all.
+  void AddFailure(const std::string& path, const FileFailure& failure);
+  /// Adds something to tell about the gathering as a whole.
+  void AddNote(const std::string& note) { notes_.push_back(note); }
+
+  size_t visitCount() const { return visits_.size(); }
+  size_t RecordOfVisit(size_t visit) const { return visits_[visit]; }
+  /// The record of a path that is visited or has failed; nothing if there is none.
+  std::optional<size_t> Find(const std::string& path) const;
+  const std::string& PathOf(size_t record) const { return records_[record].path; }
+
+  void StoreAnswer(size_t record, Answer answer);
+  void StoreFailure(size_t record, int pass, const FileFailure& failure);
+  void StoreCertificateFaults(size_t record, std::vector<std::string> faults);
+
+  const std::vector<FileRecord>& records() const { return records_; }
+  const std::vector<std::string>& notes() const { return notes_; }
+  /// How many files are visited: those that could not even be gathered do not count.
+  size_t FileCount() const;
+
+ private:
+  size_t RecordOf(const std::string& path);
+
+  std::vector<FileRecord> records_;
+  std::vector<size_t> visits_;  // each an index into records_
+  std::map<std::string, size_t> byPath_;
+  std::vector<std::string> notes_;
+  std::mutex lock_;
+};
+
+}  // namespace orvexscan

@@ -1,0 +1,83 @@
+#include "inventory/walk.h"
+
+#include <fts.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <system_error>
+
+namespace orvexscan {
+namespace {
+
+struct Close {
+  void operator()(FTS* walk) const { fts_close(walk); }
+};
+
+int ByName(const FTSENT** left, const FTSENT** right) {
+  return std::strcmp((*left)->fts_name, (*right)->fts_name);
+}
+
+FileFailure NotRegular(const char* what) { return FileFailure(FailureReason::kNotRegular, what); }
+
+void Add(const FTSENT& entry, const WalkRules& rules, Inventory* inventory) {
+  const bool given = entry.fts_level == FTS_ROOTLEVEL;
+  switch (entry.fts_info) {
+    case FTS_F:
+      inventory->AddVisit(entry.fts_path);
+      break;
+    case FTS_DNR:
+    case FTS_ERR:
+    case FTS_NS:
+      inventory->AddFailure(entry.fts_path, FileFailure::OfSystem(entry.fts_errno, "walk"));
+      break;
+    case FTS_SLNONE:
+      if (rules.followLinks || given) {
+        inventory->AddFailure(entry.fts_path,
+                              FileFailure(FailureReason::kVanished, "a link that leads nowhere"));
+      }
+      break;
+    case FTS_DC:
+      inventory->AddFailure(entry.fts_path, FileFailure(FailureReason::kLoop,
+                                                        "a directory that holds itself by a link"));
+      break;
+    case FTS_SL:
+      if (given) {
+        inventory->AddFailure(entry.fts_path,
+                              NotRegular("a symbolic link; --follow reads what it names"));
+      }
+      break;
+    case FTS_DEFAULT:
+      if (given) inventory->AddFailure(entry.fts_path, NotRegular("not a regular file"));
+      break;
+    default:
+      break;
+  }
+}
+
+void WalkOne(const std::string& path, const WalkRules& rules, Inventory* inventory) {
+  char* const roots[] = {const_cast<char*>(path.c_str()), nullptr};
+  const int options = FTS_NOCHDIR | (rules.followLinks ? FTS_LOGICAL : FTS_PHYSICAL) |
+                      (rules.oneFileSystem ? FTS_XDEV : 0);
+  const std::unique_ptr<FTS, Close> walk(fts_open(roots, options, ByName));
+  if (!walk) throw std::system_error(errno, std::generic_category(), "walk");
+  dev_t device = 0;
+  for (;;) {
+    errno = 0;
+    const FTSENT* entry = fts_read(walk.get());
+    if (entry == nullptr) break;
+    if (entry->fts_level == FTS_ROOTLEVEL) device = entry->fts_dev;
+    const bool left = rules.oneFileSystem && entry->fts_dev != device;
+    if (entry->fts_info == FTS_D && !left && rules.entering) rules.entering(entry->fts_path);
+    Add(*entry, rules, inventory);
+  }
+  if (errno != 0) throw std::system_error(errno, std::generic_category(), "walk");
+}
+
+}  // namespace
+
+void Walk(const std::vector<std::string>& paths, const WalkRules& rules, Inventory* inventory) {
+  for (const std::string& path : paths) WalkOne(path, rules, inventory);
+}
+
+}  // namespace orvexscan

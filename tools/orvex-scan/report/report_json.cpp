@@ -1,0 +1,107 @@
+#include "report/report_json.h"
+
+#include <nlohmann/json.hpp>
+
+#include "terminal/printable.h"
+
+namespace orvexscan {
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+template <size_t kLength>
+std::string HexOf(const std::array<uint8_t, kLength>& digest) {
+  return Hex(digest.data(), digest.size());
+}
+
+Json OptionsJson(const Options& options) {
+  return {{"processes", options.processes},
+          {"follow", options.followLinks},
+          {"identity", NameOf(options.identity)},
+          {"settleSeconds", options.settleSeconds},
+          {"threads", options.threads},
+          {"passes", options.passes},
+          {"capacity", options.capacity},
+          {"snapshot", options.snapshot},
+          {"paths", options.paths}};
+}
+
+Json PassJson(const PassReport& pass) {
+  const orvex_metrics_s& engine = pass.engine;
+  return {{"pass", pass.number},
+          {"watching", pass.watching},
+          {"visits", pass.visits},
+          {"failed", pass.failed},
+          {"unsettled", pass.unsettled},
+          {"bytesHashed", pass.bytesHashed},
+          {"bytesSaved", pass.bytesSaved},
+          {"wallSeconds", pass.wallSeconds},
+          {"hashSeconds", pass.hashSeconds},
+          {"savedSeconds", pass.savedSeconds},
+          {"hashCache",
+           {{"lookups", engine.cacheQuery},
+            {"hits", engine.cacheHit},
+            {"partialHits", engine.cachePartialHit},
+            {"outOfDate", engine.cacheOutOfDate},
+            {"misses", engine.cacheMiss},
+            {"waits", engine.cacheWaitInHashCalculation},
+            {"callbacks", engine.cacheHelpFuncCalled},
+            {"evictions", engine.cacheWipeOuts}}},
+          {"fileTypeCache",
+           {{"hits", engine.fileTypeHit},
+            {"outOfDate", engine.fileTypeOutOfDate},
+            {"misses", engine.fileTypeMiss},
+            {"callbacks", engine.fileTypeHelpFuncCalled},
+            {"evictions", engine.fileTypeWipeOuts}}}};
+}
+
+Json AnswerJson(const Answer& answer) {
+  return {{"size", answer.identity.size},
+          {"mtimeNs", answer.identity.mtimeNs},
+          {"device", answer.identity.device},
+          {"inode", answer.identity.inode},
+          {"md5", HexOf(answer.md5)},
+          {"sha1", HexOf(answer.sha1)},
+          {"sha256", HexOf(answer.sha256)},
+          {"signers", answer.signers},
+          {"type",
+           {{"major", answer.type.major},
+            {"minor", answer.type.minor},
+            {"name", NameOfMajor(answer.type.major)}}}};
+}
+
+Json FileJson(const FileRecord& record) {
+  Json file = {{"path", record.path}};
+  if (!IsUtf8(record.path)) {
+    file["pathHex"] =
+        Hex(reinterpret_cast<const unsigned char*>(record.path.data()), record.path.size());
+  }
+  file["visits"] = record.visits;
+  file["answer"] = record.answer ? AnswerJson(*record.answer) : Json();
+  if (record.failure) {
+    file["failure"] = {{"pass", record.failure->pass},
+                       {"reason", NameOf(record.failure->reason)},
+                       {"detail", record.failure->detail}};
+  }
+  if (!record.certificateFaults.empty()) file["certificateFaults"] = record.certificateFaults;
+  return file;
+}
+
+}  // namespace
+
+std::string JsonReport(const Options& options, const std::vector<PassReport>& passes,
+                       const Inventory& inventory, const std::string& advice) {
+  Json report;
+  report["tool"] = {{"name", "orvex-scan"}, {"version", ORVEX_SCAN_VERSION}};
+  report["engine"] = passes.empty() ? ORVEX_VERSION : passes.front().engine.version;
+  report["options"] = OptionsJson(options);
+  report["notes"] = inventory.notes();
+  report["advice"] = advice;
+  report["passes"] = Json::array();
+  for (const PassReport& pass : passes) report["passes"].push_back(PassJson(pass));
+  report["files"] = Json::array();
+  for (const FileRecord& record : inventory.records()) report["files"].push_back(FileJson(record));
+  return report.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
+}
+
+}  // namespace orvexscan

@@ -1,0 +1,109 @@
+#include "snapshot/warm_start.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <exception>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "ask/answer_source.h"
+#include "content/signer_names.h"
+#include "file/file_failure.h"
+#include "snapshot/snapshot.h"
+#include "terminal/printable.h"
+
+namespace orvexscan {
+namespace {
+
+// Answers with what is known already. Asked for the file type alone.
+class KnownFileType : public AnswerSource {
+ public:
+  explicit KnownFileType(FileType type) : type_(type) {}
+
+ private:
+  int AnswerHash(metadata_input_s* /*in*/, metadata_output_s* /*out*/) noexcept override {
+    return static_cast<int>(FailureReason::kEngine);
+  }
+  int AnswerFileType(metadata_input_s* /*in*/, metadata_output_s* out) noexcept override {
+    out->major = type_.major;
+    out->minor = type_.minor;
+    out->queryFlags |= QUERY_FILE_TYPE;
+    return 0;
+  }
+
+  const FileType type_;
+};
+
+bool StillHolds(const SnapshotEntry& entry, const Options& options) {
+  try {
+    return IdentityOf(entry.path, options.followLinks, options.identity) == entry.answer.identity;
+  } catch (const FileFailure&) {
+    return false;
+  }
+}
+
+void PushHashes(const SnapshotEntry& entry) {
+  const Answer& answer = entry.answer;
+  metadata_input_s in = QueryFor(entry.path, answer.identity);
+  in.queryFlags &= ~static_cast<uint32_t>(QUERY_FILE_TYPE);
+  metadata_output_s out{};
+  out.queryFlags = in.queryFlags;
+  out.size = in.size;
+  out.modificationTime = in.mtime;
+  std::copy(answer.md5.begin(), answer.md5.end(), out.digest16);
+  std::copy(answer.sha1.begin(), answer.sha1.end(), out.digest20);
+  std::copy(answer.sha256.begin(), answer.sha256.end(), out.digest32);
+  const std::unique_ptr<char[]> signers(SignerSlots(answer.signers));
+  out.signers = signers.get();
+  out.signerCount = static_cast<uint32_t>(answer.signers.size());
+  orvex_update_metadata(&in, &out);
+}
+
+// There is no pushing into the file type cache: it is asked, and given the answer.
+void PushFileType(const SnapshotEntry& entry) {
+  metadata_input_s in = QueryFor(entry.path, entry.answer.identity);
+  in.queryFlags = QUERY_FILE_TYPE;
+  metadata_output_s out{};
+  KnownFileType known(entry.answer.type);
+  orvex_query(&in, &out, known.context());
+}
+
+std::vector<SnapshotEntry> EntriesThatHold(const std::vector<SnapshotEntry>& entries,
+                                           const Options& options, Inventory* inventory) {
+  std::vector<SnapshotEntry> holding;
+  for (const SnapshotEntry& entry : entries) {
+    if (holding.size() == static_cast<size_t>(options.capacity)) break;
+    const std::optional<size_t> record = inventory->Find(entry.path);
+    if (!record || !StillHolds(entry, options)) continue;
+    // They are told when a file is hashed, which this one will not be.
+    inventory->StoreCertificateFaults(*record, entry.certificateFaults);
+    holding.push_back(entry);
+  }
+  return holding;
+}
+
+}  // namespace
+
+void WarmStart(const Options& options, Inventory* inventory) {
+  try {
+    const std::vector<SnapshotEntry> entries = ReadSnapshot(options);
+    const std::vector<SnapshotEntry> holding = EntriesThatHold(entries, options, inventory);
+    // Backwards: what is asked about last is the first to make room for a new file. The
+    // other way round each new file would take the place of the very next one.
+    std::for_each(holding.rbegin(), holding.rend(), [](const SnapshotEntry& entry) {
+      PushHashes(entry);
+      PushFileType(entry);
+    });
+    if (!entries.empty()) {
+      inventory->AddNote(fmt::format("{} of {} answers in the snapshot still hold", holding.size(),
+                                     entries.size()));
+    }
+  } catch (const std::exception& failure) {
+    inventory->AddNote(fmt::format("The snapshot {} is ignored: {}", Printable(options.snapshot),
+                                   Printable(failure.what())));
+  }
+}
+
+}  // namespace orvexscan

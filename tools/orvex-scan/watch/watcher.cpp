@@ -1,0 +1,197 @@
+#include "watch/watcher.h"
+
+#include <fcntl.h>
+#include <fmt/chrono.h>
+#include <fmt/format.h>
+
+#include <asio/signal_set.hpp>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <filesystem>
+#include <system_error>
+
+#include "file/file_failure.h"
+#include "inventory/walk.h"
+#include "terminal/output.h"
+#include "terminal/printable.h"
+
+namespace orvexscan {
+namespace {
+
+namespace fs = std::filesystem;
+
+const char* NameOf(ChangeKind kind) {
+  switch (kind) {
+    case ChangeKind::kNone:
+      return "";
+    case ChangeKind::kNew:
+      return "new";
+    case ChangeKind::kChanged:
+      return "changed";
+    case ChangeKind::kSame:
+      return "same";
+    case ChangeKind::kGone:
+      return "gone";
+    case ChangeKind::kFailed:
+      return "failed";
+  }
+  return "";
+}
+
+// Tabs between the fields: a path shown has none.
+void Print(const std::string& path, const Change& change) {
+  if (change.kind == ChangeKind::kNone) return;
+  const auto now = std::chrono::system_clock::now();
+  const auto milliseconds =
+      std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count() % 1000;
+  fmt::print("{:%FT%T}.{:03}Z\t{}\t{}\t{} -> {}\n",
+             fmt::gmtime(std::chrono::system_clock::to_time_t(now)), milliseconds,
+             NameOf(change.kind), Printable(path), change.before, change.after);
+  Finish(stdout);
+}
+
+int Duplicate(int descriptor) {
+  const int duplicate = fcntl(descriptor, F_DUPFD_CLOEXEC, 0);
+  if (duplicate < 0) throw std::system_error(errno, std::generic_category(), "inotify");
+  return duplicate;
+}
+
+}  // namespace
+
+Watcher::Watcher(const Options& options)
+    : options_(options),
+      events_(context_),
+      watches_(std::make_unique<DirectoryWatches>(options.followLinks)),
+      asker_(options) {}
+
+void Watcher::Gather(Inventory* inventory) { Gather(options_.paths, inventory); }
+
+void Watcher::Run(const Inventory& inventory, std::vector<PassReport>* passes) {
+  known_ = std::make_unique<KnownFiles>(inventory);
+  PassMeasurement measurement;
+  asio::signal_set signals(context_, SIGINT, SIGTERM);
+  bool ended = false;
+  signals.async_wait([&ended](const std::error_code&, int) { ended = true; });
+  events_.assign(Duplicate(watches_->descriptor()));
+  fmt::print(stderr, "orvex-scan: watching {} directories\n", watches_->count());
+  while (!ended) {
+    if (!listening_) Listen();
+    // One file at a time, so that a signal between two of them is heard.
+    if (waiting_.empty()) {
+      context_.run_one();
+    } else {
+      LookAtNext();
+      context_.poll();
+    }
+  }
+  measurement.Add(asker_.TakeTally());
+  measurement.Finish(passes);
+  passes->back().watching = true;
+}
+
+void Watcher::Gather(const std::vector<std::string>& paths, Inventory* inventory) {
+  std::error_code ignored;
+  for (const std::string& path : paths) {
+    if (!fs::is_directory(path, ignored)) WatchName(path);
+  }
+  // Before a directory is read: what comes into it afterwards gives a hint.
+  const auto watch = [this](const std::string& directory) {
+    TellLimit(!watches_->AddDirectory(directory));
+  };
+  Walk(paths, {options_.followLinks, options_.oneFileSystem, watch}, inventory);
+  if (!options_.followLinks) return;
+  for (const FileRecord& record : inventory->records()) {
+    if (fs::is_symlink(record.path, ignored)) WatchName(record.path);
+  }
+}
+
+// By its directory: an editor puts a new file in the place of the old one.
+void Watcher::WatchName(const std::string& path) {
+  const fs::path given(path);
+  const std::string parent = given.has_parent_path() ? given.parent_path().string() : ".";
+  TellLimit(!watches_->AddName(parent, given.filename().string(), path));
+  std::error_code error;
+  if (!options_.followLinks || !fs::is_symlink(given, error)) return;
+  const fs::path target = fs::canonical(given, error);
+  if (error) return;
+  TellLimit(!watches_->AddName(target.parent_path().string(), target.filename().string(), path));
+}
+
+void Watcher::TellLimit(bool full) {
+  if (!full || limitTold_) return;
+  limitTold_ = true;
+  fmt::print(stderr,
+             "orvex-scan: some directories are not watched: the limit is reached that the sysctl "
+             "fs.inotify.max_user_watches sets\n");
+}
+
+void Watcher::Listen() {
+  listening_ = true;
+  events_.async_wait(asio::posix::stream_descriptor::wait_read,
+                     [this](const std::error_code& error) {
+                       listening_ = false;
+                       if (error) throw std::system_error(error, "inotify");
+                       for (const Hint& hint : watches_->Read()) Follow(hint);
+                     });
+}
+
+void Watcher::Follow(const Hint& hint) {
+  switch (hint.kind) {
+    case Hint::Kind::kFile:
+      waiting_.push_back(hint.path);
+      break;
+    case Hint::Kind::kDirectoryCame:
+      LookThrough({hint.path});
+      break;
+    case Hint::Kind::kDirectoryWent:
+      watches_->RemoveTree(hint.path);
+      AskAllStartingWith(PathIn(hint.path, ""));
+      break;
+    case Hint::Kind::kLost:
+      StartAnew();
+      break;
+  }
+}
+
+void Watcher::LookThrough(const std::vector<std::string>& paths) {
+  Inventory found;
+  Gather(paths, &found);
+  for (const FileRecord& record : found.records()) {
+    if (record.visits != 0) waiting_.push_back(record.path);
+    if (record.failure) {
+      const FileFailure failure(record.failure->reason, record.failure->detail);
+      Print(record.path, known_->Learn(record.path, failure));
+    }
+  }
+}
+
+void Watcher::AskAllStartingWith(const std::string& prefix) {
+  const std::vector<std::string> paths = known_->StartingWith(prefix);
+  waiting_.insert(waiting_.end(), paths.begin(), paths.end());
+}
+
+// With another inotify instance: which directories the hints of this one would be of is
+// as uncertain as what they have held.
+void Watcher::StartAnew() {
+  events_.close();
+  watches_ = std::make_unique<DirectoryWatches>(options_.followLinks);
+  events_.assign(Duplicate(watches_->descriptor()));
+  AskAllStartingWith("");
+  LookThrough(options_.paths);
+}
+
+void Watcher::LookAtNext() {
+  const std::string path = waiting_.front();
+  waiting_.pop_front();
+  Change change;
+  try {
+    change = known_->Learn(path, asker_.Ask(path).answer);
+  } catch (const FileFailure& failure) {
+    change = known_->Learn(path, failure);
+  }
+  Print(path, change);
+}
+
+}  // namespace orvexscan

@@ -1,0 +1,61 @@
+// Tells of changes as they happen.
+#pragma once
+
+#include <asio/io_context.hpp>
+#include <asio/posix/stream_descriptor.hpp>
+#include <deque>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "ask/asker.h"
+#include "ask/pass_report.h"
+#include "inventory/inventory.h"
+#include "options.h"
+#include "watch/directory_watches.h"
+#include "watch/known_files.h"
+
+namespace orvexscan {
+
+// Watches the directories of a scan from the moment they are walked, and asks the engine
+// about every file that may have changed since the passes.
+//
+// Ownership: borrows the options.
+// Threads: one; it looks at one file after another, as events come far apart.
+class Watcher {
+ public:
+  /// Throws std::runtime_error when the system does not let it watch.
+  explicit Watcher(const Options& options);
+
+  /// Gathers the files as a walk does. What changes from now on will be told.
+  void Gather(Inventory* inventory);
+
+  /// Prints a line for each change of what *inventory holds until the process is
+  /// interrupted or terminated, and adds to *passes what that took. The engine must be
+  /// running.
+  void Run(const Inventory& inventory, std::vector<PassReport>* passes);
+
+ private:
+  void Gather(const std::vector<std::string>& paths, Inventory* inventory);
+  void WatchName(const std::string& path);
+  void TellLimit(bool full);
+
+  void Listen();
+  void Follow(const Hint& hint);
+  void LookThrough(const std::vector<std::string>& paths);
+  void AskAllStartingWith(const std::string& prefix);
+  void StartAnew();
+  void LookAtNext();
+
+  const Options& options_;
+  bool limitTold_ = false;
+  bool listening_ = false;
+  asio::io_context context_;
+  asio::posix::stream_descriptor events_;  // a duplicate of the watches' descriptor
+  std::unique_ptr<DirectoryWatches> watches_;
+  std::unique_ptr<KnownFiles> known_;
+  std::deque<std::string> waiting_;  // to be asked about
+  Asker asker_;
+};
+
+}  // namespace orvexscan
