@@ -102,24 +102,29 @@ class answer : public metadata_output_s {
 // Exceptions become codes.
 using callback = std::function<int(metadata_input_s& in, answer& out)>;
 
+// One callable for each part of an answer. Calling an empty one counts as a throw.
+struct callbacks {
+  callback hash;
+  callback file_type;
+};
+
 // The engine of the process, initialised from construction to destruction.
 //
 // Ownership: owns its callbacks. May live in a global: if it is destroyed after the
 // library's own objects, its entries are not freed.
 // Threads: query from any number at once. All must have returned before the engine is
-// destroyed. While it lives, do not call orvex_query directly: the callbacks find their
-// engine in ctx.
+// destroyed. While it lives, do not call orvex_query directly: ctx carries the callables.
 class engine {
  public:
-  // Throws error with ORVEX_INITIALISED if an engine is already running, with
-  // ORVEX_INVALID_CALLBACKS for an empty callable and with ORVEX_NO_MEMORY.
-  engine(callback hash, callback file_type)
-      : hash_(std::move(hash)), fileType_(std::move(file_type)) {
-    if (!hash_ || !fileType_) throw error("orvexeng::engine", ORVEX_INVALID_CALLBACKS);
-    metadata_query_fptrs_s callbacks{call<&engine::hash_>, call<&engine::fileType_>};
-    if (const int code = orvex_init(&callbacks); code != ORVEX_OK) {
-      throw error("orvex_init", code);
+  // For hosts whose every query brings callables of its own. Throws error with
+  // ORVEX_INITIALISED if an engine is already running and with ORVEX_NO_MEMORY.
+  engine() { start(); }
+  // Throws error as above, and with ORVEX_INVALID_CALLBACKS for an empty callable.
+  engine(callback hash, callback file_type) : callbacks_{std::move(hash), std::move(file_type)} {
+    if (!callbacks_.hash || !callbacks_.file_type) {
+      throw error("orvexeng::engine", ORVEX_INVALID_CALLBACKS);
     }
+    start();
   }
   ~engine() { orvex_deinit(); }
   engine(const engine&) = delete;
@@ -130,9 +135,14 @@ class engine {
   //
   // Returns: as orvex_query, or callback_threw. Throws std::logic_error for a hash query
   // without a path.
-  [[nodiscard]] int query(metadata_input_s in, answer& out) {
+  [[nodiscard]] int query(metadata_input_s in, answer& out) { return query(in, out, callbacks_); }
+
+  // The same, but what the caches lack is calculated by these callables, which need to live
+  // no longer than the call.
+  [[nodiscard]] int query(metadata_input_s in, answer& out, const callbacks& calculate) {
     out.reset();
-    return orvex_query(&in, &out, this);
+    // The library hands ctx back untouched, and call() takes it for what it is.
+    return orvex_query(&in, &out, const_cast<callbacks*>(&calculate));
   }
 
   // Throws error.
@@ -146,11 +156,18 @@ class engine {
   }
 
  private:
-  template <callback engine::*Which>
+  static void start() {
+    metadata_query_fptrs_s functions{call<&callbacks::hash>, call<&callbacks::file_type>};
+    if (const int code = orvex_init(&functions); code != ORVEX_OK) {
+      throw error("orvex_init", code);
+    }
+  }
+
+  template <callback callbacks::*Which>
   static int call(metadata_input_s* in, metadata_output_s* out, void* ctx) {
     try {
-      // query() always passes an answer.
-      return (static_cast<engine*>(ctx)->*Which)(*in, static_cast<answer&>(*out));
+      // Every query passes an answer and callables; see above.
+      return (static_cast<const callbacks*>(ctx)->*Which)(*in, static_cast<answer&>(*out));
     } catch (const std::bad_alloc&) {
       return ORVEX_NO_MEMORY;
 #if defined(__GLIBCXX__)
@@ -162,8 +179,7 @@ class engine {
     }
   }
 
-  callback hash_;
-  callback fileType_;
+  const callbacks callbacks_;
 };
 
 }  // namespace orvexeng

@@ -88,6 +88,33 @@ TEST_CASE("each callable answers for its own cache") {
   CHECK(engine.metrics().fileTypeHelpFuncCalled == 1);
 }
 
+TEST_CASE("a query with callables of its own asks those and not the engine's") {
+  orvexeng::engine engine(NoAnswer, NoAnswer);
+  int calls = 0;
+  const orvexeng::callbacks calculate{[&](metadata_input_s& in, orvexeng::answer& out) {
+                                        ++calls;
+                                        return Signed(in, out);
+                                      },
+                                      NoAnswer};
+  orvexeng::answer out;
+  CHECK(engine.query(AskingForSigners(), out, calculate) == 0);
+  CHECK(calls == 1);
+  CHECK(out.signer_names() == Views{"First", "Second"});
+  CHECK(engine.query(AskingForSigners(), out, calculate) == 0);
+  CHECK(calls == 1);
+  CHECK(engine.query(AskingForSigners(), out) == 0);
+  CHECK(engine.metrics().cacheHit == 2);
+}
+
+TEST_CASE("an engine without callables answers queries that bring them, and no others") {
+  orvexeng::engine engine;
+  orvexeng::answer out;
+  CHECK(engine.query(AskingForSigners(), out) == orvexeng::callback_threw);
+  CHECK(engine.query(AskingForSigners(), out, {nullptr, NoAnswer}) == orvexeng::callback_threw);
+  CHECK(engine.query(AskingForSigners(), out, {Signed, nullptr}) == 0);
+  CHECK_THROWS_AS(orvexeng::engine(), orvexeng::error);
+}
+
 TEST_CASE("signers go through the cache and come back as names") {
   orvexeng::engine engine(Signed, NoAnswer);
   for (const char* pass : {"calculated", "cached"}) {

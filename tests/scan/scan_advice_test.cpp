@@ -7,22 +7,22 @@
 #include "report/advice.h"
 
 using orvexscan::Advice;
-using orvexscan::Options;
 using orvexscan::PassReport;
+using orvexscan::Setting;
 
 namespace {
 
-Options WithCapacity(int capacity) {
-  Options options;
-  options.capacity = capacity;
-  return options;
+Setting WithCapacity(int capacity) {
+  Setting setting;
+  setting.capacity = capacity;
+  return setting;
 }
 
-Options OfProcesses(int capacity, int threads) {
-  Options options = WithCapacity(capacity);
-  options.processes = true;
-  options.threads = threads;
-  return options;
+Setting OfProcesses(int capacity, int threads) {
+  Setting setting = WithCapacity(capacity);
+  setting.processes = true;
+  setting.threads = threads;
+  return setting;
 }
 
 PassReport Pass(int number, uint64_t visits, int64_t hits) {

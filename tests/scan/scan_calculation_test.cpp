@@ -91,13 +91,11 @@ TEST_CASE("a file that changes after it was opened gets no digests") {
   const std::string path = directory.Write("file", "x");
   const Identity identity = IdentityOf(path, false);
   metadata_input_s in = orvexscan::QueryFor(path, identity);
-  metadata_output_s out{};
+  orvexeng::answer out;
   Calculation calculation(&tools, identity, rules);
-  const metadata_query_fptrs_s callbacks = Calculation::Callbacks();
-  REQUIRE(callbacks.fileTypeQueryCallback(&in, &out, calculation.context()) == 0);  // opens it
+  const orvexeng::callbacks callbacks = calculation.Callbacks();
+  REQUIRE(callbacks.file_type(in, out) == 0);  // opens it
   directory.Write("file", "longer");
-  CHECK(callbacks.metaQueryCallback(&in, &out, calculation.context()) ==
-        static_cast<int>(FailureReason::kChanged));
+  CHECK(callbacks.hash(in, out) == static_cast<int>(FailureReason::kChanged));
   CHECK(out.queryFlags == QUERY_FILE_TYPE);
-  delete[] out.signers;
 }

@@ -226,15 +226,12 @@ TEST_CASE("each callback by itself keeps a young file's answer out") {
   const std::string path = directory.Write("file", "x");
   const Identity identity = IdentityOf(path, false);
   CalculatingHost host(kDefaultSettling);
-  const metadata_query_fptrs_s callbacks = Calculation::Callbacks();
-  for (const orvex_query_cb callback :
-       {callbacks.metaQueryCallback, callbacks.fileTypeQueryCallback}) {
+  for (const auto part : {&orvexeng::callbacks::hash, &orvexeng::callbacks::file_type}) {
     Calculation calculation(&host.tools, identity, host.rules);
     metadata_input_s in = QueryFor(path, identity);
-    metadata_output_s out{};
-    REQUIRE(callback(&in, &out, calculation.context()) == 0);
+    orvexeng::answer out;
+    REQUIRE((calculation.Callbacks().*part)(in, out) == 0);
     CHECK((in.invOperation & INV_KEEP_IN_CACHE) == 0);
-    delete[] out.signers;
   }
 }
 
@@ -281,7 +278,7 @@ TEST_CASE("no digest of two contents mixed is ever kept while a thread writes th
     metadata_input_s query = QueryFor(path, identity);
     // Not the file type, which would let the write end before the digests begin.
     query.queryFlags &= ~static_cast<uint32_t>(QUERY_FILE_TYPE);
-    const int code = host.Ask(query, calculation.context());
+    const int code = host.Ask(query, calculation.Callbacks());
     CHECK((code == 0 || code == static_cast<int>(orvexscan::FailureReason::kChanged)));
     if (host.IsCached(path, identity)) {
       CHECK((host.digest == digests[0] || host.digest == digests[1]));

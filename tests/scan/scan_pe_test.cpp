@@ -246,12 +246,3 @@ TEST_CASE("no cut and no wrong byte in a signature takes the reader down") {
     }
   }
 }
-
-TEST_CASE("names come out of their slots as they went in") {
-  const Texts names{"One", "", std::string(256, 'x')};
-  char* slots = orvexscan::SignerSlots(names);
-  CHECK(orvexscan::NamesInSlots(slots, 3) == names);
-  delete[] slots;
-  CHECK(orvexscan::SignerSlots({}) == nullptr);
-  CHECK(orvexscan::NamesInSlots(nullptr, 0).empty());
-}

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <clocale>
 #include <cstdio>
 #include <exception>
@@ -11,12 +12,12 @@
 #include <system_error>
 
 #include "ask/engine_log.h"
-#include "ask/running_engine.h"
 #include "ask/scan.h"
 #include "inventory/inventory.h"
 #include "inventory/process_maps.h"
 #include "inventory/walk.h"
 #include "options.h"
+#include "orvexeng.hpp"
 #include "report/advice.h"
 #include "report/metrics.h"
 #include "report/report_json.h"
@@ -36,14 +37,9 @@ struct CloseFile {
 };
 using File = std::unique_ptr<std::FILE, CloseFile>;
 
-void Gather(const Options& options, Watcher* watcher, Inventory* inventory) {
-  if (watcher != nullptr) {
-    watcher->Gather(inventory);
-  } else if (options.processes) {
-    AddMappedFiles("/proc", inventory);
-  } else {
-    Walk(options.paths, {options.followLinks, options.oneFileSystem}, inventory);
-  }
+ReadingRules ReadingRulesOf(const Options& options) {
+  return {options.followLinks, Settling(std::chrono::seconds(options.settleSeconds)),
+          options.identity};
 }
 
 bool AnyFailed(const Inventory& inventory) {
@@ -66,14 +62,28 @@ int Run(const Options& options) {
   }
 
   TakeEngineLog(options.verbose);
+  orvexeng::engine engine;
+  // After the start, which may have read another capacity from orvexeng.ini.
+  orvex_set_cache_capacity(ORVEX_HASH_CACHE, options.capacity);
+  orvex_set_cache_capacity(ORVEX_FILE_TYPE_CACHE, options.capacity);
+  const ReadingRules reading = ReadingRulesOf(options);
+  const WalkRules walking{options.followLinks, options.oneFileSystem};
   Inventory inventory;
-  const auto watcher = options.watch ? std::make_unique<Watcher>(options) : nullptr;
-  Gather(options, watcher.get(), &inventory);
+  const auto watcher =
+      options.watch ? std::make_unique<Watcher>(&engine, reading, options.paths, walking) : nullptr;
+  if (watcher) {
+    watcher->Gather(&inventory);
+  } else if (options.processes) {
+    AddMappedFiles("/proc", &inventory);
+  } else {
+    Walk(options.paths, walking, &inventory);
+  }
+  if (!options.snapshot.empty()) WarmStart(&engine, options, &inventory);
   Progress progress(!options.verbose);
-  const RunningEngine engine(options.capacity);
-  if (!options.snapshot.empty()) WarmStart(options, &inventory);
-  std::vector<PassReport> passes = Scan(options, &inventory, &progress);
-  const std::string advice = Advice(options, inventory.FileCount(), passes);
+  std::vector<PassReport> passes =
+      Scan(&engine, {reading, options.threads, options.passes}, &inventory, &progress);
+  const std::string advice =
+      Advice({options.processes, options.threads, options.capacity}, inventory.FileCount(), passes);
   if (watcher) watcher->Run(inventory, &passes);
 
   const bool outputIsForPrograms = jsonToOutput || !options.metrics.empty();

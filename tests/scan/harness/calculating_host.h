@@ -18,31 +18,23 @@ constexpr std::chrono::seconds kDefaultSettling(2);
 
 using Sha256 = std::array<uint8_t, 32>;
 
-// The engine with the tool's callbacks, and one worker's tools. Keeps everything unless
+// A running engine and one worker's tools. Keeps everything unless
 // told how long a file takes to settle.
 class CalculatingHost {
  public:
   explicit CalculatingHost(std::chrono::nanoseconds settling = {})
       : CalculatingHost(orvexscan::Settling(settling)) {}
-  explicit CalculatingHost(const orvexscan::Settling& settling) : rules{false, settling} {
-    orvexscan::TakeEngineLog(false);
-    metadata_query_fptrs_s callbacks = orvexscan::Calculation::Callbacks();
-    REQUIRE(orvex_init(&callbacks) == 0);
-  }
-  ~CalculatingHost() { orvex_deinit(); }
-  CalculatingHost(const CalculatingHost&) = delete;
-  CalculatingHost& operator=(const CalculatingHost&) = delete;
+  explicit CalculatingHost(const orvexscan::Settling& settling) : rules{false, settling} {}
 
   int Query(const std::string& path, const orvexscan::Identity& identity,
             orvexscan::Calculation* calculation) {
-    return Ask(orvexscan::QueryFor(path, identity), calculation->context());
+    return Ask(orvexscan::QueryFor(path, identity), calculation->Callbacks());
   }
-  int Ask(metadata_input_s in, void* context) {
-    metadata_output_s out{};
-    const int code = orvex_query(&in, &out, context);
+  int Ask(const metadata_input_s& in, const orvexeng::callbacks& calculate) {
+    orvexeng::answer out;
+    const int code = engine.query(in, out, calculate);
     std::memcpy(digest.data(), out.digest32, digest.size());
     ready_ = out.resultReady;
-    delete[] out.signers;
     return code;
   }
 
@@ -51,10 +43,14 @@ class CalculatingHost {
     metadata_input_s in = orvexscan::QueryFor(path, identity);
     in.invOperation |= INV_CACHE_ONLY;
     in.queryFlags = QUERY_DIGEST32;
-    CHECK(Ask(in, nullptr) == 0);
+    CHECK(Ask(in, {}) == 0);
     return ready_ != 0;
   }
 
+  struct Silence {
+    Silence() { orvexscan::TakeEngineLog(false); }
+  } silence;  // before the engine, which speaks when it starts
+  orvexeng::engine engine;
   orvexscan::Tools tools;
   const orvexscan::ReadingRules rules;
   Sha256 digest{};  ///< of the last answer

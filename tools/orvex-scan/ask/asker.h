@@ -9,7 +9,7 @@
 
 #include "ask/calculation.h"
 #include "inventory/inventory.h"
-#include "options.h"
+#include "orvexeng.hpp"
 
 namespace orvexscan {
 
@@ -32,11 +32,12 @@ struct Reply {
 
 // Asks a running engine and counts what that takes.
 //
+// Ownership: borrows the engine.
 // Threads: one at a time; each that asks has its own.
 class Asker {
  public:
   /// Throws std::runtime_error when libmagic or OpenSSL cannot be started.
-  explicit Asker(const Options& options);
+  Asker(orvexeng::engine* engine, const ReadingRules& rules);
 
   /// Throws FileFailure when the file has no answer, and counts that too.
   Reply Ask(const std::string& path);
@@ -49,7 +50,7 @@ class Asker {
   Reply Query(const std::string& path);
   void Count(const Calculation& calculation, const Identity& identity);
 
-  const IdentityMode identityMode_;
+  orvexeng::engine* const engine_;
   const ReadingRules rules_;
   Tools tools_;
   Tally tally_;

@@ -15,15 +15,16 @@ constexpr size_t kBufferBytes = 256 << 10;
 
 Tools::Tools() : buffer(kBufferBytes) {}
 
-int Calculation::AnswerHash(metadata_input_s* in, metadata_output_s* out) noexcept {
-  return Attempt(&Calculation::Hash, in, out);
+orvexeng::callbacks Calculation::Callbacks() {
+  const auto attempt = [this](Step step) {
+    return [this, step](metadata_input_s& in, orvexeng::answer& out) {
+      return Attempt(step, &in, &out);
+    };
+  };
+  return {attempt(&Calculation::Hash), attempt(&Calculation::FindFileType)};
 }
 
-int Calculation::AnswerFileType(metadata_input_s* in, metadata_output_s* out) noexcept {
-  return Attempt(&Calculation::FindFileType, in, out);
-}
-
-int Calculation::Attempt(Step step, metadata_input_s* in, metadata_output_s* out) {
+int Calculation::Attempt(Step step, metadata_input_s* in, orvexeng::answer* out) {
   // The file type failed: the digests would fail for the same reason, and the engine
   // asks for them all the same.
   if (failure_) return static_cast<int>(failure_->reason());
@@ -39,7 +40,7 @@ int Calculation::Attempt(Step step, metadata_input_s* in, metadata_output_s* out
   return static_cast<int>(failure_->reason());
 }
 
-void Calculation::Hash(const metadata_input_s& in, metadata_output_s* out) {
+void Calculation::Hash(const metadata_input_s& in, orvexeng::answer* out) {
   const auto start = std::chrono::steady_clock::now();
   FileReader& file = Open(in);
   tools_->digests.Start();
@@ -51,11 +52,7 @@ void Calculation::Hash(const metadata_input_s& in, metadata_output_s* out) {
   file.CheckUnchanged();
 
   tools_->digests.Finish(out);
-  delete[] out->signers;  // of a cached entry that lacked another part
-  out->signers = nullptr;
-  out->signers = SignerSlots(signers);
-  out->signerCount = static_cast<uint32_t>(signers.size());
-  out->queryFlags |= QUERY_SIGNERS;
+  out->set_signers({signers.begin(), signers.end()});
   out->size = in.size;
   out->modificationTime = in.mtime;
   out->queryFlags |= in.queryFlags & (QUERY_SIZE | QUERY_MTIME);
@@ -72,7 +69,7 @@ std::vector<std::string> Calculation::FindSigners() {
   return std::move(signers.names);
 }
 
-void Calculation::FindFileType(const metadata_input_s& in, metadata_output_s* out) {
+void Calculation::FindFileType(const metadata_input_s& in, orvexeng::answer* out) {
   FileReader& file = Open(in);
   const FileType type = tools_->fileType.Read(file.descriptor());
   file.CheckUnchanged();

@@ -7,14 +7,13 @@
 #include <string>
 #include <vector>
 
-#include "ask/answer_source.h"
 #include "content/digests.h"
 #include "content/file_type.h"
 #include "file/file_failure.h"
 #include "file/file_reader.h"
 #include "file/identity.h"
 #include "file/settling.h"
-#include "orvexeng.h"
+#include "orvexeng.hpp"
 
 namespace orvexscan {
 
@@ -31,19 +30,23 @@ struct Tools {
 struct ReadingRules {
   bool followLinks;
   Settling settling;
+  IdentityMode identity = IdentityMode::kCtime;
 };
 
-// One query's calculation, given to orvex_query as its context.
+// One query's calculation.
 //
 // Ownership: borrows the tools, which no other calculation may use meanwhile, and the
 // rules. Keeps the file open from the first callback on, so that type and digests are
 // those of one file.
 // Threads: one at a time; the engine calls back on the thread that asks.
-class Calculation : public AnswerSource {
+class Calculation {
  public:
   /// For a query about what identity was taken of.
   Calculation(Tools* tools, const Identity& identity, const ReadingRules& rules)
       : tools_(tools), identity_(identity), rules_(rules) {}
+
+  /// What a query is to call for what the caches lack.
+  orvexeng::callbacks Callbacks();
 
   /// Why a callback failed; nothing when none did.
   const std::optional<FileFailure>& failure() const { return failure_; }
@@ -57,14 +60,12 @@ class Calculation : public AnswerSource {
   const std::vector<std::string>& certificateFaults() const { return certificateFaults_; }
 
  private:
-  using Step = void (Calculation::*)(const metadata_input_s&, metadata_output_s*);
-  int AnswerHash(metadata_input_s* in, metadata_output_s* out) noexcept override;
-  int AnswerFileType(metadata_input_s* in, metadata_output_s* out) noexcept override;
-  int Attempt(Step step, metadata_input_s* in, metadata_output_s* out);
+  using Step = void (Calculation::*)(const metadata_input_s&, orvexeng::answer*);
+  int Attempt(Step step, metadata_input_s* in, orvexeng::answer* out);
 
-  void Hash(const metadata_input_s& in, metadata_output_s* out);
+  void Hash(const metadata_input_s& in, orvexeng::answer* out);
   std::vector<std::string> FindSigners();
-  void FindFileType(const metadata_input_s& in, metadata_output_s* out);
+  void FindFileType(const metadata_input_s& in, orvexeng::answer* out);
   FileReader& Open(const metadata_input_s& in);
 
   Tools* const tools_;

@@ -18,8 +18,9 @@ namespace {
 // Threads: each has its own; they share the next visit, the inventory and the progress.
 class Worker {
  public:
-  Worker(const Options& options, Inventory* inventory, Progress* progress)
-      : asker_(options), inventory_(inventory), progress_(progress) {}
+  Worker(orvexeng::engine* engine, const ReadingRules& rules, Inventory* inventory,
+         Progress* progress)
+      : asker_(engine, rules), inventory_(inventory), progress_(progress) {}
 
   Tally Run(int pass, std::atomic<size_t>* nextVisit) {
     for (;;) {
@@ -69,14 +70,17 @@ void RunPass(std::deque<Worker>* workers, asio::thread_pool* pool,
 
 }  // namespace
 
-std::vector<PassReport> Scan(const Options& options, Inventory* inventory, Progress* progress) {
+std::vector<PassReport> Scan(orvexeng::engine* engine, const ScanningRules& rules,
+                             Inventory* inventory, Progress* progress) {
   std::deque<Worker> workers;
-  for (int i = 0; i < options.threads; ++i) workers.emplace_back(options, inventory, progress);
-  asio::thread_pool pool(static_cast<size_t>(options.threads));
+  for (int i = 0; i < rules.threads; ++i) {
+    workers.emplace_back(engine, rules.reading, inventory, progress);
+  }
+  asio::thread_pool pool(static_cast<size_t>(rules.threads));
 
   std::vector<PassReport> passes;
-  for (int number = 1; number <= options.passes; ++number) {
-    progress->StartPass(number, options.passes, inventory->visitCount());
+  for (int number = 1; number <= rules.passes; ++number) {
+    progress->StartPass(number, rules.passes, inventory->visitCount());
     RunPass(&workers, &pool, &passes);
     progress->EndPass();
   }

@@ -5,15 +5,22 @@
 
 #include "ask/pass_report.h"
 #include "inventory/inventory.h"
-#include "options.h"
+#include "orvexeng.hpp"
 #include "terminal/progress.h"
 
 namespace orvexscan {
 
+struct ScanningRules {
+  ReadingRules reading;
+  int threads;
+  int passes;
+};
+
 /// Runs all passes over *inventory, which receives what is found, and returns one report
-/// for each. The engine must be running.
+/// for each.
 ///
 /// Throws std::runtime_error when libmagic or OpenSSL cannot be started.
-std::vector<PassReport> Scan(const Options& options, Inventory* inventory, Progress* progress);
+std::vector<PassReport> Scan(orvexeng::engine* engine, const ScanningRules& rules,
+                             Inventory* inventory, Progress* progress);
 
 }  // namespace orvexscan

@@ -5,7 +5,6 @@
 #include <openssl/x509.h>
 
 #include <algorithm>
-#include <cstring>
 #include <memory>
 
 namespace orvexscan {
@@ -113,26 +112,6 @@ void AddSignature(const unsigned char* der, size_t length, int depth, SignerName
 
 void AddSigners(const std::vector<unsigned char>& signature, SignerNames* found) {
   AddSignature(signature.data(), signature.size(), 0, found);
-}
-
-char* SignerSlots(const std::vector<std::string>& names) {
-  if (names.empty()) return nullptr;
-  char* slots = new char[names.size() * ORVEX_SIGNER_SLOT]();
-  char* slot = slots;
-  for (const std::string& name : names) {
-    std::memcpy(slot, name.data(), std::min(name.size(), kMostNameBytes));
-    slot += ORVEX_SIGNER_SLOT;
-  }
-  return slots;
-}
-
-std::vector<std::string> NamesInSlots(const char* slots, uint32_t count) {
-  std::vector<std::string> names;
-  for (uint32_t i = 0; i < count; ++i) {
-    const char* slot = slots + size_t{i} * ORVEX_SIGNER_SLOT;
-    names.emplace_back(slot, strnlen(slot, kMostNameBytes));
-  }
-  return names;
 }
 
 }  // namespace orvexscan

@@ -25,10 +25,4 @@ struct SignerNames {
 /// whole subject. Says who claims to have signed; whether it is true is not checked.
 void AddSigners(const std::vector<unsigned char>& signature, SignerNames* found);
 
-/// The array that an answer carries, to be freed with delete[]; null for no names.
-char* SignerSlots(const std::vector<std::string>& names);
-
-/// The names in such an array.
-std::vector<std::string> NamesInSlots(const char* slots, uint32_t count);
-
 }  // namespace orvexscan

@@ -10,7 +10,7 @@ namespace {
 
 // What the rules judge by. The last pass is the one that later ones would be like.
 struct Facts {
-  const Options& options;
+  const Setting& setting;
   size_t files;
   size_t capacity;
   const std::vector<PassReport>& passes;
@@ -24,7 +24,7 @@ int64_t Sum(const Facts& facts, int64_t orvex_metrics_s::*counter) {
 }
 
 std::string WalkLessAtOnce(const Facts& facts) {
-  if (facts.options.processes || facts.files <= facts.capacity) return {};
+  if (facts.setting.processes || facts.files <= facts.capacity) return {};
   std::string advice = fmt::format(
       "{} files are walked in order, but a cache keeps {} entries: each file is evicted before "
       "its turn comes round, so a second pass cannot hit. Walk at most {} files at a time",
@@ -37,7 +37,7 @@ std::string WalkLessAtOnce(const Facts& facts) {
 }
 
 std::string ExpectEvictions(const Facts& facts) {
-  if (!facts.options.processes || facts.files <= facts.capacity) return {};
+  if (!facts.setting.processes || facts.files <= facts.capacity) return {};
   return fmt::format(
       "{} files are mapped, but a cache keeps {} entries: files that few processes map are "
       "evicted before they are asked about again.",
@@ -53,7 +53,7 @@ std::string RaiseCapacity(const Facts& facts) {
   const auto hits = static_cast<uint64_t>(facts.last.engine.cacheHit);
   const bool roomLacked = facts.last.engine.cacheWipeOuts > 0 && hits < PossibleHits(facts);
   // A walk in order gains nothing until all of it has room, as the rule for walks says.
-  const bool told = !facts.options.processes && facts.files > facts.capacity;
+  const bool told = !facts.setting.processes && facts.files > facts.capacity;
   if (!roomLacked || told || facts.capacity >= ORVEX_MAX_CAPACITY) return {};
   const size_t wanted = std::max(facts.files, 2 * facts.capacity);
   return fmt::format(
@@ -73,12 +73,12 @@ std::string SeeCoalescingPay(const Facts& facts) {
 
 std::string SeeCoalescingCostNothing(const Facts& facts) {
   // Only then could two threads have met at one file.
-  const bool possible = facts.options.threads > 1 && facts.last.visits > facts.files;
+  const bool possible = facts.setting.threads > 1 && facts.last.visits > facts.files;
   if (!possible || Sum(facts, &orvex_metrics_s::cacheWaitInHashCalculation) != 0) return {};
   return fmt::format(
       "No query had to wait, though {} threads asked about some files more than once: coalescing "
       "cost nothing here.",
-      facts.options.threads);
+      facts.setting.threads);
 }
 
 std::string ExpectChanges(const Facts& facts) {
@@ -98,8 +98,8 @@ std::string ExpectChanges(const Facts& facts) {
 
 }  // namespace
 
-std::string Advice(const Options& options, size_t files, const std::vector<PassReport>& passes) {
-  const Facts facts{options, files, static_cast<size_t>(options.capacity), passes, passes.back()};
+std::string Advice(const Setting& setting, size_t files, const std::vector<PassReport>& passes) {
+  const Facts facts{setting, files, static_cast<size_t>(setting.capacity), passes, passes.back()};
   std::string advice;
   for (const auto rule : {WalkLessAtOnce, ExpectEvictions, RaiseCapacity, SeeCoalescingPay,
                           SeeCoalescingCostNothing, ExpectChanges}) {

@@ -4,37 +4,15 @@
 
 #include <algorithm>
 #include <exception>
-#include <memory>
 #include <optional>
 #include <vector>
 
-#include "ask/answer_source.h"
-#include "content/signer_names.h"
 #include "file/file_failure.h"
 #include "snapshot/snapshot.h"
 #include "terminal/printable.h"
 
 namespace orvexscan {
 namespace {
-
-// Answers with what is known already. Asked for the file type alone.
-class KnownFileType : public AnswerSource {
- public:
-  explicit KnownFileType(FileType type) : type_(type) {}
-
- private:
-  int AnswerHash(metadata_input_s* /*in*/, metadata_output_s* /*out*/) noexcept override {
-    return static_cast<int>(FailureReason::kEngine);
-  }
-  int AnswerFileType(metadata_input_s* /*in*/, metadata_output_s* out) noexcept override {
-    out->major = type_.major;
-    out->minor = type_.minor;
-    out->queryFlags |= QUERY_FILE_TYPE;
-    return 0;
-  }
-
-  const FileType type_;
-};
 
 bool StillHolds(const SnapshotEntry& entry, const Options& options) {
   try {
@@ -48,26 +26,29 @@ void PushHashes(const SnapshotEntry& entry) {
   const Answer& answer = entry.answer;
   metadata_input_s in = QueryFor(entry.path, answer.identity);
   in.queryFlags &= ~static_cast<uint32_t>(QUERY_FILE_TYPE);
-  metadata_output_s out{};
-  out.queryFlags = in.queryFlags;
+  orvexeng::answer out;
+  out.set_signers({answer.signers.begin(), answer.signers.end()});
+  out.add(in.queryFlags);
   out.size = in.size;
   out.modificationTime = in.mtime;
   std::copy(answer.md5.begin(), answer.md5.end(), out.digest16);
   std::copy(answer.sha1.begin(), answer.sha1.end(), out.digest20);
   std::copy(answer.sha256.begin(), answer.sha256.end(), out.digest32);
-  const std::unique_ptr<char[]> signers(SignerSlots(answer.signers));
-  out.signers = signers.get();
-  out.signerCount = static_cast<uint32_t>(answer.signers.size());
   orvex_update_metadata(&in, &out);
 }
 
 // There is no pushing into the file type cache: it is asked, and given the answer.
-void PushFileType(const SnapshotEntry& entry) {
+void PushFileType(orvexeng::engine* engine, const SnapshotEntry& entry) {
   metadata_input_s in = QueryFor(entry.path, entry.answer.identity);
   in.queryFlags = QUERY_FILE_TYPE;
-  metadata_output_s out{};
-  KnownFileType known(entry.answer.type);
-  orvex_query(&in, &out, known.context());
+  const auto known = [&entry](metadata_input_s&, orvexeng::answer& out) {
+    out.major = entry.answer.type.major;
+    out.minor = entry.answer.type.minor;
+    out.add(QUERY_FILE_TYPE);
+    return 0;
+  };
+  orvexeng::answer out;
+  static_cast<void>(engine->query(in, out, {nullptr, known}));
 }
 
 std::vector<SnapshotEntry> EntriesThatHold(const std::vector<SnapshotEntry>& entries,
@@ -86,15 +67,15 @@ std::vector<SnapshotEntry> EntriesThatHold(const std::vector<SnapshotEntry>& ent
 
 }  // namespace
 
-void WarmStart(const Options& options, Inventory* inventory) {
+void WarmStart(orvexeng::engine* engine, const Options& options, Inventory* inventory) {
   try {
     const std::vector<SnapshotEntry> entries = ReadSnapshot(options);
     const std::vector<SnapshotEntry> holding = EntriesThatHold(entries, options, inventory);
     // Backwards: what is asked about last is the first to make room for a new file. The
     // other way round each new file would take the place of the very next one.
-    std::for_each(holding.rbegin(), holding.rend(), [](const SnapshotEntry& entry) {
+    std::for_each(holding.rbegin(), holding.rend(), [engine](const SnapshotEntry& entry) {
       PushHashes(entry);
-      PushFileType(entry);
+      PushFileType(engine, entry);
     });
     if (!entries.empty()) {
       inventory->AddNote(fmt::format("{} of {} answers in the snapshot still hold", holding.size(),

@@ -3,6 +3,7 @@
 
 #include "inventory/inventory.h"
 #include "options.h"
+#include "orvexeng.hpp"
 
 namespace orvexscan {
 
@@ -12,6 +13,6 @@ namespace orvexscan {
 ///
 /// An answer holds if the file is one of *inventory and its identity is the same today,
 /// ctime included whatever the mode.
-void WarmStart(const Options& options, Inventory* inventory);
+void WarmStart(orvexeng::engine* engine, const Options& options, Inventory* inventory);
 
 }  // namespace orvexscan

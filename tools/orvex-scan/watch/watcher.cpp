@@ -13,7 +13,6 @@
 #include <system_error>
 
 #include "file/file_failure.h"
-#include "inventory/walk.h"
 #include "terminal/output.h"
 #include "terminal/printable.h"
 
@@ -60,13 +59,20 @@ int Duplicate(int descriptor) {
 
 }  // namespace
 
-Watcher::Watcher(const Options& options)
-    : options_(options),
+Watcher::Watcher(orvexeng::engine* engine, const ReadingRules& reading,
+                 const std::vector<std::string>& paths, const WalkRules& walking)
+    : paths_(paths),
+      walking_(walking),
       events_(context_),
-      watches_(std::make_unique<DirectoryWatches>(options.followLinks)),
-      asker_(options) {}
+      watches_(std::make_unique<DirectoryWatches>(walking.followLinks)),
+      asker_(engine, reading) {
+  // Before a directory is read: what comes into it afterwards gives a hint.
+  walking_.entering = [this](const std::string& directory) {
+    TellLimit(!watches_->AddDirectory(directory));
+  };
+}
 
-void Watcher::Gather(Inventory* inventory) { Gather(options_.paths, inventory); }
+void Watcher::Gather(Inventory* inventory) { Gather(paths_, inventory); }
 
 void Watcher::Run(const Inventory& inventory, std::vector<PassReport>* passes) {
   known_ = std::make_unique<KnownFiles>(inventory);
@@ -96,12 +102,8 @@ void Watcher::Gather(const std::vector<std::string>& paths, Inventory* inventory
   for (const std::string& path : paths) {
     if (!fs::is_directory(path, ignored)) WatchName(path);
   }
-  // Before a directory is read: what comes into it afterwards gives a hint.
-  const auto watch = [this](const std::string& directory) {
-    TellLimit(!watches_->AddDirectory(directory));
-  };
-  Walk(paths, {options_.followLinks, options_.oneFileSystem, watch}, inventory);
-  if (!options_.followLinks) return;
+  Walk(paths, walking_, inventory);
+  if (!walking_.followLinks) return;
   for (const FileRecord& record : inventory->records()) {
     if (fs::is_symlink(record.path, ignored)) WatchName(record.path);
   }
@@ -113,7 +115,7 @@ void Watcher::WatchName(const std::string& path) {
   const std::string parent = given.has_parent_path() ? given.parent_path().string() : ".";
   TellLimit(!watches_->AddName(parent, given.filename().string(), path));
   std::error_code error;
-  if (!options_.followLinks || !fs::is_symlink(given, error)) return;
+  if (!walking_.followLinks || !fs::is_symlink(given, error)) return;
   const fs::path target = fs::canonical(given, error);
   if (error) return;
   TellLimit(!watches_->AddName(target.parent_path().string(), target.filename().string(), path));
@@ -176,10 +178,10 @@ void Watcher::AskAllStartingWith(const std::string& prefix) {
 // as uncertain as what they have held.
 void Watcher::StartAnew() {
   events_.close();
-  watches_ = std::make_unique<DirectoryWatches>(options_.followLinks);
+  watches_ = std::make_unique<DirectoryWatches>(walking_.followLinks);
   events_.assign(Duplicate(watches_->descriptor()));
   AskAllStartingWith("");
-  LookThrough(options_.paths);
+  LookThrough(paths_);
 }
 
 void Watcher::LookAtNext() {

@@ -11,7 +11,7 @@
 #include "ask/asker.h"
 #include "ask/pass_report.h"
 #include "inventory/inventory.h"
-#include "options.h"
+#include "inventory/walk.h"
 #include "watch/directory_watches.h"
 #include "watch/known_files.h"
 
@@ -20,19 +20,19 @@ namespace orvexscan {
 // Watches the directories of a scan from the moment they are walked, and asks the engine
 // about every file that may have changed since the passes.
 //
-// Ownership: borrows the options.
+// Ownership: borrows the engine.
 // Threads: one; it looks at one file after another, as events come far apart.
 class Watcher {
  public:
   /// Throws std::runtime_error when the system does not let it watch.
-  explicit Watcher(const Options& options);
+  Watcher(orvexeng::engine* engine, const ReadingRules& reading,
+          const std::vector<std::string>& paths, const WalkRules& walking);
 
   /// Gathers the files as a walk does. What changes from now on will be told.
   void Gather(Inventory* inventory);
 
   /// Prints a line for each change of what *inventory holds until the process is
-  /// interrupted or terminated, and adds to *passes what that took. The engine must be
-  /// running.
+  /// interrupted or terminated, and adds to *passes what that took.
   void Run(const Inventory& inventory, std::vector<PassReport>* passes);
 
  private:
@@ -47,7 +47,8 @@ class Watcher {
   void StartAnew();
   void LookAtNext();
 
-  const Options& options_;
+  const std::vector<std::string> paths_;
+  WalkRules walking_;
   bool limitTold_ = false;
   bool listening_ = false;
   asio::io_context context_;
