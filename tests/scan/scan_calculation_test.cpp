@@ -84,6 +84,20 @@ TEST_CASE("a changed file is calculated anew although its older self is cached")
   CHECK(second.bytesHashed() == 6);
 }
 
+TEST_CASE("a file that takes too long to read has no answer, and the reason is told") {
+  const TemporaryDirectory directory;
+  CalculatingHost host;
+  const std::string path = directory.Write("file", "x");
+  const Identity identity = IdentityOf(path, false);
+  orvexscan::ReadingRules noTime = host.rules;
+  noTime.timeLimit = {};
+  Calculation calculation(&host.tools, identity, noTime);
+  CHECK(host.Query(path, identity, &calculation) == static_cast<int>(FailureReason::kTime));
+  REQUIRE(calculation.failure());
+  CHECK(calculation.failure()->reason() == FailureReason::kTime);
+  CHECK_FALSE(host.IsCached(path, identity));
+}
+
 TEST_CASE("a file that changes after it was opened gets no digests") {
   const TemporaryDirectory directory;
   orvexscan::Tools tools;

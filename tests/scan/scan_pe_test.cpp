@@ -102,7 +102,7 @@ TEST_CASE("a malformed table is told by its fault, and what comes before is kept
 }
 
 TEST_CASE("a table larger than any real one is not read into memory") {
-  constexpr size_t kLarge = (16 << 20) + 8;
+  constexpr size_t kLarge = (1 << 20) + 8;
   const PeCertificates found = Read(PeFile(TableEntry(Bytes(kLarge - 8, 0))));
   REQUIRE(found.faults.size() == 1);
   CHECK(found.signatures.empty());
@@ -194,6 +194,39 @@ TEST_CASE("signers beyond the most that an answer may have are a fault") {
   AddSigners(signature, &found);
   CHECK(found.names.size() == 256);
   CHECK(found.faults == Texts{"there are more than 256 signers"});
+}
+
+TEST_CASE("signers without a certificate count among those looked at") {
+  const std::vector<SubjectName> many(300, SubjectName{"Signer", ""});
+  const SignerNames found = SignersOf(Signature(many, {}, false));
+  CHECK(found.lookedAt == 256);
+  CHECK(found.faults ==
+        Texts{"a signer's certificate is missing", "there are more than 256 signers"});
+}
+
+TEST_CASE("a signature with more certificates than any real one is not searched") {
+  CHECK(SignersOf(SignatureWithCertificates(511)).names == Texts{"Signer"});
+  const SignerNames found = SignersOf(SignatureWithCertificates(512));
+  CHECK(found.names.empty());
+  CHECK(found.faults == Texts{"there are more than 512 certificates in a signature"});
+}
+
+TEST_CASE("however much is wrong with a table, a few sentences tell of it") {
+  Bytes table;
+  for (uint16_t i = 0; i < 300; ++i) {
+    table = Join(table, TableEntry(Bytes(8, 0), static_cast<uint16_t>(0x300 + i)));
+  }
+  const PeCertificates found = Read(PeFile(table));
+  REQUIRE(found.faults.size() == 9);
+  CHECK(found.faults.back() == "there are more faults");
+}
+
+TEST_CASE("no more than 256 entries of a table are looked at") {
+  Bytes table;
+  for (int i = 0; i < 257; ++i) table = Join(table, TableEntry(Bytes(8, 0)));
+  const PeCertificates found = Read(PeFile(table));
+  CHECK(found.signatures.size() == 256);
+  CHECK(found.faults == Texts{"there are more than 256 entries"});
 }
 
 TEST_CASE("a name is cut to what its slot holds, at the beginning of a character") {

@@ -39,7 +39,7 @@ using File = std::unique_ptr<std::FILE, CloseFile>;
 
 ReadingRules ReadingRulesOf(const Options& options) {
   return {options.followLinks, Settling(std::chrono::seconds(options.settleSeconds)),
-          options.identity};
+          options.identity, std::chrono::seconds(options.timeLimitSeconds)};
 }
 
 bool AnyFailed(const Inventory& inventory) {

@@ -15,6 +15,8 @@ namespace {
 constexpr int kMostThreads = 256;
 constexpr int kMostSettleSeconds = 24 * 60 * 60;
 
+constexpr int kMostTimeLimitSeconds = 365 * 24 * 60 * 60;
+
 constexpr const char kExitCodes[] =
     "Exit codes: 0 all went well; 1 some files have no answer (each is listed with its\n"
     "reason); 2 the command line is wrong. A malformed certificate table is listed too, but\n"
@@ -46,6 +48,10 @@ void Describe(CLI::App* app, Options* options) {
   app->add_option("--settle", options->settleSeconds,
                   "Keep no answer about a file changed less than this many seconds ago")
       ->check(CLI::Range(0, kMostSettleSeconds))
+      ->capture_default_str();
+  app->add_option("--time-limit", options->timeLimitSeconds,
+                  "Give up a file whose content takes more seconds than this to read")
+      ->check(CLI::Range(1, kMostTimeLimitSeconds))
       ->capture_default_str();
   app->add_option("--threads", options->threads, "Workers that ask the engine at once")
       ->check(CLI::Range(1, kMostThreads))

@@ -21,6 +21,7 @@ struct Options {
   bool oneFileSystem = false;
   IdentityMode identity = IdentityMode::kCtime;
   int settleSeconds = 2;
+  int timeLimitSeconds = 3600;
   int threads = 1;
   int passes = 2;
   int capacity = ORVEX_MAX_CAPACITY;  ///< of each cache, in entries

@@ -56,6 +56,15 @@ Certificate CertificateFor(const SubjectName& name, EVP_PKEY* key, long serial) 
   return certificate;
 }
 
+Bytes DerOf(PKCS7* signature) {
+  unsigned char* der = nullptr;
+  const int length = i2d_PKCS7(signature, &der);
+  Require(length > 0);
+  Bytes bytes(der, der + length);
+  OPENSSL_free(der);
+  return bytes;
+}
+
 void Nest(PKCS7_SIGNER_INFO* signer, const Bytes& nested) {
   static const int kKind =
       OBJ_create("1.3.6.1.4.1.311.2.4.1", "nestedSignature", "nestedSignature");
@@ -93,12 +102,20 @@ Bytes Signature(const std::vector<SubjectName>& signers, const std::vector<Bytes
     for (const Bytes& inner : nested) Nest(signer, inner);
   }
   Require(PKCS7_final(signature.get(), content.get(), static_cast<int>(flags)) == 1);
-  unsigned char* der = nullptr;
-  const int length = i2d_PKCS7(signature.get(), &der);
-  Require(length > 0);
-  Bytes bytes(der, der + length);
-  OPENSSL_free(der);
-  return bytes;
+  return DerOf(signature.get());
+}
+
+Bytes SignatureWithCertificates(size_t idle) {
+  const Bytes plain = Signature("Signer");
+  const unsigned char* at = plain.data();
+  const Pkcs7 signature(d2i_PKCS7(nullptr, &at, static_cast<long>(plain.size())));
+  Require(signature != nullptr);
+  const Key key(EVP_EC_gen("P-256"));
+  const Certificate certificate = CertificateFor({"Idle", ""}, key.get(), 2);
+  for (size_t i = 0; i < idle; ++i) {
+    Require(PKCS7_add_certificate(signature.get(), certificate.get()) == 1);
+  }
+  return DerOf(signature.get());
 }
 
 Bytes Signature(const std::string& commonName) { return Signature({{commonName, ""}}); }

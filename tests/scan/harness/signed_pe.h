@@ -19,6 +19,9 @@ Bytes Signature(const std::vector<SubjectName>& signers, const std::vector<Bytes
                 bool withCertificates = true);
 Bytes Signature(const std::string& commonName);
 
+/// One with a signer, and so many certificates that no signer needs.
+Bytes SignatureWithCertificates(size_t idle);
+
 /// One entry of a certificate table, padded as such entries are. length is what its
 /// header says; -1 for the truth.
 Bytes TableEntry(const Bytes& content, uint16_t revision = 0x0200, uint16_t type = 2,

@@ -44,9 +44,13 @@ void Calculation::Hash(const metadata_input_s& in, orvexeng::answer* out) {
   const auto start = std::chrono::steady_clock::now();
   FileReader& file = Open(in);
   tools_->digests.Start();
-  bytesHashed_ = file.ReadAll(&tools_->buffer, [this](const unsigned char* bytes, size_t count) {
-    tools_->digests.Add(bytes, count);
-  });
+  bytesHashed_ =
+      file.ReadAll(&tools_->buffer, [this, start](const unsigned char* bytes, size_t count) {
+        if (std::chrono::steady_clock::now() - start >= rules_.timeLimit) {
+          throw FileFailure(FailureReason::kTime, "reading it took longer than --time-limit");
+        }
+        tools_->digests.Add(bytes, count);
+      });
   const std::vector<std::string> signers = FindSigners();
   // Before anything is stored: a failed callback leaves the answer as it was.
   file.CheckUnchanged();

@@ -31,6 +31,7 @@ struct ReadingRules {
   bool followLinks;
   Settling settling;
   IdentityMode identity = IdentityMode::kCtime;
+  std::chrono::seconds timeLimit = std::chrono::hours(1);  ///< for the content of one file
 };
 
 // One query's calculation.

@@ -4,6 +4,8 @@
 
 #include <cstdint>
 
+#include "content/faults.h"
+
 namespace orvexscan {
 namespace {
 
@@ -23,7 +25,8 @@ constexpr uint16_t kRevision1 = 0x0100;
 constexpr uint16_t kRevision2 = 0x0200;
 constexpr uint16_t kPkcs7 = 2;
 // Real tables have some ten kilobytes.
-constexpr uint32_t kMostTableBytes = 16 << 20;
+constexpr int kMostEntries = 256;
+constexpr uint32_t kMostTableBytes = 1 << 20;
 
 uint16_t U16(const unsigned char* bytes) { return static_cast<uint16_t>(bytes[0] | bytes[1] << 8); }
 
@@ -74,28 +77,32 @@ std::string FaultOfLength(uint32_t length, size_t left) {
 void SplitTable(const std::vector<unsigned char>& table, PeCertificates* found) {
   size_t at = 0;
   for (int number = 1; at < table.size(); ++number) {
+    if (number > kMostEntries) {
+      AddFault(fmt::format("there are more than {} entries", kMostEntries), &found->faults);
+      return;
+    }
     const size_t left = table.size() - at;
     if (left < kEntryHeaderSize) {
-      found->faults.push_back(
-          fmt::format("entry {} is truncated: {} bytes are no header", number, left));
+      AddFault(fmt::format("entry {} is truncated: {} bytes are no header", number, left),
+               &found->faults);
       return;
     }
     const unsigned char* entry = table.data() + at;
     const uint32_t length = U32(entry);
     const std::string fault = FaultOfLength(length, left);
     if (!fault.empty()) {
-      found->faults.push_back(fmt::format("entry {} {}", number, fault));
+      AddFault(fmt::format("entry {} {}", number, fault), &found->faults);
       return;
     }
     const uint16_t revision = U16(entry + 4);
     const uint16_t type = U16(entry + 6);
     if (revision != kRevision1 && revision != kRevision2) {
-      found->faults.push_back(
-          fmt::format("entry {} has the unknown revision {:#06x}", number, revision));
+      AddFault(fmt::format("entry {} has the unknown revision {:#06x}", number, revision),
+               &found->faults);
     } else if (type == kPkcs7) {
       found->signatures.emplace_back(entry + kEntryHeaderSize, entry + length);
     } else {
-      found->faults.push_back(fmt::format("entry {} is of type {}, no PKCS#7", number, type));
+      AddFault(fmt::format("entry {} is of type {}, no PKCS#7", number, type), &found->faults);
     }
     at += (length + kEntryAlignment - 1) / kEntryAlignment * kEntryAlignment;
   }
@@ -108,19 +115,19 @@ PeCertificates ReadPeCertificates(FileReader* file) {
   const CertificateTable place = FindTable(file);
   if (place.offset == 0 && place.size == 0) return found;
   if (place.size == 0) {
-    found.faults.emplace_back("the table has zero length");
+    AddFault("the table has zero length", &found.faults);
     return found;
   }
   // In 64 bits: the sum of two 32-bit numbers from the file may be anything.
   const uint64_t end = uint64_t{place.offset} + place.size;
   if (end > file->size()) {
-    found.faults.push_back(
-        fmt::format("the table ends at {}, past the end of the file at {}", end, file->size()));
+    AddFault(fmt::format("the table ends at {}, past the end of the file at {}", end, file->size()),
+             &found.faults);
     return found;
   }
   if (place.size > kMostTableBytes) {
-    found.faults.push_back(
-        fmt::format("the table has {} bytes, more than any real one", place.size));
+    AddFault(fmt::format("the table has {} bytes, more than any real one", place.size),
+             &found.faults);
     return found;
   }
   std::vector<unsigned char> table(place.size);

@@ -7,12 +7,16 @@
 #include <algorithm>
 #include <memory>
 
+#include "content/faults.h"
+
 namespace orvexscan {
 namespace {
 
 constexpr const char* kNestedSignature = "1.3.6.1.4.1.311.2.4.1";
 // Real files nest once. A file made to harm could nest until the stack ends.
 constexpr int kDeepestNesting = 8;
+// Real ones hold a chain or two.
+constexpr int kMostCertificates = 512;
 
 template <typename T, void (*kFree)(T*)>
 struct FreeWith {
@@ -64,7 +68,7 @@ void AddNested(const PKCS7_SIGNER_INFO* signer, int depth, SignerNames* found) {
     for (int j = 0; j < X509_ATTRIBUTE_count(attribute); ++j) {
       const ASN1_TYPE* value = X509_ATTRIBUTE_get0_type(attribute, j);
       if (value == nullptr || value->type != V_ASN1_SEQUENCE) {
-        found->faults.emplace_back("a nested signature is no sequence");
+        AddFault("a nested signature is no sequence", &found->faults);
         continue;
       }
       const ASN1_STRING* der = value->value.sequence;
@@ -77,30 +81,35 @@ void AddNested(const PKCS7_SIGNER_INFO* signer, int depth, SignerNames* found) {
 // NOLINTNEXTLINE(misc-no-recursion): see AddNested.
 void AddSignature(const unsigned char* der, size_t length, int depth, SignerNames* found) {
   if (depth > kDeepestNesting) {
-    found->faults.emplace_back("signatures are nested too deeply");
+    AddFault("signatures are nested too deeply", &found->faults);
     return;
   }
   // Bytes after the signature are the padding of its entry.
   const Pkcs7 signature(d2i_PKCS7(nullptr, &der, static_cast<long>(length)));
   ERR_clear_error();
   if (!signature || !PKCS7_type_is_signed(signature.get()) || signature->d.sign == nullptr) {
-    found->faults.emplace_back("a signature is no signed PKCS#7");
+    AddFault("a signature is no signed PKCS#7", &found->faults);
+    return;
+  }
+  if (sk_X509_num(signature->d.sign->cert) > kMostCertificates) {
+    AddFault("there are more than 512 certificates in a signature", &found->faults);
     return;
   }
   STACK_OF(PKCS7_SIGNER_INFO)* signers = PKCS7_get_signer_info(signature.get());
-  if (sk_PKCS7_SIGNER_INFO_num(signers) <= 0)
-    found->faults.emplace_back("a signature has no signer");
+  if (sk_PKCS7_SIGNER_INFO_num(signers) <= 0) AddFault("a signature has no signer", &found->faults);
   for (int i = 0; i < sk_PKCS7_SIGNER_INFO_num(signers); ++i) {
-    if (found->names.size() == kMostSigners) {
-      found->faults.emplace_back("there are more than 256 signers");
+    // Found or not: each is searched for among all certificates.
+    if (found->lookedAt == kMostSigners) {
+      AddFault("there are more than 256 signers", &found->faults);
       return;
     }
+    ++found->lookedAt;
     const PKCS7_SIGNER_INFO* signer = sk_PKCS7_SIGNER_INFO_value(signers, i);
     X509* certificate =
         X509_find_by_issuer_and_serial(signature->d.sign->cert, signer->issuer_and_serial->issuer,
                                        signer->issuer_and_serial->serial);
     if (certificate == nullptr) {
-      found->faults.emplace_back("a signer's certificate is missing");
+      AddFault("a signer's certificate is missing", &found->faults);
     } else {
       found->names.push_back(FitForSlot(CommonName(X509_get_subject_name(certificate))));
     }

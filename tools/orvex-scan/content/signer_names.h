@@ -11,12 +11,13 @@ namespace orvexscan {
 /// The most a name may hold so that its slot has room for the closing NUL.
 constexpr size_t kMostNameBytes = ORVEX_SIGNER_SLOT - 1;
 
-/// The most signers one file may have; what goes beyond is a fault of the file.
+/// The most signers looked at in one file; what goes beyond is a fault of the file.
 constexpr size_t kMostSigners = 256;
 
 struct SignerNames {
   std::vector<std::string> names;   ///< common names as UTF-8, kMostNameBytes at most
   std::vector<std::string> faults;  ///< one sentence each; empty when all is well
+  size_t lookedAt = 0;              ///< signers, with or without a name
 };
 
 /// Adds the signers of one signature in DER to *found: the common name of each signer,

@@ -19,6 +19,8 @@ const char* NameOf(FailureReason reason) {
       return "loop";
     case FailureReason::kType:
       return "type";
+    case FailureReason::kTime:
+      return "time";
     case FailureReason::kEngine:
       return "engine";
   }

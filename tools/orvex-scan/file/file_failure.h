@@ -13,6 +13,7 @@ enum class FailureReason {
   kNotRegular,       ///< a link that is not followed, a device, a pipe, a socket
   kLoop,             ///< a directory inside itself, by way of links
   kType,             ///< libmagic gave up on it
+  kTime,             ///< reading it took too long
   kEngine            ///< the engine's own code, such as out of memory
 };
 
