@@ -80,6 +80,7 @@ const std::map<std::string, std::string> kPlaces = {
     {"orvex_visits_total", "/visits"},
     {"orvex_failures_total", "/failed"},
     {"orvex_unsettled_total", "/unsettled"},
+    {"orvex_snapshot_answers_total", "/fromSnapshot"},
     {"orvex_hashed_bytes_total", "/bytesHashed"},
     {"orvex_saved_bytes_total", "/bytesSaved"},
     {"orvex_wall_seconds_total", "/wallSeconds"},

@@ -4,15 +4,27 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <stdexcept>
 #include <string>
 
 #include "harness/scan_run.h"
 #include "harness/signed_pe.h"
 #include "harness/temporary_directory.h"
+#include "snapshot/snapshot.h"
 
 namespace {
 
 constexpr const char kScan[] = "--json - --settle 0 --passes 1 --snapshot snapshot in";
+
+constexpr orvexscan::SnapshotRules kRules{orvexscan::IdentityMode::kCtime, 0};
+
+// The snapshot with the first such part replaced, and with the checksum to match.
+std::string Edited(const std::string& snapshot, const std::string& part, const std::string& other) {
+  const size_t at = snapshot.find(part);
+  REQUIRE(at != std::string::npos);
+  std::string text = snapshot.substr(0, snapshot.rfind("sha256 "));
+  return orvexscan::WithChecksum(text.replace(at, part.size(), other));
+}
 
 bool Contains(const std::string& text, const std::string& part) {
   return text.find(part) != std::string::npos;
@@ -36,8 +48,7 @@ void CheckIgnored(const TemporaryDirectory& directory, const std::string& reason
   const nlohmann::json report = Report(directory, arguments);
   REQUIRE(report["notes"].size() == 1);
   CHECK(report["notes"][0] == "The snapshot snapshot is ignored: " + reason);
-  CHECK(report["passes"][0]["hashCache"]["hits"] == 0);
-  CHECK(report["passes"][0]["fileTypeCache"]["hits"] == 0);
+  CHECK(report["passes"][0]["fromSnapshot"] == 0);
   CHECK(Report(directory, arguments)["passes"][0]["failed"] == 0);
 }
 
@@ -59,12 +70,11 @@ TEST_CASE("a second process answers everything from the snapshot of the first") 
     const nlohmann::json cold = Report(directory, arguments);
     const nlohmann::json warm = Report(directory, arguments);
     CHECK(cold["notes"].empty());
-    CHECK(cold["passes"][0]["hashCache"]["callbacks"] == 5);
-    CHECK(warm["notes"] == nlohmann::json{"5 of 5 answers in the snapshot still hold"});
-    CHECK(warm["passes"][0]["hashCache"]["callbacks"] == 0);
-    CHECK(warm["passes"][0]["hashCache"]["hits"] == 5);
-    CHECK(warm["passes"][0]["fileTypeCache"]["callbacks"] == 0);
-    CHECK(warm["passes"][0]["fileTypeCache"]["hits"] == 5);
+    CHECK(cold["passes"][0]["fromSnapshot"] == 0);
+    CHECK(cold["passes"][0]["bytesHashed"] > 0);
+    CHECK(warm["notes"].empty());
+    CHECK(warm["passes"][0]["fromSnapshot"] == 5);
+    CHECK(warm["passes"][0]["bytesHashed"] == 0);
     CHECK(warm["files"] == cold["files"]);
   }
 }
@@ -97,10 +107,8 @@ TEST_CASE("a file that changed since the snapshot is calculated anew") {
                      "printf y >in/changed && touch -r times in/changed; done && "
                      "rm in/gone && echo done") == "done\n");
     const nlohmann::json report = Report(directory, arguments);
-    CHECK(report["notes"] == nlohmann::json{"1 of 3 answers in the snapshot still hold"});
-    CHECK(report["passes"][0]["hashCache"]["hits"] == 1);
-    CHECK(report["passes"][0]["hashCache"]["callbacks"] == 1);
-    CHECK(report["passes"][0]["fileTypeCache"]["callbacks"] == 1);
+    CHECK(report["passes"][0]["fromSnapshot"] == 1);
+    CHECK(report["passes"][0]["bytesHashed"] == 1);
     CHECK(FileIn(report, "in/changed")["answer"]["sha256"] ==
           OutputOf(directory.path(), "sha256sum in/changed").substr(0, 64));
   }
@@ -112,46 +120,92 @@ TEST_CASE("the answer about a young file is not written") {
   const std::string arguments = "--json - --follow --snapshot snapshot in /bin/sh";
   Report(directory, arguments);
   const nlohmann::json report = Report(directory, arguments);
-  CHECK(report["notes"] == nlohmann::json{"1 of 1 answers in the snapshot still hold"});
+  CHECK(report["passes"][0]["fromSnapshot"] == 1);
   CHECK(report["passes"][0]["unsettled"] == 1);
 }
 
-TEST_CASE("what is malformed is told in one line and ignored") {
+TEST_CASE("a snapshot with one bit flipped is ignored, wherever it is") {
   const TemporaryDirectory directory;
   directory.Write("in/file", "x");
   Report(directory);
   const std::string good = SnapshotIn(directory);
-  const auto damaged = [&good](const std::string& part, const std::string& other) {
-    const size_t at = good.find(part);
-    REQUIRE(at != std::string::npos);
-    return std::string(good).replace(at, part.size(), other);
-  };
-  const std::string noise(1000, '\xff');
-  for (const std::string& content :
-       {std::string(), std::string("{}"), std::string("[1,2]"), std::string("null"),
-        std::string("7"), noise, std::string(100000, '['), good.substr(0, good.size() / 2),
-        good.substr(0, good.size() - 3), good + good, damaged("\"major\"", "\"mayor\""),
-        damaged("\"inode\": ", "\"inode\": \"\" + "), damaged("\"md5\": \"", "\"md5\": \"0"),
-        damaged("\"md5\": \"9", "\"md5\": \"x"), damaged("\"signers\": []", "\"signers\": 5"),
-        damaged("\"signers\": []", "\"signers\": [\"4\"]"),
-        damaged("\"signers\": []", "\"signers\": [4]"),
-        damaged("\"answers\": [", "\"answers\": [null, ")}) {
-    CAPTURE(content);
-    directory.Write("snapshot", content);
-    CheckIgnored(directory, "it is malformed");
+  REQUIRE_NOTHROW(orvexscan::Snapshot(kRules).Parse(good));
+  for (size_t at = 0; at < good.size(); ++at) {
+    for (int bit = 0; bit < 8; ++bit) {
+      std::string damaged = good;
+      damaged[at] = static_cast<char>(damaged[at] ^ (1 << bit));
+      CAPTURE(at);
+      CHECK_THROWS_AS(orvexscan::Snapshot(kRules).Parse(damaged), std::runtime_error);
+    }
+  }
+  std::string damaged = good;
+  damaged[good.size() / 2] ^= 1;
+  directory.Write("snapshot", damaged);
+  CheckIgnored(directory, "its checksum is wrong");
+}
+
+TEST_CASE("what is no whole snapshot is told in one line and ignored") {
+  const TemporaryDirectory directory;
+  directory.Write("in/file", "x");
+  Report(directory);
+  const std::string good = SnapshotIn(directory);
+  for (size_t length = 0; length < good.size(); ++length) {
+    CHECK_THROWS_AS(orvexscan::Snapshot(kRules).Parse(good.substr(0, length)), std::runtime_error);
+  }
+  const struct {
+    std::string content;
+    const char* reason;
+  } rows[] = {{"", "it is no snapshot, or of another version of the tool"},
+              {std::string(300000, '['), "it is no snapshot, or of another version of the tool"},
+              {std::string(1000, '\xff'), "it is no snapshot, or of another version of the tool"},
+              {good.substr(0, 50), "it is cut off"},
+              {good + good, "its checksum is wrong"},
+              {Edited(good, "\tctime\t0\n", "\tctime\t0\n\n"), "it is malformed"}};
+  for (const auto& row : rows) {
+    directory.Write("snapshot", row.content);
+    CheckIgnored(directory, row.reason);
   }
 }
 
-TEST_CASE("no cut of a snapshot takes the tool down") {
+TEST_CASE("a snapshot with a sound checksum is believed only as far as it is well formed") {
+  const TemporaryDirectory directory;
+  directory.Write("in/file", "plain words\n");
+  Report(directory);
+  const std::string good = SnapshotIn(directory);
+  REQUIRE_NOTHROW(orvexscan::Snapshot(kRules).Parse(Edited(good, "", "")));
+  const std::string path = "\n696e2f66696c65\t";  // in/file
+  for (const std::string& content :
+       {Edited(good, path, "\n696e2f66696c6\t"), Edited(good, path, "\n696e2f66696c6x\t"),
+        Edited(good, path, path + "-"), Edited(good, path, path + " "),
+        Edited(good, path, path + "99999999999999999999"), Edited(good, path, "\n"),
+        Edited(good, "\t5\t1\t", "\t5\t1\t5\t"), Edited(good, "\t5\t1\t", "\t5\t1\t:4"),
+        Edited(good, "\t5\t1\t", "\t5\t1\t:41:4x"), Edited(good, "\t5\t1\t", "\t5\t1\t\t\t"),
+        Edited(good, "\t5\t1\t", "\t5\t1"), Edited(good, "\t5\t1\t", "\t5\t4294967296\t")}) {
+    CAPTURE(content);
+    CHECK_THROWS_WITH(orvexscan::Snapshot(kRules).Parse(content), "it is malformed");
+  }
+  std::string manySigners;
+  for (int i = 0; i < 257; ++i) manySigners += ":41";
+  CHECK_THROWS_WITH(
+      orvexscan::Snapshot(kRules).Parse(Edited(good, "\t5\t1\t", "\t5\t1\t" + manySigners)),
+      "it is malformed");
+}
+
+TEST_CASE("a snapshot of too many files or bytes is ignored") {
   const TemporaryDirectory directory;
   directory.Write("in/file", "x");
   Report(directory);
   const std::string good = SnapshotIn(directory);
-  for (size_t length = 0; length < good.size() - 2; length += 61) {
-    CAPTURE(length);
-    directory.Write("snapshot", good.substr(0, length));
-    CheckIgnored(directory, "it is malformed");
+  const size_t at = good.find("\n696e2f66696c65\t") + 1;
+  const std::string rest = good.substr(at + 14, good.find('\n', at) + 1 - at - 14);
+  std::string text = good.substr(0, at);
+  for (size_t i = 0; i <= orvexscan::kMostSnapshotFiles; ++i) {
+    text += std::to_string(10000000 + i) + rest;
   }
+  CHECK_THROWS_WITH(orvexscan::Snapshot(kRules).Parse(orvexscan::WithChecksum(text)),
+                    "it holds too many files");
+  REQUIRE(truncate(directory.PathOf("snapshot").c_str(), off_t{5} << 30) == 0);
+  CheckIgnored(directory, "it is too large");
 }
 
 TEST_CASE("a snapshot of another version, mode or trust is told and ignored") {
@@ -159,23 +213,54 @@ TEST_CASE("a snapshot of another version, mode or trust is told and ignored") {
   directory.Write("in/file", "x");
   Report(directory);
   const std::string good = SnapshotIn(directory);
-  const auto rewrite = [&](const std::string& part, const std::string& other) {
-    const size_t at = good.find(part);
-    REQUIRE(at != std::string::npos);
-    directory.Write("snapshot", std::string(good).replace(at, part.size(), other));
-  };
-  for (const char* part : {"\"snapshot\": ", "\"libmagic\": "}) {
-    rewrite(part, std::string(part) + "9");
-    CheckIgnored(directory, "another version of the tool wrote it");
-  }
-  rewrite("\"tool\": \"", "\"tool\": \"9");
+  directory.Write("snapshot", Edited(good, "snapshot 2\n", "snapshot 3\n"));
+  CheckIgnored(directory, "it is no snapshot, or of another version of the tool");
+  directory.Write("snapshot", Edited(good, "snapshot 2\n", "snapshot 2\n9"));
   CheckIgnored(directory, "another version of the tool wrote it");
-  rewrite("", "");
+  directory.Write("snapshot", good);
   CheckIgnored(directory, "it was written with another --identity",
                "--identity strict --json - --settle 0 --snapshot snapshot in");
-  rewrite("", "");
+  directory.Write("snapshot", good);
   CheckIgnored(directory, "it was written with a shorter --settle",
                "--json - --settle 1 --snapshot snapshot in");
+}
+
+TEST_CASE("a snapshot holds more files than a cache, and those of several trees") {
+  const TemporaryDirectory directory;
+  for (int i = 1; i <= 5; ++i) directory.Write("in/" + std::to_string(i), "x");
+  directory.Write("other/file", "x");
+  directory.Write("other/gone", "x");
+  const std::string scan = "--json - --settle 0 --passes 1 --capacity 3 --snapshot snapshot ";
+  Report(directory, scan + "other");
+  Report(directory, scan + "in");
+  std::filesystem::remove(directory.PathOf("other/gone"));
+  CHECK(Report(directory, scan + "in")["passes"][0]["fromSnapshot"] == 5);
+  CHECK(Report(directory, scan + "other")["passes"][0]["fromSnapshot"] == 1);
+  CHECK(OutputOf(directory.path(), "wc -l <snapshot") == "9\n");
+}
+
+TEST_CASE("a scan that a signal ends leaves its report and its snapshot") {
+  const TemporaryDirectory directory;
+  directory.Write("in/a", "x");
+  directory.Write("in/b", "");
+  REQUIRE(truncate(directory.PathOf("in/b").c_str(), off_t{1} << 40) == 0);
+  for (const std::string signal : {"INT", "TERM"}) {
+    CAPTURE(signal);
+    std::filesystem::remove(directory.PathOf("snapshot"));
+    // Once the second file is open the first has its answer.
+    CHECK(OutputOf(directory.path(),
+                   ORVEX_SCAN " --threads 1 --settle 0 --json report --snapshot snapshot in "
+                              ">table & "
+                              "until ls -l /proc/$!/fd 2>&1 | grep -q in/b; do :; done; "
+                              "kill -" +
+                       signal + " $!; wait $!; echo $?") == "3\n");
+    const auto report = nlohmann::json::parse(OutputOf(directory.path(), "cat report"));
+    CHECK(FileIn(report, "in/a")["answer"]["size"] == 1);
+    CHECK(FileIn(report, "in/b")["answer"].is_null());
+    CHECK(Report(directory,
+                 "--json - --settle 0 --passes 1 --snapshot snapshot in/a")["passes"][0]
+                                                                           ["fromSnapshot"] == 1);
+  }
 }
 
 TEST_CASE("a snapshot that others could have written is told and ignored") {
@@ -200,7 +285,7 @@ TEST_CASE("a snapshot is for its user alone and leaves nothing else behind") {
                                    "stat -c %a snapshot && ls") == "600\nin\nsnapshot\n");
 }
 
-TEST_CASE("a snapshot that cannot be written is no success, and the report is there") {
+TEST_CASE("a snapshot that cannot be written is refused before the scan") {
   const TemporaryDirectory directory;
   directory.Write("in/file", "x");
   std::filesystem::create_directory(directory.PathOf("directory"));
@@ -208,23 +293,9 @@ TEST_CASE("a snapshot that cannot be written is no success, and the report is th
   for (const std::string name : {"nowhere/at/all", "directory", "pipe", "link"}) {
     CAPTURE(name);
     const ScanRun run = RunScan(directory.path(), "--json - --snapshot " + name + " in");
-    CHECK(run.exitCode == 1);
-    CHECK(run.Json()["files"].size() == 1);
+    CHECK(run.exitCode == 2);
+    CHECK(run.output.empty());
     CHECK(Contains(run.errors, "orvex-scan: " + name + " cannot be written: "));
   }
   CHECK(OutputOf(directory.path(), "ls") == "directory\nin\nlink\npipe\n");
-}
-
-TEST_CASE("a small cache takes from a snapshot what is asked about first") {
-  const TemporaryDirectory directory;
-  for (int i = 1; i <= 5; ++i) directory.Write("in/" + std::to_string(i), "x");
-  Report(directory);
-  const std::string scan =
-      "--json - --settle 0 --passes 1 --threads 1 --capacity 3 --snapshot snapshot in";
-  const nlohmann::json report = Report(directory, scan);
-  CHECK(report["passes"][0]["hashCache"]["hits"] == 3);
-  CHECK(report["passes"][0]["fileTypeCache"]["hits"] == 3);
-  // A new file that comes first costs the place of the last one, not of the next.
-  directory.Write("in/0", "x");
-  CHECK(Report(directory, scan)["passes"][0]["hashCache"]["hits"] == 2);
 }

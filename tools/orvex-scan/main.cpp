@@ -1,18 +1,23 @@
 // orvex-scan: an ordinary host of the inventory engine. It knows the public header and
 // nothing else of it.
+#include <fcntl.h>
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
 #include <clocale>
+#include <csignal>
 #include <cstdio>
 #include <exception>
 #include <memory>
-#include <system_error>
+#include <new>
+#include <optional>
 
 #include "ask/engine_log.h"
 #include "ask/scan.h"
+#include "file/interruption.h"
+#include "file/private_file.h"
 #include "inventory/inventory.h"
 #include "inventory/process_maps.h"
 #include "inventory/walk.h"
@@ -20,10 +25,10 @@
 #include "orvexeng.hpp"
 #include "report/advice.h"
 #include "report/metrics.h"
+#include "report/report_file.h"
 #include "report/report_json.h"
 #include "report/report_table.h"
 #include "snapshot/snapshot.h"
-#include "snapshot/warm_start.h"
 #include "terminal/output.h"
 #include "terminal/printable.h"
 #include "terminal/progress.h"
@@ -32,14 +37,12 @@
 namespace orvexscan {
 namespace {
 
-struct CloseFile {
-  void operator()(std::FILE* file) const { std::fclose(file); }
-};
-using File = std::unique_ptr<std::FILE, CloseFile>;
-
-ReadingRules ReadingRulesOf(const Options& options) {
-  return {options.followLinks, Settling(std::chrono::seconds(options.settleSeconds)),
-          options.identity, std::chrono::seconds(options.timeLimitSeconds)};
+ReadingRules ReadingRulesOf(const Options& options, const Snapshot* snapshot) {
+  ReadingRules rules{options.followLinks, Settling(std::chrono::seconds(options.settleSeconds))};
+  rules.identity = options.identity;
+  rules.snapshot = snapshot;
+  rules.timeLimit = std::chrono::seconds(options.timeLimitSeconds);
+  return rules;
 }
 
 bool AnyFailed(const Inventory& inventory) {
@@ -47,28 +50,45 @@ bool AnyFailed(const Inventory& inventory) {
                      [](const FileRecord& record) { return record.failure.has_value(); });
 }
 
-int Run(const Options& options) {
-  const bool jsonToOutput = options.json == "-";
-  File jsonFile;
-  if (!options.json.empty() && !jsonToOutput) {
-    // Before the scan: hours of work are not lost to a wrong name.
-    jsonFile.reset(std::fopen(options.json.c_str(), "we"));
-    if (!jsonFile) {
-      const int error = errno;
-      fmt::print(stderr, "orvex-scan: {}: {}\n", Printable(options.json),
-                 std::generic_category().message(error));
-      return kUsage;
-    }
-  }
+void Tell(const std::exception& failure) {
+  fmt::print(stderr, "orvex-scan: {}\n", Printable(failure.what()));
+}
 
+// Where everything goes, made sure of before the work begins.
+struct Destinations {
+  explicit Destinations(const Options& options) {
+    if (!options.json.empty() && options.json != "-") json.emplace(options.json);
+    if (!options.snapshot.empty()) CheckReplaceable(options.snapshot);
+  }
+  std::optional<ReportFile> json;
+};
+
+void ReadSnapshot(const std::string& path, Snapshot* snapshot, Inventory* inventory) {
+  try {
+    snapshot->Read(path);
+  } catch (const std::exception& failure) {
+    inventory->AddNote(
+        fmt::format("The snapshot {} is ignored: {}", Printable(path), Printable(failure.what())));
+  }
+}
+
+void PrintText(const std::string& text) {
+  fmt::print("{}", text);
+  Finish(stdout);
+}
+
+int Work(const Options& options, Destinations* destinations) {
   TakeEngineLog(options.verbose);
   orvexeng::engine engine;
   // After the start, which may have read another capacity from orvexeng.ini.
   orvex_set_cache_capacity(ORVEX_HASH_CACHE, options.capacity);
   orvex_set_cache_capacity(ORVEX_FILE_TYPE_CACHE, options.capacity);
-  const ReadingRules reading = ReadingRulesOf(options);
-  const WalkRules walking{options.followLinks, options.oneFileSystem};
+
   Inventory inventory;
+  Snapshot snapshot({options.identity, options.settleSeconds});
+  if (!options.snapshot.empty()) ReadSnapshot(options.snapshot, &snapshot, &inventory);
+  const ReadingRules reading = ReadingRulesOf(options, &snapshot);
+  const WalkRules walking{options.followLinks, options.oneFileSystem};
   const auto watcher =
       options.watch ? std::make_unique<Watcher>(&engine, reading, options.paths, walking) : nullptr;
   if (watcher) {
@@ -78,30 +98,69 @@ int Run(const Options& options) {
   } else {
     Walk(options.paths, walking, &inventory);
   }
-  if (!options.snapshot.empty()) WarmStart(&engine, options, &inventory);
   Progress progress(!options.verbose);
   std::vector<PassReport> passes =
       Scan(&engine, {reading, options.threads, options.passes}, &inventory, &progress);
+  const bool interrupted = Interrupted();
   const std::string advice =
       Advice({options.processes, options.threads, options.capacity}, inventory.FileCount(), passes);
-  if (watcher) watcher->Run(inventory, &passes);
 
-  const bool outputIsForPrograms = jsonToOutput || !options.metrics.empty();
+  bool allWritten = true;
+  // Each by itself: what one cannot write is no reason to lose the others.
+  const auto attempt = [&allWritten](const auto& step) {
+    try {
+      step();
+    } catch (const std::exception& failure) {
+      allWritten = false;
+      Tell(failure);
+    }
+  };
+  if (watcher && !interrupted) attempt([&] { watcher->Run(inventory, &passes); });
+  const bool outputIsForPrograms = options.json == "-" || !options.metrics.empty();
   std::FILE* const table = outputIsForPrograms ? stderr : stdout;
-  PrintReport(passes, inventory, advice, table);
-  Finish(table);
+  attempt([&] {
+    PrintReport(passes, inventory, advice, table);
+    Finish(table);
+  });
   if (!options.json.empty()) {
-    std::FILE* const json = jsonToOutput ? stdout : jsonFile.get();
-    fmt::print(json, "{}", JsonReport(options, passes, inventory, advice));
-    Finish(json);
+    attempt([&] {
+      const std::string report = JsonReport(options, passes, inventory, advice);
+      destinations->json ? destinations->json->Write(report) : PrintText(report);
+    });
   }
   if (!options.metrics.empty()) {
-    const std::vector<Metric> metrics = MetricsOf(passes, inventory.FileCount());
-    fmt::print("{}", options.metrics == "json" ? JsonText(metrics) : PrometheusText(metrics));
-    Finish(stdout);
+    attempt([&] {
+      const std::vector<Metric> metrics = MetricsOf(passes, inventory.FileCount());
+      PrintText(options.metrics == "json" ? JsonText(metrics) : PrometheusText(metrics));
+    });
   }
-  if (!options.snapshot.empty()) WriteSnapshot(options, inventory);
-  return AnyFailed(inventory) ? kSomeFilesFailed : kAllFine;
+  if (!options.snapshot.empty()) {
+    attempt([&] {
+      snapshot.Update(inventory);
+      snapshot.Write(options.snapshot);
+    });
+  }
+  if (interrupted) return kInterrupted;
+  return AnyFailed(inventory) || !allWritten ? kSomeFilesFailed : kAllFine;
+}
+
+int Run(const Options& options) {
+  std::optional<Destinations> destinations;
+  try {
+    destinations.emplace(options);
+  } catch (const std::exception& failure) {
+    Tell(failure);
+    return kUsage;
+  }
+  return Work(options, &*destinations);
+}
+
+// A file that is opened later must not become standard output or standard error. Whatever
+// is written to a closed one fails, as it should.
+void FillStandardDescriptors() {
+  for (int number = STDIN_FILENO; number <= STDERR_FILENO; ++number) {
+    if (fcntl(number, F_GETFD) < 0) static_cast<void>(open("/dev/null", O_RDONLY));
+  }
 }
 
 }  // namespace
@@ -111,11 +170,18 @@ int Run(const Options& options) {
 int main(int argc, char** argv) {
   // Characters only: numbers are written the same in every language.
   std::setlocale(LC_CTYPE, "");  // NOLINT(concurrency-mt-unsafe): no thread yet
+  // A reader that went away is an error to tell, and no reason to lose the rest.
+  std::signal(SIGPIPE, SIG_IGN);
+  orvexscan::FillStandardDescriptors();
+  orvexscan::HearInterruptions();
   try {
     const orvexscan::CommandLine line = orvexscan::ParseCommandLine(argc, argv);
     return line.run ? orvexscan::Run(line.options) : line.exitCode;
+  } catch (const std::bad_alloc&) {
+    std::fputs("orvex-scan: out of memory\n", stderr);
+    return orvexscan::kSomeFilesFailed;
   } catch (const std::exception& failure) {
-    fmt::print(stderr, "orvex-scan: {}\n", orvexscan::Printable(failure.what()));
+    orvexscan::Tell(failure);
     return orvexscan::kSomeFilesFailed;
   }
 }

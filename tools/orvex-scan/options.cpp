@@ -19,7 +19,8 @@ constexpr int kMostTimeLimitSeconds = 365 * 24 * 60 * 60;
 
 constexpr const char kExitCodes[] =
     "Exit codes: 0 all went well; 1 some files have no answer (each is listed with its\n"
-    "reason); 2 the command line is wrong. A malformed certificate table is listed too, but\n"
+    "reason); 2 the command line is wrong; 3 a signal ended the scan early. A malformed "
+    "certificate table is listed too, but\n"
     "the file has its answer.";
 
 std::map<std::string, IdentityMode> IdentityModes() {
@@ -63,7 +64,7 @@ void Describe(CLI::App* app, Options* options) {
       ->check(CLI::Range(1, ORVEX_MAX_CAPACITY))
       ->capture_default_str();
   app->add_option("--snapshot", options->snapshot,
-                  "Start with the answers in this file, and leave those of this scan in it")
+                  "Answer from this file what still holds, and add the answers of this scan")
       ->type_name("FILE");
   app->add_option("--json", options->json, "Write everything to this file; - for standard output")
       ->type_name("FILE");

@@ -13,6 +13,7 @@ namespace orvexscan {
 constexpr int kAllFine = 0;
 constexpr int kSomeFilesFailed = 1;
 constexpr int kUsage = 2;
+constexpr int kInterrupted = 3;
 
 struct Options {
   std::vector<std::string> paths;

@@ -53,12 +53,14 @@ Reply Asker::Query(const std::string& path) {
   Count(calculation, identity);
   Reply reply;
   reply.answer = AnswerIn(output, identity, calculation.settled());
-  if (calculation.hashed()) reply.certificateFaults = calculation.certificateFaults();
+  if (calculation.hashed() || calculation.fromSnapshot())
+    reply.certificateFaults = calculation.certificateFaults();
   return reply;
 }
 
 void Asker::Count(const Calculation& calculation, const Identity& identity) {
   if (!calculation.settled()) ++tally_.unsettled;
+  if (calculation.fromSnapshot()) ++tally_.fromSnapshot;
   if (!calculation.hashed()) tally_.bytesSaved += identity.size;
   tally_.bytesHashed += calculation.bytesHashed();
   tally_.hashTime += calculation.hashTime();

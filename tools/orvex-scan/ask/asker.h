@@ -18,6 +18,7 @@ struct Tally {
   uint64_t visits = 0;
   uint64_t failed = 0;
   uint64_t unsettled = 0;
+  uint64_t fromSnapshot = 0;
   uint64_t bytesHashed = 0;
   uint64_t bytesSaved = 0;
   std::chrono::nanoseconds hashTime{0};
@@ -26,7 +27,7 @@ struct Tally {
 // What came of it.
 struct Reply {
   Answer answer;
-  /// What is wrong with the certificate table; nothing if the file was not hashed for it.
+  /// What is wrong with the certificate table; nothing if the answer was cached.
   std::optional<std::vector<std::string>> certificateFaults;
 };
 

@@ -14,6 +14,7 @@
 #include "file/identity.h"
 #include "file/settling.h"
 #include "orvexeng.hpp"
+#include "snapshot/snapshot.h"
 
 namespace orvexscan {
 
@@ -31,6 +32,7 @@ struct ReadingRules {
   bool followLinks;
   Settling settling;
   IdentityMode identity = IdentityMode::kCtime;
+  const Snapshot* snapshot = nullptr;  ///< of earlier answers, asked before a file is read
   std::chrono::seconds timeLimit = std::chrono::hours(1);  ///< for the content of one file
 };
 
@@ -53,11 +55,13 @@ class Calculation {
   const std::optional<FileFailure>& failure() const { return failure_; }
   /// Whether the whole file was read for its digests, as nothing cached could serve.
   bool hashed() const { return hashed_; }
+  /// Whether an earlier scan's answer served instead.
+  bool fromSnapshot() const { return fromSnapshot_; }
   /// False when the file was read while it was too young for its answer to be kept.
   bool settled() const { return settled_; }
   uint64_t bytesHashed() const { return bytesHashed_; }
   std::chrono::nanoseconds hashTime() const { return hashTime_; }
-  /// What is wrong with the file's certificate table, if it was hashed.
+  /// What is wrong with the file's certificate table, unless the answer was cached.
   const std::vector<std::string>& certificateFaults() const { return certificateFaults_; }
 
  private:
@@ -65,8 +69,10 @@ class Calculation {
   int Attempt(Step step, metadata_input_s* in, orvexeng::answer* out);
 
   void Hash(const metadata_input_s& in, orvexeng::answer* out);
+  const SnapshotEntry* FindInSnapshot(const metadata_input_s& in) const;
   std::vector<std::string> FindSigners();
   void FindFileType(const metadata_input_s& in, orvexeng::answer* out);
+  FileType ReadFileType(const metadata_input_s& in);
   FileReader& Open(const metadata_input_s& in);
 
   Tools* const tools_;
@@ -76,6 +82,7 @@ class Calculation {
   std::optional<FileFailure> failure_;
   bool settled_ = true;
   bool hashed_ = false;
+  bool fromSnapshot_ = false;
   uint64_t bytesHashed_ = 0;
   std::chrono::nanoseconds hashTime_{0};
   std::vector<std::string> certificateFaults_;

@@ -30,6 +30,7 @@ void PassMeasurement::Add(const Tally& tally) {
   report_.visits += tally.visits;
   report_.failed += tally.failed;
   report_.unsettled += tally.unsettled;
+  report_.fromSnapshot += tally.fromSnapshot;
   report_.bytesHashed += tally.bytesHashed;
   report_.bytesSaved += tally.bytesSaved;
   report_.hashSeconds += Seconds(tally.hashTime).count();

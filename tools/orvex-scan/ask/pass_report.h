@@ -16,9 +16,10 @@ struct PassReport {
   bool watching = false;  ///< a visit is a look at a file that may have changed
   uint64_t visits = 0;
   uint64_t failed = 0;
-  uint64_t unsettled = 0;    ///< answered, but not kept: the file was too young
-  uint64_t bytesHashed = 0;  ///< read for the digests
-  uint64_t bytesSaved = 0;   ///< not read, as the digests came from the cache
+  uint64_t unsettled = 0;     ///< answered, but not kept: the file was too young
+  uint64_t fromSnapshot = 0;  ///< answered with what an earlier scan found out
+  uint64_t bytesHashed = 0;   ///< read for the digests
+  uint64_t bytesSaved = 0;    ///< not read, as the digests came from the cache
   double wallSeconds = 0;
   double hashSeconds = 0;    ///< summed over the workers
   double savedSeconds = 0;   ///< what hashing bytesSaved would have taken, at the rate measured

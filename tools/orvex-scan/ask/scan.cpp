@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "ask/asker.h"
+#include "file/interruption.h"
 
 namespace orvexscan {
 namespace {
@@ -25,12 +26,13 @@ class Worker {
   Tally Run(int pass, std::atomic<size_t>* nextVisit) {
     for (;;) {
       const size_t visit = nextVisit->fetch_add(1, std::memory_order_relaxed);
-      if (visit >= inventory_->visitCount()) return asker_.TakeTally();
+      if (visit >= inventory_->visitCount() || Interrupted()) return asker_.TakeTally();
       const size_t record = inventory_->RecordOfVisit(visit);
       const uint64_t before = asker_.bytesHashed();
       try {
         Store(record, asker_.Ask(inventory_->PathOf(record)));
       } catch (const FileFailure& failure) {
+        if (failure.reason() == FailureReason::kInterrupted) return asker_.TakeTally();
         inventory_->StoreFailure(record, pass, failure);
       }
       progress_->Step(asker_.bytesHashed() - before);
@@ -79,7 +81,7 @@ std::vector<PassReport> Scan(orvexeng::engine* engine, const ScanningRules& rule
   asio::thread_pool pool(static_cast<size_t>(rules.threads));
 
   std::vector<PassReport> passes;
-  for (int number = 1; number <= rules.passes; ++number) {
+  for (int number = 1; number <= rules.passes && (number == 1 || !Interrupted()); ++number) {
     progress->StartPass(number, rules.passes, inventory->visitCount());
     RunPass(&workers, &pool, &passes);
     progress->EndPass();

@@ -21,6 +21,8 @@ const char* NameOf(FailureReason reason) {
       return "type";
     case FailureReason::kTime:
       return "time";
+    case FailureReason::kInterrupted:
+      return "interrupted";
     case FailureReason::kEngine:
       return "engine";
   }

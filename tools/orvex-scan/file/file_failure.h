@@ -14,6 +14,7 @@ enum class FailureReason {
   kLoop,             ///< a directory inside itself, by way of links
   kType,             ///< libmagic gave up on it
   kTime,             ///< reading it took too long
+  kInterrupted,      ///< the scan was to end before it was read
   kEngine            ///< the engine's own code, such as out of memory
 };
 

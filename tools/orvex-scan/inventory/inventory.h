@@ -2,7 +2,6 @@
 // is known of each.
 #pragma once
 
-#include <array>
 #include <cstdint>
 #include <map>
 #include <mutex>
@@ -10,22 +9,10 @@
 #include <string>
 #include <vector>
 
-#include "content/file_type_table.h"
+#include "content/answer.h"
 #include "file/file_failure.h"
-#include "file/identity.h"
 
 namespace orvexscan {
-
-// What the engine answered about a file.
-struct Answer {
-  Identity identity;
-  bool settled = true;  ///< kept in the caches, as the file was old enough for that
-  std::array<uint8_t, 16> md5{};
-  std::array<uint8_t, 20> sha1{};
-  std::array<uint8_t, 32> sha256{};
-  std::vector<std::string> signers;
-  FileType type;
-};
 
 // Why there was none, in the last pass that failed; pass 0 is the gathering of files.
 struct Failure {
@@ -42,6 +29,9 @@ struct FileRecord {
   std::optional<Answer> answer;
   std::optional<Failure> failure;
   std::vector<std::string> certificateFaults;
+
+  /// Whether a pass has come to it.
+  bool WasAsked() const { return answer.has_value() || failure.has_value(); }
 };
 
 // Gathered first, then asked about from several threads, then reported.

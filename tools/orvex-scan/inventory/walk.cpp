@@ -7,6 +7,8 @@
 #include <memory>
 #include <system_error>
 
+#include "file/interruption.h"
+
 namespace orvexscan {
 namespace {
 
@@ -64,7 +66,7 @@ void WalkOne(const std::string& path, const WalkRules& rules, Inventory* invento
   dev_t device = 0;
   for (;;) {
     errno = 0;
-    const FTSENT* entry = fts_read(walk.get());
+    const FTSENT* entry = Interrupted() ? nullptr : fts_read(walk.get());
     if (entry == nullptr) break;
     if (entry->fts_level == FTS_ROOTLEVEL) device = entry->fts_dev;
     const bool left = rules.oneFileSystem && entry->fts_dev != device;

@@ -60,6 +60,8 @@ void AddOfTool(const std::vector<PassReport>& passes, size_t files, std::vector<
           Sum(passes, &PassReport::failed));
   counter("orvex_unsettled_total", "Answers not kept, as the file was changed too recently.",
           Sum(passes, &PassReport::unsettled));
+  counter("orvex_snapshot_answers_total", "Answers taken from the snapshot.",
+          Sum(passes, &PassReport::fromSnapshot));
   counter("orvex_hashed_bytes_total", "Bytes read for digests.",
           Sum(passes, &PassReport::bytesHashed));
   counter("orvex_saved_bytes_total", "Bytes not read, as their digests were cached.",

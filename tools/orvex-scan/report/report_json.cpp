@@ -33,6 +33,7 @@ Json PassJson(const PassReport& pass) {
           {"visits", pass.visits},
           {"failed", pass.failed},
           {"unsettled", pass.unsettled},
+          {"fromSnapshot", pass.fromSnapshot},
           {"bytesHashed", pass.bytesHashed},
           {"bytesSaved", pass.bytesSaved},
           {"wallSeconds", pass.wallSeconds},

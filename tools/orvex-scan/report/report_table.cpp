@@ -82,6 +82,8 @@ std::vector<Row> Rows(const Inventory& inventory) {
       {"failed", [](const PassReport& pass) { return fmt::format("{}", pass.failed); }},
       {"not kept, too young",
        [](const PassReport& pass) { return fmt::format("{}", pass.unsettled); }},
+      {"answered from the snapshot",
+       [](const PassReport& pass) { return fmt::format("{}", pass.fromSnapshot); }},
       {"bytes read", [](const PassReport& pass) { return Bytes(pass.bytesHashed); }},
       {"wall time",
        [](const PassReport& pass) { return fmt::format("{:.3f} s", pass.wallSeconds); }},

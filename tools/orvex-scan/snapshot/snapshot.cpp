@@ -1,38 +1,45 @@
 #include "snapshot/snapshot.h"
 
+#include <fmt/format.h>
 #include <magic.h>
+#include <openssl/evp.h>
 
+#include <array>
 #include <charconv>
 #include <cstdint>
-#include <nlohmann/json.hpp>
+#include <limits>
 #include <optional>
 #include <stdexcept>
+#include <string_view>
 
 #include "content/signer_names.h"
-#include "snapshot/private_file.h"
+#include "file/private_file.h"
 #include "terminal/printable.h"
 
 namespace orvexscan {
 namespace {
 
-using Json = nlohmann::ordered_json;
+// Lines and fields, nothing that nests: a parser of this cannot be led into depth.
+//
+// The first line names the layout, the second what the answers depend on. Then one line
+// for each file with a tab between its fields, texts as hexadecimal digits, and at the end
+// the digest of all that comes before.
+constexpr std::string_view kFirstLine = "orvex-scan snapshot 2\n";
+constexpr std::string_view kChecksumMark = "sha256 ";
+constexpr size_t kChecksumLine = kChecksumMark.size() + 64 + 1;
 
-// What of the tool must not have changed: the layout of the file, and what an answer
-// about the same content would be today.
-Json Writer() {
-  return {{"snapshot", 1}, {"tool", ORVEX_SCAN_VERSION}, {"libmagic", magic_version()}};
-}
+constexpr char kField = '\t';
+constexpr char kListMark = ':';  // before each text of a list
 
 std::runtime_error Malformed() { return std::runtime_error("it is malformed"); }
 
-// Bytes as digits, since JSON knows nothing but UTF-8.
 template <typename Bytes>
 std::string ToHex(const Bytes& bytes) {
   return Hex(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size());
 }
 
 template <typename Bytes>
-void FromHex(const std::string& digits, Bytes* bytes) {
+void FromHex(std::string_view digits, Bytes* bytes) {
   if (digits.size() != bytes->size() * 2) throw Malformed();
   for (size_t i = 0; i < bytes->size(); ++i) {
     uint8_t byte = 0;
@@ -43,105 +50,186 @@ void FromHex(const std::string& digits, Bytes* bytes) {
   }
 }
 
-std::string TextFromHex(const std::string& digits) {
+std::string TextFromHex(std::string_view digits) {
   std::string text(digits.size() / 2, '\0');
   FromHex(digits, &text);
   return text;
 }
 
-Json JsonOf(const Identity& identity) {
-  return {{"size", identity.size},       {"mtimeNs", identity.mtimeNs},
-          {"ctimeNs", identity.ctimeNs}, {"device", identity.device},
-          {"inode", identity.inode},     {"generation", identity.generation},
-          {"birthNs", identity.birthNs}, {"mount", identity.mount}};
+std::string ListToHex(const std::vector<std::string>& texts) {
+  std::string list;
+  for (const std::string& text : texts) list += kListMark + ToHex(text);
+  return list;
 }
 
-Identity IdentityFrom(const Json& json, IdentityMode mode) {
+std::vector<std::string> ListFromHex(std::string_view list, size_t most) {
+  std::vector<std::string> texts;
+  while (!list.empty()) {
+    if (list[0] != kListMark || texts.size() == most) throw Malformed();
+    list.remove_prefix(1);
+    const size_t end = std::min(list.find(kListMark), list.size());
+    texts.push_back(TextFromHex(list.substr(0, end)));
+    list.remove_prefix(end);
+  }
+  return texts;
+}
+
+// Takes what stands before the next mark, and the mark, off the text. Without a mark
+// that is all of it, once.
+std::string_view Take(std::string_view* text, char mark) {
+  if (text->data() == nullptr) throw Malformed();
+  const size_t end = text->find(mark);
+  const std::string_view taken = text->substr(0, end);
+  *text = end == std::string_view::npos ? std::string_view() : text->substr(end + 1);
+  return taken;
+}
+
+template <typename Number>
+Number TakeNumber(std::string_view* line) {
+  const std::string_view digits = Take(line, kField);
+  Number number{};
+  const auto result = std::from_chars(digits.data(), digits.data() + digits.size(), number);
+  if (result.ec != std::errc() || result.ptr != digits.data() + digits.size()) throw Malformed();
+  return number;
+}
+
+std::string IdentityText(const Identity& identity) {
+  return fmt::format("{}\t{}\t{}\t{}\t{}\t{}\t{}\t{}", identity.size, identity.mtimeNs,
+                     identity.ctimeNs, identity.device, identity.inode, identity.generation,
+                     identity.birthNs, identity.mount);
+}
+
+Identity TakeIdentity(std::string_view* line, IdentityMode mode) {
   Identity identity;
   identity.mode = mode;
-  json.at("size").get_to(identity.size);
-  json.at("mtimeNs").get_to(identity.mtimeNs);
-  json.at("ctimeNs").get_to(identity.ctimeNs);
-  json.at("device").get_to(identity.device);
-  json.at("inode").get_to(identity.inode);
-  json.at("generation").get_to(identity.generation);
-  json.at("birthNs").get_to(identity.birthNs);
-  json.at("mount").get_to(identity.mount);
+  for (uint64_t Identity::*field :
+       {&Identity::size, &Identity::mtimeNs, &Identity::ctimeNs, &Identity::device,
+        &Identity::inode, &Identity::generation, &Identity::birthNs, &Identity::mount}) {
+    identity.*field = TakeNumber<uint64_t>(line);
+  }
   return identity;
 }
 
-Json JsonOf(const FileRecord& record) {
-  const Answer& answer = *record.answer;
-  Json signers = Json::array();
-  for (const std::string& name : answer.signers) signers.push_back(ToHex(name));
-  return {{"path", ToHex(record.path)},
-          {"identity", JsonOf(answer.identity)},
-          {"md5", ToHex(answer.md5)},
-          {"sha1", ToHex(answer.sha1)},
-          {"sha256", ToHex(answer.sha256)},
-          {"signers", signers},
-          {"major", answer.type.major},
-          {"minor", answer.type.minor},
-          {"certificateFaults", record.certificateFaults}};
+std::string LineOf(const std::string& path, const SnapshotEntry& entry) {
+  const Answer& answer = entry.answer;
+  return fmt::format("{}\t{}\t{}\t{}\t{}\t{}\t{}\t{}\t{}\n", ToHex(path),
+                     IdentityText(answer.identity), ToHex(answer.md5), ToHex(answer.sha1),
+                     ToHex(answer.sha256), answer.type.major, answer.type.minor,
+                     ListToHex(answer.signers), ListToHex(entry.certificateFaults));
 }
 
-SnapshotEntry EntryFrom(const Json& json, IdentityMode mode) {
+SnapshotEntry TakeEntry(std::string_view* line, IdentityMode mode) {
   SnapshotEntry entry;
-  entry.path = TextFromHex(json.at("path"));
   Answer& answer = entry.answer;
-  answer.identity = IdentityFrom(json.at("identity"), mode);
-  FromHex(json.at("md5"), &answer.md5);
-  FromHex(json.at("sha1"), &answer.sha1);
-  FromHex(json.at("sha256"), &answer.sha256);
-  for (const Json& name : json.at("signers")) answer.signers.push_back(TextFromHex(name));
-  if (answer.signers.size() > kMostSigners) throw Malformed();
-  json.at("major").get_to(answer.type.major);
-  json.at("minor").get_to(answer.type.minor);
-  json.at("certificateFaults").get_to(entry.certificateFaults);
+  answer.identity = TakeIdentity(line, mode);
+  FromHex(Take(line, kField), &answer.md5);
+  FromHex(Take(line, kField), &answer.sha1);
+  FromHex(Take(line, kField), &answer.sha256);
+  answer.type.major = TakeNumber<int32_t>(line);
+  answer.type.minor = TakeNumber<int32_t>(line);
+  answer.signers = ListFromHex(Take(line, kField), kMostSigners);
+  entry.certificateFaults = ListFromHex(Take(line, kField), std::numeric_limits<uint8_t>::max());
+  if (line->data() != nullptr) throw Malformed();
   return entry;
 }
 
-void CheckOrigin(const Json& snapshot, const Options& options) {
-  if (snapshot.at("writer") != Writer()) {
+// What of the tool must not have changed for its answers to be today's.
+std::string Writer() { return fmt::format("{}\t{}", ORVEX_SCAN_VERSION, magic_version()); }
+
+void CheckOrigin(std::string_view line, const SnapshotRules& rules) {
+  const std::string writer = fmt::format("{}\t", Writer());
+  if (line.substr(0, writer.size()) != writer) {
     throw std::runtime_error("another version of the tool wrote it");
   }
-  if (snapshot.at("identity") != NameOf(options.identity)) {
+  line.remove_prefix(writer.size());
+  if (Take(&line, kField) != NameOf(rules.identity)) {
     throw std::runtime_error("it was written with another --identity");
   }
-  if (snapshot.at("settleSeconds").get<int>() < options.settleSeconds) {
+  if (TakeNumber<int>(&line) < rules.settleSeconds) {
     throw std::runtime_error("it was written with a shorter --settle");
+  }
+  if (line.data() != nullptr) throw Malformed();
+}
+
+bool StillHolds(const std::string& path, const SnapshotEntry& entry) {
+  try {
+    // A path that was no link has the same identity either way.
+    const Identity& known = entry.answer.identity;
+    return IdentityOf(path, true, known.mode) == known;
+  } catch (const FileFailure&) {
+    return false;
   }
 }
 
 }  // namespace
 
-std::vector<SnapshotEntry> ReadSnapshot(const Options& options) {
-  std::vector<SnapshotEntry> entries;
-  const std::optional<std::string> content = ReadPrivateFile(options.snapshot);
-  if (!content) return entries;
-  try {
-    const Json snapshot = Json::parse(*content);
-    CheckOrigin(snapshot, options);
-    for (const Json& answer : snapshot.at("answers")) {
-      entries.push_back(EntryFrom(answer, options.identity));
-    }
-  } catch (const Json::exception&) {
-    throw Malformed();
-  }
-  return entries;
+void Snapshot::Read(const std::string& path) {
+  const std::optional<std::string> content = ReadPrivateFile(path, kMostSnapshotBytes);
+  if (content) Parse(*content);
 }
 
-void WriteSnapshot(const Options& options, const Inventory& inventory) {
-  Json answers = Json::array();
-  for (const FileRecord& record : inventory.records()) {
-    if (answers.size() == static_cast<size_t>(options.capacity)) break;
-    if (record.answer && record.answer->settled) answers.push_back(JsonOf(record));
+void Snapshot::Parse(const std::string& content) {
+  if (content.compare(0, kFirstLine.size(), kFirstLine) != 0) {
+    throw std::runtime_error("it is no snapshot, or of another version of the tool");
   }
-  const Json snapshot = {{"writer", Writer()},
-                         {"identity", NameOf(options.identity)},
-                         {"settleSeconds", options.settleSeconds},
-                         {"answers", answers}};
-  ReplacePrivateFile(options.snapshot, snapshot.dump(1) + "\n");
+  if (content.size() < kFirstLine.size() + kChecksumLine) throw std::runtime_error("it is cut off");
+  const std::string text = content.substr(0, content.size() - kChecksumLine);
+  if (WithChecksum(text) != content) throw std::runtime_error("its checksum is wrong");
+
+  std::string_view rest = text;
+  rest.remove_prefix(kFirstLine.size());
+  CheckOrigin(Take(&rest, '\n'), rules_);
+  std::map<std::string, SnapshotEntry> entries;
+  while (!rest.empty()) {
+    if (entries.size() == kMostSnapshotFiles) throw std::runtime_error("it holds too many files");
+    std::string_view line = Take(&rest, '\n');
+    const std::string path = TextFromHex(Take(&line, kField));
+    entries[path] = TakeEntry(&line, rules_.identity);
+  }
+  entries_ = std::move(entries);
+}
+
+const SnapshotEntry* Snapshot::Find(const std::string& path, const Identity& identity) const {
+  const auto found = entries_.find(path);
+  if (found == entries_.end() || found->second.answer.identity != identity) return nullptr;
+  return &found->second;
+}
+
+void Snapshot::Update(const Inventory& inventory) {
+  for (auto entry = entries_.begin(); entry != entries_.end();) {
+    const std::optional<size_t> record = inventory.Find(entry->first);
+    const bool asked = record && inventory.records()[*record].WasAsked();
+    entry = asked || !StillHolds(entry->first, entry->second) ? entries_.erase(entry) : ++entry;
+  }
+  for (const FileRecord& record : inventory.records()) {
+    if (entries_.size() == kMostSnapshotFiles) return;
+    if (record.answer && record.answer->settled) {
+      entries_[record.path] = {*record.answer, record.certificateFaults};
+    }
+  }
+}
+
+void Snapshot::Write(const std::string& path) const {
+  ReplaceFile(path, Text(), Access::kOwnerAlone);
+}
+
+std::string Snapshot::Text() const {
+  std::string text(kFirstLine);
+  text += fmt::format("{}\t{}\t{}\n", Writer(), NameOf(rules_.identity), rules_.settleSeconds);
+  for (const auto& [path, entry] : entries_) {
+    const std::string line = LineOf(path, entry);
+    if (text.size() + line.size() + kChecksumLine > kMostSnapshotBytes) break;
+    text += line;
+  }
+  return WithChecksum(text);
+}
+
+std::string WithChecksum(const std::string& text) {
+  std::array<unsigned char, 32> digest{};
+  if (EVP_Digest(text.data(), text.size(), digest.data(), nullptr, EVP_sha256(), nullptr) != 1) {
+    throw std::runtime_error("OpenSSL cannot calculate a digest");
+  }
+  return fmt::format("{}{}{}\n", text, kChecksumMark, ToHex(digest));
 }
 
 }  // namespace orvexscan

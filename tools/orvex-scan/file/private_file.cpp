@@ -1,4 +1,4 @@
-#include "snapshot/private_file.h"
+#include "file/private_file.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -29,12 +29,15 @@ void CheckPrivate(int descriptor) {
   }
 }
 
-std::string ReadToEnd(int descriptor) {
+std::string ReadToEnd(int descriptor, size_t most) {
   std::string content;
   char piece[1 << 16];
   for (;;) {
     const ssize_t got = read(descriptor, piece, sizeof piece);
     if (got == 0) return content;
+    if (got > 0 && static_cast<size_t>(got) > most - content.size()) {
+      throw std::runtime_error("it is too large");
+    }
     if (got > 0) {
       content.append(piece, static_cast<size_t>(got));
     } else if (errno != EINTR) {
@@ -65,35 +68,69 @@ void SyncDirectoryOf(const std::string& path) {
   Require(directory.get() >= 0 && fsync(directory.get()) == 0, path);
 }
 
+// The only way to ask for it is to set it. No other thread makes files then.
+mode_t Umask() {
+  const mode_t mask = umask(0);
+  umask(mask);
+  return mask;
+}
+
+// A file beside the one at path, gone again unless it takes its place.
+class TemporaryFile {
+ public:
+  explicit TemporaryFile(const std::string& path) : path_(path), name_(path + ".XXXXXX") {
+    struct stat old {};
+    if (lstat(path.c_str(), &old) == 0 && !S_ISREG(old.st_mode)) {
+      errno = EINVAL;  // the superuser could put a file in place of a device
+      Require(false, path);
+    }
+    number_ = mkostemp(name_.data(), O_CLOEXEC);
+    Require(number_ >= 0, path);
+  }
+  ~TemporaryFile() {
+    close(number_);
+    if (!published_) unlink(name_.c_str());
+  }
+  TemporaryFile(const TemporaryFile&) = delete;
+  TemporaryFile& operator=(const TemporaryFile&) = delete;
+
+  void Publish() {
+    Require(rename(name_.c_str(), path_.c_str()) == 0, path_);
+    published_ = true;
+  }
+  int descriptor() const { return number_; }
+
+ private:
+  const std::string path_;
+  std::string name_;
+  int number_ = -1;
+  bool published_ = false;
+};
+
 }  // namespace
 
-std::optional<std::string> ReadPrivateFile(const std::string& path) {
+std::optional<std::string> ReadPrivateFile(const std::string& path, size_t most) {
   // No link: it could lead to what another user chose. Not blocking: a pipe would.
   const Descriptor file(
       open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW));
   if (file.get() < 0 && errno == ENOENT) return std::nullopt;
   if (file.get() < 0) throw Unreadable(errno);
   CheckPrivate(file.get());
-  return ReadToEnd(file.get());
+  return ReadToEnd(file.get(), most);
 }
 
-void ReplacePrivateFile(const std::string& path, const std::string& content) {
+void ReplaceFile(const std::string& path, const std::string& content, Access access) {
+  mode_t mode = S_IRUSR | S_IWUSR;
   struct stat old {};
-  if (lstat(path.c_str(), &old) == 0 && !S_ISREG(old.st_mode)) {
-    errno = EINVAL;  // the superuser could put a file in place of a device
-    Require(false, path);
-  }
-  std::string temporary = path + ".XXXXXX";
-  const Descriptor file(mkostemp(temporary.data(), O_CLOEXEC));
-  Require(file.get() >= 0, path);
-  try {
-    WriteOut(file.get(), content, path);
-    Require(rename(temporary.c_str(), path.c_str()) == 0, path);
-  } catch (...) {
-    unlink(temporary.c_str());
-    throw;
-  }
+  const bool exists = lstat(path.c_str(), &old) == 0;
+  if (access == Access::kAsUsual) mode = exists ? old.st_mode & 07777 : 0666 & ~Umask();
+  TemporaryFile temporary(path);
+  Require(fchmod(temporary.descriptor(), mode) == 0, path);
+  WriteOut(temporary.descriptor(), content, path);
+  temporary.Publish();
   SyncDirectoryOf(path);
 }
+
+void CheckReplaceable(const std::string& path) { const TemporaryFile temporary(path); }
 
 }  // namespace orvexscan

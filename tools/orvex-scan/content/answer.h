@@ -1,0 +1,25 @@
+// Everything the tool tells of a file's content.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "content/file_type_table.h"
+#include "file/identity.h"
+
+namespace orvexscan {
+
+// What the engine answered about a file.
+struct Answer {
+  Identity identity;
+  bool settled = true;  ///< kept in the caches, as the file was old enough for that
+  std::array<uint8_t, 16> md5{};
+  std::array<uint8_t, 20> sha1{};
+  std::array<uint8_t, 32> sha256{};
+  std::vector<std::string> signers;
+  FileType type;
+};
+
+}  // namespace orvexscan
