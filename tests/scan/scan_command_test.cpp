@@ -358,6 +358,31 @@ TEST_CASE("the files that processes map are asked about once for each process") 
   if (visits > report["files"].size()) CHECK(report["passes"][0]["hashCache"]["hits"] > 0);
 }
 
+TEST_CASE("a process that has another file mounted over its program is asked about that one") {
+  const TemporaryDirectory directory;
+  if (OutputOf("/", "unshare -rm true && echo done") != "done\n") {
+    MESSAGE("not tried: no mount namespace to be had");
+    return;
+  }
+  REQUIRE(OutputOf(directory.path(),
+                   "cp /bin/sleep program && { cat /bin/sleep; echo more; } >other && "
+                   "chmod +x other && echo done") == "done\n");
+  const auto report = nlohmann::json::parse(
+      OutputOf(directory.path(),
+               "unshare -rm sh -c 'mount --bind other program && exec ./program 100' >&2 & "
+               "until grep -q \"r-xp.*$PWD/program\" /proc/$!/maps; do :; done; " ORVEX_SCAN
+               " --processes --passes 1 --json -; kill $!"));
+  bool found = false;
+  for (const auto& file : report["files"]) {
+    const std::string path = file["path"];
+    CHECK(path != directory.PathOf("program"));
+    if (path.find("/root" + directory.PathOf("program")) == std::string::npos) continue;
+    found = true;
+    CHECK(file["answer"]["sha256"] == FirstWord(OutputOf(directory.path(), "sha256sum other")));
+  }
+  CHECK(found);
+}
+
 TEST_CASE("the signers of a PE file are told, and again from the cache") {
   const TemporaryDirectory directory;
   const Bytes nested = Signature("Inner Signer");

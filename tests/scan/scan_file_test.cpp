@@ -2,9 +2,11 @@
 #include <doctest/doctest.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <filesystem>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -134,45 +136,100 @@ TEST_CASE("only a regular file has an identity") {
   CHECK(IdentityOf(directory.PathOf("link"), true) == IdentityOf(directory.PathOf("file"), false));
 }
 
-TEST_CASE("the path in a line of a maps file is found, whatever it is made of") {
+TEST_CASE("the file in a line of a maps file is found, whatever its name is made of") {
+  using Names = std::vector<std::string>;
   const struct {
     const char* line;
-    const char* path;
+    Names names;
   } rows[] = {
-      {"5581a000-5581c000 r--p 00000000 fe:00 1234       /usr/bin/cat", "/usr/bin/cat"},
-      {"5581a000-5581c000 r--p 00000000 fe:00 1234       /a b  c", "/a b  c"},
-      {"5581a000-5581c000 r--p 00000000 fe:00 1234       /a\\012b", "/a\nb"},
-      {"7ffd0000-7ffd2000 rw-p 00000000 00:00 0          [stack]", ""},
-      {"7ffd0000-7ffd2000 rw-p 00000000 00:00 0 ", ""},
-      {"7ffd0000-7ffd2000 rw-p 00000000 00:0d 5          anon_inode:[x]", ""},
-      {"", ""},
-      {"5581a000-5581c000", ""},
+      {"5581a000-5581c000 r--p 00000000 fe:00 1234       /usr/bin/cat", {"/usr/bin/cat"}},
+      {"5581a000-5581c000 r--p 00000000 fe:00 1234       /a b  c", {"/a b  c"}},
+      {"5581a000-5581c000 r--p 00000000 fe:00 1234       /a\\012b", {"/a\\012b", "/a\nb"}},
+      {"7ffd0000-7ffd2000 rw-p 00000000 00:00 0          [stack]", {}},
+      {"7ffd0000-7ffd2000 rw-p 00000000 00:00 0 ", {}},
+      {"7ffd0000-7ffd2000 rw-p 00000000 00:0d 5          anon_inode:[x]", {}},
+      {"5581a000-5581c000 r--p 00000000 fe 1234          /a", {}},
+      {"5581a000-5581c000 r--p 00000000 fe:00 12x4       /a", {}},
+      {"5581a000-5581c000 r--p 00000000 fe:00 99999999999999999999 /a", {}},
+      {"", {}},
+      {"5581a000-5581c000", {}},
   };
   for (const auto& row : rows) {
     CAPTURE(row.line);
-    CHECK(orvexscan::PathInMapsLine(row.line) == row.path);
+    CHECK(orvexscan::ParseMapsLine(row.line).names == row.names);
   }
+  const auto file = orvexscan::ParseMapsLine("1000-2000 r--p 0 fe:1f 18446744073709551615 /a");
+  CHECK(file.device == makedev(0xfe, 0x1f));
+  CHECK(file.inode == 18446744073709551615u);
 }
+
+namespace {
+
+// A line of a maps file about the file at path, which the process knows by that name.
+std::string MapsLine(const std::string& path, const std::string& name) {
+  struct stat status {};
+  REQUIRE(stat(path.c_str(), &status) == 0);
+  std::ostringstream line;
+  line << "1000-2000 r--p 00000000 " << std::hex << major(status.st_dev) << ":"
+       << minor(status.st_dev) << std::dec << " " << status.st_ino << "     " << name << "\n";
+  return line.str();
+}
+
+std::string MapsLine(const std::string& path) { return MapsLine(path, path); }
+
+}  // namespace
 
 TEST_CASE("mapped files are visited process by process, each once for each") {
   const TemporaryDirectory directory;
   const std::string library = directory.Write("lib.so", "x");
   const std::string program = directory.Write("program", "x");
   const std::string odd = directory.Write("odd (deleted)", "x");
-  const auto line = [](const std::string& path) {
-    return "1000-2000 r--p 00000000 fe:00 12     " + path + "\n";
-  };
-  directory.Write("proc/100/maps", line(program) + line(library) + line(library));
-  directory.Write("proc/9/maps", line(library) + line(odd) + line("/dev/null") + line("[heap]"));
-  directory.Write("proc/20/maps", line(directory.PathOf("gone.so (deleted)")));
-  directory.Write("proc/self/maps", line(program));
+  directory.Write("proc/100/maps", MapsLine(program) + MapsLine(library) + MapsLine(library));
+  directory.Write("proc/9/maps", MapsLine(library) + MapsLine(odd) + MapsLine("/dev/null") +
+                                     "1000-2000 r--p 00000000 00:00 0     [heap]\n");
+  directory.Write("proc/self/maps", MapsLine(program));
   directory.Write("proc/30/comm", "");
   Inventory inventory;
   orvexscan::AddMappedFiles(directory.PathOf("proc"), &inventory);
   CHECK(VisitedPaths(inventory) == std::vector<std::string>{library, odd, program, library});
+  CHECK(inventory.notes() == std::vector<std::string>{"2 processes map files"});
+}
+
+TEST_CASE("the file that is mapped is asked about, and not another one of that name") {
+  const TemporaryDirectory directory;
+  const std::string newline = directory.Write("a\nb", "x");
+  const std::string backslash = directory.Write("a\\012b", "x");
+  const std::string replaced = directory.Write("replaced", "x");
+  const std::string old = directory.Write("old", "x");
+  const std::string ambiguous = directory.PathOf("a\\012b");
+  directory.Write("proc/1/maps", MapsLine(newline, ambiguous) + MapsLine(backslash, ambiguous) +
+                                     MapsLine(old, replaced) +
+                                     MapsLine(old, directory.PathOf("gone (deleted)")));
+  Inventory inventory;
+  orvexscan::AddMappedFiles(directory.PathOf("proc"), &inventory);
+  CHECK(VisitedPaths(inventory) == std::vector<std::string>{newline, backslash});
   CHECK(inventory.notes() ==
-        std::vector<std::string>{"3 processes map files",
-                                 "1 mapped files have been deleted and are left out"});
+        std::vector<std::string>{"1 processes map files",
+                                 "2 mapped files have been deleted or replaced and are left out"});
+}
+
+TEST_CASE("a file that only its process can name is read through that process") {
+  const TemporaryDirectory directory;
+  directory.Write("here/program", "not this");
+  const std::string inside = directory.Write("there" + directory.path() + "/here/program", "this");
+  std::filesystem::create_directories(directory.PathOf("proc/1"));
+  std::filesystem::create_directory_symlink(directory.PathOf("there"),
+                                            directory.PathOf("proc/1/root"));
+  directory.Write("proc/1/maps", MapsLine(inside, directory.PathOf("here/program")));
+  directory.Write("proc/2/maps", MapsLine(inside, directory.PathOf("here/program")));
+  Inventory inventory;
+  orvexscan::AddMappedFiles(directory.PathOf("proc"), &inventory);
+  const std::string path = directory.PathOf("proc/1/root") + directory.path() + "/here/program";
+  CHECK(VisitedPaths(inventory) == std::vector<std::string>{path, path});
+  CHECK(inventory.notes() ==
+        std::vector<std::string>{
+            "2 processes map files",
+            "1 mapped files have another name here, or none, and are read through a process"});
 }
 
 TEST_CASE("the type of a file comes from its content and never from its name") {

@@ -1,25 +1,24 @@
 #include "inventory/process_maps.h"
 
 #include <fmt/format.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <sys/vfs.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdint>
+#include <charconv>
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <optional>
 #include <set>
+#include <system_error>
+#include <tuple>
+#include <utility>
 
 namespace orvexscan {
 namespace {
-
-constexpr const char kDeleted[] = " (deleted)";
-constexpr size_t kDeletedLength = sizeof kDeleted - 1;
-
-bool EndsInDeleted(const std::string& path) {
-  return path.size() > kDeletedLength &&
-         path.compare(path.size() - kDeletedLength, kDeletedLength, kDeleted) == 0;
-}
 
 std::set<uint64_t> ProcessNumbers(const std::string& proc) {
   std::set<uint64_t> numbers;
@@ -32,90 +31,144 @@ std::set<uint64_t> ProcessNumbers(const std::string& proc) {
   return numbers;
 }
 
-enum class Kind { kRegular, kOther, kDeletedSince };
+using File = std::tuple<uint64_t, uint64_t, std::vector<std::string>>;
 
-// Looks at each path once, however many processes map it.
-class Kinds {
- public:
-  Kind Of(const std::string& path) {
-    const auto [entry, isNew] = known_.emplace(path, Kind::kRegular);
-    if (isNew) entry->second = Look(path);
-    return entry->second;
-  }
+// These show a file under other device numbers than those of its mappings.
+bool NumbersDevicesItself(const std::string& path) {
+  constexpr int64_t kOverlay = 0x794c7630;
+  constexpr int64_t kBtrfs = 0x9123683e;
+  struct statfs status {};
+  if (statfs(path.c_str(), &status) != 0) return false;
+  const auto type = static_cast<int64_t>(static_cast<uint32_t>(status.f_type));
+  return type == kOverlay || type == kBtrfs;
+}
 
- private:
-  static Kind Look(const std::string& path) {
-    try {
-      IdentityOf(path, false);
-    } catch (const FileFailure& failure) {
-      if (failure.reason() == FailureReason::kNotRegular) return Kind::kOther;
-      if (EndsInDeleted(path)) return Kind::kDeletedSince;
-      // The scan meets it again and tells why it cannot be read.
-    }
-    return Kind::kRegular;
-  }
+enum class Lead { kNowhere, kToIt, kToNoRegularFile };
 
-  std::map<std::string, Kind> known_;
+// Whether path names the mapped file. Without opening: to open a device may do something
+// to it.
+Lead WhereLeads(const std::string& path, const MappedFile& file) {
+  struct stat status {};
+  if (lstat(path.c_str(), &status) != 0 || status.st_ino != file.inode) return Lead::kNowhere;
+  if (status.st_dev != file.device && !NumbersDevicesItself(path)) return Lead::kNowhere;
+  return S_ISREG(status.st_mode) ? Lead::kToIt : Lead::kToNoRegularFile;
+}
+
+// How a file is reached: by the path, or not at all.
+struct Place {
+  Lead lead = Lead::kNowhere;
+  bool throughProcess = false;
+  std::string path;
 };
 
-// The paths a process maps, each once, in the order of its memory; false when its maps
+Place Find(const std::string& root, const MappedFile& file) {
+  for (const bool throughProcess : {false, true}) {
+    for (const std::string& name : file.names) {
+      const std::string path = (throughProcess ? root : "") + name;
+      const Lead lead = WhereLeads(path, file);
+      if (lead != Lead::kNowhere) return {lead, throughProcess, path};
+    }
+  }
+  return {};
+}
+
+// The files a process maps, each once, in the order of its memory; false when its maps
 // may not be read.
-bool MappedPaths(const std::string& mapsFile, std::vector<std::string>* paths) {
+bool ReadMaps(const std::string& process, std::vector<MappedFile>* files) {
   errno = 0;
-  std::ifstream maps(mapsFile);
-  std::set<std::string> seen;
+  std::ifstream maps(process + "/maps");
+  std::set<File> seen;
   std::string line;
   while (std::getline(maps, line)) {
-    const std::string path = PathInMapsLine(line);
-    if (!path.empty() && seen.insert(path).second) paths->push_back(path);
+    MappedFile file = ParseMapsLine(line);
+    // Where its name is ambiguous the system may tell it as it is.
+    if (file.names.size() > 1) {
+      std::error_code refused;
+      const auto link = process + "/map_files/" + line.substr(0, line.find(' '));
+      const auto name = std::filesystem::read_symlink(link, refused);
+      if (!refused) file.names.insert(file.names.begin(), name.string());
+    }
+    if (!file.names.empty() && seen.emplace(file.device, file.inode, file.names).second) {
+      files->push_back(std::move(file));
+    }
   }
   return errno != EACCES && errno != EPERM;
+}
+
+void NoteIfAny(size_t count, const char* what, Inventory* inventory) {
+  if (count != 0) inventory->AddNote(fmt::format("{} {}", count, what));
+}
+
+std::optional<uint64_t> Number(const std::string& digits, int base) {
+  uint64_t number = 0;
+  const char* const end = digits.data() + digits.size();
+  const auto result = std::from_chars(digits.data(), end, number, base);
+  if (digits.empty() || result.ec != std::errc() || result.ptr != end) return std::nullopt;
+  return number;
 }
 
 }  // namespace
 
 void AddMappedFiles(const std::string& proc, Inventory* inventory) {
-  Kinds kinds;
-  std::set<std::string> deleted;
+  // Each is looked for once: one path for all processes that map it.
+  std::map<File, Place> places;
   size_t refused = 0;
   size_t processes = 0;
   for (const uint64_t number : ProcessNumbers(proc)) {
-    std::vector<std::string> paths;
-    if (!MappedPaths(fmt::format("{}/{}/maps", proc, number), &paths)) ++refused;
-    if (!paths.empty()) ++processes;
-    for (const std::string& path : paths) {
-      const Kind kind = kinds.Of(path);
-      if (kind == Kind::kRegular) inventory->AddVisit(path);
-      if (kind == Kind::kDeletedSince) deleted.insert(path);
+    const std::string process = fmt::format("{}/{}", proc, number);
+    std::vector<MappedFile> files;
+    if (!ReadMaps(process, &files)) ++refused;
+    if (!files.empty()) ++processes;
+    for (const MappedFile& file : files) {
+      const auto [entry, isNew] =
+          places.emplace(File{file.device, file.inode, file.names}, Place());
+      if (isNew) entry->second = Find(process + "/root", file);
+      if (entry->second.lead == Lead::kToIt) inventory->AddVisit(entry->second.path);
     }
   }
+  const auto count = [&places](auto&& which) {
+    return static_cast<size_t>(std::count_if(
+        places.begin(), places.end(), [&which](const auto& entry) { return which(entry.second); }));
+  };
   inventory->AddNote(fmt::format("{} processes map files", processes));
-  if (refused != 0) {
-    inventory->AddNote(fmt::format("{} processes may not be looked at by this user", refused));
-  }
-  if (!deleted.empty()) {
-    inventory->AddNote(
-        fmt::format("{} mapped files have been deleted and are left out", deleted.size()));
-  }
+  NoteIfAny(refused, "processes may not be looked at by this user", inventory);
+  NoteIfAny(count([](const Place& place) { return place.throughProcess; }),
+            "mapped files have another name here, or none, and are read through a process",
+            inventory);
+  NoteIfAny(count([](const Place& place) { return place.lead == Lead::kNowhere; }),
+            "mapped files have been deleted or replaced and are left out", inventory);
 }
 
-std::string PathInMapsLine(const std::string& line) {
+MappedFile ParseMapsLine(const std::string& line) {
   // address permissions offset device inode, then blanks, then the path to the end.
+  std::string fields[5];
   size_t at = 0;
-  for (int field = 0; field < 5; ++field) {
-    at = line.find_first_of(' ', at);
-    if (at == std::string::npos) return {};
-    at = line.find_first_not_of(' ', at);
+  for (std::string& field : fields) {
+    const size_t end = line.find(' ', at);
+    if (end == std::string::npos) return {};
+    field = line.substr(at, end - at);
+    at = line.find_first_not_of(' ', end);
     if (at == std::string::npos) return {};
   }
   if (line[at] != '/') return {};  // [heap], anon_inode:...
-  std::string path = line.substr(at);
-  // The one character that the system writes in another way here.
-  for (size_t mark = path.find("\\012"); mark != std::string::npos;
-       mark = path.find("\\012", mark + 1)) {
-    path.replace(mark, 4, "\n");
+  const size_t colon = fields[3].find(':');
+  const auto major = Number(fields[3].substr(0, colon), 16);
+  const auto minor =
+      colon == std::string::npos ? std::nullopt : Number(fields[3].substr(colon + 1), 16);
+  const auto inode = Number(fields[4], 10);
+  if (!major || !minor || !inode) return {};
+
+  MappedFile file;
+  file.device = gnu_dev_makedev(static_cast<unsigned>(*major), static_cast<unsigned>(*minor));
+  file.inode = *inode;
+  std::string name = line.substr(at);
+  file.names.push_back(name);
+  for (size_t mark = name.find("\\012"); mark != std::string::npos;
+       mark = name.find("\\012", mark + 1)) {
+    name.replace(mark, 4, "\n");
   }
-  return path;
+  if (name != file.names.front()) file.names.push_back(name);
+  return file;
 }
 
 }  // namespace orvexscan

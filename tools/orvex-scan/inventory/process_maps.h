@@ -1,7 +1,9 @@
 // The files that running processes have mapped.
 #pragma once
 
+#include <cstdint>
 #include <string>
+#include <vector>
 
 #include "inventory/inventory.h"
 
@@ -10,14 +12,23 @@ namespace orvexscan {
 /// Adds every regular file mapped by a process to *inventory, process by process in the
 /// order of their numbers, each file once for each process that maps it.
 ///
-/// proc is where the process file system is mounted. A process that ends meanwhile is
-/// passed over. Processes that may not be looked at and mapped files that have been
-/// deleted since are told in a note: a deleted file has no name to ask about. Files are
-/// looked up by our own names for them; a process in another mount namespace may mean
-/// another file by the same name.
+/// proc is where the process file system is mounted. A file is visited by the name that
+/// leads to the very file that is mapped: by its name here if it does, otherwise by the
+/// one that the process knows it by, below PROC/PID/root. A process that ends meanwhile is
+/// passed over. Told in notes: processes that may not be looked at, files that are reached
+/// through a process only, and files that no name leads to any more.
 void AddMappedFiles(const std::string& proc, Inventory* inventory);
 
-/// The path in one line of a maps file; empty for memory that belongs to no file.
-std::string PathInMapsLine(const std::string& line);
+// A file in one line of a maps file.
+struct MappedFile {
+  uint64_t device = 0;
+  uint64_t inode = 0;
+  /// What its name may be, likeliest first: the system writes a newline as \012 and leaves
+  /// backslashes alone. None for memory that belongs to no file.
+  std::vector<std::string> names;
+};
+
+/// Reads a line, which may hold anything: programs choose the names of their files.
+MappedFile ParseMapsLine(const std::string& line);
 
 }  // namespace orvexscan
