@@ -336,6 +336,30 @@ TEST_CASE("more files than a cache keeps cannot hit again, and the report says w
   CHECK(enough.Json()["advice"] == "");
 }
 
+TEST_CASE("a scan of /proc ends, and a walk leaves pseudo file systems out unless told") {
+  const TemporaryDirectory directory;
+  const ScanRun proc = RunScan(directory.path(), "--json - /proc");
+  CHECK(proc.exitCode == 1);
+  CHECK(proc.Json()["files"].size() == 1);
+  CHECK(Contains(proc.errors, "--pseudo enters it"));
+  // Named by itself a file there is answered.
+  const nlohmann::json named = RunScan(directory.path(), "--json - /proc/self/status").Json();
+  CHECK(FileIn(named, "/proc/self/status")["answer"]["type"]["name"] == "text");
+  CHECK(named["passes"][1]["unsettled"] == 1);
+  const ScanRun told = RunScan(directory.path(), "--json - --pseudo /proc/self/net/../fdinfo");
+  CHECK(told.Json()["files"].size() > 1);
+
+  if (OutputOf("/", "unshare -rm true && echo done") != "done\n") return;
+  directory.Write("in/file", "x");
+  std::filesystem::create_directory(directory.PathOf("in/proc"));
+  const auto report = nlohmann::json::parse(
+      OutputOf(directory.path(),
+               "unshare -rm sh -c 'mount --rbind /sys in/proc && " ORVEX_SCAN " --json - in'"));
+  CHECK(report["files"].size() == 1);
+  CHECK(report["notes"][0] ==
+        "1 pseudo file systems are left out, in/proc first; --pseudo enters them");
+}
+
 TEST_CASE("the files that processes map are asked about once for each process") {
   const TemporaryDirectory directory;
   // Which processes there are is not ours to say: the tool itself is always one.

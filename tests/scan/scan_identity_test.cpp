@@ -2,6 +2,7 @@
 #include <doctest/doctest.h>
 #include <fcntl.h>
 #include <openssl/evp.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -219,6 +220,42 @@ TEST_CASE("the answer about a young file is kept in neither cache, about an old 
     CHECK(metrics.cacheHelpFuncCalled == (old ? 1 : 2));
     CHECK(metrics.fileTypeHelpFuncCalled == (old ? 1 : 2));
   }
+}
+
+TEST_CASE("the answer about a file that somebody can write to through a mapping is not kept") {
+  const TemporaryDirectory directory;
+  const std::string path = directory.Write("file", "x");
+  const Identity identity = IdentityOf(path, false);
+  CalculatingHost host(Settling(kDefaultSettling, NextCentury));
+  const int descriptor = open(path.c_str(), O_RDWR | O_CLOEXEC);
+  REQUIRE(descriptor >= 0);
+  void* const mapping = mmap(nullptr, 1, PROT_READ | PROT_WRITE, MAP_SHARED, descriptor, 0);
+  REQUIRE(mapping != MAP_FAILED);
+  close(descriptor);
+  Calculation mapped(&host.tools, identity, host.rules);
+  REQUIRE(host.Query(path, identity, &mapped) == 0);
+  CHECK_FALSE(mapped.settled());
+  CHECK_FALSE(host.IsCached(path, identity));
+  munmap(mapping, 1);
+  Calculation free(&host.tools, identity, host.rules);
+  REQUIRE(host.Query(path, identity, &free) == 0);
+  CHECK(free.settled());
+  CHECK(host.IsCached(path, identity));
+}
+
+TEST_CASE("the answer about a file whose size is not that of its content is kept in no cache") {
+  CalculatingHost host;
+  const std::string path = "/proc/self/status";
+  const Identity identity = IdentityOf(path, false);
+  CHECK(identity.size == 0);
+  for (int i = 0; i < 2; ++i) {
+    Calculation calculation(&host.tools, identity, host.rules);
+    REQUIRE(host.Query(path, identity, &calculation) == 0);
+    CHECK(calculation.bytesHashed() > 0);
+    CHECK_FALSE(calculation.settled());
+  }
+  CHECK(host.engine.metrics().cacheHelpFuncCalled == 2);
+  CHECK(host.engine.metrics().fileTypeHelpFuncCalled == 2);
 }
 
 TEST_CASE("each callback by itself keeps a young file's answer out") {

@@ -88,7 +88,7 @@ int Work(const Options& options, Destinations* destinations) {
   Snapshot snapshot({options.identity, options.settleSeconds});
   if (!options.snapshot.empty()) ReadSnapshot(options.snapshot, &snapshot, &inventory);
   const ReadingRules reading = ReadingRulesOf(options, &snapshot);
-  const WalkRules walking{options.followLinks, options.oneFileSystem};
+  const WalkRules walking{options.followLinks, options.oneFileSystem, options.pseudo};
   const auto watcher =
       options.watch ? std::make_unique<Watcher>(&engine, reading, options.paths, walking) : nullptr;
   if (watcher) {
@@ -172,6 +172,8 @@ int main(int argc, char** argv) {
   std::setlocale(LC_CTYPE, "");  // NOLINT(concurrency-mt-unsafe): no thread yet
   // A reader that went away is an error to tell, and no reason to lose the rest.
   std::signal(SIGPIPE, SIG_IGN);
+  // Somebody writes to a file whose lease was just asked for.
+  std::signal(SIGIO, SIG_IGN);
   orvexscan::FillStandardDescriptors();
   orvexscan::HearInterruptions();
   try {

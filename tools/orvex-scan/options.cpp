@@ -42,6 +42,8 @@ void Describe(CLI::App* app, Options* options) {
   app->add_flag("--follow", options->followLinks, "Follow symbolic links");
   app->add_flag("-x,--one-file-system", options->oneFileSystem,
                 "Do not enter other mounted file systems");
+  app->add_flag("--pseudo", options->pseudo,
+                "Enter file systems like /proc and /sys, whose files are made up on reading");
   app->add_option("--identity", options->identity,
                   "What tells a changed file: mtime, ctime as well, or all there is (strict)")
       ->transform(CLI::CheckedTransformer(IdentityModes()))

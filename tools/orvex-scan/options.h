@@ -20,6 +20,7 @@ struct Options {
   bool processes = false;  ///< the files that processes map, instead of paths
   bool followLinks = false;
   bool oneFileSystem = false;
+  bool pseudo = false;
   IdentityMode identity = IdentityMode::kCtime;
   int settleSeconds = 2;
   int timeLimitSeconds = 3600;

@@ -77,6 +77,7 @@ void Calculation::Hash(const metadata_input_s& in, orvexeng::answer* out) {
         }
         tools_->digests.Add(bytes, count);
       });
+  if (bytesHashed_ != identity_.size) settled_ = false;
   const std::vector<std::string> signers = FindSigners();
   // Before anything is stored: a failed callback leaves the answer as it was.
   file.CheckUnchanged();
@@ -120,7 +121,8 @@ FileReader& Calculation::Open(const metadata_input_s& in) {
     // Before anything is read: what is written from now on has later times.
     const Settling::Instant now = rules_.settling.Now();
     file_.emplace(in.path, identity_, rules_.followLinks);
-    settled_ = rules_.settling.IsSettled(identity_, now);
+    settled_ = rules_.settling.IsSettled(identity_, now) && file_->HasTrueSize() &&
+               !(rules_.settling.Judges() && file_->HasWriter());
   }
   return *file_;
 }

@@ -57,7 +57,8 @@ class Calculation {
   bool hashed() const { return hashed_; }
   /// Whether an earlier scan's answer served instead.
   bool fromSnapshot() const { return fromSnapshot_; }
-  /// False when the file was read while it was too young for its answer to be kept.
+  /// False when the answer cannot be kept: the file was too young, somebody may write to
+  /// it, or its size is not that of its content.
   bool settled() const { return settled_; }
   uint64_t bytesHashed() const { return bytesHashed_; }
   std::chrono::nanoseconds hashTime() const { return hashTime_; }

@@ -6,6 +6,7 @@
 #include <cerrno>
 
 #include "file/file_failure.h"
+#include "file/pseudo_file_system.h"
 
 namespace orvexscan {
 
@@ -46,6 +47,19 @@ void FileReader::CheckUnchanged() const {
   if (IdentityOf(descriptor(), opened_.mode) != opened_) {
     throw FileFailure(FailureReason::kChanged, "changed while it was read");
   }
+}
+
+bool FileReader::HasTrueSize() {
+  if (IsOnPseudoFileSystem(descriptor())) return false;
+  unsigned char byte = 0;
+  return size() != 0 || ReadAt(0, &byte, 1) == 0;
+}
+
+bool FileReader::HasWriter() const {
+  // Given back at once: whoever opens the file for writing must not wait for us.
+  if (fcntl(descriptor(), F_SETLEASE, F_RDLCK) != 0) return errno == EAGAIN;
+  fcntl(descriptor(), F_SETLEASE, F_UNLCK);
+  return false;
 }
 
 }  // namespace orvexscan

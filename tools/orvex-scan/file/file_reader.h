@@ -33,6 +33,13 @@ class FileReader {
   /// the file, once the file is settled.
   void CheckUnchanged() const;
 
+  /// Whether the size and times of the file tell its content at all.
+  bool HasTrueSize();
+  /// Whether somebody has the file open for writing, or mapped. Stores through a mapping
+  /// set the times of a file once for many. False also where the system does not tell:
+  /// for files of other users without CAP_LEASE, and on file systems without leases.
+  bool HasWriter() const;
+
   uint64_t size() const { return opened_.size; }
   int descriptor() const { return descriptor_.get(); }
 

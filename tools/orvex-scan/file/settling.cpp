@@ -11,7 +11,7 @@ Settling::Instant InstantOf(uint64_t nanoseconds) {
 }  // namespace
 
 bool Settling::IsSettled(const Identity& identity, Instant now) const {
-  if (time_ <= std::chrono::nanoseconds::zero()) return true;
+  if (!Judges()) return true;
   const Instant latest = now - time_;
   return InstantOf(identity.mtimeNs) <= latest && InstantOf(identity.ctimeNs) <= latest;
 }

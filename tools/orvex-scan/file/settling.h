@@ -21,6 +21,9 @@ class Settling {
   explicit Settling(std::chrono::nanoseconds time, Clock clock = Realtime)
       : time_(time), clock_(clock) {}
 
+  /// Whether any file can be unsettled.
+  bool Judges() const { return time_ > std::chrono::nanoseconds::zero(); }
+
   /// The instant to judge by. To be taken before the file is read: any later write
   /// stamps the file at that instant or after it, but for the clock's tick.
   Instant Now() const { return clock_(); }

@@ -1,5 +1,6 @@
 #include "inventory/walk.h"
 
+#include <fmt/format.h>
 #include <fts.h>
 
 #include <cerrno>
@@ -8,6 +9,8 @@
 #include <system_error>
 
 #include "file/interruption.h"
+#include "file/pseudo_file_system.h"
+#include "terminal/printable.h"
 
 namespace orvexscan {
 namespace {
@@ -57,7 +60,15 @@ void Add(const FTSENT& entry, const WalkRules& rules, Inventory* inventory) {
   }
 }
 
-void WalkOne(const std::string& path, const WalkRules& rules, Inventory* inventory) {
+// Asks the system only where one may begin.
+bool IsPseudoRoot(const FTSENT& entry) {
+  const bool mayBegin =
+      entry.fts_level == FTS_ROOTLEVEL || entry.fts_dev != entry.fts_parent->fts_dev;
+  return mayBegin && IsOnPseudoFileSystem(entry.fts_path);
+}
+
+void WalkOne(const std::string& path, const WalkRules& rules, Inventory* inventory,
+             std::vector<std::string>* leftOut) {
   char* const roots[] = {const_cast<char*>(path.c_str()), nullptr};
   const int options = FTS_NOCHDIR | (rules.followLinks ? FTS_LOGICAL : FTS_PHYSICAL) |
                       (rules.oneFileSystem ? FTS_XDEV : 0);
@@ -66,10 +77,19 @@ void WalkOne(const std::string& path, const WalkRules& rules, Inventory* invento
   dev_t device = 0;
   for (;;) {
     errno = 0;
-    const FTSENT* entry = Interrupted() ? nullptr : fts_read(walk.get());
+    FTSENT* entry = Interrupted() ? nullptr : fts_read(walk.get());
     if (entry == nullptr) break;
     if (entry->fts_level == FTS_ROOTLEVEL) device = entry->fts_dev;
     const bool left = rules.oneFileSystem && entry->fts_dev != device;
+    if (entry->fts_info == FTS_D && !left && !rules.pseudo && IsPseudoRoot(*entry)) {
+      fts_set(walk.get(), entry, FTS_SKIP);
+      if (entry->fts_level == FTS_ROOTLEVEL) {
+        inventory->AddFailure(path, NotRegular("a pseudo file system; --pseudo enters it"));
+      } else {
+        leftOut->push_back(entry->fts_path);
+      }
+      continue;
+    }
     if (entry->fts_info == FTS_D && !left && rules.entering) rules.entering(entry->fts_path);
     Add(*entry, rules, inventory);
   }
@@ -79,7 +99,12 @@ void WalkOne(const std::string& path, const WalkRules& rules, Inventory* invento
 }  // namespace
 
 void Walk(const std::vector<std::string>& paths, const WalkRules& rules, Inventory* inventory) {
-  for (const std::string& path : paths) WalkOne(path, rules, inventory);
+  std::vector<std::string> leftOut;
+  for (const std::string& path : paths) WalkOne(path, rules, inventory, &leftOut);
+  if (leftOut.empty()) return;
+  inventory->AddNote(
+      fmt::format("{} pseudo file systems are left out, {} first; --pseudo enters them",
+                  leftOut.size(), Printable(leftOut.front())));
 }
 
 }  // namespace orvexscan
