@@ -98,6 +98,11 @@ if [ -n "$scan" ]; then
   awk '/^\.It Fl / { for (i = 2; i < NF; ++i) if ($i == "Fl") print "-" $(i + 1) }' "$tool" | told
   same 'options of orvex-scan'
 
+  sed -n '/"properties": {/!s/^ *"\([A-Za-z0-9]*\)": {.*/\1/p' "$sources/docs/orvex-scan.schema.json" |
+    grep -vxE 'definitions|items' | sort -u | there
+  sed -n 's/^\.It Va \([A-Za-z0-9]*\)$/\1/p' "$tool" | sort -u | told
+  same 'fields of the JSON report'
+
   sed -n '/^Exit codes:/,$p' "$directory/help" | tr '\n' ' ' | grep -oE '[:;] [0-9]+ ' |
     tr -dc '0-9\n' | there
   sed -n 's/^\.It \([0-9]*\)$/\1/p' "$tool" | told

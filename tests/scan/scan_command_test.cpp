@@ -48,9 +48,9 @@ TEST_CASE("size, time, device and inode are those of stat") {
   directory.Write("file", "12345");
   const nlohmann::json answer =
       FileIn(RunScan(directory.path(), "--json - file").Json(), "file")["answer"];
-  const uint64_t mtimeNs = answer["mtimeNs"];
-  const std::string seconds = std::to_string(mtimeNs / 1000000000);
-  const std::string nanoseconds = std::to_string(1000000000 + mtimeNs % 1000000000).substr(1);
+  const std::string seconds = answer["mtime"]["seconds"].dump();
+  const std::string nanoseconds =
+      std::to_string(1000000000 + answer["mtime"]["nanoseconds"].get<int64_t>()).substr(1);
   CHECK(std::to_string(answer["size"].get<uint64_t>()) + " " + seconds + "." + nanoseconds + " " +
             std::to_string(answer["device"].get<uint64_t>()) + " " +
             std::to_string(answer["inode"].get<uint64_t>()) + "\n" ==
@@ -119,7 +119,7 @@ TEST_CASE("an empty file and one without a time are full hits the second time") 
   directory.Write("both", "");
   REQUIRE(OutputOf(directory.path(), "touch -d @0 timeless both && echo done") == "done\n");
   const nlohmann::json report = RunScan(directory.path(), "--json - --settle 0 .").Json();
-  CHECK(FileIn(report, "./timeless")["answer"]["mtimeNs"] == 0);
+  CHECK(FileIn(report, "./timeless")["answer"]["mtime"]["seconds"] == 0);
   CHECK(report["passes"][1]["hashCache"]["hits"] == 3);
   CHECK(report["passes"][1]["hashCache"]["partialHits"] == 0);
 }
@@ -416,9 +416,9 @@ TEST_CASE("the signers of a PE file are told, and again from the cache") {
   const ScanRun run = RunScan(directory.path(), "--json - --settle 0 .");
   CHECK(run.exitCode == 0);
   const nlohmann::json report = run.Json();
-  CHECK(FileIn(report, "./signed.exe")["answer"]["signers"] ==
+  CHECK(FileIn(report, "./signed.exe")["answer"]["unverifiedSigners"] ==
         nlohmann::json{"First Signer", "Inner Signer", "Second Signer"});
-  CHECK(FileIn(report, "./unsigned.exe")["answer"]["signers"] == nlohmann::json::array());
+  CHECK(FileIn(report, "./unsigned.exe")["answer"]["unverifiedSigners"] == nlohmann::json::array());
   CHECK(report["passes"][1]["hashCache"]["hits"] == 2);
 }
 

@@ -179,7 +179,7 @@ TEST_CASE("a snapshot with a sound checksum is believed only as far as it is wel
         Edited(good, path, path + "-"), Edited(good, path, path + " "),
         Edited(good, path, path + "99999999999999999999"), Edited(good, path, "\n"),
         Edited(good, "\t5\t1\t", "\t5\t1\t5\t"), Edited(good, "\t5\t1\t", "\t5\t1\t:4"),
-        Edited(good, "\t5\t1\t", "\t5\t1\t:41:4x"), Edited(good, "\t5\t1\t", "\t5\t1\t\t\t"),
+        Edited(good, "\t5\t1\t", "\t5\t1\t:41:4x"), Edited(good, "\t5\t1\t", "\t5\t1\t\t\t\t"),
         Edited(good, "\t5\t1\t", "\t5\t1"), Edited(good, "\t5\t1\t", "\t5\t4294967296\t")}) {
     CAPTURE(content);
     CHECK_THROWS_WITH(orvexscan::Snapshot(kRules).Parse(content), "it is malformed");

@@ -54,7 +54,7 @@ Reply Asker::Query(const std::string& path) {
   Reply reply;
   reply.answer = AnswerIn(output, identity, calculation.settled());
   if (calculation.hashed() || calculation.fromSnapshot())
-    reply.certificateFaults = calculation.certificateFaults();
+    reply.certificates = calculation.certificates();
   return reply;
 }
 

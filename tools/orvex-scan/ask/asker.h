@@ -27,8 +27,8 @@ struct Tally {
 // What came of it.
 struct Reply {
   Answer answer;
-  /// What is wrong with the certificate table; nothing if the answer was cached.
-  std::optional<std::vector<std::string>> certificateFaults;
+  /// Nothing if the answer was cached.
+  std::optional<CertificateFindings> certificates;
 };
 
 // Asks a running engine and counts what that takes.

@@ -62,7 +62,7 @@ int Calculation::Attempt(Step step, metadata_input_s* in, orvexeng::answer* out)
 void Calculation::Hash(const metadata_input_s& in, orvexeng::answer* out) {
   if (const SnapshotEntry* known = FindInSnapshot(in)) {
     Give(known->answer, in, out);
-    certificateFaults_ = known->certificateFaults;
+    certificates_ = known->certificates;
     fromSnapshot_ = true;
     return;
   }
@@ -92,8 +92,10 @@ std::vector<std::string> Calculation::FindSigners() {
   PeCertificates certificates = ReadPeCertificates(&*file_);
   SignerNames signers;
   for (const auto& signature : certificates.signatures) AddSigners(signature, &signers);
-  certificateFaults_ = std::move(certificates.faults);
-  certificateFaults_.insert(certificateFaults_.end(), signers.faults.begin(), signers.faults.end());
+  certificates_.faults = std::move(certificates.faults);
+  certificates_.faults.insert(certificates_.faults.end(), signers.faults.begin(),
+                              signers.faults.end());
+  certificates_.signature = MatchSignatures(&*file_, certificates.layout, signers.digests);
   return std::move(signers.names);
 }
 

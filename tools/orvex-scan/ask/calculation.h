@@ -62,8 +62,8 @@ class Calculation {
   bool settled() const { return settled_; }
   uint64_t bytesHashed() const { return bytesHashed_; }
   std::chrono::nanoseconds hashTime() const { return hashTime_; }
-  /// What is wrong with the file's certificate table, unless the answer was cached.
-  const std::vector<std::string>& certificateFaults() const { return certificateFaults_; }
+  /// Nothing unless the file was hashed or its answer came from the snapshot.
+  const CertificateFindings& certificates() const { return certificates_; }
 
  private:
   using Step = void (Calculation::*)(const metadata_input_s&, orvexeng::answer*);
@@ -86,7 +86,7 @@ class Calculation {
   bool fromSnapshot_ = false;
   uint64_t bytesHashed_ = 0;
   std::chrono::nanoseconds hashTime_{0};
-  std::vector<std::string> certificateFaults_;
+  CertificateFindings certificates_;
 };
 
 }  // namespace orvexscan

@@ -30,7 +30,8 @@ class Worker {
       const size_t record = inventory_->RecordOfVisit(visit);
       const uint64_t before = asker_.bytesHashed();
       try {
-        Store(record, asker_.Ask(inventory_->PathOf(record)));
+        Reply reply = asker_.Ask(inventory_->PathOf(record));
+        inventory_->StoreAnswer(record, std::move(reply.answer), std::move(reply.certificates));
       } catch (const FileFailure& failure) {
         if (failure.reason() == FailureReason::kInterrupted) return asker_.TakeTally();
         inventory_->StoreFailure(record, pass, failure);
@@ -40,13 +41,6 @@ class Worker {
   }
 
  private:
-  void Store(size_t record, Reply reply) {
-    if (reply.certificateFaults) {
-      inventory_->StoreCertificateFaults(record, std::move(*reply.certificateFaults));
-    }
-    inventory_->StoreAnswer(record, std::move(reply.answer));
-  }
-
   Asker asker_;
   Inventory* const inventory_;
   Progress* const progress_;

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "content/authenticode.h"
 #include "content/file_type_table.h"
 #include "file/identity.h"
 
@@ -18,8 +19,15 @@ struct Answer {
   std::array<uint8_t, 16> md5{};
   std::array<uint8_t, 20> sha1{};
   std::array<uint8_t, 32> sha256{};
-  std::vector<std::string> signers;
+  std::vector<std::string> signers;  ///< unverified names
   FileType type;
+};
+
+// What else was found out about a file's certificate table. The engine keeps none of it:
+// it is told whenever a file is read.
+struct CertificateFindings {
+  std::vector<std::string> faults;
+  SignatureMatch signature = SignatureMatch::kNoSignature;
 };
 
 }  // namespace orvexscan

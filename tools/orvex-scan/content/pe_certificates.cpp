@@ -17,6 +17,7 @@ constexpr uint16_t kPe32 = 0x10b;
 constexpr uint16_t kPe32Plus = 0x20b;
 constexpr size_t kDirectoriesAt32 = 96;  // in the optional header; their count is just before
 constexpr size_t kDirectoriesAt32Plus = 112;
+constexpr size_t kChecksumAt = 64;  // in the optional header of either
 constexpr size_t kDirectorySize = 8;
 constexpr size_t kCertificateDirectory = 4;
 constexpr size_t kEntryHeaderSize = 8;
@@ -34,13 +35,8 @@ uint32_t U32(const unsigned char* bytes) {
   return U16(bytes) | static_cast<uint32_t>(U16(bytes + 2)) << 16;
 }
 
-// The table's place in the file, both 0 when there is none.
-struct CertificateTable {
-  uint32_t offset = 0;
-  uint32_t size = 0;
-};
-
-CertificateTable FindTable(FileReader* file) {
+// The table is at 0 and of no size when there is none.
+PeLayout FindTable(FileReader* file) {
   unsigned char dos[kDosHeaderSize];
   if (file->ReadAt(0, dos, sizeof dos) < sizeof dos || dos[0] != 'M' || dos[1] != 'Z') return {};
 
@@ -63,7 +59,9 @@ CertificateTable FindTable(FileReader* file) {
                        U16(pe + kOptionalSizeAt) >= entry + kDirectorySize &&
                        length >= entry + kDirectorySize;
   if (!present) return {};
-  return {U32(optional + entry), U32(optional + entry + 4)};
+  const uint64_t optionalAt = peOffset + kPeHeaderSize;
+  return {optionalAt + kChecksumAt, optionalAt + entry, U32(optional + entry),
+          U32(optional + entry + 4)};
 }
 
 // The first fault of an entry that makes whatever follows it unreadable.
@@ -112,26 +110,26 @@ void SplitTable(const std::vector<unsigned char>& table, PeCertificates* found) 
 
 PeCertificates ReadPeCertificates(FileReader* file) {
   PeCertificates found;
-  const CertificateTable place = FindTable(file);
-  if (place.offset == 0 && place.size == 0) return found;
-  if (place.size == 0) {
+  const PeLayout place = FindTable(file);
+  found.layout = place;
+  if (place.tableAt == 0 && place.tableSize == 0) return found;
+  if (place.tableSize == 0) {
     AddFault("the table has zero length", &found.faults);
     return found;
   }
-  // In 64 bits: the sum of two 32-bit numbers from the file may be anything.
-  const uint64_t end = uint64_t{place.offset} + place.size;
+  const uint64_t end = place.tableAt + place.tableSize;
   if (end > file->size()) {
     AddFault(fmt::format("the table ends at {}, past the end of the file at {}", end, file->size()),
              &found.faults);
     return found;
   }
-  if (place.size > kMostTableBytes) {
-    AddFault(fmt::format("the table has {} bytes, more than any real one", place.size),
+  if (place.tableSize > kMostTableBytes) {
+    AddFault(fmt::format("the table has {} bytes, more than any real one", place.tableSize),
              &found.faults);
     return found;
   }
-  std::vector<unsigned char> table(place.size);
-  table.resize(file->ReadAt(place.offset, table.data(), table.size()));
+  std::vector<unsigned char> table(static_cast<size_t>(place.tableSize));
+  table.resize(file->ReadAt(place.tableAt, table.data(), table.size()));
   SplitTable(table, &found);
   return found;
 }

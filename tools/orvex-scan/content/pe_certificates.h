@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "content/authenticode.h"
 #include "file/file_reader.h"
 
 namespace orvexscan {
@@ -16,6 +17,7 @@ struct PeCertificates {
   /// What is wrong with the table, one sentence each; empty when all is well. Entries
   /// before the fault are given all the same.
   std::vector<std::string> faults;
+  PeLayout layout;
 };
 
 /// Reads the table of an open file. Nothing in the file is trusted: every offset and

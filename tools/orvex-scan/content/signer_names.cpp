@@ -12,6 +12,7 @@
 namespace orvexscan {
 namespace {
 
+constexpr const char* kIndirectContent = "1.3.6.1.4.1.311.2.1.4";
 constexpr const char* kNestedSignature = "1.3.6.1.4.1.311.2.4.1";
 // Real files nest once. A file made to harm could nest until the stack ends.
 constexpr int kDeepestNesting = 8;
@@ -57,6 +58,56 @@ std::string CommonName(const X509_NAME* subject) {
   return name;
 }
 
+// Takes one element of DER off the bytes and returns what it holds; null if it is no
+// whole one of that kind. Bounded by the bytes, as all that is inside.
+struct Bytes {
+  const unsigned char* at;
+  long length;
+};
+
+bool TakeElement(Bytes* bytes, int tag, Bytes* inside) {
+  const unsigned char* at = bytes->at;
+  long length = 0;
+  int found = 0;
+  int kind = 0;
+  const int flags = ASN1_get_object(&at, &length, &found, &kind, bytes->length);
+  // 0x80: not to be read; 1 besides the mark of what is built of others: no length given.
+  if ((flags & 0x80) != 0 || (flags & 1) != 0 || found != tag || kind != V_ASN1_UNIVERSAL) {
+    ERR_clear_error();
+    return false;
+  }
+  *inside = {at, length};
+  bytes->length -= static_cast<long>(at + length - bytes->at);
+  bytes->at = at + length;
+  return true;
+}
+
+// What a signature of this kind is about: a sequence of something and of
+// { { algorithm, ... }, digest }.
+SignedDigest DigestIn(const PKCS7* content) {
+  if (content == nullptr || content->d.other == nullptr ||
+      OBJ_cmp(content->type, Object(OBJ_txt2obj(kIndirectContent, 1)).get()) != 0 ||
+      content->d.other->type != V_ASN1_SEQUENCE) {
+    return {};
+  }
+  const ASN1_STRING* der = content->d.other->value.sequence;
+  Bytes whole{ASN1_STRING_get0_data(der), ASN1_STRING_length(der)};
+  Bytes parts{};
+  Bytes part{};
+  Bytes kind{};
+  Bytes digest{};
+  if (!TakeElement(&whole, V_ASN1_SEQUENCE, &parts) ||
+      !TakeElement(&parts, V_ASN1_SEQUENCE, &part) ||
+      !TakeElement(&parts, V_ASN1_SEQUENCE, &part) || !TakeElement(&part, V_ASN1_SEQUENCE, &kind)) {
+    return {};
+  }
+  const unsigned char* name = kind.at;
+  const Object algorithm(d2i_ASN1_OBJECT(nullptr, &name, kind.length));
+  ERR_clear_error();
+  if (!algorithm || !TakeElement(&part, V_ASN1_OCTET_STRING, &digest)) return {};
+  return {OBJ_obj2nid(algorithm.get()), {digest.at, digest.at + digest.length}};
+}
+
 void AddSignature(const unsigned char* der, size_t length, int depth, SignerNames* found);
 
 // NOLINTNEXTLINE(misc-no-recursion): as deep as kDeepestNesting allows.
@@ -94,6 +145,9 @@ void AddSignature(const unsigned char* der, size_t length, int depth, SignerName
   if (sk_X509_num(signature->d.sign->cert) > kMostCertificates) {
     AddFault("there are more than 512 certificates in a signature", &found->faults);
     return;
+  }
+  if (found->digests.size() < kMostSigners) {
+    found->digests.push_back(DigestIn(signature->d.sign->contents));
   }
   STACK_OF(PKCS7_SIGNER_INFO)* signers = PKCS7_get_signer_info(signature.get());
   if (sk_PKCS7_SIGNER_INFO_num(signers) <= 0) AddFault("a signature has no signer", &found->faults);

@@ -21,19 +21,21 @@ std::optional<size_t> Inventory::Find(const std::string& path) const {
   return entry->second;
 }
 
-void Inventory::StoreAnswer(size_t record, Answer answer) {
+void Inventory::StoreAnswer(size_t record, Answer answer,
+                            std::optional<CertificateFindings> findings) {
   const std::lock_guard<std::mutex> guard(lock_);
-  records_[record].answer = std::move(answer);
+  FileRecord& stored = records_[record];
+  stored.failure.reset();
+  stored.answer = std::move(answer);
+  if (findings) stored.certificates = std::move(*findings);
 }
 
 void Inventory::StoreFailure(size_t record, int pass, const FileFailure& failure) {
   const std::lock_guard<std::mutex> guard(lock_);
-  records_[record].failure = Failure{pass, failure.reason(), failure.what()};
-}
-
-void Inventory::StoreCertificateFaults(size_t record, std::vector<std::string> faults) {
-  const std::lock_guard<std::mutex> guard(lock_);
-  records_[record].certificateFaults = std::move(faults);
+  FileRecord& stored = records_[record];
+  stored.failure = Failure{pass, failure.reason(), failure.what()};
+  stored.answer.reset();
+  stored.certificates = {};
 }
 
 size_t Inventory::FileCount() const {

@@ -14,7 +14,7 @@
 
 namespace orvexscan {
 
-// Why there was none, in the last pass that failed; pass 0 is the gathering of files.
+// Why there was none in the last pass; pass 0 is the gathering of files.
 struct Failure {
   int pass;
   FailureReason reason;
@@ -28,7 +28,7 @@ struct FileRecord {
   uint32_t visits = 0;  ///< in each pass
   std::optional<Answer> answer;
   std::optional<Failure> failure;
-  std::vector<std::string> certificateFaults;
+  CertificateFindings certificates;
 
   /// Whether a pass has come to it.
   bool WasAsked() const { return answer.has_value() || failure.has_value(); }
@@ -54,9 +54,10 @@ class Inventory {
   std::optional<size_t> Find(const std::string& path) const;
   const std::string& PathOf(size_t record) const { return records_[record].path; }
 
-  void StoreAnswer(size_t record, Answer answer);
+  /// An answer takes the place of a failure, and the other way round: what is reported is
+  /// the last that is known. The findings of an earlier answer stay unless there are new ones.
+  void StoreAnswer(size_t record, Answer answer, std::optional<CertificateFindings> findings);
   void StoreFailure(size_t record, int pass, const FileFailure& failure);
-  void StoreCertificateFaults(size_t record, std::vector<std::string> faults);
 
   const std::vector<FileRecord>& records() const { return records_; }
   const std::vector<std::string>& notes() const { return notes_; }

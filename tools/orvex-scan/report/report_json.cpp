@@ -17,8 +17,11 @@ std::string HexOf(const std::array<uint8_t, kLength>& digest) {
 Json OptionsJson(const Options& options) {
   return {{"processes", options.processes},
           {"follow", options.followLinks},
+          {"oneFileSystem", options.oneFileSystem},
+          {"pseudo", options.pseudo},
           {"identity", NameOf(options.identity)},
           {"settleSeconds", options.settleSeconds},
+          {"timeLimitSeconds", options.timeLimitSeconds},
           {"threads", options.threads},
           {"passes", options.passes},
           {"capacity", options.capacity},
@@ -56,15 +59,25 @@ Json PassJson(const PassReport& pass) {
             {"evictions", engine.fileTypeWipeOuts}}}};
 }
 
+// In two numbers that fit into a double each. Nanoseconds count onwards, before 1970 too.
+Json TimeJson(uint64_t nanosecondsSince1970) {
+  constexpr int64_t kNsPerSecond = 1000000000;
+  const auto time = static_cast<int64_t>(nanosecondsSince1970);
+  const int64_t nanoseconds = (time % kNsPerSecond + kNsPerSecond) % kNsPerSecond;
+  return {{"seconds", (time - nanoseconds) / kNsPerSecond}, {"nanoseconds", nanoseconds}};
+}
+
 Json AnswerJson(const Answer& answer) {
-  return {{"size", answer.identity.size},
-          {"mtimeNs", answer.identity.mtimeNs},
+  return {{"settled", answer.settled},
+          {"size", answer.identity.size},
+          {"mtime", TimeJson(answer.identity.mtimeNs)},
+          {"ctime", TimeJson(answer.identity.ctimeNs)},
           {"device", answer.identity.device},
           {"inode", answer.identity.inode},
           {"md5", HexOf(answer.md5)},
           {"sha1", HexOf(answer.sha1)},
           {"sha256", HexOf(answer.sha256)},
-          {"signers", answer.signers},
+          {"unverifiedSigners", answer.signers},
           {"type",
            {{"major", answer.type.major},
             {"minor", answer.type.minor},
@@ -84,7 +97,11 @@ Json FileJson(const FileRecord& record) {
                        {"reason", NameOf(record.failure->reason)},
                        {"detail", record.failure->detail}};
   }
-  if (!record.certificateFaults.empty()) file["certificateFaults"] = record.certificateFaults;
+  const CertificateFindings& certificates = record.certificates;
+  if (certificates.signature != SignatureMatch::kNoSignature) {
+    file["signature"] = NameOf(certificates.signature);
+  }
+  if (!certificates.faults.empty()) file["certificateFaults"] = certificates.faults;
   return file;
 }
 

@@ -143,6 +143,7 @@ void PrintReport(const std::vector<PassReport>& passes, const Inventory& invento
   PrintPasses(passes, inventory, to);
   std::vector<std::vector<std::string>> failures;
   std::vector<std::vector<std::string>> malformed;
+  std::vector<std::vector<std::string>> mismatched;
   for (const FileRecord& record : inventory.records()) {
     const std::string path = Printable(record.path);
     if (record.failure) {
@@ -150,11 +151,16 @@ void PrintReport(const std::vector<PassReport>& passes, const Inventory& invento
       failures.push_back({failure.pass == 0 ? "walk" : fmt::format("pass {}", failure.pass),
                           NameOf(failure.reason), Printable(failure.detail), path});
     }
-    for (const std::string& fault : record.certificateFaults) {
+    if (record.certificates.signature == SignatureMatch::kDoesNotMatch) {
+      mismatched.push_back(
+          {Printable(fmt::format("{}", fmt::join(record.answer->signers, ", "))), path});
+    }
+    for (const std::string& fault : record.certificates.faults) {
       malformed.push_back({fault, path});
     }
   }
   PrintList("without an answer", {"IN", "REASON", "DETAIL", "PATH"}, failures, to);
+  PrintList("with a signature of another file", {"SIGNERS (UNVERIFIED)", "PATH"}, mismatched, to);
   PrintList("faults in certificate tables", {"FAULT", "PATH"}, malformed, to);
   if (!inventory.notes().empty() || !advice.empty()) fmt::print(to, "\n");
   for (const std::string& note : inventory.notes()) fmt::print(to, "{}.\n", note);

@@ -112,10 +112,11 @@ Identity TakeIdentity(std::string_view* line, IdentityMode mode) {
 
 std::string LineOf(const std::string& path, const SnapshotEntry& entry) {
   const Answer& answer = entry.answer;
-  return fmt::format("{}\t{}\t{}\t{}\t{}\t{}\t{}\t{}\t{}\n", ToHex(path),
+  return fmt::format("{}\t{}\t{}\t{}\t{}\t{}\t{}\t{}\t{}\t{}\n", ToHex(path),
                      IdentityText(answer.identity), ToHex(answer.md5), ToHex(answer.sha1),
                      ToHex(answer.sha256), answer.type.major, answer.type.minor,
-                     ListToHex(answer.signers), ListToHex(entry.certificateFaults));
+                     ListToHex(answer.signers), ListToHex(entry.certificates.faults),
+                     static_cast<int>(entry.certificates.signature));
 }
 
 SnapshotEntry TakeEntry(std::string_view* line, IdentityMode mode) {
@@ -128,7 +129,12 @@ SnapshotEntry TakeEntry(std::string_view* line, IdentityMode mode) {
   answer.type.major = TakeNumber<int32_t>(line);
   answer.type.minor = TakeNumber<int32_t>(line);
   answer.signers = ListFromHex(Take(line, kField), kMostSigners);
-  entry.certificateFaults = ListFromHex(Take(line, kField), std::numeric_limits<uint8_t>::max());
+  entry.certificates.faults = ListFromHex(Take(line, kField), std::numeric_limits<uint8_t>::max());
+  const int signature = TakeNumber<int>(line);
+  if (signature < 0 || signature > static_cast<int>(SignatureMatch::kDoesNotMatch)) {
+    throw Malformed();
+  }
+  entry.certificates.signature = static_cast<SignatureMatch>(signature);
   if (line->data() != nullptr) throw Malformed();
   return entry;
 }
@@ -204,7 +210,7 @@ void Snapshot::Update(const Inventory& inventory) {
   for (const FileRecord& record : inventory.records()) {
     if (entries_.size() == kMostSnapshotFiles) return;
     if (record.answer && record.answer->settled) {
-      entries_[record.path] = {*record.answer, record.certificateFaults};
+      entries_[record.path] = {*record.answer, record.certificates};
     }
   }
 }

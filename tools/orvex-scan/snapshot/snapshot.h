@@ -24,7 +24,7 @@ constexpr size_t kMostSnapshotBytes = 128 << 20;
 // One file's answer, settled when it was found.
 struct SnapshotEntry {
   Answer answer;
-  std::vector<std::string> certificateFaults;
+  CertificateFindings certificates;
 };
 
 // The answers by path.
