@@ -1,5 +1,6 @@
 // The tool as a user meets it: what it prints, writes and exits with.
 #include <doctest/doctest.h>
+#include <unistd.h>
 
 #include <cstdint>
 #include <filesystem>
@@ -246,6 +247,103 @@ TEST_CASE("a report that cannot be written is no success") {
     CHECK(run.exitCode == 1);
     CHECK(Contains(run.errors, "No space left on device"));
   }
+}
+
+TEST_CASE("threads that cannot be made are fewer threads and a note") {
+  const TemporaryDirectory directory;
+  for (int i = 0; i < 50; ++i) directory.Write("in/" + std::to_string(i), "x");
+  // A user of few processes: the superuser has no such limit.
+  const std::string user =
+      geteuid() == 0 ? "setpriv --reuid 54321 --regid 54321 --clear-groups " : "";
+  if (OutputOf("/", user + "test -x " ORVEX_SCAN " && echo done") != "done\n") {
+    MESSAGE("not tried: another user may not run the tool");
+    return;
+  }
+  std::filesystem::permissions(directory.path(), std::filesystem::perms(0755));
+  const auto report = nlohmann::json::parse(OutputOf(
+      directory.path(), user + "prlimit --nproc=3 " ORVEX_SCAN " --threads 20 --json - in"));
+  CHECK(report["passes"][1]["visits"] == 50);
+  REQUIRE(report["notes"].size() == 1);
+  const std::string note = report["notes"][0];
+  CHECK(Contains(note, " threads instead of 20: "));
+  CHECK(RunScan("/", "--threads 65 .").exitCode == 2);
+}
+
+TEST_CASE("one path that cannot be walked does not end the others") {
+  const TemporaryDirectory directory;
+  directory.Write("file", "x");
+  const ScanRun run =
+      RunScan(directory.path(), "--json - '' " + std::string(5000, 'x') + " missing file");
+  CHECK(run.exitCode == 1);
+  const nlohmann::json report = run.Json();
+  CHECK(report["files"].size() == 4);
+  CHECK(FileIn(report, "file")["answer"]["size"] == 1);
+  CHECK(FileIn(report, "")["failure"]["reason"] == "vanished");
+}
+
+TEST_CASE("a standard output that fails is no success and costs nothing else") {
+  const TemporaryDirectory directory;
+  directory.Write("in/file", "x");
+  for (const std::string output : {">/dev/full", ">&-", "2>&- >/dev/full", "| true"}) {
+    CAPTURE(output);
+    std::filesystem::remove(directory.PathOf("snapshot"));
+    std::filesystem::remove(directory.PathOf("report"));
+    // Enough to fill a pipe that nobody reads.
+    const std::string scan = ORVEX_SCAN
+        " --settle 0 --passes 1 --json report --snapshot snapshot "
+        "in $(seq 30000)";
+    CHECK(OutputOf(directory.path(), "{ " + scan + "; echo $? >code; } " + output) == "");
+    CHECK(OutputOf(directory.path(), "cat code") == "1\n");
+    const auto report = nlohmann::json::parse(OutputOf(directory.path(), "cat report"));
+    CHECK(FileIn(report, "in/file")["answer"]["size"] == 1);
+    CHECK(Contains(OutputOf(directory.path(), "cat snapshot"), "696e2f66696c65"));
+  }
+  // Nothing failed but the output.
+  CHECK(OutputOf(directory.path(), ORVEX_SCAN " in >&-; echo $?") == "1\n");
+  CHECK(OutputOf(directory.path(), ORVEX_SCAN " in 2>&- >/dev/null; echo $?") == "0\n");
+}
+
+TEST_CASE("an old JSON report survives until there is a new one, whole") {
+  const TemporaryDirectory directory;
+  directory.Write("in/file", "x");
+  directory.Write("report", "old");
+  std::filesystem::permissions(directory.PathOf("report"), std::filesystem::perms(0640));
+  // No file may grow beyond a block.
+  CHECK(OutputOf(directory.path(), "trap '' XFSZ; ulimit -f 1; " ORVEX_SCAN
+                                   " --json report in >table; echo $?") == "1\n");
+  CHECK(OutputOf(directory.path(), "cat report; ls") == "oldin\nreport\ntable\n");
+  CHECK(RunScan(directory.path(), "--json report in").exitCode == 0);
+  CHECK(OutputOf(directory.path(), "stat -c %a report") == "640\n");
+  std::filesystem::create_symlink("report", directory.PathOf("link"));
+  CHECK(RunScan(directory.path(), "--passes 1 --json link in").exitCode == 0);
+  CHECK(std::filesystem::is_symlink(directory.PathOf("link")));
+  CHECK(nlohmann::json::parse(OutputOf(directory.path(), "cat report"))["passes"].size() == 1);
+  CHECK(OutputOf(directory.path(),
+                 "umask 027; " ORVEX_SCAN " --json new in >table; stat -c %a new") == "640\n");
+}
+
+TEST_CASE("too little memory is a message and an exit code") {
+  const TemporaryDirectory directory;
+  directory.Write("file", "x");
+  int failures = 0;
+  for (int mebibytes = 16; mebibytes <= 256; mebibytes += 8) {
+    CAPTURE(mebibytes);
+    const ScanRun run = RunWithLimit(directory.path(), "-v " + std::to_string(mebibytes * 1024),
+                                     "--threads 4 --passes 1 file");
+    // 127: the loader itself lacked memory.
+    CHECK((run.exitCode == 0 || run.exitCode == 1 || run.exitCode == 127));
+    if (run.exitCode == 0) continue;
+    ++failures;
+    CHECK_FALSE((run.errors + run.output).empty());
+  }
+  CHECK(failures > 0);
+}
+
+TEST_CASE("a pipe in place of the engine's configuration does not hold the tool up") {
+  const TemporaryDirectory directory;
+  directory.Write("file", "x");
+  CHECK(OutputOf(directory.path(), "mkfifo orvexeng.ini && " ORVEX_SCAN " file >table; echo $?") ==
+        "0\n");
 }
 
 TEST_CASE("help and version exit with 0") {

@@ -50,9 +50,7 @@ bool AnyFailed(const Inventory& inventory) {
                      [](const FileRecord& record) { return record.failure.has_value(); });
 }
 
-void Tell(const std::exception& failure) {
-  fmt::print(stderr, "orvex-scan: {}\n", Printable(failure.what()));
-}
+void Tell(const std::exception& failure) { Say(Printable(failure.what())); }
 
 // Where everything goes, made sure of before the work begins.
 struct Destinations {

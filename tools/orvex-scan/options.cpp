@@ -12,7 +12,7 @@
 namespace orvexscan {
 namespace {
 
-constexpr int kMostThreads = 256;
+constexpr int kMostThreads = 64;
 constexpr int kMostSettleSeconds = 24 * 60 * 60;
 
 constexpr int kMostTimeLimitSeconds = 365 * 24 * 60 * 60;

@@ -37,6 +37,11 @@ ScanRun RunScan(const std::string& directory, const std::string& arguments) {
   return RunCommand(directory, ORVEX_SCAN " " + arguments);
 }
 
+ScanRun RunWithLimit(const std::string& directory, const std::string& limit,
+                     const std::string& arguments) {
+  return RunCommand(directory, "ulimit " + limit + " && " ORVEX_SCAN " " + arguments);
+}
+
 std::string OutputOf(const std::string& directory, const std::string& command) {
   return RunCommand(directory, command).output;
 }

@@ -16,6 +16,10 @@ struct ScanRun {
 /// Runs the tool with the arguments, words of a shell, in the directory.
 ScanRun RunScan(const std::string& directory, const std::string& arguments);
 
+/// The same under a limit, words of the shell's ulimit.
+ScanRun RunWithLimit(const std::string& directory, const std::string& limit,
+                     const std::string& arguments);
+
 /// The output of a shell command that is run in the directory.
 std::string OutputOf(const std::string& directory, const std::string& command);
 

@@ -1,15 +1,18 @@
 #include "ask/scan.h"
 
-#include <asio/post.hpp>
-#include <asio/thread_pool.hpp>
-#include <asio/use_future.hpp>
+#include <fmt/format.h>
+
 #include <atomic>
 #include <deque>
+#include <exception>
 #include <future>
+#include <system_error>
+#include <thread>
 #include <utility>
 
 #include "ask/asker.h"
 #include "file/interruption.h"
+#include "terminal/printable.h"
 
 namespace orvexscan {
 namespace {
@@ -46,20 +49,66 @@ class Worker {
   Progress* const progress_;
 };
 
-// Runs one pass and adds its report to *passes.
-void RunPass(std::deque<Worker>* workers, asio::thread_pool* pool,
-             std::vector<PassReport>* passes) {
+// As many workers as can be had, and one at least: each needs memory for its tables.
+void MakeWorkers(orvexeng::engine* engine, const ScanningRules& rules, Inventory* inventory,
+                 Progress* progress, std::deque<Worker>* workers) {
+  workers->emplace_back(engine, rules.reading, inventory, progress);
+  try {
+    for (int i = 1; i < rules.threads; ++i) {
+      workers->emplace_back(engine, rules.reading, inventory, progress);
+    }
+  } catch (const std::exception& failure) {
+    inventory->AddNote(fmt::format("{} workers instead of {}: {}", workers->size(), rules.threads,
+                                   Printable(failure.what())));
+  }
+}
+
+// Threads that are joined on every way out.
+class Threads {
+ public:
+  Threads() = default;
+  ~Threads() { Join(); }
+  Threads(const Threads&) = delete;
+  Threads& operator=(const Threads&) = delete;
+
+  template <typename Work>
+  void Start(Work work) {
+    threads_.emplace_back(std::move(work));
+  }
+  void Join() {
+    for (std::thread& thread : threads_) thread.join();
+    threads_.clear();
+  }
+
+ private:
+  std::vector<std::thread> threads_;
+};
+
+// Runs one pass and adds its report to *passes. Workers for which the system grants no
+// thread are let go, with a note.
+void RunPass(std::deque<Worker>* workers, Inventory* inventory, std::vector<PassReport>* passes) {
   const int number = static_cast<int>(passes->size()) + 1;
   PassMeasurement measurement;
   std::atomic<size_t> nextVisit{0};
   std::vector<std::future<Tally>> tallies;
-  for (Worker& worker : *workers) {
-    tallies.push_back(asio::post(*pool, asio::use_future([&worker, number, &nextVisit] {
-      return worker.Run(number, &nextVisit);
-    })));
+  Threads threads;
+  // The first one runs here: it needs no grant.
+  for (size_t i = 1; i < workers->size(); ++i) {
+    std::packaged_task<Tally()> task(
+        [worker = &(*workers)[i], number, &nextVisit] { return worker->Run(number, &nextVisit); });
+    std::future<Tally> tally = task.get_future();
+    try {
+      threads.Start(std::move(task));
+    } catch (const std::system_error& failure) {
+      inventory->AddNote(
+          fmt::format("{} threads instead of {}: {}", i, workers->size(), failure.what()));
+      while (workers->size() > i) workers->pop_back();
+      break;
+    }
+    tallies.push_back(std::move(tally));
   }
-  // All of them, before one that threw is asked: they share this function's variables.
-  for (const auto& tally : tallies) tally.wait();
+  measurement.Add(workers->front().Run(number, &nextVisit));
+  threads.Join();
   for (auto& tally : tallies) measurement.Add(tally.get());
   measurement.Finish(passes);
 }
@@ -69,18 +118,13 @@ void RunPass(std::deque<Worker>* workers, asio::thread_pool* pool,
 std::vector<PassReport> Scan(orvexeng::engine* engine, const ScanningRules& rules,
                              Inventory* inventory, Progress* progress) {
   std::deque<Worker> workers;
-  for (int i = 0; i < rules.threads; ++i) {
-    workers.emplace_back(engine, rules.reading, inventory, progress);
-  }
-  asio::thread_pool pool(static_cast<size_t>(rules.threads));
-
+  MakeWorkers(engine, rules, inventory, progress, &workers);
   std::vector<PassReport> passes;
   for (int number = 1; number <= rules.passes && (number == 1 || !Interrupted()); ++number) {
     progress->StartPass(number, rules.passes, inventory->visitCount());
-    RunPass(&workers, &pool, &passes);
+    RunPass(&workers, inventory, &passes);
     progress->EndPass();
   }
-  pool.join();
   return passes;
 }
 

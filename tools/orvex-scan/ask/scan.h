@@ -12,7 +12,7 @@ namespace orvexscan {
 
 struct ScanningRules {
   ReadingRules reading;
-  int threads;
+  int threads;  ///< at most: fewer, and a note, if the system grants no more
   int passes;
 };
 

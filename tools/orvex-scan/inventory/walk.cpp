@@ -100,7 +100,13 @@ void WalkOne(const std::string& path, const WalkRules& rules, Inventory* invento
 
 void Walk(const std::vector<std::string>& paths, const WalkRules& rules, Inventory* inventory) {
   std::vector<std::string> leftOut;
-  for (const std::string& path : paths) WalkOne(path, rules, inventory, &leftOut);
+  for (const std::string& path : paths) {
+    try {
+      WalkOne(path, rules, inventory, &leftOut);
+    } catch (const std::system_error& failure) {
+      inventory->AddFailure(path, FileFailure::OfSystem(failure.code().value(), "walk"));
+    }
+  }
   if (leftOut.empty()) return;
   inventory->AddNote(
       fmt::format("{} pseudo file systems are left out, {} first; --pseudo enters them",

@@ -11,4 +11,6 @@ void Finish(std::FILE* stream) {
   }
 }
 
+void Say(const std::string& text) { std::fputs(("orvex-scan: " + text + "\n").c_str(), stderr); }
+
 }  // namespace orvexscan

@@ -47,9 +47,10 @@ void Progress::Draw() {
   const double mebibytes = static_cast<double>(bytes_.load(std::memory_order_relaxed)) / (1 << 20);
   std::string bar(static_cast<size_t>(share * kBarWidth), '#');
   bar.resize(kBarWidth, '.');
-  fmt::print(stderr, "\rpass {}/{} [{}] {:3.0f}% {}/{} files {:.0f} MiB/s, {:.0f} s left\x1b[K",
-             pass_, passes_, bar, share * 100, done, total_, mebibytes / seconds,
-             seconds / share - seconds);
+  const std::string line = fmt::format(
+      "\rpass {}/{} [{}] {:3.0f}% {}/{} files {:.0f} MiB/s, {:.0f} s left\x1b[K", pass_, passes_,
+      bar, share * 100, done, total_, mebibytes / seconds, seconds / share - seconds);
+  std::fputs(line.c_str(), stderr);
 }
 
 }  // namespace orvexscan

@@ -81,7 +81,7 @@ void Watcher::Run(const Inventory& inventory, std::vector<PassReport>* passes) {
   bool ended = false;
   signals.async_wait([&ended](const std::error_code&, int) { ended = true; });
   events_.assign(Duplicate(watches_->descriptor()));
-  fmt::print(stderr, "orvex-scan: watching {} directories\n", watches_->count());
+  Say(fmt::format("watching {} directories", watches_->count()));
   while (!ended) {
     if (!listening_) Listen();
     // One file at a time, so that a signal between two of them is heard.
@@ -124,9 +124,8 @@ void Watcher::WatchName(const std::string& path) {
 void Watcher::TellLimit(bool full) {
   if (!full || limitTold_) return;
   limitTold_ = true;
-  fmt::print(stderr,
-             "orvex-scan: some directories are not watched: the limit is reached that the sysctl "
-             "fs.inotify.max_user_watches sets\n");
+  Say("some directories are not watched: the limit is reached that the sysctl "
+      "fs.inotify.max_user_watches sets");
 }
 
 void Watcher::Listen() {
