@@ -4,11 +4,13 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <sstream>
 #include <string>
 
 #include "harness/scan_run.h"
 #include "harness/signed_pe.h"
 #include "harness/temporary_directory.h"
+#include "terminal/progress.h"
 
 namespace {
 
@@ -178,9 +180,10 @@ TEST_CASE("the table has a column for each pass and every count") {
   CHECK(run.exitCode == 0);
   for (const char* part :
        {"PASS 1", "PASS 3", "files", "not kept, too young", "bytes read", "wall time",
-        "hash cache: full hits", "hash cache: partial hits", "hash cache: out of date",
-        "hash cache: misses", "hash cache: waits", "hash cache: callbacks", "hash cache: evictions",
-        "file type cache: evictions", "hashing saved"}) {
+        "time of workers: types", "hash cache: full hits", "hash cache: partial hits",
+        "hash cache: out of date", "hash cache: misses", "hash cache: waits",
+        "hash cache: callbacks", "hash cache: evictions", "file type cache: evictions",
+        "hashing saved"}) {
     CAPTURE(part);
     CHECK(Contains(run.output, part));
   }
@@ -204,6 +207,37 @@ TEST_CASE("a progress bar is drawn on a terminal and wiped at the end") {
   CHECK(Contains(drawn, "100% 1/1 files"));
   REQUIRE(drawn.size() > 4);
   CHECK(drawn.substr(drawn.size() - 4) == "\r\x1b[K");
+}
+
+TEST_CASE("progress fits any width and moves inside a large file, and not when quiet") {
+  CHECK(orvexscan::FitLine("0123456789", 80) == "0123456789");
+  CHECK(orvexscan::FitLine("0123456789", 5) == "0123");
+  CHECK(orvexscan::FitLine("0123456789", 0).empty());
+  const TemporaryDirectory directory;
+  directory.Write("in/file", "");
+  std::filesystem::resize_file(directory.PathOf("in/file"), uint64_t{2} << 30);
+  const std::string drawn = OutputOf(directory.path(), "script -qec 'stty cols 40; " ORVEX_SCAN
+                                                       " --passes 1 in >table' /dev/null");
+  CHECK(Contains(drawn, "\rpass 1/1 [#"));
+  size_t lines = 0;
+  for (size_t at = drawn.find("\rpass"); at != std::string::npos; ++lines) {
+    const size_t end = drawn.find("\x1b[K", at);
+    CHECK(end - at <= 40);
+    at = drawn.find("\rpass", end);
+  }
+  CHECK(lines > 2);  // though there is one file
+  CHECK(OutputOf(directory.path(),
+                 "script -qec '" ORVEX_SCAN " --passes 1 --quiet table >more' /dev/null") == "");
+}
+
+TEST_CASE("many passes are folded into several tables, each in 80 columns") {
+  const TemporaryDirectory directory;
+  directory.Write("in/file", "x");
+  const std::string table = RunScan(directory.path(), "--passes 12 in").output;
+  CHECK(Contains(table, "PASS 1 "));
+  CHECK(Contains(table, "PASS 12"));
+  std::istringstream lines(table);
+  for (std::string line; std::getline(lines, line);) CHECK(line.size() <= 80);
 }
 
 TEST_CASE("a command line that makes no sense exits with 2") {

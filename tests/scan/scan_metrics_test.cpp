@@ -73,7 +73,7 @@ ScanRun RunWithCounts(const TemporaryDirectory& directory, const std::string& fo
   for (int i = 0; i < 5; ++i) directory.Write("in/" + std::to_string(i), std::string(1000, 'x'));
   return RunScan(directory.path(),
                  "--settle 0 --threads 1 --capacity 3 --passes 3 --json report.json " +
-                     std::string("--metrics ") + format + " in /proc/self/mem");
+                     std::string("--metrics ") + format + " in missing /proc/self/mem");
 }
 
 const std::map<std::string, std::string> kPlaces = {
@@ -85,6 +85,10 @@ const std::map<std::string, std::string> kPlaces = {
     {"orvex_saved_bytes_total", "/bytesSaved"},
     {"orvex_wall_seconds_total", "/wallSeconds"},
     {"orvex_hashing_seconds_total", "/hashSeconds"},
+    {"orvex_part_seconds_total{part=\"reading\"}", "/partSeconds/reading"},
+    {"orvex_part_seconds_total{part=\"digests\"}", "/partSeconds/digests"},
+    {"orvex_part_seconds_total{part=\"types\"}", "/partSeconds/types"},
+    {"orvex_part_seconds_total{part=\"signers\"}", "/partSeconds/signers"},
     {"orvex_saved_seconds_total", "/savedSeconds"},
     {"orvex_cache_lookups_total{cache=\"hash\"}", "/hashCache/lookups"},
     {"orvex_cache_hits_total{cache=\"hash\"}", "/hashCache/hits"},
@@ -128,6 +132,11 @@ TEST_CASE("the figures for monitoring are the sums of those of the passes") {
   CHECK(all.samples.at("orvex_passes_total") == 3);
   CHECK(all.samples.at("orvex_files") == 6);
   CHECK(all.samples.at("orvex_failures_total") == 3);
+  CHECK(all.samples.at("orvex_walk_failures_total") == 1);
+  CHECK(all.samples.at("orvex_part_seconds_total{part=\"reading\"}") > 0);
+  CHECK(all.samples.at("orvex_part_seconds_total{part=\"digests\"}") > 0);
+  CHECK(all.samples.at("orvex_part_seconds_total{part=\"types\"}") > 0);
+  CHECK(all.samples.at("orvex_part_seconds_total{part=\"signers\"}") > 0);
   CHECK(all.samples.at("orvex_cache_evictions_total{cache=\"hash\"}") > 0);
   CHECK(all.samples.at("orvex_cache_lookups_total{cache=\"file_type\"}") ==
         Total(report, "/fileTypeCache/hits") + Total(report, "/fileTypeCache/outOfDate") +

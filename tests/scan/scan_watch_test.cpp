@@ -280,6 +280,46 @@ TEST_CASE("the final report has a column for the time of watching") {
   CHECK(report["passes"][2]["hashCache"]["misses"] >= 1);
 }
 
+TEST_CASE("JSON report and snapshot tell of the files as they were at the end of watching") {
+  const TemporaryDirectory directory;
+  directory.Write("in/changed", "x");
+  directory.Write("in/gone", "x");
+  WatchingScan scan(directory.path(),
+                    {"--settle", "0", "--json", "report.json", "--snapshot", "snapshot", "in"});
+  directory.Write("in/changed", "newer");
+  scan.Await("changed", "in/changed", Short("newer"));
+  directory.Write("in/new", "newest");
+  scan.Await("new", "in/new", Short("newest"));
+  fs::remove(directory.PathOf("in/gone"));
+  scan.Await("gone", "in/gone", "-");
+  CheckEnd(&scan);
+  const auto report = nlohmann::json::parse(OutputOf(directory.path(), "cat report.json"));
+  CHECK(report["files"].size() == 2);
+  CHECK(FileIn(report, "in/changed")["answer"]["size"] == 5);
+  CHECK(FileIn(report, "in/new")["answer"]["size"] == 6);
+  const auto next =
+      RunScan(directory.path(), "--json - --settle 0 --passes 1 --snapshot snapshot in").Json();
+  CHECK(next["passes"][0]["fromSnapshot"] == 2);
+}
+
+TEST_CASE("a file that is busy waits once, however often it is written") {
+  const TemporaryDirectory directory;
+  directory.Write("in/1", "x");
+  directory.Write("in/2", "x");
+  directory.Write("in/file", "x");
+  WatchingScan scan(directory.path(), {"--json", "report.json", "in"});
+  scan.Send(SIGSTOP);
+  scan.AwaitStop();
+  // Two in turn, as equal events that follow each other are one.
+  for (int i = 0; i < 2000; ++i) directory.Write(i % 2 == 0 ? "in/1" : "in/2", "newer");
+  directory.Write("in/file", "newer");
+  scan.Send(SIGCONT);
+  scan.Await("changed", "in/file", Short("newer"));
+  CheckEnd(&scan);
+  const auto report = nlohmann::json::parse(OutputOf(directory.path(), "cat report.json"));
+  CHECK(report["passes"][2]["visits"] < 200);
+}
+
 TEST_CASE("a file that cannot be read or is not complete yet is no change of what is known") {
   using orvexscan::ChangeKind;
   using orvexscan::FailureReason;

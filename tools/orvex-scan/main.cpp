@@ -85,7 +85,7 @@ int Work(const Options& options, Destinations* destinations) {
   Inventory inventory;
   Snapshot snapshot({options.identity, options.settleSeconds});
   if (!options.snapshot.empty()) ReadSnapshot(options.snapshot, &snapshot, &inventory);
-  const ReadingRules reading = ReadingRulesOf(options, &snapshot);
+  ReadingRules reading = ReadingRulesOf(options, &snapshot);
   const WalkRules walking{options.followLinks, options.oneFileSystem, options.pseudo};
   const auto watcher =
       options.watch ? std::make_unique<Watcher>(&engine, reading, options.paths, walking) : nullptr;
@@ -96,10 +96,14 @@ int Work(const Options& options, Destinations* destinations) {
   } else {
     Walk(options.paths, walking, &inventory);
   }
-  Progress progress(!options.verbose);
+  const size_t walkFailures = inventory.FailureCount();
+  Progress progress(!options.verbose && !options.quiet);
+  reading.onRead = [&progress](uint64_t bytes) { progress.AddBytes(bytes); };
   std::vector<PassReport> passes =
       Scan(&engine, {reading, options.threads, options.passes}, &inventory, &progress);
   const bool interrupted = Interrupted();
+  // What fails while watching is told at once, and no failure of the scan.
+  const bool failed = AnyFailed(inventory);
   const std::string advice =
       Advice({options.processes, options.threads, options.capacity}, inventory.FileCount(), passes);
 
@@ -113,7 +117,7 @@ int Work(const Options& options, Destinations* destinations) {
       Tell(failure);
     }
   };
-  if (watcher && !interrupted) attempt([&] { watcher->Run(inventory, &passes); });
+  if (watcher && !interrupted) attempt([&] { watcher->Run(&inventory, &passes); });
   const bool outputIsForPrograms = options.json == "-" || !options.metrics.empty();
   std::FILE* const table = outputIsForPrograms ? stderr : stdout;
   attempt([&] {
@@ -128,7 +132,7 @@ int Work(const Options& options, Destinations* destinations) {
   }
   if (!options.metrics.empty()) {
     attempt([&] {
-      const std::vector<Metric> metrics = MetricsOf(passes, inventory.FileCount());
+      const std::vector<Metric> metrics = MetricsOf(passes, inventory.FileCount(), walkFailures);
       PrintText(options.metrics == "json" ? JsonText(metrics) : PrometheusText(metrics));
     });
   }
@@ -139,7 +143,7 @@ int Work(const Options& options, Destinations* destinations) {
     });
   }
   if (interrupted) return kInterrupted;
-  return AnyFailed(inventory) || !allWritten ? kSomeFilesFailed : kAllFine;
+  return failed || !allWritten ? kSomeFilesFailed : kAllFine;
 }
 
 int Run(const Options& options) {

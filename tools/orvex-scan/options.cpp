@@ -77,6 +77,7 @@ void Describe(CLI::App* app, Options* options) {
   app->add_flag("--watch", options->watch,
                 "Then print each change of a file until interrupted or terminated");
   app->add_flag("--verbose", options->verbose, "Show the engine's log on standard error");
+  app->add_flag("--quiet", options->quiet, "Draw no progress on the terminal");
   app->footer(kExitCodes);
 }
 

@@ -32,6 +32,7 @@ struct Options {
   std::string metrics;                ///< "prometheus", "json" or empty
   bool watch = false;
   bool verbose = false;
+  bool quiet = false;
 };
 
 // Either options to run with, or the code to exit with at once: help, the version or

@@ -64,6 +64,11 @@ void Asker::Count(const Calculation& calculation, const Identity& identity) {
   if (!calculation.hashed()) tally_.bytesSaved += identity.size;
   tally_.bytesHashed += calculation.bytesHashed();
   tally_.hashTime += calculation.hashTime();
+  const PartTimes& parts = calculation.partTimes();
+  tally_.parts.reading += parts.reading;
+  tally_.parts.digests += parts.digests;
+  tally_.parts.type += parts.type;
+  tally_.parts.signers += parts.signers;
 }
 
 }  // namespace orvexscan

@@ -22,6 +22,7 @@ struct Tally {
   uint64_t bytesHashed = 0;
   uint64_t bytesSaved = 0;
   std::chrono::nanoseconds hashTime{0};
+  PartTimes parts;
 };
 
 // What came of it.
@@ -45,7 +46,7 @@ class Asker {
 
   /// What was counted since the last call.
   Tally TakeTally();
-  uint64_t bytesHashed() const { return tally_.bytesHashed; }
+  uint64_t bytesSaved() const { return tally_.bytesSaved; }
 
  private:
   Reply Query(const std::string& path);

@@ -13,6 +13,19 @@ namespace {
 
 constexpr size_t kBufferBytes = 256 << 10;
 
+// Adds the time that it lives to *sum.
+class Stopwatch {
+ public:
+  explicit Stopwatch(std::chrono::nanoseconds* sum) : sum_(sum) {}
+  ~Stopwatch() { *sum_ += std::chrono::steady_clock::now() - start_; }
+  Stopwatch(const Stopwatch&) = delete;
+  Stopwatch& operator=(const Stopwatch&) = delete;
+
+ private:
+  std::chrono::nanoseconds* const sum_;
+  const std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+};
+
 // All of a hash answer but the digests.
 void GiveTheRest(const metadata_input_s& in, const std::vector<std::string>& signers,
                  orvexeng::answer* out) {
@@ -75,8 +88,11 @@ void Calculation::Hash(const metadata_input_s& in, orvexeng::answer* out) {
         if (std::chrono::steady_clock::now() - start >= rules_.timeLimit) {
           throw FileFailure(FailureReason::kTime, "reading it took longer than --time-limit");
         }
+        const Stopwatch digesting(&partTimes_.digests);
         tools_->digests.Add(bytes, count);
+        if (rules_.onRead) rules_.onRead(count);
       });
+  partTimes_.reading = std::chrono::steady_clock::now() - start - partTimes_.digests;
   if (bytesHashed_ != identity_.size) settled_ = false;
   const std::vector<std::string> signers = FindSigners();
   // Before anything is stored: a failed callback leaves the answer as it was.
@@ -89,6 +105,7 @@ void Calculation::Hash(const metadata_input_s& in, orvexeng::answer* out) {
 }
 
 std::vector<std::string> Calculation::FindSigners() {
+  const Stopwatch findingSigners(&partTimes_.signers);
   PeCertificates certificates = ReadPeCertificates(&*file_);
   SignerNames signers;
   for (const auto& signature : certificates.signatures) AddSigners(signature, &signers);
@@ -113,6 +130,7 @@ void Calculation::FindFileType(const metadata_input_s& in, orvexeng::answer* out
 
 FileType Calculation::ReadFileType(const metadata_input_s& in) {
   FileReader& file = Open(in);
+  const Stopwatch findingType(&partTimes_.type);
   const FileType type = tools_->fileType.Read(file.descriptor());
   file.CheckUnchanged();
   return type;

@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -27,11 +28,20 @@ struct Tools {
   std::vector<unsigned char> buffer;
 };
 
+// Where the time of calculating goes.
+struct PartTimes {
+  std::chrono::nanoseconds reading{0};
+  std::chrono::nanoseconds digests{0};
+  std::chrono::nanoseconds type{0};
+  std::chrono::nanoseconds signers{0};
+};
+
 // How files are read.
 struct ReadingRules {
   bool followLinks;
   Settling settling;
   IdentityMode identity = IdentityMode::kCtime;
+  std::function<void(uint64_t bytes)> onRead = nullptr;  ///< told of each piece; may be empty
   const Snapshot* snapshot = nullptr;  ///< of earlier answers, asked before a file is read
   std::chrono::seconds timeLimit = std::chrono::hours(1);  ///< for the content of one file
 };
@@ -62,6 +72,7 @@ class Calculation {
   bool settled() const { return settled_; }
   uint64_t bytesHashed() const { return bytesHashed_; }
   std::chrono::nanoseconds hashTime() const { return hashTime_; }
+  const PartTimes& partTimes() const { return partTimes_; }
   /// Nothing unless the file was hashed or its answer came from the snapshot.
   const CertificateFindings& certificates() const { return certificates_; }
 
@@ -86,6 +97,7 @@ class Calculation {
   bool fromSnapshot_ = false;
   uint64_t bytesHashed_ = 0;
   std::chrono::nanoseconds hashTime_{0};
+  PartTimes partTimes_;
   CertificateFindings certificates_;
 };
 

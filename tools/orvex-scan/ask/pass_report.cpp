@@ -33,6 +33,10 @@ void PassMeasurement::Add(const Tally& tally) {
   report_.fromSnapshot += tally.fromSnapshot;
   report_.bytesHashed += tally.bytesHashed;
   report_.bytesSaved += tally.bytesSaved;
+  report_.readingSeconds += Seconds(tally.parts.reading).count();
+  report_.digestSeconds += Seconds(tally.parts.digests).count();
+  report_.typeSeconds += Seconds(tally.parts.type).count();
+  report_.signerSeconds += Seconds(tally.parts.signers).count();
   report_.hashSeconds += Seconds(tally.hashTime).count();
 }
 

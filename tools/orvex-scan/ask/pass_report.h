@@ -21,7 +21,12 @@ struct PassReport {
   uint64_t bytesHashed = 0;   ///< read for the digests
   uint64_t bytesSaved = 0;    ///< not read, as the digests came from the cache
   double wallSeconds = 0;
-  double hashSeconds = 0;    ///< summed over the workers
+  double hashSeconds = 0;  ///< summed over the workers
+  /// Of it, and of finding types, summed over the workers.
+  double readingSeconds = 0;
+  double digestSeconds = 0;
+  double typeSeconds = 0;
+  double signerSeconds = 0;
   double savedSeconds = 0;   ///< what hashing bytesSaved would have taken, at the rate measured
   orvex_metrics_s engine{};  ///< what the engine counted in this pass
 };

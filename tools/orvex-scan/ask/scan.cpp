@@ -31,7 +31,7 @@ class Worker {
       const size_t visit = nextVisit->fetch_add(1, std::memory_order_relaxed);
       if (visit >= inventory_->visitCount() || Interrupted()) return asker_.TakeTally();
       const size_t record = inventory_->RecordOfVisit(visit);
-      const uint64_t before = asker_.bytesHashed();
+      const uint64_t before = asker_.bytesSaved();
       try {
         Reply reply = asker_.Ask(inventory_->PathOf(record));
         inventory_->StoreAnswer(record, std::move(reply.answer), std::move(reply.certificates));
@@ -39,7 +39,7 @@ class Worker {
         if (failure.reason() == FailureReason::kInterrupted) return asker_.TakeTally();
         inventory_->StoreFailure(record, pass, failure);
       }
-      progress_->Step(asker_.bytesHashed() - before);
+      progress_->Step(asker_.bytesSaved() - before);
     }
   }
 
@@ -121,7 +121,7 @@ std::vector<PassReport> Scan(orvexeng::engine* engine, const ScanningRules& rule
   MakeWorkers(engine, rules, inventory, progress, &workers);
   std::vector<PassReport> passes;
   for (int number = 1; number <= rules.passes && (number == 1 || !Interrupted()); ++number) {
-    progress->StartPass(number, rules.passes, inventory->visitCount());
+    progress->StartPass(number, rules.passes, inventory->visitCount(), inventory->visitBytes());
     RunPass(&workers, inventory, &passes);
     progress->EndPass();
   }

@@ -5,7 +5,8 @@
 
 namespace orvexscan {
 
-void Inventory::AddVisit(const std::string& path) {
+void Inventory::AddVisit(const std::string& path, uint64_t size) {
+  visitBytes_ += size;
   const size_t record = RecordOf(path);
   ++records_[record].visits;
   visits_.push_back(record);
@@ -19,6 +20,20 @@ std::optional<size_t> Inventory::Find(const std::string& path) const {
   const auto entry = byPath_.find(path);
   if (entry == byPath_.end()) return std::nullopt;
   return entry->second;
+}
+
+size_t Inventory::Add(const std::string& path) {
+  const size_t record = RecordOf(path);
+  if (records_[record].visits == 0) records_[record].visits = 1;
+  return record;
+}
+
+void Inventory::Forget(size_t record) {
+  FileRecord& forgotten = records_[record];
+  forgotten.visits = 0;
+  forgotten.answer.reset();
+  forgotten.failure.reset();
+  forgotten.certificates = {};
 }
 
 void Inventory::StoreAnswer(size_t record, Answer answer,
@@ -42,6 +57,12 @@ size_t Inventory::FileCount() const {
   return static_cast<size_t>(
       std::count_if(records_.begin(), records_.end(),
                     [](const FileRecord& record) { return record.visits != 0; }));
+}
+
+size_t Inventory::FailureCount() const {
+  return static_cast<size_t>(
+      std::count_if(records_.begin(), records_.end(),
+                    [](const FileRecord& record) { return record.failure.has_value(); }));
 }
 
 size_t Inventory::RecordOf(const std::string& path) {

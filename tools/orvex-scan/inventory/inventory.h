@@ -32,6 +32,7 @@ struct FileRecord {
 
   /// Whether a pass has come to it.
   bool WasAsked() const { return answer.has_value() || failure.has_value(); }
+  bool IsForgotten() const { return visits == 0 && !WasAsked(); }
 };
 
 // Gathered first, then asked about from several threads, then reported.
@@ -42,7 +43,8 @@ struct FileRecord {
 class Inventory {
  public:
   /// Adds a visit of path at the end of the order; a path may be visited more than once.
-  void AddVisit(const std::string& path);
+  /// size is what the gathering saw of it.
+  void AddVisit(const std::string& path, uint64_t size = 0);
   /// Adds a file that cannot be visited at all.
   void AddFailure(const std::string& path, const FileFailure& failure);
   /// Adds something to tell about the gathering as a whole.
@@ -54,6 +56,10 @@ class Inventory {
   std::optional<size_t> Find(const std::string& path) const;
   const std::string& PathOf(size_t record) const { return records_[record].path; }
 
+  /// The record of a path that turned up after the gathering, or the one there is.
+  size_t Add(const std::string& path);
+  /// The file is no longer there, and no part of the report.
+  void Forget(size_t record);
   /// An answer takes the place of a failure, and the other way round: what is reported is
   /// the last that is known. The findings of an earlier answer stay unless there are new ones.
   void StoreAnswer(size_t record, Answer answer, std::optional<CertificateFindings> findings);
@@ -63,11 +69,15 @@ class Inventory {
   const std::vector<std::string>& notes() const { return notes_; }
   /// How many files are visited: those that could not even be gathered do not count.
   size_t FileCount() const;
+  size_t FailureCount() const;
+  /// What one pass over all visits is expected to read or to save.
+  uint64_t visitBytes() const { return visitBytes_; }
 
  private:
   size_t RecordOf(const std::string& path);
 
   std::vector<FileRecord> records_;
+  uint64_t visitBytes_ = 0;
   std::vector<size_t> visits_;  // each an index into records_
   std::map<std::string, size_t> byPath_;
   std::vector<std::string> notes_;

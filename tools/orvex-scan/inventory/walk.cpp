@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 #include <fts.h>
+#include <sys/stat.h>
 
 #include <cerrno>
 #include <cstring>
@@ -29,7 +30,7 @@ void Add(const FTSENT& entry, const WalkRules& rules, Inventory* inventory) {
   const bool given = entry.fts_level == FTS_ROOTLEVEL;
   switch (entry.fts_info) {
     case FTS_F:
-      inventory->AddVisit(entry.fts_path);
+      inventory->AddVisit(entry.fts_path, static_cast<uint64_t>(entry.fts_statp->st_size));
       break;
     case FTS_DNR:
     case FTS_ERR:

@@ -40,7 +40,8 @@ Metric OfBothCaches(const char* name, const char* help, int64_t hash, int64_t fi
   return {name, help, "counter", {{"cache", "hash", hash}, {"cache", "file_type", fileType}}};
 }
 
-void AddOfTool(const std::vector<PassReport>& passes, size_t files, std::vector<Metric>* metrics) {
+void AddOfTool(const std::vector<PassReport>& passes, size_t files, size_t walkFailures,
+               std::vector<Metric>* metrics) {
   const std::string version = passes.empty() ? ORVEX_VERSION : passes.front().engine.version;
   metrics->push_back({"orvex_engine_info",
                       "The engine's version, as a label.",
@@ -58,6 +59,7 @@ void AddOfTool(const std::vector<PassReport>& passes, size_t files, std::vector<
           Sum(passes, &PassReport::visits));
   counter("orvex_failures_total", "Times that a file had no answer.",
           Sum(passes, &PassReport::failed));
+  counter("orvex_walk_failures_total", "Paths that could not be gathered.", walkFailures);
   counter("orvex_unsettled_total", "Answers not kept, as the file was changed too recently.",
           Sum(passes, &PassReport::unsettled));
   counter("orvex_snapshot_answers_total", "Answers taken from the snapshot.",
@@ -70,6 +72,13 @@ void AddOfTool(const std::vector<PassReport>& passes, size_t files, std::vector<
           Sum(passes, &PassReport::wallSeconds));
   counter("orvex_hashing_seconds_total", "Time that workers spent on hashing.",
           Sum(passes, &PassReport::hashSeconds));
+  metrics->push_back({"orvex_part_seconds_total",
+                      "Time that workers spent on each part of an answer.",
+                      "counter",
+                      {{"part", "reading", Sum(passes, &PassReport::readingSeconds)},
+                       {"part", "digests", Sum(passes, &PassReport::digestSeconds)},
+                       {"part", "types", Sum(passes, &PassReport::typeSeconds)},
+                       {"part", "signers", Sum(passes, &PassReport::signerSeconds)}}});
   counter("orvex_saved_seconds_total", "Time that hashing the saved bytes would have taken.",
           Sum(passes, &PassReport::savedSeconds));
 }
@@ -119,9 +128,10 @@ std::string Escaped(const std::string& text) {
 
 }  // namespace
 
-std::vector<Metric> MetricsOf(const std::vector<PassReport>& passes, size_t files) {
+std::vector<Metric> MetricsOf(const std::vector<PassReport>& passes, size_t files,
+                              size_t walkFailures) {
   std::vector<Metric> metrics;
-  AddOfTool(passes, files, &metrics);
+  AddOfTool(passes, files, walkFailures, &metrics);
   AddOfEngine(passes, &metrics);
   return metrics;
 }

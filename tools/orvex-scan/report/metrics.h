@@ -24,8 +24,10 @@ struct Metric {
   std::vector<Sample> samples;
 };
 
-/// Everything that was counted, summed over all passes, about so many files.
-std::vector<Metric> MetricsOf(const std::vector<PassReport>& passes, size_t files);
+/// Everything that was counted, summed over all passes, about so many files; walkFailures
+/// could not even be gathered.
+std::vector<Metric> MetricsOf(const std::vector<PassReport>& passes, size_t files,
+                              size_t walkFailures);
 
 /// The text exposition format, version 0.0.4.
 std::string PrometheusText(const std::vector<Metric>& metrics);

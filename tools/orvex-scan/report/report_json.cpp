@@ -41,6 +41,11 @@ Json PassJson(const PassReport& pass) {
           {"bytesSaved", pass.bytesSaved},
           {"wallSeconds", pass.wallSeconds},
           {"hashSeconds", pass.hashSeconds},
+          {"partSeconds",
+           {{"reading", pass.readingSeconds},
+            {"digests", pass.digestSeconds},
+            {"types", pass.typeSeconds},
+            {"signers", pass.signerSeconds}}},
           {"savedSeconds", pass.savedSeconds},
           {"hashCache",
            {{"lookups", engine.cacheQuery},
@@ -118,7 +123,9 @@ std::string JsonReport(const Options& options, const std::vector<PassReport>& pa
   report["passes"] = Json::array();
   for (const PassReport& pass : passes) report["passes"].push_back(PassJson(pass));
   report["files"] = Json::array();
-  for (const FileRecord& record : inventory.records()) report["files"].push_back(FileJson(record));
+  for (const FileRecord& record : inventory.records()) {
+    if (!record.IsForgotten()) report["files"].push_back(FileJson(record));
+  }
   return report.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
 }
 

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 #include <libsmartcols/libsmartcols.h>
 
+#include <algorithm>
 #include <functional>
 #include <initializer_list>
 #include <memory>
@@ -73,6 +74,11 @@ Row Counter(const char* name, int64_t orvex_metrics_s::*counter) {
           [counter](const PassReport& pass) { return fmt::format("{}", pass.engine.*counter); }};
 }
 
+Row Time(const char* name, double PassReport::*seconds) {
+  return {name,
+          [seconds](const PassReport& pass) { return fmt::format("{:.3f} s", pass.*seconds); }};
+}
+
 std::vector<Row> Rows(const Inventory& inventory) {
   const size_t files = inventory.FileCount();
   using Metrics = orvex_metrics_s;
@@ -85,8 +91,11 @@ std::vector<Row> Rows(const Inventory& inventory) {
       {"answered from the snapshot",
        [](const PassReport& pass) { return fmt::format("{}", pass.fromSnapshot); }},
       {"bytes read", [](const PassReport& pass) { return Bytes(pass.bytesHashed); }},
-      {"wall time",
-       [](const PassReport& pass) { return fmt::format("{:.3f} s", pass.wallSeconds); }},
+      Time("wall time", &PassReport::wallSeconds),
+      Time("time of workers: reading", &PassReport::readingSeconds),
+      Time("time of workers: digests", &PassReport::digestSeconds),
+      Time("time of workers: types", &PassReport::typeSeconds),
+      Time("time of workers: signers", &PassReport::signerSeconds),
       Counter("hash cache: full hits", &Metrics::cacheHit),
       Counter("hash cache: partial hits", &Metrics::cachePartialHit),
       Counter("hash cache: out of date", &Metrics::cacheOutOfDate),
@@ -104,23 +113,30 @@ std::vector<Row> Rows(const Inventory& inventory) {
        [](const PassReport& pass) {
          return Share(pass.bytesSaved, pass.bytesSaved + pass.bytesHashed);
        }},
-      {"hashing saved, time of workers",
-       [](const PassReport& pass) { return fmt::format("{:.3f} s", pass.savedSeconds); }},
+      Time("hashing saved, time of workers", &PassReport::savedSeconds),
   };
 }
 
+// So many at a time that the lines fit into 80 columns.
 void PrintPasses(const std::vector<PassReport>& passes, const Inventory& inventory, std::FILE* to) {
-  Table table;
-  table.AddColumn("", 0);
-  for (const PassReport& pass : passes) {
-    table.AddColumn(pass.watching ? "WATCH" : fmt::format("PASS {}", pass.number), SCOLS_FL_RIGHT);
+  constexpr size_t kPassesInARow = 4;
+  const std::vector<Row> rows = Rows(inventory);
+  for (size_t from = 0; from < passes.size(); from += kPassesInARow) {
+    const size_t end = std::min(from + kPassesInARow, passes.size());
+    if (from != 0) fmt::print(to, "\n");
+    Table table;
+    table.AddColumn("", 0);
+    for (size_t i = from; i < end; ++i) {
+      table.AddColumn(passes[i].watching ? "WATCH" : fmt::format("PASS {}", passes[i].number),
+                      SCOLS_FL_RIGHT);
+    }
+    for (const Row& row : rows) {
+      std::vector<std::string> cells{row.name};
+      for (size_t i = from; i < end; ++i) cells.push_back(row.cell(passes[i]));
+      table.AddLine(cells);
+    }
+    table.Print(to);
   }
-  for (const Row& row : Rows(inventory)) {
-    std::vector<std::string> cells{row.name};
-    for (const PassReport& pass : passes) cells.push_back(row.cell(pass));
-    table.AddLine(cells);
-  }
-  table.Print(to);
 }
 
 void PrintList(const char* title, std::initializer_list<const char*> columns,

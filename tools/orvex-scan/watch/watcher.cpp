@@ -10,7 +10,9 @@
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
+#include <optional>
 #include <system_error>
+#include <utility>
 
 #include "file/file_failure.h"
 #include "terminal/output.h"
@@ -74,8 +76,10 @@ Watcher::Watcher(orvexeng::engine* engine, const ReadingRules& reading,
 
 void Watcher::Gather(Inventory* inventory) { Gather(paths_, inventory); }
 
-void Watcher::Run(const Inventory& inventory, std::vector<PassReport>* passes) {
-  known_ = std::make_unique<KnownFiles>(inventory);
+void Watcher::Run(Inventory* inventory, std::vector<PassReport>* passes) {
+  known_ = std::make_unique<KnownFiles>(*inventory);
+  inventory_ = inventory;
+  pass_ = static_cast<int>(passes->size()) + 1;
   PassMeasurement measurement;
   asio::signal_set signals(context_, SIGINT, SIGTERM);
   bool ended = false;
@@ -141,7 +145,7 @@ void Watcher::Listen() {
 void Watcher::Follow(const Hint& hint) {
   switch (hint.kind) {
     case Hint::Kind::kFile:
-      waiting_.push_back(hint.path);
+      Enqueue(hint.path);
       break;
     case Hint::Kind::kDirectoryCame:
       LookThrough({hint.path});
@@ -160,7 +164,7 @@ void Watcher::LookThrough(const std::vector<std::string>& paths) {
   Inventory found;
   Gather(paths, &found);
   for (const FileRecord& record : found.records()) {
-    if (record.visits != 0) waiting_.push_back(record.path);
+    if (record.visits != 0) Enqueue(record.path);
     if (record.failure) {
       const FileFailure failure(record.failure->reason, record.failure->detail);
       Print(record.path, known_->Learn(record.path, failure));
@@ -169,8 +173,7 @@ void Watcher::LookThrough(const std::vector<std::string>& paths) {
 }
 
 void Watcher::AskAllStartingWith(const std::string& prefix) {
-  const std::vector<std::string> paths = known_->StartingWith(prefix);
-  waiting_.insert(waiting_.end(), paths.begin(), paths.end());
+  for (const std::string& path : known_->StartingWith(prefix)) Enqueue(path);
 }
 
 // With another inotify instance: which directories the hints of this one would be of is
@@ -183,16 +186,33 @@ void Watcher::StartAnew() {
   LookThrough(paths_);
 }
 
+void Watcher::Enqueue(const std::string& path) {
+  if (isWaiting_.insert(path).second) waiting_.push_back(path);
+}
+
 void Watcher::LookAtNext() {
   const std::string path = waiting_.front();
   waiting_.pop_front();
-  Change change;
+  isWaiting_.erase(path);
+  Print(path, LookAt(path));
+}
+
+Change Watcher::LookAt(const std::string& path) {
   try {
-    change = known_->Learn(path, asker_.Ask(path).answer);
+    Reply reply = asker_.Ask(path);
+    const Change change = known_->Learn(path, reply.answer);
+    inventory_->StoreAnswer(inventory_->Add(path), std::move(reply.answer),
+                            std::move(reply.certificates));
+    return change;
   } catch (const FileFailure& failure) {
-    change = known_->Learn(path, failure);
+    Change change = known_->Learn(path, failure);
+    const std::optional<size_t> record = inventory_->Find(path);
+    if (record && change.kind == ChangeKind::kGone) inventory_->Forget(*record);
+    if (record && change.kind == ChangeKind::kFailed) {
+      inventory_->StoreFailure(*record, pass_, failure);
+    }
+    return change;
   }
-  Print(path, change);
 }
 
 }  // namespace orvexscan

@@ -5,6 +5,7 @@
 #include <asio/posix/stream_descriptor.hpp>
 #include <deque>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -31,9 +32,10 @@ class Watcher {
   /// Gathers the files as a walk does. What changes from now on will be told.
   void Gather(Inventory* inventory);
 
-  /// Prints a line for each change of what *inventory holds until the process is
+  /// Prints a line for each change of what *inventory holds, and keeps it up to date, until
+  /// the process is
   /// interrupted or terminated, and adds to *passes what that took.
-  void Run(const Inventory& inventory, std::vector<PassReport>* passes);
+  void Run(Inventory* inventory, std::vector<PassReport>* passes);
 
  private:
   void Gather(const std::vector<std::string>& paths, Inventory* inventory);
@@ -45,7 +47,9 @@ class Watcher {
   void LookThrough(const std::vector<std::string>& paths);
   void AskAllStartingWith(const std::string& prefix);
   void StartAnew();
+  void Enqueue(const std::string& path);
   void LookAtNext();
+  Change LookAt(const std::string& path);
 
   const std::vector<std::string> paths_;
   WalkRules walking_;
@@ -55,7 +59,11 @@ class Watcher {
   asio::posix::stream_descriptor events_;  // a duplicate of the watches' descriptor
   std::unique_ptr<DirectoryWatches> watches_;
   std::unique_ptr<KnownFiles> known_;
-  std::deque<std::string> waiting_;  // to be asked about
+  // To be asked about, oldest first and each once: a busy file must not keep others waiting.
+  std::deque<std::string> waiting_;
+  std::set<std::string> isWaiting_;
+  Inventory* inventory_ = nullptr;  // while running
+  int pass_ = 0;
   Asker asker_;
 };
 
