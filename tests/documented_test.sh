@@ -97,6 +97,9 @@ if [ -n "$scan" ]; then
   sed -n 's/^  \(-[^ ]*\).*/\1/p' "$directory/help" | tr ',' '\n' | there
   awk '/^\.It Fl / { for (i = 2; i < NF; ++i) if ($i == "Fl") print "-" $(i + 1) }' "$tool" | told
   same 'options of orvex-scan'
+  bash -c '. "$1"; COMP_WORDS=(orvex-scan -); COMP_CWORD=1; _orvex_scan
+    printf "%s\n" "${COMPREPLY[@]}"' - "$sources/tools/orvex-scan/orvex-scan.bash" | told
+  same 'options that bash completes'
 
   sed -n '/"properties": {/!s/^ *"\([A-Za-z0-9]*\)": {.*/\1/p' "$sources/docs/orvex-scan.schema.json" |
     grep -vxE 'definitions|items' | sort -u | there

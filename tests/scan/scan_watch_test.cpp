@@ -302,6 +302,20 @@ TEST_CASE("JSON report and snapshot tell of the files as they were at the end of
   CHECK(next["passes"][0]["fromSnapshot"] == 2);
 }
 
+TEST_CASE("changes come as JSON Lines, too") {
+  const TemporaryDirectory directory;
+  directory.Write("in/file", "x");
+  WatchingScan scan(directory.path(), {"--format", "jsonl", "--quiet", "--passes", "1", "in"});
+  CHECK(nlohmann::json::parse(scan.NextLine())["path"] == "in/file");
+  directory.Write("in/file", "newer");
+  const auto change = nlohmann::json::parse(scan.NextLine());
+  CHECK(change["change"] == "changed");
+  CHECK(change["path"] == "in/file");
+  CHECK(change["before"] == Short("x"));
+  CHECK(change["after"] == Short("newer"));
+  CheckEnd(&scan);
+}
+
 TEST_CASE("a file that is busy waits once, however often it is written") {
   const TemporaryDirectory directory;
   directory.Write("in/1", "x");

@@ -5,14 +5,19 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <clocale>
 #include <csignal>
 #include <cstdio>
 #include <exception>
+#include <fstream>
+#include <functional>
+#include <iostream>
 #include <memory>
 #include <new>
 #include <optional>
+#include <system_error>
 
 #include "ask/engine_log.h"
 #include "ask/scan.h"
@@ -24,6 +29,7 @@
 #include "options.h"
 #include "orvexeng.hpp"
 #include "report/advice.h"
+#include "report/file_lines.h"
 #include "report/metrics.h"
 #include "report/report_file.h"
 #include "report/report_json.h"
@@ -43,6 +49,22 @@ ReadingRules ReadingRulesOf(const Options& options, const Snapshot* snapshot) {
   rules.snapshot = snapshot;
   rules.timeLimit = std::chrono::seconds(options.timeLimitSeconds);
   return rules;
+}
+
+WalkRules WalkRulesOf(const Options& options) {
+  WalkRules rules{options.followLinks, options.oneFileSystem, options.pseudo};
+  rules.exclude = options.exclude;
+  rules.maxSize = options.maxSize;
+  return rules;
+}
+
+// Each ended by a NUL, as find -print0 prints them; the last one may lack it.
+void AddPathsFrom(const std::string& file, std::vector<std::string>* paths) {
+  std::ifstream named;
+  if (file != "-") named.open(file);
+  std::istream& input = file == "-" ? std::cin : named;
+  if (!input) throw std::system_error(errno, std::generic_category(), file);
+  for (std::string path; std::getline(input, path, '\0');) paths->push_back(path);
 }
 
 bool AnyFailed(const Inventory& inventory) {
@@ -75,6 +97,26 @@ void PrintText(const std::string& text) {
   Finish(stdout);
 }
 
+// JSON Lines are printed as the files are done. A failure to is found at the end.
+std::function<void(const FileRecord&)> LinePrinter(const Options& options) {
+  if (options.format != "jsonl") return nullptr;
+  return [](const FileRecord& record) {
+    const std::string line = FileJsonLine(record);
+    std::fwrite(line.data(), 1, line.size(), stdout);
+    std::fflush(stdout);
+  };
+}
+
+void PrintLines(const Options& options, const Inventory& inventory) {
+  if (options.format == "csv") fmt::print("{}", CsvHeader());
+  for (const FileRecord& record : inventory.records()) {
+    if (options.format == "csv") fmt::print("{}", CsvLine(record));
+    if (options.format == "sha256sum") fmt::print("{}", Sha256sumLine(record));
+    if (options.format == "jsonl" && record.visits == 0) fmt::print("{}", FileJsonLine(record));
+  }
+  Finish(stdout);
+}
+
 int Work(const Options& options, Destinations* destinations) {
   TakeEngineLog(options.verbose);
   orvexeng::engine engine;
@@ -86,9 +128,10 @@ int Work(const Options& options, Destinations* destinations) {
   Snapshot snapshot({options.identity, options.settleSeconds});
   if (!options.snapshot.empty()) ReadSnapshot(options.snapshot, &snapshot, &inventory);
   ReadingRules reading = ReadingRulesOf(options, &snapshot);
-  const WalkRules walking{options.followLinks, options.oneFileSystem, options.pseudo};
-  const auto watcher =
-      options.watch ? std::make_unique<Watcher>(&engine, reading, options.paths, walking) : nullptr;
+  const WalkRules walking = WalkRulesOf(options);
+  const auto watcher = options.watch ? std::make_unique<Watcher>(&engine, reading, options.paths,
+                                                                 walking, options.format == "jsonl")
+                                     : nullptr;
   if (watcher) {
     watcher->Gather(&inventory);
   } else if (options.processes) {
@@ -100,7 +143,8 @@ int Work(const Options& options, Destinations* destinations) {
   Progress progress(!options.verbose && !options.quiet);
   reading.onRead = [&progress](uint64_t bytes) { progress.AddBytes(bytes); };
   std::vector<PassReport> passes =
-      Scan(&engine, {reading, options.threads, options.passes}, &inventory, &progress);
+      Scan(&engine, {reading, LinePrinter(options), options.threads, options.passes}, &inventory,
+           &progress);
   const bool interrupted = Interrupted();
   // What fails while watching is told at once, and no failure of the scan.
   const bool failed = AnyFailed(inventory);
@@ -118,17 +162,25 @@ int Work(const Options& options, Destinations* destinations) {
     }
   };
   if (watcher && !interrupted) attempt([&] { watcher->Run(&inventory, &passes); });
-  const bool outputIsForPrograms = options.json == "-" || !options.metrics.empty();
+  const bool jsonToOutput = options.json == "-" || options.format == "json";
+  const bool outputIsForPrograms =
+      jsonToOutput || options.format != "table" || !options.metrics.empty();
   std::FILE* const table = outputIsForPrograms ? stderr : stdout;
-  attempt([&] {
-    PrintReport(passes, inventory, advice, table);
-    Finish(table);
-  });
-  if (!options.json.empty()) {
+  if (!outputIsForPrograms || !options.quiet) {
+    attempt([&] {
+      PrintReport(passes, inventory, advice, table);
+      Finish(table);
+    });
+  }
+  if (jsonToOutput || destinations->json) {
     attempt([&] {
       const std::string report = JsonReport(options, passes, inventory, advice);
-      destinations->json ? destinations->json->Write(report) : PrintText(report);
+      if (destinations->json) destinations->json->Write(report);
+      if (jsonToOutput) PrintText(report);
     });
+  }
+  if (options.format != "table" && options.format != "json") {
+    attempt([&] { PrintLines(options, inventory); });
   }
   if (!options.metrics.empty()) {
     attempt([&] {
@@ -146,9 +198,10 @@ int Work(const Options& options, Destinations* destinations) {
   return failed || !allWritten ? kSomeFilesFailed : kAllFine;
 }
 
-int Run(const Options& options) {
+int Run(Options options) {
   std::optional<Destinations> destinations;
   try {
+    if (!options.files0From.empty()) AddPathsFrom(options.files0From, &options.paths);
     destinations.emplace(options);
   } catch (const std::exception& failure) {
     Tell(failure);

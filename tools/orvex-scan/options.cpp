@@ -44,6 +44,16 @@ void Describe(CLI::App* app, Options* options) {
                 "Do not enter other mounted file systems");
   app->add_flag("--pseudo", options->pseudo,
                 "Enter file systems like /proc and /sys, whose files are made up on reading");
+  app->add_option("--exclude", options->exclude,
+                  "Leave out what has such a name or path, as the shell matches; may be repeated")
+      ->type_name("PATTERN")
+      ->allow_extra_args(false);
+  app->add_option("--max-size", options->maxSize, "Leave out files of more bytes than this")
+      ->type_name("BYTES");
+  app->add_option("--files0-from", options->files0From,
+                  "Take more paths from this file, each ended by a NUL; - for standard input")
+      ->type_name("FILE")
+      ->excludes("--processes");
   app->add_option("--identity", options->identity,
                   "What tells a changed file: mtime, ctime as well, or all there is (strict)")
       ->transform(CLI::CheckedTransformer(IdentityModes()))
@@ -70,6 +80,10 @@ void Describe(CLI::App* app, Options* options) {
       ->type_name("FILE");
   app->add_option("--json", options->json, "Write everything to this file; - for standard output")
       ->type_name("FILE");
+  app->add_option("--format", options->format,
+                  "What to print: table, json, jsonl, sha256sum (for sha256sum -c) or csv")
+      ->check(CLI::IsMember({"table", "json", "jsonl", "sha256sum", "csv"}))
+      ->option_text("FORMAT [table]");
   app->add_option("--metrics", options->metrics,
                   "Print the figures for monitoring instead of the table: prometheus or json")
       ->check(CLI::IsMember({"prometheus", "json"}))
@@ -77,20 +91,24 @@ void Describe(CLI::App* app, Options* options) {
   app->add_flag("--watch", options->watch,
                 "Then print each change of a file until interrupted or terminated");
   app->add_flag("--verbose", options->verbose, "Show the engine's log on standard error");
-  app->add_flag("--quiet", options->quiet, "Draw no progress on the terminal");
+  app->add_flag("--quiet", options->quiet,
+                "Draw no progress, and print no table on standard error");
   app->footer(kExitCodes);
 }
 
 // What CLI11 has no words for.
 void Check(const Options& options) {
-  if (options.paths.empty() && !options.processes) {
-    throw CLI::RequiredError("PATH or --processes");
+  if (options.paths.empty() && options.files0From.empty() && !options.processes) {
+    throw CLI::RequiredError("PATH, --files0-from or --processes");
   }
+  // JSON Lines go on while watching.
+  const bool otherFormat =
+      options.format != "table" && !(options.format == "jsonl" && options.watch);
   const std::initializer_list<bool> printing = {options.json == "-", !options.metrics.empty(),
-                                                options.watch};
+                                                options.watch, otherFormat};
   if (std::count(printing.begin(), printing.end(), true) > 1) {
-    throw CLI::ValidationError("standard output",
-                               "has room for only one of --json -, --metrics and --watch");
+    throw CLI::ValidationError(
+        "standard output", "has room for only one of --json -, --format, --metrics and --watch");
   }
   if (options.watch && options.processes) throw CLI::ExcludesError("--watch", "--processes");
 }

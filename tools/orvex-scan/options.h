@@ -1,6 +1,7 @@
 // What the command line asks for.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -21,6 +22,9 @@ struct Options {
   bool followLinks = false;
   bool oneFileSystem = false;
   bool pseudo = false;
+  std::vector<std::string> exclude;  ///< patterns of names and paths
+  uint64_t maxSize = UINT64_MAX;     ///< of a file, in bytes
+  std::string files0From;            ///< a file of more paths, "-" for standard input, or empty
   IdentityMode identity = IdentityMode::kCtime;
   int settleSeconds = 2;
   int timeLimitSeconds = 3600;
@@ -29,6 +33,7 @@ struct Options {
   int capacity = ORVEX_MAX_CAPACITY;  ///< of each cache, in entries
   std::string snapshot;               ///< a file to start with and to leave behind, or empty
   std::string json;                   ///< a file to write, "-" for standard output, or empty
+  std::string format = "table";       ///< of standard output: table, json, jsonl, sha256sum, csv
   std::string metrics;                ///< "prometheus", "json" or empty
   bool watch = false;
   bool verbose = false;

@@ -62,10 +62,14 @@ WatchingScan::~WatchingScan() {
   waitpid(process_, nullptr, 0);
 }
 
-ChangeLine WatchingScan::Next() {
+std::string WatchingScan::NextLine() {
   std::string line;
   if (!ReadLine(output_.get(), &line)) throw std::runtime_error("no more changes");
-  std::istringstream fields(line);
+  return line;
+}
+
+ChangeLine WatchingScan::Next() {
+  std::istringstream fields(NextLine());
   ChangeLine change;
   std::getline(fields, change.time, '\t');
   std::getline(fields, change.what, '\t');

@@ -33,6 +33,8 @@ class WatchingScan {
 
   /// All lines on standard error up to the one that says it is watching, that one too.
   const std::string& greeting() const { return greeting_; }
+  /// The next line; throws if there is none any more.
+  std::string NextLine();
   /// The next change; throws if the tool says none any more.
   ChangeLine Next();
   /// Reads changes up to one that is what of the path, whose digests end like that.

@@ -22,9 +22,9 @@ namespace {
 // Threads: each has its own; they share the next visit, the inventory and the progress.
 class Worker {
  public:
-  Worker(orvexeng::engine* engine, const ReadingRules& rules, Inventory* inventory,
+  Worker(orvexeng::engine* engine, const ScanningRules& rules, Inventory* inventory,
          Progress* progress)
-      : asker_(engine, rules), inventory_(inventory), progress_(progress) {}
+      : rules_(rules), asker_(engine, rules.reading), inventory_(inventory), progress_(progress) {}
 
   Tally Run(int pass, std::atomic<size_t>* nextVisit) {
     for (;;) {
@@ -34,16 +34,33 @@ class Worker {
       const uint64_t before = asker_.bytesSaved();
       try {
         Reply reply = asker_.Ask(inventory_->PathOf(record));
+        if (rules_.onFile && reply.certificates) Tell(record, reply);
         inventory_->StoreAnswer(record, std::move(reply.answer), std::move(reply.certificates));
       } catch (const FileFailure& failure) {
         if (failure.reason() == FailureReason::kInterrupted) return asker_.TakeTally();
         inventory_->StoreFailure(record, pass, failure);
+        if (rules_.onFile) Tell(record, pass, failure);
       }
       progress_->Step(asker_.bytesSaved() - before);
     }
   }
 
  private:
+  void Tell(size_t record, const Reply& reply) const {
+    FileRecord told(inventory_->PathOf(record));
+    told.visits = 1;
+    told.answer = reply.answer;
+    told.certificates = *reply.certificates;
+    rules_.onFile(told);
+  }
+  void Tell(size_t record, int pass, const FileFailure& failure) const {
+    FileRecord told(inventory_->PathOf(record));
+    told.visits = 1;
+    told.failure = Failure{pass, failure.reason(), failure.what()};
+    rules_.onFile(told);
+  }
+
+  const ScanningRules& rules_;
   Asker asker_;
   Inventory* const inventory_;
   Progress* const progress_;
@@ -52,10 +69,10 @@ class Worker {
 // As many workers as can be had, and one at least: each needs memory for its tables.
 void MakeWorkers(orvexeng::engine* engine, const ScanningRules& rules, Inventory* inventory,
                  Progress* progress, std::deque<Worker>* workers) {
-  workers->emplace_back(engine, rules.reading, inventory, progress);
+  workers->emplace_back(engine, rules, inventory, progress);
   try {
     for (int i = 1; i < rules.threads; ++i) {
-      workers->emplace_back(engine, rules.reading, inventory, progress);
+      workers->emplace_back(engine, rules, inventory, progress);
     }
   } catch (const std::exception& failure) {
     inventory->AddNote(fmt::format("{} workers instead of {}: {}", workers->size(), rules.threads,

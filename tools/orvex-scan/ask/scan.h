@@ -1,6 +1,7 @@
 // Asks the engine about every file, as often as wanted.
 #pragma once
 
+#include <functional>
 #include <vector>
 
 #include "ask/pass_report.h"
@@ -12,6 +13,9 @@ namespace orvexscan {
 
 struct ScanningRules {
   ReadingRules reading;
+  /// Told of each file that was read or failed, as soon as that is known. May be empty; is
+  /// called by any number of threads at once.
+  std::function<void(const FileRecord&)> onFile;
   int threads;  ///< at most: fewer, and a note, if the system grants no more
   int passes;
 };

@@ -1,9 +1,11 @@
 #include "inventory/walk.h"
 
 #include <fmt/format.h>
+#include <fnmatch.h>
 #include <fts.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <memory>
@@ -61,6 +63,15 @@ void Add(const FTSENT& entry, const WalkRules& rules, Inventory* inventory) {
   }
 }
 
+// By its name or by its whole path. What is given by itself is meant.
+bool IsExcluded(const FTSENT& entry, const WalkRules& rules) {
+  return entry.fts_level != FTS_ROOTLEVEL &&
+         std::any_of(rules.exclude.begin(), rules.exclude.end(), [&](const std::string& pattern) {
+           return fnmatch(pattern.c_str(), entry.fts_name, 0) == 0 ||
+                  fnmatch(pattern.c_str(), entry.fts_path, 0) == 0;
+         });
+}
+
 // Asks the system only where one may begin.
 bool IsPseudoRoot(const FTSENT& entry) {
   const bool mayBegin =
@@ -68,8 +79,14 @@ bool IsPseudoRoot(const FTSENT& entry) {
   return mayBegin && IsOnPseudoFileSystem(entry.fts_path);
 }
 
+// What a walk passes over and a note tells.
+struct LeftOut {
+  std::vector<std::string> pseudo;
+  size_t tooLarge = 0;
+};
+
 void WalkOne(const std::string& path, const WalkRules& rules, Inventory* inventory,
-             std::vector<std::string>* leftOut) {
+             LeftOut* leftOut) {
   char* const roots[] = {const_cast<char*>(path.c_str()), nullptr};
   const int options = FTS_NOCHDIR | (rules.followLinks ? FTS_LOGICAL : FTS_PHYSICAL) |
                       (rules.oneFileSystem ? FTS_XDEV : 0);
@@ -82,12 +99,21 @@ void WalkOne(const std::string& path, const WalkRules& rules, Inventory* invento
     if (entry == nullptr) break;
     if (entry->fts_level == FTS_ROOTLEVEL) device = entry->fts_dev;
     const bool left = rules.oneFileSystem && entry->fts_dev != device;
+    if (IsExcluded(*entry, rules)) {
+      fts_set(walk.get(), entry, FTS_SKIP);
+      continue;
+    }
+    if (entry->fts_info == FTS_F &&
+        static_cast<uint64_t>(entry->fts_statp->st_size) > rules.maxSize) {
+      ++leftOut->tooLarge;
+      continue;
+    }
     if (entry->fts_info == FTS_D && !left && !rules.pseudo && IsPseudoRoot(*entry)) {
       fts_set(walk.get(), entry, FTS_SKIP);
       if (entry->fts_level == FTS_ROOTLEVEL) {
         inventory->AddFailure(path, NotRegular("a pseudo file system; --pseudo enters it"));
       } else {
-        leftOut->push_back(entry->fts_path);
+        leftOut->pseudo.push_back(entry->fts_path);
       }
       continue;
     }
@@ -100,7 +126,7 @@ void WalkOne(const std::string& path, const WalkRules& rules, Inventory* invento
 }  // namespace
 
 void Walk(const std::vector<std::string>& paths, const WalkRules& rules, Inventory* inventory) {
-  std::vector<std::string> leftOut;
+  LeftOut leftOut;
   for (const std::string& path : paths) {
     try {
       WalkOne(path, rules, inventory, &leftOut);
@@ -108,10 +134,14 @@ void Walk(const std::vector<std::string>& paths, const WalkRules& rules, Invento
       inventory->AddFailure(path, FileFailure::OfSystem(failure.code().value(), "walk"));
     }
   }
-  if (leftOut.empty()) return;
-  inventory->AddNote(
-      fmt::format("{} pseudo file systems are left out, {} first; --pseudo enters them",
-                  leftOut.size(), Printable(leftOut.front())));
+  if (!leftOut.pseudo.empty()) {
+    inventory->AddNote(
+        fmt::format("{} pseudo file systems are left out, {} first; --pseudo enters them",
+                    leftOut.pseudo.size(), Printable(leftOut.pseudo.front())));
+  }
+  if (leftOut.tooLarge != 0) {
+    inventory->AddNote(fmt::format("{} files are larger than --max-size", leftOut.tooLarge));
+  }
 }
 
 }  // namespace orvexscan

@@ -1,6 +1,7 @@
 // The regular files below some paths.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <vector>
@@ -13,6 +14,8 @@ struct WalkRules {
   bool followLinks = false;
   bool oneFileSystem = false;  ///< do not enter directories on which another one is mounted
   bool pseudo = false;         ///< enter pseudo file systems
+  std::vector<std::string> exclude = {};  ///< patterns, as of fnmatch
+  uint64_t maxSize = UINT64_MAX;          ///< larger files are passed over, and noted
   /// Called with each directory before what it holds is read.
   std::function<void(const std::string& directory)> entering = {};
 };

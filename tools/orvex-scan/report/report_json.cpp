@@ -129,4 +129,8 @@ std::string JsonReport(const Options& options, const std::vector<PassReport>& pa
   return report.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
 }
 
+std::string FileJsonLine(const FileRecord& record) {
+  return FileJson(record).dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
+}
+
 }  // namespace orvexscan

@@ -15,4 +15,7 @@ namespace orvexscan {
 std::string JsonReport(const Options& options, const std::vector<PassReport>& passes,
                        const Inventory& inventory, const std::string& advice);
 
+/// One file of that report in a line of its own.
+std::string FileJsonLine(const FileRecord& record);
+
 }  // namespace orvexscan

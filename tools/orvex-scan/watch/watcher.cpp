@@ -10,6 +10,7 @@
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <system_error>
 #include <utility>
@@ -41,16 +42,11 @@ const char* NameOf(ChangeKind kind) {
   return "";
 }
 
-// Tabs between the fields: a path shown has none.
-void Print(const std::string& path, const Change& change) {
-  if (change.kind == ChangeKind::kNone) return;
-  const auto now = std::chrono::system_clock::now();
+std::string TextOf(std::chrono::system_clock::time_point time) {
   const auto milliseconds =
-      std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count() % 1000;
-  fmt::print("{:%FT%T}.{:03}Z\t{}\t{}\t{} -> {}\n",
-             fmt::gmtime(std::chrono::system_clock::to_time_t(now)), milliseconds,
-             NameOf(change.kind), Printable(path), change.before, change.after);
-  Finish(stdout);
+      std::chrono::duration_cast<std::chrono::milliseconds>(time.time_since_epoch()).count() % 1000;
+  return fmt::format("{:%FT%T}.{:03}Z", fmt::gmtime(std::chrono::system_clock::to_time_t(time)),
+                     milliseconds);
 }
 
 int Duplicate(int descriptor) {
@@ -62,9 +58,10 @@ int Duplicate(int descriptor) {
 }  // namespace
 
 Watcher::Watcher(orvexeng::engine* engine, const ReadingRules& reading,
-                 const std::vector<std::string>& paths, const WalkRules& walking)
+                 const std::vector<std::string>& paths, const WalkRules& walking, bool jsonLines)
     : paths_(paths),
       walking_(walking),
+      jsonLines_(jsonLines),
       events_(context_),
       watches_(std::make_unique<DirectoryWatches>(walking.followLinks)),
       asker_(engine, reading) {
@@ -184,6 +181,25 @@ void Watcher::StartAnew() {
   events_.assign(Duplicate(watches_->descriptor()));
   AskAllStartingWith("");
   LookThrough(paths_);
+}
+
+void Watcher::Print(const std::string& path, const Change& change) const {
+  if (change.kind == ChangeKind::kNone) return;
+  const std::string time = TextOf(std::chrono::system_clock::now());
+  if (jsonLines_) {
+    using Json = nlohmann::ordered_json;
+    const Json line = {{"time", time},
+                       {"change", NameOf(change.kind)},
+                       {"path", path},
+                       {"before", change.before},
+                       {"after", change.after}};
+    fmt::print("{}\n", line.dump(-1, ' ', false, Json::error_handler_t::replace));
+  } else {
+    // Tabs between the fields: a path shown has none.
+    fmt::print("{}\t{}\t{}\t{} -> {}\n", time, NameOf(change.kind), Printable(path), change.before,
+               change.after);
+  }
+  Finish(stdout);
 }
 
 void Watcher::Enqueue(const std::string& path) {

@@ -27,7 +27,7 @@ class Watcher {
  public:
   /// Throws std::runtime_error when the system does not let it watch.
   Watcher(orvexeng::engine* engine, const ReadingRules& reading,
-          const std::vector<std::string>& paths, const WalkRules& walking);
+          const std::vector<std::string>& paths, const WalkRules& walking, bool jsonLines);
 
   /// Gathers the files as a walk does. What changes from now on will be told.
   void Gather(Inventory* inventory);
@@ -47,12 +47,14 @@ class Watcher {
   void LookThrough(const std::vector<std::string>& paths);
   void AskAllStartingWith(const std::string& prefix);
   void StartAnew();
+  void Print(const std::string& path, const Change& change) const;
   void Enqueue(const std::string& path);
   void LookAtNext();
   Change LookAt(const std::string& path);
 
   const std::vector<std::string> paths_;
   WalkRules walking_;
+  const bool jsonLines_;
   bool limitTold_ = false;
   bool listening_ = false;
   asio::io_context context_;

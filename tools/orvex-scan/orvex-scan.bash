@@ -1,0 +1,19 @@
+# Completes the words of orvex-scan in bash.
+_orvex_scan() {
+  local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]}
+  local options="-h --help --version --processes --follow -x --one-file-system --pseudo --exclude
+    --max-size --files0-from --identity --settle --time-limit --threads --passes --capacity
+    --snapshot --json --format --metrics --watch --verbose --quiet"
+  case $before in
+    --identity) mapfile -t COMPREPLY < <(compgen -W 'mtime ctime strict' -- "$word") ;;
+    --format) mapfile -t COMPREPLY < <(compgen -W 'table json jsonl sha256sum csv' -- "$word") ;;
+    --metrics) mapfile -t COMPREPLY < <(compgen -W 'prometheus json' -- "$word") ;;
+    *)
+      case $word in
+        -*) mapfile -t COMPREPLY < <(compgen -W "$options" -- "$word") ;;
+        *) mapfile -t COMPREPLY < <(compgen -f -- "$word") ;;
+      esac
+      ;;
+  esac
+}
+complete -o filenames -F _orvex_scan orvex-scan

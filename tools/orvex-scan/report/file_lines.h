@@ -1,0 +1,17 @@
+// One line or a few for each file, for other programs.
+#pragma once
+
+#include <string>
+
+#include "inventory/inventory.h"
+
+namespace orvexscan {
+
+/// What sha256sum prints, so that sha256sum -c reads it; empty without an answer.
+std::string Sha256sumLine(const FileRecord& record);
+
+/// The names of the columns, and one file in them, quoted where that is needed.
+std::string CsvHeader();
+std::string CsvLine(const FileRecord& record);
+
+}  // namespace orvexscan
