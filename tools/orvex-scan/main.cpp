@@ -17,6 +17,7 @@
 #include <memory>
 #include <new>
 #include <optional>
+#include <stdexcept>
 #include <system_error>
 
 #include "ask/engine_log.h"
@@ -29,6 +30,7 @@
 #include "options.h"
 #include "orvexeng.hpp"
 #include "report/advice.h"
+#include "report/baseline.h"
 #include "report/file_lines.h"
 #include "report/metrics.h"
 #include "report/report_file.h"
@@ -74,13 +76,21 @@ bool AnyFailed(const Inventory& inventory) {
 
 void Tell(const std::exception& failure) { Say(Printable(failure.what())); }
 
-// Where everything goes, made sure of before the work begins.
+// Where everything goes and what it is compared with, made sure of before the work begins.
 struct Destinations {
   explicit Destinations(const Options& options) {
     if (!options.json.empty() && options.json != "-") json.emplace(options.json);
     if (!options.snapshot.empty()) CheckReplaceable(options.snapshot);
+    if (options.baseline.empty()) return;
+    try {
+      baseline = ReadBaseline(options.baseline, {options.identity, options.settleSeconds});
+    } catch (const std::exception& failure) {
+      throw std::runtime_error(
+          fmt::format("the baseline {} cannot be used: {}", options.baseline, failure.what()));
+    }
   }
   std::optional<ReportFile> json;
+  Baseline baseline;
 };
 
 void ReadSnapshot(const std::string& path, Snapshot* snapshot, Inventory* inventory) {
@@ -162,19 +172,23 @@ int Work(const Options& options, Destinations* destinations) {
     }
   };
   if (watcher && !interrupted) attempt([&] { watcher->Run(&inventory, &passes); });
+  std::vector<Difference> differences;
+  if (!options.baseline.empty()) {
+    differences = Compare(destinations->baseline, inventory, options.paths);
+  }
   const bool jsonToOutput = options.json == "-" || options.format == "json";
   const bool outputIsForPrograms =
       jsonToOutput || options.format != "table" || !options.metrics.empty();
   std::FILE* const table = outputIsForPrograms ? stderr : stdout;
   if (!outputIsForPrograms || !options.quiet) {
     attempt([&] {
-      PrintReport(passes, inventory, advice, table);
+      PrintReport(passes, inventory, advice, differences, table);
       Finish(table);
     });
   }
   if (jsonToOutput || destinations->json) {
     attempt([&] {
-      const std::string report = JsonReport(options, passes, inventory, advice);
+      const std::string report = JsonReport(options, passes, inventory, advice, differences);
       if (destinations->json) destinations->json->Write(report);
       if (jsonToOutput) PrintText(report);
     });
@@ -195,7 +209,8 @@ int Work(const Options& options, Destinations* destinations) {
     });
   }
   if (interrupted) return kInterrupted;
-  return failed || !allWritten ? kSomeFilesFailed : kAllFine;
+  if (failed || !allWritten) return kSomeFilesFailed;
+  return differences.empty() ? kAllFine : kDiffers;
 }
 
 int Run(Options options) {

@@ -19,7 +19,8 @@ constexpr int kMostTimeLimitSeconds = 365 * 24 * 60 * 60;
 
 constexpr const char kExitCodes[] =
     "Exit codes: 0 all went well; 1 some files have no answer (each is listed with its\n"
-    "reason); 2 the command line is wrong; 3 a signal ended the scan early. A malformed "
+    "reason); 2 the command line is wrong; 3 a signal ended the scan early;\n"
+    "4 something differs from the baseline. A malformed "
     "certificate table is listed too, but\n"
     "the file has its answer.";
 
@@ -77,6 +78,9 @@ void Describe(CLI::App* app, Options* options) {
       ->capture_default_str();
   app->add_option("--snapshot", options->snapshot,
                   "Answer from this file what still holds, and add the answers of this scan")
+      ->type_name("FILE");
+  app->add_option("--baseline", options->baseline,
+                  "Tell what differs from this snapshot or JSON report of an earlier run")
       ->type_name("FILE");
   app->add_option("--json", options->json, "Write everything to this file; - for standard output")
       ->type_name("FILE");

@@ -15,6 +15,7 @@ constexpr int kAllFine = 0;
 constexpr int kSomeFilesFailed = 1;
 constexpr int kUsage = 2;
 constexpr int kInterrupted = 3;
+constexpr int kDiffers = 4;
 
 struct Options {
   std::vector<std::string> paths;
@@ -32,6 +33,7 @@ struct Options {
   int passes = 2;
   int capacity = ORVEX_MAX_CAPACITY;  ///< of each cache, in entries
   std::string snapshot;               ///< a file to start with and to leave behind, or empty
+  std::string baseline;               ///< a file to compare with, or empty
   std::string json;                   ///< a file to write, "-" for standard output, or empty
   std::string format = "table";       ///< of standard output: table, json, jsonl, sha256sum, csv
   std::string metrics;                ///< "prometheus", "json" or empty

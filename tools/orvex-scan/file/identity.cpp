@@ -40,6 +40,10 @@ Identity Look(int directory, const char* path, int flags, IdentityMode mode) {
   identity.ctimeNs = Nanoseconds(status.stx_ctime);
   identity.device = gnu_dev_makedev(status.stx_dev_major, status.stx_dev_minor);
   identity.inode = status.stx_ino;
+  identity.permissions = status.stx_mode & 07777U;
+  identity.owner = status.stx_uid;
+  identity.group = status.stx_gid;
+  identity.links = status.stx_nlink;
   if (mode == IdentityMode::kStrict) {
     if ((status.stx_mask & STATX_BTIME) != 0) identity.birthNs = Nanoseconds(status.stx_btime);
     if ((status.stx_mask & STATX_MNT_ID) != 0) identity.mount = status.stx_mnt_id;

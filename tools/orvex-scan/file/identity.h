@@ -32,6 +32,13 @@ struct Identity {
   uint64_t birthNs = 0;
   uint64_t mount = 0;
 
+  // Told of the file, and no part of what tells it from others: whoever changes one of
+  // them changes ctime too.
+  uint64_t permissions = 0;
+  uint64_t owner = 0;
+  uint64_t group = 0;
+  uint64_t links = 0;
+
   bool operator==(const Identity& other) const;
   bool operator!=(const Identity& other) const { return !(*this == other); }
 };

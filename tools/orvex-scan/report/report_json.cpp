@@ -1,5 +1,7 @@
 #include "report/report_json.h"
 
+#include <fmt/format.h>
+
 #include <nlohmann/json.hpp>
 
 #include "terminal/printable.h"
@@ -26,6 +28,7 @@ Json OptionsJson(const Options& options) {
           {"passes", options.passes},
           {"capacity", options.capacity},
           {"snapshot", options.snapshot},
+          {"baseline", options.baseline},
           {"paths", options.paths}};
 }
 
@@ -79,6 +82,10 @@ Json AnswerJson(const Answer& answer) {
           {"ctime", TimeJson(answer.identity.ctimeNs)},
           {"device", answer.identity.device},
           {"inode", answer.identity.inode},
+          {"permissions", fmt::format("{:04o}", answer.identity.permissions)},
+          {"owner", answer.identity.owner},
+          {"group", answer.identity.group},
+          {"links", answer.identity.links},
           {"md5", HexOf(answer.md5)},
           {"sha1", HexOf(answer.sha1)},
           {"sha256", HexOf(answer.sha256)},
@@ -113,13 +120,21 @@ Json FileJson(const FileRecord& record) {
 }  // namespace
 
 std::string JsonReport(const Options& options, const std::vector<PassReport>& passes,
-                       const Inventory& inventory, const std::string& advice) {
+                       const Inventory& inventory, const std::string& advice,
+                       const std::vector<Difference>& differences) {
   Json report;
   report["tool"] = {{"name", "orvex-scan"}, {"version", ORVEX_SCAN_VERSION}};
   report["engine"] = passes.empty() ? ORVEX_VERSION : passes.front().engine.version;
   report["options"] = OptionsJson(options);
   report["notes"] = inventory.notes();
   report["advice"] = advice;
+  if (!options.baseline.empty()) {
+    report["differences"] = Json::array();
+    for (const Difference& difference : differences) {
+      report["differences"].push_back({{"change", difference.change}, {"path", difference.path}});
+      if (!difference.from.empty()) report["differences"].back()["from"] = difference.from;
+    }
+  }
   report["passes"] = Json::array();
   for (const PassReport& pass : passes) report["passes"].push_back(PassJson(pass));
   report["files"] = Json::array();

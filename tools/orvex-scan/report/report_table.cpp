@@ -155,7 +155,8 @@ void PrintList(const char* title, std::initializer_list<const char*> columns,
 }  // namespace
 
 void PrintReport(const std::vector<PassReport>& passes, const Inventory& inventory,
-                 const std::string& advice, std::FILE* to) {
+                 const std::string& advice, const std::vector<Difference>& differences,
+                 std::FILE* to) {
   PrintPasses(passes, inventory, to);
   std::vector<std::vector<std::string>> failures;
   std::vector<std::vector<std::string>> malformed;
@@ -175,6 +176,11 @@ void PrintReport(const std::vector<PassReport>& passes, const Inventory& invento
       malformed.push_back({fault, path});
     }
   }
+  std::vector<std::vector<std::string>> changes;
+  for (const Difference& difference : differences) {
+    changes.push_back({difference.change, Printable(difference.path), Printable(difference.from)});
+  }
+  PrintList("differences from the baseline", {"CHANGE", "PATH", "FROM"}, changes, to);
   PrintList("without an answer", {"IN", "REASON", "DETAIL", "PATH"}, failures, to);
   PrintList("with a signature of another file", {"SIGNERS (UNVERIFIED)", "PATH"}, mismatched, to);
   PrintList("faults in certificate tables", {"FAULT", "PATH"}, malformed, to);

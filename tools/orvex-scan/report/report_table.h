@@ -7,6 +7,7 @@
 
 #include "ask/scan.h"
 #include "inventory/inventory.h"
+#include "report/baseline.h"
 
 namespace orvexscan {
 
@@ -14,6 +15,7 @@ namespace orvexscan {
 /// malformed certificate table, each with its reason, and the advice if there is any.
 /// Every text of the outside is made printable first.
 void PrintReport(const std::vector<PassReport>& passes, const Inventory& inventory,
-                 const std::string& advice, std::FILE* to);
+                 const std::string& advice, const std::vector<Difference>& differences,
+                 std::FILE* to);
 
 }  // namespace orvexscan

@@ -93,20 +93,22 @@ Number TakeNumber(std::string_view* line) {
   return number;
 }
 
+constexpr uint64_t Identity::*kIdentityFields[] = {
+    &Identity::size,        &Identity::mtimeNs,    &Identity::ctimeNs, &Identity::device,
+    &Identity::inode,       &Identity::generation, &Identity::birthNs, &Identity::mount,
+    &Identity::permissions, &Identity::owner,      &Identity::group,   &Identity::links};
+
 std::string IdentityText(const Identity& identity) {
-  return fmt::format("{}\t{}\t{}\t{}\t{}\t{}\t{}\t{}", identity.size, identity.mtimeNs,
-                     identity.ctimeNs, identity.device, identity.inode, identity.generation,
-                     identity.birthNs, identity.mount);
+  std::string text;
+  for (const auto field : kIdentityFields) text += fmt::format("{}\t", identity.*field);
+  text.pop_back();
+  return text;
 }
 
 Identity TakeIdentity(std::string_view* line, IdentityMode mode) {
   Identity identity;
   identity.mode = mode;
-  for (uint64_t Identity::*field :
-       {&Identity::size, &Identity::mtimeNs, &Identity::ctimeNs, &Identity::device,
-        &Identity::inode, &Identity::generation, &Identity::birthNs, &Identity::mount}) {
-    identity.*field = TakeNumber<uint64_t>(line);
-  }
+  for (const auto field : kIdentityFields) identity.*field = TakeNumber<uint64_t>(line);
   return identity;
 }
 

@@ -46,6 +46,8 @@ class Snapshot {
   /// The answer about the file of that path and in that state; null if there is none.
   const SnapshotEntry* Find(const std::string& path, const Identity& identity) const;
 
+  const std::map<std::string, SnapshotEntry>& entries() const { return entries_; }
+
   /// Takes over what a scan found out, settled answers alone. Answers about other files
   /// stay if those files are what they were.
   void Update(const Inventory& inventory);
