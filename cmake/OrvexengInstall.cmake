@@ -72,4 +72,8 @@ if(TARGET orvex-scan)
   endif()
   install(TARGETS orvex-scan RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT Tools)
   install(FILES docs/man/orvex-scan.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT Tools)
+  install(FILES ${PROJECT_SOURCE_DIR}/tools/orvex-scan/orvex-scan.bash RENAME orvex-scan
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT Tools)
+  install(FILES ${PROJECT_SOURCE_DIR}/docs/orvex-scan.schema.json
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/orvex-scan COMPONENT Tools)
 endif()

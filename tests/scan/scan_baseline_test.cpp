@@ -59,7 +59,8 @@ TEST_CASE("a baseline tells what is new, changed, gone, moved or has other metad
 TEST_CASE("a baseline that cannot be used is refused before the scan") {
   const TemporaryDirectory directory;
   directory.Write("in/file", "x");
-  directory.Write("deep", "{\"files\": " + std::string(300000, '['));
+  directory.Write("deep",
+                  "{\"files\": " + std::string(300000, '[') + std::string(300000, ']') + "}");
   directory.Write("wrong", "{\"files\": [{\"path\": 5}]}");
   directory.Write("noise", "noise");
   for (const std::string name : {"deep", "wrong", "noise", "missing", "in"}) {
@@ -69,4 +70,6 @@ TEST_CASE("a baseline that cannot be used is refused before the scan") {
     CHECK(run.output.empty());
     CHECK(run.errors.find("the baseline " + name + " cannot be used: ") != std::string::npos);
   }
+  CHECK(RunScan(directory.path(), "--baseline deep in").errors.find("it nests too deeply") !=
+        std::string::npos);
 }
