@@ -240,6 +240,26 @@ TEST_CASE("many passes are folded into several tables, each in 80 columns") {
   for (std::string line; std::getline(lines, line);) CHECK(line.size() <= 80);
 }
 
+TEST_CASE("types and signers are looked for only where they are wanted") {
+  const TemporaryDirectory directory;
+  directory.Write("in/signed.exe", PeFile(TableEntry(Signature("Signer"))));
+  const std::string scan = "--json - --settle 0 --snapshot snapshot ";
+  const nlohmann::json report =
+      RunScan(directory.path(), scan + "--no-type --no-signers in").Json();
+  const nlohmann::json answer = FileIn(report, "in/signed.exe")["answer"];
+  CHECK(answer["type"].is_null());
+  CHECK(answer["unverifiedSigners"].is_null());
+  CHECK(answer["sha256"] == FirstWord(OutputOf(directory.path(), "sha256sum in/signed.exe")));
+  CHECK_FALSE(FileIn(report, "in/signed.exe").contains("signature"));
+  CHECK(report["passes"][0]["fileTypeCache"]["callbacks"] == 0);
+  CHECK(report["passes"][1]["hashCache"]["hits"] == 1);
+  // An answer that lacks them does not serve where they are wanted.
+  const nlohmann::json all = RunScan(directory.path(), scan + "in").Json();
+  CHECK(Contains(all["notes"][0], "another --no-type or --no-signers"));
+  CHECK(FileIn(all, "in/signed.exe")["answer"]["unverifiedSigners"][0] == "Signer");
+  CHECK(FileIn(all, "in/signed.exe")["answer"]["type"]["name"] == "program");
+}
+
 TEST_CASE("sha256sum accepts what is printed for it, whatever the names") {
   const TemporaryDirectory directory;
   for (const char* name : {"plain", "back\\slash", "new\nline", "re\rturn", " blank", "byte\xff"}) {

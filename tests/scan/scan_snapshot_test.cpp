@@ -160,7 +160,7 @@ TEST_CASE("what is no whole snapshot is told in one line and ignored") {
               {std::string(1000, '\xff'), "it is no snapshot, or of another version of the tool"},
               {good.substr(0, 50), "it is cut off"},
               {good + good, "its checksum is wrong"},
-              {Edited(good, "\tctime\t0\n", "\tctime\t0\n\n"), "it is malformed"}};
+              {Edited(good, "\tctime\t0\tall\n", "\tctime\t0\tall\n\n"), "it is malformed"}};
   for (const auto& row : rows) {
     directory.Write("snapshot", row.content);
     CheckIgnored(directory, row.reason);

@@ -48,6 +48,7 @@ namespace {
 ReadingRules ReadingRulesOf(const Options& options, const Snapshot* snapshot) {
   ReadingRules rules{options.followLinks, Settling(std::chrono::seconds(options.settleSeconds))};
   rules.identity = options.identity;
+  rules.parts = options.parts;
   rules.snapshot = snapshot;
   rules.timeLimit = std::chrono::seconds(options.timeLimitSeconds);
   return rules;
@@ -83,7 +84,8 @@ struct Destinations {
     if (!options.snapshot.empty()) CheckReplaceable(options.snapshot);
     if (options.baseline.empty()) return;
     try {
-      baseline = ReadBaseline(options.baseline, {options.identity, options.settleSeconds});
+      baseline =
+          ReadBaseline(options.baseline, {options.identity, options.settleSeconds, options.parts});
     } catch (const std::exception& failure) {
       throw std::runtime_error(
           fmt::format("the baseline {} cannot be used: {}", options.baseline, failure.what()));
@@ -135,7 +137,7 @@ int Work(const Options& options, Destinations* destinations) {
   orvex_set_cache_capacity(ORVEX_FILE_TYPE_CACHE, options.capacity);
 
   Inventory inventory;
-  Snapshot snapshot({options.identity, options.settleSeconds});
+  Snapshot snapshot({options.identity, options.settleSeconds, options.parts});
   if (!options.snapshot.empty()) ReadSnapshot(options.snapshot, &snapshot, &inventory);
   ReadingRules reading = ReadingRulesOf(options, &snapshot);
   const WalkRules walking = WalkRulesOf(options);

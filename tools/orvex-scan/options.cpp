@@ -67,6 +67,10 @@ void Describe(CLI::App* app, Options* options) {
                   "Give up a file whose content takes more seconds than this to read")
       ->check(CLI::Range(1, kMostTimeLimitSeconds))
       ->capture_default_str();
+  app->add_flag_callback(
+      "--no-type", [options] { options->parts.type = false; }, "Do not ask for file types");
+  app->add_flag_callback(
+      "--no-signers", [options] { options->parts.signers = false; }, "Do not look for signers");
   app->add_option("--threads", options->threads, "Workers that ask the engine at once")
       ->check(CLI::Range(1, kMostThreads))
       ->capture_default_str();

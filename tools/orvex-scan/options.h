@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "content/answer.h"
 #include "file/identity.h"
 #include "orvexeng.h"
 
@@ -38,6 +39,7 @@ struct Options {
   std::string format = "table";       ///< of standard output: table, json, jsonl, sha256sum, csv
   std::string metrics;                ///< "prometheus", "json" or empty
   bool watch = false;
+  WantedParts parts;
   bool verbose = false;
   bool quiet = false;
 };

@@ -43,9 +43,12 @@ Tally Asker::TakeTally() { return std::exchange(tally_, Tally()); }
 
 Reply Asker::Query(const std::string& path) {
   const Identity identity = IdentityOf(path, rules_.followLinks, rules_.identity);
+  metadata_input_s query = QueryFor(path, identity);
+  if (!rules_.parts.type) query.queryFlags &= ~static_cast<uint32_t>(QUERY_FILE_TYPE);
+  if (!rules_.parts.signers) query.queryFlags &= ~static_cast<uint32_t>(QUERY_SIGNERS);
   orvexeng::answer output;
   Calculation calculation(&tools_, identity, rules_);
-  const int code = engine_->query(QueryFor(path, identity), output, calculation.Callbacks());
+  const int code = engine_->query(query, output, calculation.Callbacks());
   if (calculation.failure()) throw FileFailure(*calculation.failure());
   if (code != ORVEX_OK) {
     throw FileFailure(FailureReason::kEngine, fmt::format("the engine returns {}", code));
@@ -53,6 +56,7 @@ Reply Asker::Query(const std::string& path) {
   Count(calculation, identity);
   Reply reply;
   reply.answer = AnswerIn(output, identity, calculation.settled());
+  reply.answer.parts = rules_.parts;
   if (calculation.hashed() || calculation.fromSnapshot())
     reply.certificates = calculation.certificates();
   return reply;

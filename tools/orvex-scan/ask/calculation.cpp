@@ -29,7 +29,7 @@ class Stopwatch {
 // All of a hash answer but the digests.
 void GiveTheRest(const metadata_input_s& in, const std::vector<std::string>& signers,
                  orvexeng::answer* out) {
-  out->set_signers({signers.begin(), signers.end()});
+  if ((in.queryFlags & QUERY_SIGNERS) != 0) out->set_signers({signers.begin(), signers.end()});
   out->size = in.size;
   out->modificationTime = in.mtime;
   out->add(in.queryFlags & (QUERY_SIZE | QUERY_MTIME));
@@ -94,7 +94,8 @@ void Calculation::Hash(const metadata_input_s& in, orvexeng::answer* out) {
       });
   partTimes_.reading = std::chrono::steady_clock::now() - start - partTimes_.digests;
   if (bytesHashed_ != identity_.size) settled_ = false;
-  const std::vector<std::string> signers = FindSigners();
+  std::vector<std::string> signers;
+  if ((in.queryFlags & QUERY_SIGNERS) != 0) signers = FindSigners();
   // Before anything is stored: a failed callback leaves the answer as it was.
   file.CheckUnchanged();
 

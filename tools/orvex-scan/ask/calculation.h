@@ -41,6 +41,7 @@ struct ReadingRules {
   bool followLinks;
   Settling settling;
   IdentityMode identity = IdentityMode::kCtime;
+  WantedParts parts = {};
   std::function<void(uint64_t bytes)> onRead = nullptr;  ///< told of each piece; may be empty
   const Snapshot* snapshot = nullptr;  ///< of earlier answers, asked before a file is read
   std::chrono::seconds timeLimit = std::chrono::hours(1);  ///< for the content of one file

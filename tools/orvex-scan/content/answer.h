@@ -12,6 +12,12 @@
 
 namespace orvexscan {
 
+// What is wanted besides the digests.
+struct WantedParts {
+  bool type = true;
+  bool signers = true;
+};
+
 // What the engine answered about a file.
 struct Answer {
   Identity identity;
@@ -19,6 +25,7 @@ struct Answer {
   std::array<uint8_t, 16> md5{};
   std::array<uint8_t, 20> sha1{};
   std::array<uint8_t, 32> sha256{};
+  WantedParts parts;                 ///< which of the following two were asked for
   std::vector<std::string> signers;  ///< unverified names
   FileType type;
 };

@@ -53,7 +53,7 @@ std::string CsvLine(const FileRecord& record) {
     cells[3] = HexDigits(answer.md5);
     cells[4] = HexDigits(answer.sha1);
     cells[5] = HexDigits(answer.sha256);
-    cells[6] = NameOfMajor(answer.type.major);
+    if (answer.parts.type) cells[6] = NameOfMajor(answer.type.major);
     cells[7] = NameOf(record.certificates.signature);
     cells[8] = fmt::format("{}", fmt::join(answer.signers, "; "));
   }

@@ -23,6 +23,8 @@ Json OptionsJson(const Options& options) {
           {"pseudo", options.pseudo},
           {"identity", NameOf(options.identity)},
           {"settleSeconds", options.settleSeconds},
+          {"noType", !options.parts.type},
+          {"noSigners", !options.parts.signers},
           {"timeLimitSeconds", options.timeLimitSeconds},
           {"threads", options.threads},
           {"passes", options.passes},
@@ -75,6 +77,10 @@ Json TimeJson(uint64_t nanosecondsSince1970) {
   return {{"seconds", (time - nanoseconds) / kNsPerSecond}, {"nanoseconds", nanoseconds}};
 }
 
+Json TypeJson(const FileType& type) {
+  return {{"major", type.major}, {"minor", type.minor}, {"name", NameOfMajor(type.major)}};
+}
+
 Json AnswerJson(const Answer& answer) {
   return {{"settled", answer.settled},
           {"size", answer.identity.size},
@@ -89,11 +95,8 @@ Json AnswerJson(const Answer& answer) {
           {"md5", HexOf(answer.md5)},
           {"sha1", HexOf(answer.sha1)},
           {"sha256", HexOf(answer.sha256)},
-          {"unverifiedSigners", answer.signers},
-          {"type",
-           {{"major", answer.type.major},
-            {"minor", answer.type.minor},
-            {"name", NameOfMajor(answer.type.major)}}}};
+          {"unverifiedSigners", answer.parts.signers ? Json(answer.signers) : Json()},
+          {"type", answer.parts.type ? TypeJson(answer.type) : Json()}};
 }
 
 Json FileJson(const FileRecord& record) {

@@ -144,6 +144,11 @@ SnapshotEntry TakeEntry(std::string_view* line, IdentityMode mode) {
 // What of the tool must not have changed for its answers to be today's.
 std::string Writer() { return fmt::format("{}\t{}", ORVEX_SCAN_VERSION, magic_version()); }
 
+const char* NameOfParts(const WantedParts& parts) {
+  if (!parts.type) return parts.signers ? "no type" : "no type, no signers";
+  return parts.signers ? "all" : "no signers";
+}
+
 void CheckOrigin(std::string_view line, const SnapshotRules& rules) {
   const std::string writer = fmt::format("{}\t", Writer());
   if (line.substr(0, writer.size()) != writer) {
@@ -155,6 +160,9 @@ void CheckOrigin(std::string_view line, const SnapshotRules& rules) {
   }
   if (TakeNumber<int>(&line) < rules.settleSeconds) {
     throw std::runtime_error("it was written with a shorter --settle");
+  }
+  if (Take(&line, kField) != NameOfParts(rules.parts)) {
+    throw std::runtime_error("it was written with another --no-type or --no-signers");
   }
   if (line.data() != nullptr) throw Malformed();
 }
@@ -223,7 +231,8 @@ void Snapshot::Write(const std::string& path) const {
 
 std::string Snapshot::Text() const {
   std::string text(kFirstLine);
-  text += fmt::format("{}\t{}\t{}\n", Writer(), NameOf(rules_.identity), rules_.settleSeconds);
+  text += fmt::format("{}\t{}\t{}\t{}\n", Writer(), NameOf(rules_.identity), rules_.settleSeconds,
+                      NameOfParts(rules_.parts));
   for (const auto& [path, entry] : entries_) {
     const std::string line = LineOf(path, entry);
     if (text.size() + line.size() + kChecksumLine > kMostSnapshotBytes) break;

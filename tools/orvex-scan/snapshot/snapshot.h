@@ -15,6 +15,7 @@ namespace orvexscan {
 struct SnapshotRules {
   IdentityMode identity = IdentityMode::kCtime;
   int settleSeconds = 0;
+  WantedParts parts = {};
 };
 
 /// A snapshot of more is not read, and not written.
@@ -38,7 +39,7 @@ class Snapshot {
   ///
   /// Throws std::exception, whose text is what is wrong with the file: ReadPrivateFile
   /// refuses it, Parse does, or another version of the tool or of its libraries wrote it,
-  /// or a scan that knew files by other means or trusted younger ones.
+  /// or a scan that knew files by other means trusted younger ones or wanted other parts.
   void Read(const std::string& path);
   /// The same for the content of such a file, which may hold anything.
   void Parse(const std::string& content);
