@@ -51,7 +51,7 @@ class Writer {
     const ssize_t written = pwrite(descriptor_, content.data(), content.size(), 0);
     REQUIRE(written == static_cast<ssize_t>(content.size()));
   }
-  /// Sets mtime to what it always is then.
+  // Sets mtime to what it always is then.
   void WriteAndCoverUp(const std::string& content) {
     Write(content);
     REQUIRE(futimens(descriptor_, kTimes) == 0);

@@ -20,24 +20,24 @@ constexpr int kDiffers = 4;
 
 struct Options {
   std::vector<std::string> paths;
-  bool processes = false;  ///< the files that processes map, instead of paths
+  bool processes = false;  // the files that processes map, instead of paths
   bool followLinks = false;
   bool oneFileSystem = false;
   bool pseudo = false;
-  std::vector<std::string> exclude;  ///< patterns of names and paths
-  uint64_t maxSize = UINT64_MAX;     ///< of a file, in bytes
-  std::string files0From;            ///< a file of more paths, "-" for standard input, or empty
+  std::vector<std::string> exclude;  // patterns of names and paths
+  uint64_t maxSize = UINT64_MAX;     // of a file, in bytes
+  std::string files0From;            // a file of more paths, "-" for standard input, or empty
   IdentityMode identity = IdentityMode::kCtime;
   int settleSeconds = 2;
   int timeLimitSeconds = 3600;
   int threads = 1;
   int passes = 2;
-  int capacity = ORVEX_MAX_CAPACITY;  ///< of each cache, in entries
-  std::string snapshot;               ///< a file to start with and to leave behind, or empty
-  std::string baseline;               ///< a file to compare with, or empty
-  std::string json;                   ///< a file to write, "-" for standard output, or empty
-  std::string format = "table";       ///< of standard output: table, json, jsonl, sha256sum, csv
-  std::string metrics;                ///< "prometheus", "json" or empty
+  int capacity = ORVEX_MAX_CAPACITY;  // of each cache, in entries
+  std::string snapshot;               // a file to start with and to leave behind, or empty
+  std::string baseline;               // a file to compare with, or empty
+  std::string json;                   // a file to write, "-" for standard output, or empty
+  std::string format = "table";       // of standard output: table, json, jsonl, sha256sum, csv
+  std::string metrics;                // "prometheus", "json" or empty
   bool watch = false;
   WantedParts parts;
   bool verbose = false;

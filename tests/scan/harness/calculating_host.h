@@ -38,7 +38,7 @@ class CalculatingHost {
     return code;
   }
 
-  /// Whether the hash cache holds an answer, which is digest then.
+  // Whether the hash cache holds an answer, which is digest then.
   bool IsCached(const std::string& path, const orvexscan::Identity& identity) {
     metadata_input_s in = orvexscan::QueryFor(path, identity);
     in.invOperation |= INV_CACHE_ONLY;
@@ -53,7 +53,7 @@ class CalculatingHost {
   orvexeng::engine engine;
   orvexscan::Tools tools;
   const orvexscan::ReadingRules rules;
-  Sha256 digest{};  ///< of the last answer
+  Sha256 digest{};  // of the last answer
 
  private:
   uint32_t ready_ = 0;

@@ -24,7 +24,7 @@ class TemporaryDirectory {
   const std::string& path() const { return path_; }
   std::string PathOf(const std::string& name) const { return path_ + "/" + name; }
 
-  /// Writes a file, and the directories above it, and returns its path.
+  // Writes a file, and the directories above it, and returns its path.
   std::string Write(const std::string& name, const std::string& content) const {
     const std::string path = PathOf(name);
     std::filesystem::create_directories(std::filesystem::path(path).parent_path());

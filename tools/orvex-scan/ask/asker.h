@@ -28,7 +28,7 @@ struct Tally {
 // What came of it.
 struct Reply {
   Answer answer;
-  /// Nothing if the answer was cached.
+  // Nothing if the answer was cached.
   std::optional<CertificateFindings> certificates;
 };
 
@@ -38,13 +38,13 @@ struct Reply {
 // Threads: one at a time; each that asks has its own.
 class Asker {
  public:
-  /// Throws std::runtime_error when libmagic or OpenSSL cannot be started.
+  // Throws std::runtime_error when libmagic or OpenSSL cannot be started.
   Asker(orvexeng::engine* engine, const ReadingRules& rules);
 
-  /// Throws FileFailure when the file has no answer, and counts that too.
+  // Throws FileFailure when the file has no answer, and counts that too.
   Reply Ask(const std::string& path);
 
-  /// What was counted since the last call.
+  // What was counted since the last call.
   Tally TakeTally();
   uint64_t bytesSaved() const { return tally_.bytesSaved; }
 

@@ -42,9 +42,9 @@ struct ReadingRules {
   Settling settling;
   IdentityMode identity = IdentityMode::kCtime;
   WantedParts parts = {};
-  std::function<void(uint64_t bytes)> onRead = nullptr;  ///< told of each piece; may be empty
-  const Snapshot* snapshot = nullptr;  ///< of earlier answers, asked before a file is read
-  std::chrono::seconds timeLimit = std::chrono::hours(1);  ///< for the content of one file
+  std::function<void(uint64_t bytes)> onRead = nullptr;  // told of each piece; may be empty
+  const Snapshot* snapshot = nullptr;  // of earlier answers, asked before a file is read
+  std::chrono::seconds timeLimit = std::chrono::hours(1);  // for the content of one file
 };
 
 // One query's calculation.
@@ -55,26 +55,26 @@ struct ReadingRules {
 // Threads: one at a time; the engine calls back on the thread that asks.
 class Calculation {
  public:
-  /// For a query about what identity was taken of.
+  // For a query about what identity was taken of.
   Calculation(Tools* tools, const Identity& identity, const ReadingRules& rules)
       : tools_(tools), identity_(identity), rules_(rules) {}
 
-  /// What a query is to call for what the caches lack.
+  // What a query is to call for what the caches lack.
   orvexeng::callbacks Callbacks();
 
-  /// Why a callback failed; nothing when none did.
+  // Why a callback failed; nothing when none did.
   const std::optional<FileFailure>& failure() const { return failure_; }
-  /// Whether the whole file was read for its digests, as nothing cached could serve.
+  // Whether the whole file was read for its digests, as nothing cached could serve.
   bool hashed() const { return hashed_; }
-  /// Whether an earlier scan's answer served instead.
+  // Whether an earlier scan's answer served instead.
   bool fromSnapshot() const { return fromSnapshot_; }
-  /// False when the answer cannot be kept: the file was too young, somebody may write to
-  /// it, or its size is not that of its content.
+  // False when the answer cannot be kept: the file was too young, somebody may write to
+  // it, or its size is not that of its content.
   bool settled() const { return settled_; }
   uint64_t bytesHashed() const { return bytesHashed_; }
   std::chrono::nanoseconds hashTime() const { return hashTime_; }
   const PartTimes& partTimes() const { return partTimes_; }
-  /// Nothing unless the file was hashed or its answer came from the snapshot.
+  // Nothing unless the file was hashed or its answer came from the snapshot.
   const CertificateFindings& certificates() const { return certificates_; }
 
  private:

@@ -13,17 +13,17 @@ namespace orvexscan {
 
 struct ScanningRules {
   ReadingRules reading;
-  /// Told of each file that was read or failed, as soon as that is known. May be empty; is
-  /// called by any number of threads at once.
+  // Told of each file that was read or failed, as soon as that is known. May be empty; is
+  // called by any number of threads at once.
   std::function<void(const FileRecord&)> onFile;
-  int threads;  ///< at most: fewer, and a note, if the system grants no more
+  int threads;  // at most: fewer, and a note, if the system grants no more
   int passes;
 };
 
-/// Runs all passes over *inventory, which receives what is found, and returns one report
-/// for each.
-///
-/// Throws std::runtime_error when libmagic or OpenSSL cannot be started.
+// Runs all passes over *inventory, which receives what is found, and returns one report
+// for each.
+//
+// Throws std::runtime_error when libmagic or OpenSSL cannot be started.
 std::vector<PassReport> Scan(orvexeng::engine* engine, const ScanningRules& rules,
                              Inventory* inventory, Progress* progress);
 

@@ -21,12 +21,12 @@ struct WantedParts {
 // What the engine answered about a file.
 struct Answer {
   Identity identity;
-  bool settled = true;  ///< kept in the caches, as the file was old enough for that
+  bool settled = true;  // kept in the caches, as the file was old enough for that
   std::array<uint8_t, 16> md5{};
   std::array<uint8_t, 20> sha1{};
   std::array<uint8_t, 32> sha256{};
-  WantedParts parts;                 ///< which of the following two were asked for
-  std::vector<std::string> signers;  ///< unverified names
+  WantedParts parts;                 // which of the following two were asked for
+  std::vector<std::string> signers;  // unverified names
   FileType type;
 };
 

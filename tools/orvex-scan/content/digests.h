@@ -15,12 +15,12 @@ namespace orvexscan {
 // Threads: one at a time; each worker keeps its own and starts it anew for each file.
 class Digests {
  public:
-  /// Throws std::runtime_error if OpenSSL has one of the algorithms switched off.
+  // Throws std::runtime_error if OpenSSL has one of the algorithms switched off.
   Digests();
 
   void Start();
   void Add(const unsigned char* bytes, size_t count);
-  /// Stores the digests in *answer and marks them as present.
+  // Stores the digests in *answer and marks them as present.
   void Finish(metadata_output_s* answer);
 
  private:

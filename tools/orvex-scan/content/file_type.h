@@ -14,10 +14,10 @@ namespace orvexscan {
 // Threads: one at a time; each worker has its own, as a magic_t may not be shared.
 class FileTypeReader {
  public:
-  /// Throws std::runtime_error if libmagic finds no table.
+  // Throws std::runtime_error if libmagic finds no table.
   FileTypeReader();
 
-  /// Reads the beginning of an open file; its position stays. Throws FileFailure.
+  // Reads the beginning of an open file; its position stays. Throws FileFailure.
   FileType Read(int descriptor);
 
  private:

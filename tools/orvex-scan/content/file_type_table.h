@@ -33,10 +33,10 @@ struct FileType {
   int32_t minor = 0;
 };
 
-/// The type for what libmagic calls mime, such as "application/x-sharedlib".
+// The type for what libmagic calls mime, such as "application/x-sharedlib".
 FileType FileTypeFor(const std::string& mime);
 
-/// The name of a major number: "program", "script", ... "unknown" for any other number.
+// The name of a major number: "program", "script", ... "unknown" for any other number.
 const char* NameOfMajor(int32_t major);
 
 }  // namespace orvexscan

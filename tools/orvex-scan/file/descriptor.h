@@ -20,8 +20,8 @@ class Descriptor {
   const int number_;
 };
 
-/// Opens what path names, without waiting for anybody whatever it is. Throws FileFailure:
-/// kChanged for a link that is not to be followed, as the caller has looked before.
+// Opens what path names, without waiting for anybody whatever it is. Throws FileFailure:
+// kChanged for a link that is not to be followed, as the caller has looked before.
 Descriptor OpenToRead(const std::string& path, bool followLinks);
 
 }  // namespace orvexscan

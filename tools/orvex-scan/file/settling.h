@@ -14,22 +14,22 @@ namespace orvexscan {
 // Threads: constant; any number at once.
 class Settling {
  public:
-  using Instant = std::chrono::nanoseconds;  ///< since 1970
+  using Instant = std::chrono::nanoseconds;  // since 1970
   using Clock = Instant (*)();
 
-  /// A time of 0 or less takes every file as settled. clock is another one in tests.
+  // A time of 0 or less takes every file as settled. clock is another one in tests.
   explicit Settling(std::chrono::nanoseconds time, Clock clock = Realtime)
       : time_(time), clock_(clock) {}
 
-  /// Whether any file can be unsettled.
+  // Whether any file can be unsettled.
   bool Judges() const { return time_ > std::chrono::nanoseconds::zero(); }
 
-  /// The instant to judge by. To be taken before the file is read: any later write
-  /// stamps the file at that instant or after it, but for the clock's tick.
+  // The instant to judge by. To be taken before the file is read: any later write
+  // stamps the file at that instant or after it, but for the clock's tick.
   Instant Now() const { return clock_(); }
 
-  /// Whether both the file's mtime and its ctime lie at least the settling time before
-  /// now. A time in the future does not. Times up to 2262 are judged right.
+  // Whether both the file's mtime and its ctime lie at least the settling time before
+  // now. A time in the future does not. Times up to 2262 are judged right.
   bool IsSettled(const Identity& identity, Instant now) const;
 
  private:

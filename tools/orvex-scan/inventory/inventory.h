@@ -25,12 +25,12 @@ struct FileRecord {
   explicit FileRecord(const std::string& ofPath) : path(ofPath) {}
 
   std::string path;
-  uint32_t visits = 0;  ///< in each pass
+  uint32_t visits = 0;  // in each pass
   std::optional<Answer> answer;
   std::optional<Failure> failure;
   CertificateFindings certificates;
 
-  /// Whether a pass has come to it.
+  // Whether a pass has come to it.
   bool WasAsked() const { return answer.has_value() || failure.has_value(); }
   bool IsForgotten() const { return visits == 0 && !WasAsked(); }
 };
@@ -42,35 +42,35 @@ struct FileRecord {
 // Locking: lock_ guards what is stored in the records, never their paths.
 class Inventory {
  public:
-  /// Adds a visit of path at the end of the order; a path may be visited more than once.
-  /// size is what the gathering saw of it.
+  // Adds a visit of path at the end of the order; a path may be visited more than once.
+  // size is what the gathering saw of it.
   void AddVisit(const std::string& path, uint64_t size = 0);
-  /// Adds a file that cannot be visited at all.
+  // Adds a file that cannot be visited at all.
   void AddFailure(const std::string& path, const FileFailure& failure);
-  /// Adds something to tell about the gathering as a whole.
+  // Adds something to tell about the gathering as a whole.
   void AddNote(const std::string& note) { notes_.push_back(note); }
 
   size_t visitCount() const { return visits_.size(); }
   size_t RecordOfVisit(size_t visit) const { return visits_[visit]; }
-  /// The record of a path that is visited or has failed; nothing if there is none.
+  // The record of a path that is visited or has failed; nothing if there is none.
   std::optional<size_t> Find(const std::string& path) const;
   const std::string& PathOf(size_t record) const { return records_[record].path; }
 
-  /// The record of a path that turned up after the gathering, or the one there is.
+  // The record of a path that turned up after the gathering, or the one there is.
   size_t Add(const std::string& path);
-  /// The file is no longer there, and no part of the report.
+  // The file is no longer there, and no part of the report.
   void Forget(size_t record);
-  /// An answer takes the place of a failure, and the other way round: what is reported is
-  /// the last that is known. The findings of an earlier answer stay unless there are new ones.
+  // An answer takes the place of a failure, and the other way round: what is reported is
+  // the last that is known. The findings of an earlier answer stay unless there are new ones.
   void StoreAnswer(size_t record, Answer answer, std::optional<CertificateFindings> findings);
   void StoreFailure(size_t record, int pass, const FileFailure& failure);
 
   const std::vector<FileRecord>& records() const { return records_; }
   const std::vector<std::string>& notes() const { return notes_; }
-  /// How many files are visited: those that could not even be gathered do not count.
+  // How many files are visited: those that could not even be gathered do not count.
   size_t FileCount() const;
   size_t FailureCount() const;
-  /// What one pass over all visits is expected to read or to save.
+  // What one pass over all visits is expected to read or to save.
   uint64_t visitBytes() const { return visitBytes_; }
 
  private:

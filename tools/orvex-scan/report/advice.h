@@ -16,7 +16,7 @@ struct Setting {
   int capacity = ORVEX_MAX_CAPACITY;
 };
 
-/// One sentence a line, without a newline at the end; empty when all is well.
+// One sentence a line, without a newline at the end; empty when all is well.
 std::string Advice(const Setting& setting, size_t files, const std::vector<PassReport>& passes);
 
 }  // namespace orvexscan

@@ -12,7 +12,7 @@ namespace orvexscan {
 
 // What is known of a file as it was.
 struct BaselineFile {
-  std::string sha256;  ///< in hexadecimal digits
+  std::string sha256;  // in hexadecimal digits
   int64_t mtimeNs = 0;
   uint64_t permissions = 0;
   uint64_t owner = 0;
@@ -22,20 +22,20 @@ struct BaselineFile {
 
 using Baseline = std::map<std::string, BaselineFile>;
 
-/// Reads a snapshot or a JSON report. Throws std::exception, whose text is what is wrong.
+// Reads a snapshot or a JSON report. Throws std::exception, whose text is what is wrong.
 Baseline ReadBaseline(const std::string& path, const SnapshotRules& rules);
 
 struct Difference {
-  /// "new", "changed", "gone", "moved" (the content of a file that is gone, under this
-  /// path) or "metadata" (the same content with another time, owner, mode or link count)
+  // "new", "changed", "gone", "moved" (the content of a file that is gone, under this
+  // path) or "metadata" (the same content with another time, owner, mode or link count)
   std::string change;
   std::string path;
-  std::string from;  ///< of one that was moved
+  std::string from;  // of one that was moved
 };
 
-/// In the order of the paths. Files of the baseline count as gone only if they are at or
-/// below one of roots, or if there are no roots; those that cannot be read are left to
-/// the list of failures.
+// In the order of the paths. Files of the baseline count as gone only if they are at or
+// below one of roots, or if there are no roots; those that cannot be read are left to
+// the list of failures.
 std::vector<Difference> Compare(const Baseline& baseline, const Inventory& inventory,
                                 const std::vector<std::string>& roots);
 

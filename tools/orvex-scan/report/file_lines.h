@@ -7,10 +7,10 @@
 
 namespace orvexscan {
 
-/// What sha256sum prints, so that sha256sum -c reads it; empty without an answer.
+// What sha256sum prints, so that sha256sum -c reads it; empty without an answer.
 std::string Sha256sumLine(const FileRecord& record);
 
-/// The names of the columns, and one file in them, quoted where that is needed.
+// The names of the columns, and one file in them, quoted where that is needed.
 std::string CsvHeader();
 std::string CsvLine(const FileRecord& record);
 

@@ -14,26 +14,26 @@ namespace orvexscan {
 struct Sample {
   std::string label;
   std::string labelValue;
-  nlohmann::json value;  ///< a number
+  nlohmann::json value;  // a number
 };
 
 struct Metric {
   std::string name;
   std::string help;
-  std::string type;  ///< "counter" or "gauge"
+  std::string type;  // "counter" or "gauge"
   std::vector<Sample> samples;
 };
 
-/// Everything that was counted, summed over all passes, about so many files; walkFailures
-/// could not even be gathered.
+// Everything that was counted, summed over all passes, about so many files; walkFailures
+// could not even be gathered.
 std::vector<Metric> MetricsOf(const std::vector<PassReport>& passes, size_t files,
                               size_t walkFailures);
 
-/// The text exposition format, version 0.0.4.
+// The text exposition format, version 0.0.4.
 std::string PrometheusText(const std::vector<Metric>& metrics);
 
-/// One object with a key for each metric: its number, or an object with a number for each
-/// value of its label.
+// One object with a key for each metric: its number, or an object with a number for each
+// value of its label.
 std::string JsonText(const std::vector<Metric>& metrics);
 
 }  // namespace orvexscan

@@ -13,10 +13,10 @@ namespace orvexscan {
 // Threads: one at a time.
 class ReportFile {
  public:
-  /// Throws std::system_error if it cannot be written, before hours of work are done.
+  // Throws std::system_error if it cannot be written, before hours of work are done.
   explicit ReportFile(const std::string& path);
 
-  /// To be called once. Throws std::system_error.
+  // To be called once. Throws std::system_error.
   void Write(const std::string& report);
 
  private:

@@ -11,13 +11,13 @@
 
 namespace orvexscan {
 
-/// Everything as one JSON object, as docs/orvex-scan.schema.json and the manual describe
-/// it. Keys have a fixed order.
+// Everything as one JSON object, as docs/orvex-scan.schema.json and the manual describe
+// it. Keys have a fixed order.
 std::string JsonReport(const Options& options, const std::vector<PassReport>& passes,
                        const Inventory& inventory, const std::string& advice,
                        const std::vector<Difference>& differences);
 
-/// One file of that report in a line of its own.
+// One file of that report in a line of its own.
 std::string FileJsonLine(const FileRecord& record);
 
 }  // namespace orvexscan

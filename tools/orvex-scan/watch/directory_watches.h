@@ -13,16 +13,16 @@ namespace orvexscan {
 // by then it may have happened again.
 struct Hint {
   enum class Kind {
-    kFile,           ///< a file has been written, replaced, touched or removed
-    kDirectoryCame,  ///< a directory is there that is not watched yet
-    kDirectoryWent,  ///< a directory is no longer there, or another one
-    kLost            ///< hints have been lost: anything may have changed
+    kFile,           // a file has been written, replaced, touched or removed
+    kDirectoryCame,  // a directory is there that is not watched yet
+    kDirectoryWent,  // a directory is no longer there, or another one
+    kLost            // hints have been lost: anything may have changed
   };
   Kind kind;
   std::string path;
 };
 
-/// The path of name in directory, which may end in a slash.
+// The path of name in directory, which may end in a slash.
 std::string PathIn(const std::string& directory, const std::string& name);
 
 // Directories watched through inotify, by the paths that led to them. One directory may
@@ -32,26 +32,26 @@ std::string PathIn(const std::string& directory, const std::string& name);
 // Threads: one at a time.
 class DirectoryWatches {
  public:
-  /// Throws std::runtime_error when the system grants no instance.
+  // Throws std::runtime_error when the system grants no instance.
   explicit DirectoryWatches(bool followLinks);
   ~DirectoryWatches();
   DirectoryWatches(const DirectoryWatches&) = delete;
   DirectoryWatches& operator=(const DirectoryWatches&) = delete;
 
-  /// Gives hints of everything in the directory from now on, but not below what is in it.
-  /// Returns false when no more directories can be watched.
+  // Gives hints of everything in the directory from now on, but not below what is in it.
+  // Returns false when no more directories can be watched.
   bool AddDirectory(const std::string& directory);
-  /// Gives hints of path when something happens to that name in the directory. Returns
-  /// false when no more directories can be watched.
+  // Gives hints of path when something happens to that name in the directory. Returns
+  // false when no more directories can be watched.
   bool AddName(const std::string& directory, const std::string& name, const std::string& path);
-  /// Gives no more hints of what is in the directory or in others below it.
+  // Gives no more hints of what is in the directory or in others below it.
   void RemoveTree(const std::string& directory);
 
-  /// The hints there are, without waiting.
+  // The hints there are, without waiting.
   std::vector<Hint> Read();
 
   size_t count() const { return watches_.size(); }
-  /// Readable when there are hints. It stays this object's.
+  // Readable when there are hints. It stays this object's.
   int descriptor() const { return descriptor_; }
 
  private:

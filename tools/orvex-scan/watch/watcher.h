@@ -25,16 +25,16 @@ namespace orvexscan {
 // Threads: one; it looks at one file after another, as events come far apart.
 class Watcher {
  public:
-  /// Throws std::runtime_error when the system does not let it watch.
+  // Throws std::runtime_error when the system does not let it watch.
   Watcher(orvexeng::engine* engine, const ReadingRules& reading,
           const std::vector<std::string>& paths, const WalkRules& walking, bool jsonLines);
 
-  /// Gathers the files as a walk does. What changes from now on will be told.
+  // Gathers the files as a walk does. What changes from now on will be told.
   void Gather(Inventory* inventory);
 
-  /// Prints a line for each change of what *inventory holds, and keeps it up to date, until
-  /// the process is
-  /// interrupted or terminated, and adds to *passes what that took.
+  // Prints a line for each change of what *inventory holds, and keeps it up to date, until
+  // the process is
+  // interrupted or terminated, and adds to *passes what that took.
   void Run(Inventory* inventory, std::vector<PassReport>* passes);
 
  private:
