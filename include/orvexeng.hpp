@@ -135,14 +135,12 @@ class engine {
   //
   // Returns: as orvex_query, or callback_threw. Throws std::logic_error for a hash query
   // without a path.
-  [[nodiscard]] int query(metadata_input_s in, answer& out) { return query(in, out, callbacks_); }
+  [[nodiscard]] int query(metadata_input_s in, answer& out) { return ask(in, out, callbacks_); }
 
   // The same, but what the caches lack is calculated by these callables, which need to live
   // no longer than the call.
   [[nodiscard]] int query(metadata_input_s in, answer& out, const callbacks& calculate) {
-    out.reset();
-    // The library hands ctx back untouched, and call() takes it for what it is.
-    return orvex_query(&in, &out, const_cast<callbacks*>(&calculate));
+    return ask(in, out, calculate);
   }
 
   // Throws error.
@@ -161,6 +159,12 @@ class engine {
     if (const int code = orvex_init(&functions); code != ORVEX_OK) {
       throw error("orvex_init", code);
     }
+  }
+
+  static int ask(metadata_input_s& in, answer& out, const callbacks& calculate) {
+    out.reset();
+    // The library hands ctx back untouched, and call() takes it for what it is.
+    return orvex_query(&in, &out, const_cast<callbacks*>(&calculate));
   }
 
   template <callback callbacks::*Which>
