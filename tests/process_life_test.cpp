@@ -103,6 +103,9 @@ class Load {
     for (std::thread& thread : threads_) {
       if (thread.joinable()) thread.join();
     }
+    // What a query stored that outlived the last stop.
+    orvex_flush_cache(ORVEX_HASH_CACHE);
+    orvex_flush_cache(ORVEX_FILE_TYPE_CACHE);
   }
 
   std::vector<pthread_t> Threads() {

@@ -104,11 +104,19 @@ void* operator new(size_t size, std::align_val_t alignment) {
   return memory;
 }
 
+void* operator new[](size_t size, std::align_val_t alignment) {
+  return operator new(size, alignment);
+}
+
 void operator delete(void* memory) noexcept { Free(memory); }
 
 void operator delete(void* memory, std::align_val_t) noexcept { Free(memory); }
 
 void operator delete(void* memory, size_t, std::align_val_t) noexcept { Free(memory); }
+
+void operator delete[](void* memory, std::align_val_t) noexcept { Free(memory); }
+
+void operator delete[](void* memory, size_t, std::align_val_t) noexcept { Free(memory); }
 
 void operator delete[](void* memory) noexcept { Free(memory); }
 
