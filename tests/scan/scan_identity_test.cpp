@@ -15,6 +15,7 @@
 #include "file/identity.h"
 #include "file/settling.h"
 #include "harness/calculating_host.h"
+#include "harness/sanitizers.h"
 #include "harness/temporary_directory.h"
 
 using orvexscan::Calculation;
@@ -112,7 +113,9 @@ Identity WithTimes(std::chrono::nanoseconds mtime, std::chrono::nanoseconds ctim
 
 TEST_CASE("ten thousand rewrites behind the same size and mtime give no stale digest" *
           doctest::test_suite("slow")) {
-  CHECK(StaleAnswers(10000, Identity().mode, kDefaultSettling) == 0);
+  // A sanitizer finds nothing more in the other nine thousand.
+  const int rewrites = ORVEXENG_CHECKS_MEMORY ? 1000 : 10000;
+  CHECK(StaleAnswers(rewrites, Identity().mode, kDefaultSettling) == 0);
 }
 
 TEST_CASE("rewrites behind the same mtime do give stale digests with nothing to guard against") {
@@ -245,7 +248,7 @@ TEST_CASE("the answer about a file that somebody can write to through a mapping 
 
 TEST_CASE("the answer about a file whose size is not that of its content is kept in no cache") {
   CalculatingHost host;
-  const std::string path = "/proc/self/status";
+  const std::string path = "/proc/version";
   const Identity identity = IdentityOf(path, false);
   CHECK(identity.size == 0);
   for (int i = 0; i < 2; ++i) {
