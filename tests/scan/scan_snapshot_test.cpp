@@ -251,7 +251,7 @@ TEST_CASE("a scan that a signal ends leaves its report and its snapshot") {
     CHECK(OutputOf(directory.path(),
                    ORVEX_SCAN " --threads 1 --settle 0 --json report --snapshot snapshot in "
                               ">table & "
-                              "until ls -l /proc/$!/fd 2>&1 | grep -q in/b; do :; done; "
+                              "until ls -l /proc/$!/fd 2>&1 | grep -q /in/b$; do :; done; "
                               "kill -" +
                        signal + " $!; wait $!; echo $?") == "3\n");
     const auto report = nlohmann::json::parse(OutputOf(directory.path(), "cat report"));
