@@ -22,6 +22,7 @@
 
 #include "ask/engine_log.h"
 #include "ask/scan.h"
+#include "exec/exec_watch.h"
 #include "file/interruption.h"
 #include "file/private_file.h"
 #include "inventory/inventory.h"
@@ -144,24 +145,32 @@ int Work(const Options& options, Destinations* destinations) {
   const auto watcher = options.watch ? std::make_unique<Watcher>(&engine, reading, options.paths,
                                                                  walking, options.format == "jsonl")
                                      : nullptr;
+  const auto execWatch =
+      options.exec ? std::make_unique<ExecWatch>(&engine, reading, options.paths, options.threads,
+                                                 options.format == "jsonl")
+                   : nullptr;
   if (watcher) {
     watcher->Gather(&inventory);
   } else if (options.processes) {
     AddMappedFiles("/proc", &inventory);
-  } else {
+  } else if (!execWatch) {
     Walk(options.paths, walking, &inventory);
   }
   const size_t walkFailures = inventory.FailureCount();
   Progress progress(!options.verbose && !options.quiet);
   reading.onRead = [&progress](uint64_t bytes) { progress.AddBytes(bytes); };
-  std::vector<PassReport> passes =
-      Scan(&engine, {reading, LinePrinter(options), options.threads, options.passes}, &inventory,
-           &progress);
+  std::vector<PassReport> passes;
+  if (!execWatch) {
+    passes = Scan(&engine, {reading, LinePrinter(options), options.threads, options.passes},
+                  &inventory, &progress);
+  }
   const bool interrupted = Interrupted();
   // What fails while watching is told at once, and no failure of the scan.
   const bool failed = AnyFailed(inventory);
-  const std::string advice =
-      Advice({options.processes, options.threads, options.capacity}, inventory.FileCount(), passes);
+  const std::string advice = execWatch
+                                 ? ""
+                                 : Advice({options.processes, options.threads, options.capacity},
+                                          inventory.FileCount(), passes);
 
   bool allWritten = true;
   // Each by itself: what one cannot write is no reason to lose the others.
@@ -174,6 +183,7 @@ int Work(const Options& options, Destinations* destinations) {
     }
   };
   if (watcher && !interrupted) attempt([&] { watcher->Run(&inventory, &passes); });
+  if (execWatch) attempt([&] { execWatch->Run(&inventory, &passes); });
   std::vector<Difference> differences;
   if (!options.baseline.empty()) {
     differences = Compare(destinations->baseline, inventory, options.paths);

@@ -98,6 +98,13 @@ void Describe(CLI::App* app, Options* options) {
       ->option_text("FORMAT");
   app->add_flag("--watch", options->watch,
                 "Then print each change of a file until interrupted or terminated");
+  auto* exec = app->add_flag("--exec", options->exec,
+                             "Instead print what is executed on the mounts of the paths, until "
+                             "interrupted or terminated");
+  for (const char* other : {"--processes", "--follow", "--one-file-system", "--pseudo", "--exclude",
+                            "--max-size", "--passes", "--baseline", "--watch"}) {
+    exec->excludes(other);
+  }
   app->add_flag("--verbose", options->verbose, "Show the engine's log on standard error");
   app->add_flag("--quiet", options->quiet,
                 "Draw no progress, and print no table on standard error");
@@ -111,12 +118,13 @@ void Check(const Options& options) {
   }
   // JSON Lines go on while watching.
   const bool otherFormat =
-      options.format != "table" && !(options.format == "jsonl" && options.watch);
+      options.format != "table" && !(options.format == "jsonl" && (options.watch || options.exec));
   const std::initializer_list<bool> printing = {options.json == "-", !options.metrics.empty(),
-                                                options.watch, otherFormat};
+                                                options.watch || options.exec, otherFormat};
   if (std::count(printing.begin(), printing.end(), true) > 1) {
     throw CLI::ValidationError(
-        "standard output", "has room for only one of --json -, --format, --metrics and --watch");
+        "standard output",
+        "has room for only one of --json -, --format, --metrics, --watch and --exec");
   }
   if (options.watch && options.processes) throw CLI::ExcludesError("--watch", "--processes");
 }

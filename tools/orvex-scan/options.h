@@ -39,6 +39,7 @@ struct Options {
   std::string format = "table";       // of standard output: table, json, jsonl, sha256sum, csv
   std::string metrics;                // "prometheus", "json" or empty
   bool watch = false;
+  bool exec = false;  // what is executed on the mounts of the paths, instead of what is there
   WantedParts parts;
   bool verbose = false;
   bool quiet = false;

@@ -3,7 +3,7 @@ _orvex_scan() {
   local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]}
   local options="-h --help --version --processes --follow -x --one-file-system --pseudo --exclude
     --max-size --files0-from --identity --settle --time-limit --no-type --no-signers --threads --passes --capacity
-    --snapshot --baseline --json --format --metrics --watch --verbose --quiet"
+    --snapshot --baseline --json --format --metrics --watch --exec --verbose --quiet"
   case $before in
     --identity) mapfile -t COMPREPLY < <(compgen -W 'mtime ctime strict' -- "$word") ;;
     --format) mapfile -t COMPREPLY < <(compgen -W 'table json jsonl sha256sum csv' -- "$word") ;;

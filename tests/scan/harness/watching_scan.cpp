@@ -37,9 +37,9 @@ WatchingScan::WatchingScan(const std::string& directory, const std::vector<std::
     : WatchingScan(directory, {}, arguments) {}
 
 WatchingScan::WatchingScan(const std::string& directory, const std::vector<std::string>& command,
-                           const std::vector<std::string>& arguments) {
+                           const std::vector<std::string>& arguments, const std::string& mode) {
   std::vector<std::string> words = command;
-  words.insert(words.end(), {ORVEX_SCAN, "--watch"});
+  words.insert(words.end(), {ORVEX_SCAN, mode});
   words.insert(words.end(), arguments.begin(), arguments.end());
   const Pipe output;
   const Pipe errors;

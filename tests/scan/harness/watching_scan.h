@@ -1,4 +1,4 @@
-// orvex-scan --watch in the background, talked to through pipes and signals.
+// orvex-scan --watch, or --exec, in the background, talked to through pipes and signals.
 #pragma once
 
 #include <sys/types.h>
@@ -23,9 +23,9 @@ class WatchingScan {
  public:
   // Starts the tool with the arguments, in the directory, and waits until it watches.
   WatchingScan(const std::string& directory, const std::vector<std::string>& arguments);
-  // The same, as the last words of another command.
+  // The same, as the last words of another command, or watching for something else.
   WatchingScan(const std::string& directory, const std::vector<std::string>& command,
-               const std::vector<std::string>& arguments);
+               const std::vector<std::string>& arguments, const std::string& mode = "--watch");
   // Kills what has not been ended.
   ~WatchingScan();
   WatchingScan(const WatchingScan&) = delete;

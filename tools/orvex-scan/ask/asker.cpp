@@ -32,7 +32,18 @@ Asker::Asker(orvexeng::engine* engine, const ReadingRules& rules)
 Reply Asker::Ask(const std::string& path) {
   ++tally_.visits;
   try {
-    return Query(path);
+    return Query(path, IdentityOf(path, rules_.followLinks, rules_.identity), "");
+  } catch (const FileFailure&) {
+    ++tally_.failed;
+    throw;
+  }
+}
+
+Reply Asker::Ask(const std::string& path, int descriptor) {
+  ++tally_.visits;
+  try {
+    return Query(path, IdentityOf(descriptor, rules_.identity),
+                 fmt::format("/proc/self/fd/{}", descriptor));
   } catch (const FileFailure&) {
     ++tally_.failed;
     throw;
@@ -41,13 +52,12 @@ Reply Asker::Ask(const std::string& path) {
 
 Tally Asker::TakeTally() { return std::exchange(tally_, Tally()); }
 
-Reply Asker::Query(const std::string& path) {
-  const Identity identity = IdentityOf(path, rules_.followLinks, rules_.identity);
+Reply Asker::Query(const std::string& path, const Identity& identity, const std::string& source) {
   metadata_input_s query = QueryFor(path, identity);
   if (!rules_.parts.type) query.queryFlags &= ~static_cast<uint32_t>(QUERY_FILE_TYPE);
   if (!rules_.parts.signers) query.queryFlags &= ~static_cast<uint32_t>(QUERY_SIGNERS);
   orvexeng::answer output;
-  Calculation calculation(&tools_, identity, rules_);
+  Calculation calculation(&tools_, identity, rules_, source);
   const int code = engine_->query(query, output, calculation.Callbacks());
   if (calculation.failure()) throw FileFailure(*calculation.failure());
   if (code != ORVEX_OK) {
@@ -57,6 +67,7 @@ Reply Asker::Query(const std::string& path) {
   Reply reply;
   reply.answer = AnswerIn(output, identity, calculation.settled());
   reply.answer.parts = rules_.parts;
+  reply.read = calculation.hashed();
   if (calculation.hashed() || calculation.fromSnapshot())
     reply.certificates = calculation.certificates();
   return reply;

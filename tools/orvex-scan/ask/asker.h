@@ -30,6 +30,7 @@ struct Reply {
   Answer answer;
   // Nothing if the answer was cached.
   std::optional<CertificateFindings> certificates;
+  bool read = false;  // the whole file, for its digests: neither cache nor snapshot could serve
 };
 
 // Asks a running engine and counts what that takes.
@@ -43,13 +44,15 @@ class Asker {
 
   // Throws FileFailure when the file has no answer, and counts that too.
   Reply Ask(const std::string& path);
+  // The same about an open file, whatever its name leads to by now.
+  Reply Ask(const std::string& path, int descriptor);
 
   // What was counted since the last call.
   Tally TakeTally();
   uint64_t bytesSaved() const { return tally_.bytesSaved; }
 
  private:
-  Reply Query(const std::string& path);
+  Reply Query(const std::string& path, const Identity& identity, const std::string& source);
   void Count(const Calculation& calculation, const Identity& identity);
 
   orvexeng::engine* const engine_;

@@ -141,7 +141,11 @@ FileReader& Calculation::Open(const metadata_input_s& in) {
   if (!file_) {
     // Before anything is read: what is written from now on has later times.
     const Settling::Instant now = rules_.settling.Now();
-    file_.emplace(in.path, identity_, rules_.followLinks);
+    if (source_.empty()) {
+      file_.emplace(in.path, identity_, rules_.followLinks);
+    } else {
+      file_.emplace(source_, identity_, true);
+    }
     settled_ = rules_.settling.IsSettled(identity_, now) && file_->HasTrueSize() &&
                !(rules_.settling.Judges() && file_->HasWriter());
   }

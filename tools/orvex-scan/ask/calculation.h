@@ -55,9 +55,11 @@ struct ReadingRules {
 // Threads: one at a time; the engine calls back on the thread that asks.
 class Calculation {
  public:
-  // For a query about what identity was taken of.
-  Calculation(Tools* tools, const Identity& identity, const ReadingRules& rules)
-      : tools_(tools), identity_(identity), rules_(rules) {}
+  // For a query about what identity was taken of. source is a link of /proc to that file if
+  // it is open already, and empty if the path of the query leads to it.
+  Calculation(Tools* tools, const Identity& identity, const ReadingRules& rules,
+              const std::string& source = "")
+      : tools_(tools), identity_(identity), rules_(rules), source_(source) {}
 
   // What a query is to call for what the caches lack.
   orvexeng::callbacks Callbacks();
@@ -91,6 +93,7 @@ class Calculation {
   Tools* const tools_;
   const Identity identity_;
   const ReadingRules& rules_;
+  const std::string source_;
   std::optional<FileReader> file_;
   std::optional<FileFailure> failure_;
   bool settled_ = true;

@@ -7,10 +7,10 @@
 #include <exception>
 #include <future>
 #include <system_error>
-#include <thread>
 #include <utility>
 
 #include "ask/asker.h"
+#include "ask/threads.h"
 #include "file/interruption.h"
 #include "terminal/printable.h"
 
@@ -79,27 +79,6 @@ void MakeWorkers(orvexeng::engine* engine, const ScanningRules& rules, Inventory
                                    Printable(failure.what())));
   }
 }
-
-// Threads that are joined on every way out.
-class Threads {
- public:
-  Threads() = default;
-  ~Threads() { Join(); }
-  Threads(const Threads&) = delete;
-  Threads& operator=(const Threads&) = delete;
-
-  template <typename Work>
-  void Start(Work work) {
-    threads_.emplace_back(std::move(work));
-  }
-  void Join() {
-    for (std::thread& thread : threads_) thread.join();
-    threads_.clear();
-  }
-
- private:
-  std::vector<std::thread> threads_;
-};
 
 // Runs one pass and adds its report to *passes. Workers for which the system grants no
 // thread are let go, with a note.

@@ -1,7 +1,6 @@
 #include "watch/watcher.h"
 
 #include <fcntl.h>
-#include <fmt/chrono.h>
 #include <fmt/format.h>
 
 #include <asio/signal_set.hpp>
@@ -18,6 +17,7 @@
 #include "file/file_failure.h"
 #include "terminal/output.h"
 #include "terminal/printable.h"
+#include "terminal/utc_time.h"
 
 namespace orvexscan {
 namespace {
@@ -40,13 +40,6 @@ const char* NameOf(ChangeKind kind) {
       return "failed";
   }
   return "";
-}
-
-std::string TextOf(std::chrono::system_clock::time_point time) {
-  const auto milliseconds =
-      std::chrono::duration_cast<std::chrono::milliseconds>(time.time_since_epoch()).count() % 1000;
-  return fmt::format("{:%FT%T}.{:03}Z", fmt::gmtime(std::chrono::system_clock::to_time_t(time)),
-                     milliseconds);
 }
 
 int Duplicate(int descriptor) {
@@ -185,7 +178,7 @@ void Watcher::StartAnew() {
 
 void Watcher::Print(const std::string& path, const Change& change) const {
   if (change.kind == ChangeKind::kNone) return;
-  const std::string time = TextOf(std::chrono::system_clock::now());
+  const std::string time = UtcText(std::chrono::system_clock::now());
   if (jsonLines_) {
     using Json = nlohmann::ordered_json;
     const Json line = {{"time", time},

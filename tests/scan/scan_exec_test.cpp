@@ -1,0 +1,227 @@
+// --exec: what runs is told, from the file that runs, once for each answer.
+#include <doctest/doctest.h>
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/fanotify.h>
+#include <sys/mount.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "harness/scan_run.h"
+#include "harness/temporary_directory.h"
+#include "harness/watching_scan.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// Why this test cannot listen for executions; empty if it can.
+std::string WhyNot() {
+  const int group = fanotify_init(FAN_CLASS_NOTIF | FAN_CLOEXEC, O_RDONLY);
+  if (group < 0) return std::string("fanotify_init: ") + std::strerror(errno);
+  const int marked =
+      fanotify_mark(group, FAN_MARK_ADD | FAN_MARK_MOUNT, FAN_OPEN_EXEC, AT_FDCWD, "/");
+  const int error = errno;
+  close(group);
+  return marked == 0 ? "" : std::string("fanotify_mark: ") + std::strerror(error);
+}
+
+// A file system of this process and its children alone, where nobody else runs anything.
+class PrivateMount {
+ public:
+  PrivateMount() {
+    why_ = WhyNot();
+    if (!why_.empty()) return;
+    if (unshare(CLONE_NEWNS) != 0 ||
+        mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        mount("none", directory_.path().c_str(), "tmpfs", 0, nullptr) != 0) {
+      why_ = std::string("no mount namespace: ") + std::strerror(errno);
+    }
+  }
+  ~PrivateMount() {
+    if (why_.empty()) umount2(directory_.path().c_str(), MNT_DETACH);
+  }
+  PrivateMount(const PrivateMount&) = delete;
+  PrivateMount& operator=(const PrivateMount&) = delete;
+
+  const std::string& why() const { return why_; }
+  const TemporaryDirectory& directory() const { return directory_; }
+  std::string Do(const std::string& command) const { return OutputOf(directory_.path(), command); }
+  // A program that does nothing, and differs from others with another ending.
+  void MakeProgram(const std::string& name, const std::string& ending = "") const {
+    REQUIRE(Do("cp /bin/true new && printf '" + ending + "' >>new && mv new " + name +
+               " && echo done") == "done\n");
+  }
+  std::string Sha256Of(const std::string& name) const {
+    return Do("sha256sum " + name).substr(0, 64);
+  }
+
+ private:
+  TemporaryDirectory directory_;
+  std::string why_;
+};
+
+std::vector<std::string> FieldsOf(const std::string& line) {
+  std::istringstream text(line);
+  std::vector<std::string> fields;
+  for (std::string field; std::getline(text, field, '\t');) fields.push_back(field);
+  return fields;
+}
+
+int End(WatchingScan* scan) {
+  scan->Send(SIGTERM);
+  return scan->ExitCode();
+}
+
+}  // namespace
+
+#define NEEDS(mount)                       \
+  if (!(mount).why().empty()) {            \
+    MESSAGE("not tried: ", (mount).why()); \
+    return;                                \
+  }
+
+TEST_CASE("a program that is executed is told with its process and digest") {
+  const PrivateMount mount;
+  NEEDS(mount)
+  mount.MakeProgram("program");
+  WatchingScan scan(mount.directory().path(), {}, {"."}, "--exec");
+  const std::string pid = mount.Do("echo $$; exec ./program");
+  const std::vector<std::string> fields = FieldsOf(scan.NextLine());
+  REQUIRE(fields.size() == 6);
+  CHECK(
+      std::regex_match(fields[0], std::regex("[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9:]{8}\\.[0-9]{3}Z")));
+  CHECK(fields[1] + "\n" == pid);
+  CHECK(fields[2] == mount.directory().PathOf("program"));
+  CHECK(fields[3] == mount.Sha256Of("program"));
+  CHECK(fields[4] == "-");
+  CHECK(fields[5] == "read");
+  CHECK(End(&scan) == 0);
+}
+
+TEST_CASE("a program that runs again is answered from the cache and told once until it changes") {
+  const PrivateMount mount;
+  NEEDS(mount)
+  mount.MakeProgram("program");
+  const std::string before = mount.Sha256Of("program");
+  WatchingScan scan(
+      mount.directory().path(), {},
+      {".", "--settle", "0", "--threads", "1", "--format", "jsonl", "--json", "report.json"},
+      "--exec");
+  mount.Do("./program; ./program; ./program");
+  mount.MakeProgram("program", "changed");
+  mount.Do("./program");
+  CHECK(End(&scan) == 0);
+  std::istringstream lines(scan.Rest());
+  std::vector<nlohmann::json> told;
+  for (std::string line; std::getline(lines, line);) told.push_back(nlohmann::json::parse(line));
+  REQUIRE(told.size() == 2);
+  CHECK(told[0]["sha256"] == before);
+  CHECK(told[0]["path"] == mount.directory().PathOf("program"));
+  CHECK(told[0]["unverifiedSigners"] == nlohmann::json::array());
+  CHECK(told[0]["cached"] == false);
+  CHECK(told[1]["sha256"] == mount.Sha256Of("program"));
+  const auto report = nlohmann::json::parse(mount.Do("cat report.json"));
+  CHECK(report["files"].size() == 1);
+  CHECK(report["passes"][0]["visits"] == 4);
+  CHECK(report["passes"][0]["hashCache"]["hits"] == 2);
+}
+
+TEST_CASE("a program that is executed elsewhere is not told") {
+  const PrivateMount mount;
+  NEEDS(mount)
+  mount.MakeProgram("program");
+  WatchingScan scan(mount.directory().path(), {}, {"."}, "--exec");
+  mount.Do("/bin/true; cat program >/dev/null; ./program");
+  CHECK(End(&scan) == 0);
+  const std::string told = scan.Rest();
+  CHECK(FieldsOf(told.substr(0, told.find('\n')))[2] == mount.directory().PathOf("program"));
+  CHECK(told.find("/true") == std::string::npos);
+}
+
+TEST_CASE("a program that is gone before it was looked at has its digest and is counted") {
+  const PrivateMount mount;
+  NEEDS(mount)
+  mount.MakeProgram("program");
+  const std::string sha256 = mount.Sha256Of("program");
+  WatchingScan scan(mount.directory().path(), {}, {".", "--json", "report.json"}, "--exec");
+  scan.Send(SIGSTOP);
+  scan.AwaitStop();
+  mount.Do("./program; rm program");
+  scan.Send(SIGCONT);
+  const std::vector<std::string> fields = FieldsOf(scan.NextLine());
+  CHECK(fields[2] == mount.directory().PathOf("program") + " (deleted)");
+  CHECK(fields[3] == sha256);
+  CHECK(End(&scan) == 0);
+  const auto report = nlohmann::json::parse(mount.Do("cat report.json"));
+  REQUIRE(report["notes"].size() == 1);
+  CHECK(report["notes"][0].get<std::string>().find("1 times a file was deleted or replaced") == 0);
+}
+
+TEST_CASE("executions that the system's queue has no room for are counted as lost") {
+  const PrivateMount mount;
+  NEEDS(mount)
+  size_t mostQueued = 16384;
+  std::ifstream("/proc/sys/fs/fanotify/max_queued_events") >> mostQueued;
+  if (mostQueued > 65536) {
+    MESSAGE("not tried: the queue takes ", mostQueued, " events");
+    return;
+  }
+  // More than what the tool may have taken by the time it stops. No programs at all, but
+  // opened as if they were.
+  for (size_t i = 0; i <= mostQueued; ++i) {
+    mount.directory().Write(std::to_string(i), "x");
+    fs::permissions(mount.directory().PathOf(std::to_string(i)), fs::perms::owner_all);
+  }
+  WatchingScan scan(mount.directory().path(), {},
+                    {".", "--no-type", "--no-signers", "--json", "report.json"}, "--exec");
+  scan.Send(SIGSTOP);
+  scan.AwaitStop();
+  for (size_t i = 0; i <= mostQueued; ++i) {
+    const std::string path = mount.directory().PathOf(std::to_string(i));
+    char* const arguments[] = {const_cast<char*>(path.c_str()), nullptr};
+    CHECK(execv(path.c_str(), arguments) == -1);
+  }
+  scan.Send(SIGCONT);
+  CHECK(scan.NextLine() != "");
+  scan.Send(SIGTERM);
+  scan.Rest();
+  CHECK(scan.ExitCode() == 0);
+  const auto report = nlohmann::json::parse(mount.Do("cat report.json"));
+  REQUIRE(report["notes"].size() == 1);
+  CHECK(report["notes"][0].get<std::string>().find("Executions were lost 1 times") == 0);
+  CHECK(report["passes"][0]["visits"] == mostQueued);
+}
+
+TEST_CASE("who may not listen for executions is told what is lacking") {
+  const TemporaryDirectory directory;
+  const ScanRun run = RunScan(directory.path(), "--exec nowhere");
+  CHECK(run.exitCode == 1);
+  if (OutputOf("/", "unshare -Ur true && echo done") != "done\n") {
+    MESSAGE("not tried: no user namespace to be had");
+    return;
+  }
+  CHECK(OutputOf(directory.path(), "unshare -Ur " ORVEX_SCAN " --exec . 2>&1") ==
+        "orvex-scan: --exec needs the capability CAP_SYS_ADMIN, in the first user namespace: run "
+        "it as root\n");
+}
+
+TEST_CASE("options that make no sense for executions are refused with --exec") {
+  const TemporaryDirectory directory;
+  for (const char* other : {"--watch", "--passes 3", "--baseline x", "--metrics json",
+                            "--format csv", "--json -", "--follow"}) {
+    CAPTURE(other);
+    CHECK(RunScan(directory.path(), std::string("--exec nowhere ") + other).exitCode == 2);
+  }
+  CHECK(RunScan(directory.path(), "--exec").exitCode == 2);
+}

@@ -1,0 +1,33 @@
+// What was executed and has not been asked about yet.
+#pragma once
+
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+#include <optional>
+
+#include "exec/exec_events.h"
+
+namespace orvexscan {
+
+// Holds few, as each is an open file; the kernel queues the others.
+//
+// Threads: any number at once.
+// Locking: lock_ guards the rest.
+class ExecQueue {
+ public:
+  // Waits while the queue is full. Does nothing once it is closed.
+  void Push(Execution execution);
+  // The oldest, waiting for one. Nothing once the queue is closed and empty.
+  std::optional<Execution> Take();
+  // Takes no more in.
+  void Close();
+
+ private:
+  std::mutex lock_;
+  std::condition_variable changed_;
+  std::deque<Execution> executions_;
+  bool closed_ = false;
+};
+
+}  // namespace orvexscan
