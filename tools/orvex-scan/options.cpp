@@ -4,10 +4,16 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <array>
+#include <charconv>
+#include <cstdint>
+#include <functional>
 #include <initializer_list>
-#include <map>
 #include <string>
 #include <thread>
+#include <vector>
+
+#include "terminal/printable.h"
 
 namespace orvexscan {
 namespace {
@@ -24,14 +30,31 @@ constexpr const char kExitCodes[] =
     "certificate table is listed too, but\n"
     "the file has its answer.";
 
-std::map<std::string, IdentityMode> IdentityModes() {
-  std::map<std::string, IdentityMode> modes;
-  for (const IdentityMode mode :
-       {IdentityMode::kMtime, IdentityMode::kCtime, IdentityMode::kStrict}) {
-    modes[NameOf(mode)] = mode;
-  }
-  return modes;
+// Says why text is refused, or nothing: the parser adds the option's name.
+using Refusal = std::function<std::string(const std::string& text)>;
+
+Refusal OneOf(const std::vector<std::string>& words) {
+  return [words](const std::string& text) {
+    if (std::find(words.begin(), words.end(), text) != words.end()) return std::string();
+    return fmt::format("'{}' is none of {}", Printable(text), fmt::join(words, ", "));
+  };
 }
+
+Refusal WholeNumber(uint64_t least, uint64_t most, const char* what = "a whole number") {
+  return [=](const std::string& text) {
+    uint64_t number = 0;
+    const char* const end = text.data() + text.size();
+    const auto [rest, error] = std::from_chars(text.data(), end, number);
+    if (error == std::errc() && rest == end && number >= least && number <= most) {
+      return std::string();
+    }
+    const std::string range = most == UINT64_MAX ? "" : fmt::format(" from {} to {}", least, most);
+    return fmt::format("'{}' is not {}{}", Printable(text), what, range);
+  };
+}
+
+const std::array<IdentityMode, 3> kIdentityModes = {IdentityMode::kMtime, IdentityMode::kCtime,
+                                                    IdentityMode::kStrict};
 
 void Describe(CLI::App* app, Options* options) {
   app->set_version_flag(
@@ -50,35 +73,44 @@ void Describe(CLI::App* app, Options* options) {
       ->type_name("PATTERN")
       ->allow_extra_args(false);
   app->add_option("--max-size", options->maxSize, "Leave out files of more bytes than this")
+      ->check(WholeNumber(0, UINT64_MAX, "a number of bytes"))
       ->type_name("BYTES");
   app->add_option("--files0-from", options->files0From,
                   "Take more paths from this file, each ended by a NUL; - for standard input")
       ->type_name("FILE")
       ->excludes("--processes");
-  app->add_option("--identity", options->identity,
-                  "What tells a changed file: mtime, ctime as well, or all there is (strict)")
-      ->transform(CLI::CheckedTransformer(IdentityModes()))
+  std::vector<std::string> identities;
+  for (const IdentityMode mode : kIdentityModes) identities.emplace_back(NameOf(mode));
+  app->add_option_function<std::string>(
+         "--identity",
+         [options](const std::string& name) {
+           for (const IdentityMode mode : kIdentityModes) {
+             if (name == NameOf(mode)) options->identity = mode;
+           }
+         },
+         "What tells a changed file: mtime, ctime as well, or all there is (strict)")
+      ->check(OneOf(identities))
       ->option_text("MODE [ctime]");
   app->add_option("--settle", options->settleSeconds,
                   "Keep no answer about a file changed less than this many seconds ago")
-      ->check(CLI::Range(0, kMostSettleSeconds))
+      ->check(WholeNumber(0, kMostSettleSeconds))
       ->capture_default_str();
   app->add_option("--time-limit", options->timeLimitSeconds,
                   "Give up a file whose content takes more seconds than this to read")
-      ->check(CLI::Range(1, kMostTimeLimitSeconds))
+      ->check(WholeNumber(1, kMostTimeLimitSeconds))
       ->capture_default_str();
   app->add_flag_callback(
       "--no-type", [options] { options->parts.type = false; }, "Do not ask for file types");
   app->add_flag_callback(
       "--no-signers", [options] { options->parts.signers = false; }, "Do not look for signers");
   app->add_option("--threads", options->threads, "Workers that ask the engine at once")
-      ->check(CLI::Range(1, kMostThreads))
+      ->check(WholeNumber(1, kMostThreads))
       ->capture_default_str();
   app->add_option("--passes", options->passes, "How often to ask about everything")
-      ->check(CLI::Range(1, 1000000))
+      ->check(WholeNumber(1, 1000000))
       ->capture_default_str();
   app->add_option("--capacity", options->capacity, "Entries that each cache keeps")
-      ->check(CLI::Range(1, ORVEX_MAX_CAPACITY))
+      ->check(WholeNumber(1, ORVEX_MAX_CAPACITY))
       ->capture_default_str();
   app->add_option("--snapshot", options->snapshot,
                   "Answer from this file what still holds, and add the answers of this scan")
@@ -90,11 +122,11 @@ void Describe(CLI::App* app, Options* options) {
       ->type_name("FILE");
   app->add_option("--format", options->format,
                   "What to print: table, json, jsonl, sha256sum (for sha256sum -c) or csv")
-      ->check(CLI::IsMember({"table", "json", "jsonl", "sha256sum", "csv"}))
+      ->check(OneOf({"table", "json", "jsonl", "sha256sum", "csv"}))
       ->option_text("FORMAT [table]");
   app->add_option("--metrics", options->metrics,
                   "Print the figures for monitoring instead of the table: prometheus or json")
-      ->check(CLI::IsMember({"prometheus", "json"}))
+      ->check(OneOf({"prometheus", "json"}))
       ->option_text("FORMAT");
   app->add_flag("--watch", options->watch,
                 "Then print each change of a file until interrupted or terminated");
@@ -112,7 +144,7 @@ void Describe(CLI::App* app, Options* options) {
 }
 
 // What CLI11 has no words for.
-void Check(const Options& options) {
+void CheckTogether(const Options& options) {
   if (options.paths.empty() && options.files0From.empty() && !options.processes) {
     throw CLI::RequiredError("PATH, --files0-from or --processes");
   }
@@ -140,7 +172,7 @@ CommandLine ParseCommandLine(int argc, const char* const* argv) {
   Describe(&app, &line.options);
   try {
     app.parse(argc, argv);
-    Check(line.options);
+    CheckTogether(line.options);
     line.run = true;
   } catch (const CLI::ParseError& error) {
     line.exitCode = app.exit(error) == 0 ? kAllFine : kUsage;

@@ -1,0 +1,36 @@
+// What the command line refuses, and in which words.
+#include <doctest/doctest.h>
+
+#include <string>
+
+#include "harness/scan_run.h"
+#include "harness/temporary_directory.h"
+
+TEST_CASE("a value that an option does not take is refused with what it takes") {
+  const TemporaryDirectory directory;
+  const struct {
+    const char* arguments;
+    const char* refusal;
+  } rows[] = {{"--identity inode", "--identity: 'inode' is none of mtime, ctime, strict\n"},
+              {"--identity ''", "--identity: '' is none of mtime, ctime, strict\n"},
+              {"--identity 1", "--identity: '1' is none of mtime, ctime, strict\n"},
+              {"--format xml", "--format: 'xml' is none of table, json, jsonl, sha256sum, csv\n"},
+              {"--metrics csv", "--metrics: 'csv' is none of prometheus, json\n"},
+              {"--threads many", "--threads: 'many' is not a whole number from 1 to 64\n"},
+              {"--threads 65", "--threads: '65' is not a whole number from 1 to 64\n"},
+              {"--passes 1.5", "--passes: '1.5' is not a whole number from 1 to 1000000\n"},
+              {"--passes=-1", "--passes: '-1' is not a whole number from 1 to 1000000\n"},
+              {"--capacity 4097", "--capacity: '4097' is not a whole number from 1 to 4096\n"},
+              {"--settle 1h", "--settle: '1h' is not a whole number from 0 to 86400\n"},
+              {"--time-limit 0", "--time-limit: '0' is not a whole number from 1 to 31536000\n"},
+              {"--max-size 1M", "--max-size: '1M' is not a number of bytes\n"},
+              {"--threads \"$(printf '\\033')\"",
+               "--threads: '\\x1b' is not a whole number from 1 to 64\n"}};
+  for (const auto& row : rows) {
+    CAPTURE(row.arguments);
+    const ScanRun run = RunScan(directory.path(), std::string(row.arguments) + " .");
+    CHECK(run.exitCode == 2);
+    CHECK(run.output == "");
+    CHECK(run.errors.substr(0, run.errors.find('\n') + 1) == row.refusal);
+  }
+}
