@@ -47,6 +47,21 @@ TEST_CASE("the digests are those of md5sum, sha1sum and sha256sum") {
   }
 }
 
+TEST_CASE("the table shows the digests of a file that is the only one") {
+  const TemporaryDirectory directory;
+  directory.Write("file", "content");
+  directory.Write("other", "other content");
+  const ScanRun one = RunScan(directory.path(), "file");
+  const ScanRun two = RunScan(directory.path(), "file other");
+  for (const char* program : {"md5sum", "sha1sum", "sha256sum"}) {
+    CAPTURE(program);
+    const std::string digest =
+        FirstWord(OutputOf(directory.path(), std::string(program) + " file"));
+    CHECK(Contains(one.output, digest));
+    CHECK_FALSE(Contains(two.output, digest));
+  }
+}
+
 TEST_CASE("size, time, device and inode are those of stat") {
   const TemporaryDirectory directory;
   directory.Write("file", "12345");

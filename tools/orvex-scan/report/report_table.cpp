@@ -176,10 +176,19 @@ void PrintReport(const std::vector<PassReport>& passes, const Inventory& invento
       malformed.push_back({fault, path});
     }
   }
+  // Who asks about one file wants its answer, not only what the answer took.
+  std::vector<std::vector<std::string>> digests;
+  if (inventory.records().size() == 1 && inventory.records()[0].answer) {
+    const Answer& answer = *inventory.records()[0].answer;
+    digests = {{"MD5", Hex(answer.md5.data(), answer.md5.size())},
+               {"SHA-1", Hex(answer.sha1.data(), answer.sha1.size())},
+               {"SHA-256", Hex(answer.sha256.data(), answer.sha256.size())}};
+  }
   std::vector<std::vector<std::string>> changes;
   for (const Difference& difference : differences) {
     changes.push_back({difference.change, Printable(difference.path), Printable(difference.from)});
   }
+  PrintList("digests of the only file", {"OF", "DIGEST"}, digests, to);
   PrintList("differences from the baseline", {"CHANGE", "PATH", "FROM"}, changes, to);
   PrintList("without an answer", {"IN", "REASON", "DETAIL", "PATH"}, failures, to);
   PrintList("with a signature of another file", {"SIGNERS (UNVERIFIED)", "PATH"}, mismatched, to);
