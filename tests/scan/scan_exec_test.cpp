@@ -203,6 +203,19 @@ TEST_CASE("executions that the system's queue has no room for are counted as los
   CHECK(report["passes"][0]["visits"] == mostQueued);
 }
 
+TEST_CASE("a line that cannot be printed ends the listening and all that is known is reported") {
+  const PrivateMount mount;
+  NEEDS(mount)
+  mount.MakeProgram("program");
+  WatchingScan scan(mount.directory().path(), {"sh", "-c", "exec \"$0\" \"$@\" >/dev/full"},
+                    {".", "--json", "report.json"}, "--exec");
+  mount.Do("./program");
+  CHECK(scan.ExitCode() == 1);
+  const auto report = nlohmann::json::parse(mount.Do("cat report.json"));
+  REQUIRE(report["passes"].size() == 1);
+  CHECK(report["passes"][0]["visits"] == 1);
+}
+
 TEST_CASE("who may not listen for executions is told what is lacking") {
   const TemporaryDirectory directory;
   const ScanRun run = RunScan(directory.path(), "--exec nowhere");

@@ -79,11 +79,11 @@ void ExecWatch::Run(Inventory* inventory, std::vector<PassReport>* passes) {
     while (!context_.stopped() && ReadSome()) {
     }
   }
-  if (failure_) std::rethrow_exception(failure_);
   AddNotes();
   for (Asker& asker : askers_) measurement.Add(asker.TakeTally());
   measurement.Finish(passes);
   passes->back().watching = true;
+  if (failure_) std::rethrow_exception(failure_);
 }
 
 void ExecWatch::Listen() {
