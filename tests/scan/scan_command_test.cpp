@@ -585,7 +585,7 @@ TEST_CASE("more files than a cache keeps cannot hit again, and the report says w
   CHECK(enough.Json()["advice"] == "");
 }
 
-TEST_CASE("a scan of /proc ends, and a walk leaves pseudo file systems out unless told") {
+TEST_CASE("a scan of /proc ends, and a walk leaves pseudo file systems out by default") {
   const TemporaryDirectory directory;
   const ScanRun proc = RunScan(directory.path(), "--json - /proc");
   CHECK(proc.exitCode == 1);

@@ -70,7 +70,7 @@ TEST_CASE("every entry of a table is found, in PE32 and PE32+") {
   }
 }
 
-TEST_CASE("a malformed table is told by its fault, and what comes before is kept") {
+TEST_CASE("a malformed table is reported with its fault, and what comes before is kept") {
   const Bytes good = TableEntry(Bytes(40, 7));
   const Bytes other = TableEntry(Bytes(40, 8));
   const struct {
@@ -132,7 +132,7 @@ TEST_CASE("no cut and no wrong byte in the headers takes the reader down") {
   }
 }
 
-TEST_CASE("a signer is told by its common name") {
+TEST_CASE("a signer is named by its common name") {
   const SignerNames found = SignersOf(Signature("Kelda Test Signer"));
   CHECK(found.names == Texts{"Kelda Test Signer"});
   CHECK(found.faults.empty());
@@ -148,7 +148,7 @@ TEST_CASE("all signers of a signature are told") {
   CHECK(found.faults.empty());
 }
 
-TEST_CASE("a signer without a common name is told by its whole subject") {
+TEST_CASE("a signer without a common name is named by its whole subject") {
   CHECK(SignersOf(Signature({{"", "Kelda"}})).names == Texts{"O=Kelda"});
 }
 
@@ -211,7 +211,7 @@ TEST_CASE("a signature with more certificates than any real one is not searched"
   CHECK(found.faults == Texts{"there are more than 512 certificates in a signature"});
 }
 
-TEST_CASE("however much is wrong with a table, a few sentences tell of it") {
+TEST_CASE("however much is wrong with a table, a few sentences report it") {
   Bytes table;
   for (uint16_t i = 0; i < 300; ++i) {
     table = Join(table, TableEntry(Bytes(8, 0), static_cast<uint16_t>(0x300 + i)));

@@ -244,7 +244,7 @@ TEST_CASE("what was missed as too much happened at once is found again") {
   CheckEnd(&scan);
 }
 
-TEST_CASE("the limit of the system is told by its name, and the others are watched") {
+TEST_CASE("the limit of the system is reported by its name, and the others are watched") {
   const TemporaryDirectory directory;
   directory.Write("in/a/file", "x");
   directory.Write("in/b/file", "x");
@@ -280,7 +280,7 @@ TEST_CASE("the final report has a column for the time of watching") {
   CHECK(report["passes"][2]["hashCache"]["misses"] >= 1);
 }
 
-TEST_CASE("JSON report and snapshot tell of the files as they were at the end of watching") {
+TEST_CASE("JSON report and snapshot describe the files as they were at the end of watching") {
   const TemporaryDirectory directory;
   directory.Write("in/changed", "x");
   directory.Write("in/gone", "x");

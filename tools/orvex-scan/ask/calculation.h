@@ -49,7 +49,7 @@ struct ReadingRules {
 
 // One query's calculation.
 //
-// Ownership: borrows the tools, which no other calculation may use meanwhile, and the
+// Ownership: borrows the tools, which no other calculation may use at the same time, and the
 // rules. Keeps the file open from the first callback on, so that type and digests are
 // those of one file.
 // Threads: one at a time; the engine calls back on the thread that asks.

@@ -1,4 +1,4 @@
-// Everything the tool tells of a file's content.
+// Everything the tool reports about a file's content.
 #pragma once
 
 #include <array>

@@ -25,7 +25,7 @@ struct SignerNames {
 
 // Adds the signers of one signature in DER to *found: the common name of each signer,
 // not of the authorities above it, then those of the signatures nested in it
-// (attribute 1.3.6.1.4.1.311.2.4.1). A signer without a common name is told by its
+// (attribute 1.3.6.1.4.1.311.2.4.1). A signer without a common name is named by its
 // whole subject. The names are unverified: whoever makes a
 // certificate chooses what stands in it.
 void AddSigners(const std::vector<unsigned char>& signature, SignerNames* found);

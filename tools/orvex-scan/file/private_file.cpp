@@ -75,7 +75,7 @@ mode_t Umask() {
   return mask;
 }
 
-// A file beside the one at path, gone again unless it takes its place.
+// A file next to the one at path, gone again unless it takes its place.
 class TemporaryFile {
  public:
   explicit TemporaryFile(const std::string& path) : path_(path), name_(path + ".XXXXXX") {

@@ -19,7 +19,7 @@ enum class Access {
   kAsUsual      // as the file that is there, or as any new one
 };
 
-// Puts content in place of the file at path. Whoever reads path meanwhile, or after a
+// Puts content in place of the file at path. Whoever reads path while it is written, or after a
 // crash, finds all of the old or all of the new.
 //
 // Throws std::system_error, and leaves what was there. Anything but a regular file is

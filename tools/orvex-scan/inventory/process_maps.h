@@ -14,7 +14,7 @@ namespace orvexscan {
 //
 // proc is where the process file system is mounted. A file is visited by the name that
 // leads to the very file that is mapped: by its name here if it does, otherwise by the
-// one that the process knows it by, below PROC/PID/root. A process that ends meanwhile is
+// one that the process knows it by, below PROC/PID/root. A process that ends in between is
 // passed over. Told in notes: processes that may not be looked at, files that are reached
 // through a process only, and files that no name leads to any more.
 void AddMappedFiles(const std::string& proc, Inventory* inventory);

@@ -64,7 +64,7 @@ void Progress::DrawNow() {
   const uint64_t done = done_.load(std::memory_order_relaxed);
   const auto read = static_cast<double>(read_.load(std::memory_order_relaxed));
   const auto saved = static_cast<double>(saved_.load(std::memory_order_relaxed));
-  // Files may grow or shrink meanwhile.
+  // Files may grow or shrink while they are read.
   const double share =
       std::min(1.0, bytes_ != 0 ? (read + saved) / static_cast<double>(bytes_)
                                 : static_cast<double>(done) / static_cast<double>(files_));

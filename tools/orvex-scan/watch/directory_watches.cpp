@@ -62,7 +62,7 @@ DirectoryWatches::~DirectoryWatches() { close(descriptor_); }
 
 bool DirectoryWatches::AddDirectory(const std::string& directory) {
   const int number = Add(directory, followLinks_ ? 0 : IN_DONT_FOLLOW);
-  // Gone again, or not to be read: the walk tells of the latter.
+  // Gone again, or not to be read: the walk reports the latter.
   if (number < 0) return number != kFull;
   const auto known = directories_.find(directory);
   if (known != directories_.end() && known->second != number) RemoveDirectory(known);

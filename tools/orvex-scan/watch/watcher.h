@@ -1,4 +1,4 @@
-// Tells of changes as they happen.
+// Reports changes as they happen.
 #pragma once
 
 #include <asio/io_context.hpp>
