@@ -157,14 +157,14 @@ __attribute__((noinline)) int LRUCache::QueryStepByStep(metadata_input_s* metaIn
     const bool mayCalculate = (metaIn->invOperation & INV_CACHE_ONLY) == 0;
     try {
       path.Keep(metaIn->path);
-      if (MayWait(*metaIn)) WaitUntilFree(path.Or(nullptr));
+      if (MayWait(*metaIn)) WaitUntilFree(path.c_str());
     } catch (const std::exception&) {
       // No memory, or a text longer than a string can be.
       return EndWithoutMemory(*metaOut);
     }
-    if (mayCalculate && !IsActive()) return SkipInactive(path.Or(nullptr));
+    if (mayCalculate && !IsActive()) return SkipInactive(path.c_str());
     ORVEX_LOG_FROM(ORVEX_LOG_DEBUG, kFunction, kLRUCacheSourceFile,
-                   "Free to calculate file hash: %s", path.Or(nullptr));
+                   "Free to calculate file hash: %s", path.c_str());
     lookup = QueryLRUCache(metaIn, metaOut);
     if (lookup == LRU_HIT) {
       metaOut->resultReady = 1;
@@ -179,7 +179,7 @@ __attribute__((noinline)) int LRUCache::QueryStepByStep(metadata_input_s* metaIn
   if (!IsActive()) {
     ORVEX_LOG_FROM(ORVEX_LOG_WARNING, kFunction, kLRUCacheSourceFile,
                    "File hash calculation is skipped due to inactive state: %s",
-                   path.Or(TextOrEmpty(metaIn->path)));
+                   path.c_str() != nullptr ? path.c_str() : TextOrEmpty(metaIn->path));
     return ORVEX_CACHE_NOT_INITIALISED;
   }
   return Calculate(metaIn, metaOut, ctx, path);
@@ -204,11 +204,11 @@ int LRUCache::Calculate(metadata_input_s* metaIn, metadata_output_s* metaOut, vo
   bool marked = false;
   try {
     keptPath.Keep(TextOrEmpty(metaIn->path));
-    marked = MarkAsCalculating(calHashSet, keptPath.Or(nullptr));
+    marked = MarkAsCalculating(calHashSet, keptPath.c_str());
   } catch (const std::exception&) {
     return ORVEX_NO_MEMORY;
   }
-  const char* const path = keptPath.Or(nullptr);
+  const char* const path = keptPath.c_str();
   const LeavePathOnReturn leave(calHashSet, path, marked);
   if (marked) {
     ORVEX_LOG_FROM(ORVEX_LOG_DEBUG, kFunction, kLRUCacheSourceFile,

@@ -23,8 +23,8 @@ class ORVEX_LOCAL KeptText {
     if (bytes > sizeof short_) long_.reset(new char[bytes]);
     kept_ = static_cast<const char*>(std::memcpy(long_ ? long_.get() : short_, text, bytes));
   }
-  // What is kept, or the other text while nothing is.
-  const char* Or(const char* other) const { return kept_ != nullptr ? kept_ : other; }
+  // Null until something is kept.
+  const char* c_str() const { return kept_; }
 
  private:
   const char* kept_ = nullptr;
