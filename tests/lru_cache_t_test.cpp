@@ -17,8 +17,6 @@
 
 namespace {
 
-using Paths = std::vector<std::string>;
-
 // The number that a path has besides: its first letter.
 metadata_input_s FileAt(const char* path, uint32_t mask = kAllKeyBits) {
   metadata_input_s in = InputFor(path);

@@ -35,7 +35,7 @@ long LeftBehindBy(Work work) {
 // Stores, replaces and evicts nodes; more of them than the compiler would lay out
 // one by one.
 template <typename Cache>
-void Fill(Cache& cache) {
+void FillAndEvict(Cache& cache) {
   cache.SetCapacity(300);
   for (int number = 0; number < 500; ++number) {
     const std::string path = PathOf(number);
@@ -74,7 +74,7 @@ TEST_CASE("a hash cache gives back all its memory when it stops") {
   CHECK(LeftBehindBy([] {
           OpenHashCache cache;
           cache.InitLRUCache();
-          Fill(cache);
+          FillAndEvict(cache);
           for (int file = 0; file < 1000; ++file) cache.calHashSet.paths.insert(PathOf(file));
           cache.DeinitLRUCache();
         }) == 0);
@@ -84,7 +84,7 @@ TEST_CASE("a file type cache gives back all its memory when it stops") {
   CHECK(LeftBehindBy([] {
           FileTypeCache cache;
           cache.InitLRUCache();
-          Fill(cache);
+          FillAndEvict(cache);
           cache.DeinitLRUCache();
         }) == 0);
 }

@@ -30,7 +30,7 @@ namespace {
 // Messages take no lock and go nowhere, unless a test asks for them.
 std::function<void(const char*)> onMessage;
 
-void DropMessage(unsigned int, unsigned int, const char*, const char*, const char* message,
+void PassMessage(unsigned int, unsigned int, const char*, const char*, const char* message,
                  unsigned int) {
   if (onMessage) onMessage(message);
 }
@@ -39,7 +39,7 @@ void DropMessage(unsigned int, unsigned int, const char*, const char*, const cha
 class TalkativeLibrary {
  public:
   TalkativeLibrary() {
-    orvex_register_log_cb(DropMessage);
+    orvex_register_log_cb(PassMessage);
     ORVEX_LOG_BASE::LogLevel = ORVEX_LOG_DEBUG;
     orvex_profiling_set_enable(true);
   }
@@ -320,7 +320,7 @@ TEST_CASE("locks whose initialisation fails, once or always, work all the same")
         cache = std::make_unique<OpenHashCache>();
         inits = std::max(failing.mutexInits, failing.conditionInits);
       }
-      orvex_register_log_cb(DropMessage);
+      orvex_register_log_cb(PassMessage);
       ORVEX_LOG_BASE::LogLevel = ORVEX_LOG_DEBUG;
       cache->InitLRUCache();
       HeldHost held(cache->onHash);
@@ -371,7 +371,7 @@ TEST_CASE("pauses that signals cut short leave a stop with its ten tries and 0")
 
 namespace {
 
-int Start() {
+int StartEngine() {
   metadata_query_fptrs_s callbacks = Host::Callbacks();
   return orvex_init(&callbacks);
 }
@@ -384,7 +384,7 @@ TEST_CASE("a configuration that opens and cannot be read changes nothing") {
   const TalkativeLibrary talkative;
   orvex_set_cache_capacity(ORVEX_HASH_CACHE, ORVEX_MAX_CAPACITY);
   ORVEX_Config::ConfigFilePath = ".";  // A directory opens for reading and reads EISDIR.
-  CHECK(Start() == 0);
+  CHECK(StartEngine() == 0);
   CHECK(HashCapacity() == 4096);
   CHECK(orvex_deinit() == 0);
 }
@@ -405,7 +405,7 @@ TEST_CASE("a configuration that the system does not open is one ERROR and no obs
     CAPTURE(path.substr(0, 20));
     ORVEX_Config::ConfigFilePath = path;
     errors = 0;
-    CHECK(Start() == 0);
+    CHECK(StartEngine() == 0);
     CHECK(errors == 1);
     CHECK(HashCapacity() == 4096);
     CHECK(orvex_deinit() == 0);
@@ -421,7 +421,7 @@ TEST_CASE("a configuration that the system does not open is one ERROR and no obs
     none.rlim_cur = 0;
     setrlimit(RLIMIT_NOFILE, &none);
     errors = 0;
-    const int code = Start();
+    const int code = StartEngine();
     setrlimit(RLIMIT_NOFILE, &before);
     CHECK(code == 0);
     CHECK(errors == 1);
@@ -430,7 +430,7 @@ TEST_CASE("a configuration that the system does not open is one ERROR and no obs
     ++points;
   }
   errors = 0;
-  CHECK(Start() == 0);
+  CHECK(StartEngine() == 0);
   CHECK(errors == 0);
   CHECK(HashCapacity() == 7);
   CHECK(orvex_deinit() == 0);

@@ -9,8 +9,6 @@
 #include "harness/nodes.h"
 #include "harness/records.h"
 
-using Paths = std::vector<std::string>;
-
 // Its host is onHash. Empties itself at the end, as the engine would have it do.
 class OpenHashCache : public LRUCache {
  public:

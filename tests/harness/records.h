@@ -31,4 +31,5 @@ void GiveDigests(metadata_output_s& out, uint32_t parts, int byte);
 void GiveSigners(metadata_output_s& out, std::initializer_list<std::string> names);
 
 using Names = std::vector<std::string>;
+using Paths = std::vector<std::string>;
 Names SignersIn(const metadata_output_s& out);

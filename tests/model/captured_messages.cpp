@@ -7,18 +7,18 @@
 
 namespace {
 
-std::string* current = nullptr;
+std::string* currentText = nullptr;
 
 }  // namespace
 
-CapturedMessages::CapturedMessages() { current = &text_; }
+CapturedMessages::CapturedMessages() { currentText = &text_; }
 
-CapturedMessages::~CapturedMessages() { current = nullptr; }
+CapturedMessages::~CapturedMessages() { currentText = nullptr; }
 
 void CapturedMessages::Hear(unsigned int level, unsigned int /*line*/, const char* function,
                             const char* file, const char* message, unsigned int /*length*/) {
-  if (current != nullptr) {
-    Append(*current, level, " ", function, " ", file, ": ", message, "\n");
+  if (currentText != nullptr) {
+    Append(*currentText, level, " ", function, " ", file, ": ", message, "\n");
   }
 }
 

@@ -18,7 +18,7 @@ namespace {
 const char* const kKeys[] = {"LogEnable",       "LogLevel",      "DatabaseEnable",
                              "ProfilingEnable", "CacheCapacity", "Absent"};
 
-int Answer(metadata_input_s* /*in*/, metadata_output_s* /*out*/, void* /*ctx*/) { return 0; }
+int AnswerNothing(metadata_input_s* /*in*/, metadata_output_s* /*out*/, void* /*ctx*/) { return 0; }
 
 // A file in memory with a path, for it costs less than one on a disk.
 class ConfigFile {
@@ -45,7 +45,7 @@ std::string Start(EngineInterface& engine) {
   clock.MakeCurrent();
   CapturedMessages messages;
   engine.RegisterLogCallback(&CapturedMessages::Hear);
-  metadata_query_fptrs_s callbacks = {&Answer, &Answer};
+  metadata_query_fptrs_s callbacks = {&AnswerNothing, &AnswerNothing};
   std::string text;
   Append(text, "init ", engine.Init(&callbacks), "\n");
   // Whatever level was set, a dump at the end shows what passes.

@@ -9,7 +9,7 @@
 namespace {
 
 constexpr char kEngineFile[] = "orvex_engine";
-constexpr char kConfigFile[] = "orvex_config";
+constexpr char kSettingsSourceFile[] = "orvex_config";
 
 unsigned int LowBits(const void* pointer) {
   return static_cast<unsigned int>(reinterpret_cast<uintptr_t>(pointer));
@@ -45,29 +45,29 @@ int ModelEngine::Init(metadata_query_fptrs_s* fptrs) {
 void ModelEngine::Configure() {
   const std::optional<std::string> content = ContentOf(configFilePath_);
   if (!content) {
-    log_(kError, "ReadConfig", kConfigFile, "Open config file %s failed", configFilePath_.c_str());
+    log_(kError, "ReadConfig", kSettingsSourceFile, "Open config file %s failed", configFilePath_.c_str());
     return;
   }
   config_.Read(*content);
   const char* const setConfig = "SetConfig";
   if (const auto value = config_.Bool("LogEnable")) {
     log_.enable = *value;
-    log_(kInfo, setConfig, kConfigFile, "Set config LogEnable to %d", *value ? 1 : 0);
+    log_(kInfo, setConfig, kSettingsSourceFile, "Set config LogEnable to %d", *value ? 1 : 0);
   }
   if (const auto value = config_.Integer("LogLevel")) {
     log_.level = static_cast<int>(*value);
-    log_(kInfo, setConfig, kConfigFile, "Set config LogLevel to %u", *value);
+    log_(kInfo, setConfig, kSettingsSourceFile, "Set config LogLevel to %u", *value);
   }
   if (const auto value = config_.Bool("DatabaseEnable")) {
-    log_(kInfo, setConfig, kConfigFile, "Set config DatabaseEnable to %d", *value ? 1 : 0);
+    log_(kInfo, setConfig, kSettingsSourceFile, "Set config DatabaseEnable to %d", *value ? 1 : 0);
   }
   if (const auto value = config_.Bool("ProfilingEnable")) {
     log_.profiling = *value;
-    log_(kInfo, setConfig, kConfigFile, "Set config ProfilingEnable to %d", *value ? 1 : 0);
+    log_(kInfo, setConfig, kSettingsSourceFile, "Set config ProfilingEnable to %d", *value ? 1 : 0);
   }
   if (const auto value = config_.Integer("CacheCapacity")) {
     hash_.SetCapacity(*value);
-    log_(kInfo, setConfig, kConfigFile, "Set config CacheCapacity to %u", *value);
+    log_(kInfo, setConfig, kSettingsSourceFile, "Set config CacheCapacity to %u", *value);
   }
 }
 

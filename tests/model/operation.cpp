@@ -9,7 +9,7 @@ namespace {
 constexpr unsigned int kPaths = 8192;
 
 // The first few are hard on keys and on log lines; one is null.
-const std::vector<std::string>& Paths() {
+const std::vector<std::string>& PathsOfStories() {
   static const std::vector<std::string> paths = [] {
     std::vector<std::string> all = {
         "/bin/true",           "",      "/bin/tru", "/bin/true\x80", "/bin/true\x7f", "%s%n",
@@ -51,7 +51,7 @@ uint64_t Operation::Number(unsigned int nibble) {
 
 const char* Operation::Path() const {
   const uint32_t choice = Word(place::kPath) % (kPaths + 1);
-  return choice == kPaths ? nullptr : Paths()[choice].c_str();
+  return choice == kPaths ? nullptr : PathsOfStories()[choice].c_str();
 }
 
 metadata_input_s Operation::Input() const {

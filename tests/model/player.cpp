@@ -16,7 +16,7 @@ namespace {
 constexpr char kConfigFile[] = "orvexeng.ini";
 constexpr int kDeepest = 3;
 
-Player* current = nullptr;
+Player* currentPlayer = nullptr;
 
 void Empty(metadata_output_s& out) {
   delete[] out.signers;
@@ -82,12 +82,12 @@ Player::Player(EngineInterface& engine, const Operations& operations, const std:
 }
 
 Player::~Player() {
-  if (current == this) current = nullptr;
+  if (currentPlayer == this) currentPlayer = nullptr;
   close(directory_);
 }
 
 void Player::Step() {
-  current = this;
+  currentPlayer = this;
   clock_.MakeCurrent();
   if (fchdir(directory_) != 0) throw std::runtime_error("no way into the directory");
   trace_.clear();
@@ -335,8 +335,8 @@ void Player::Mutate(bool isHash, metadata_input_s& in, const Operation& operatio
 template <char kName>
 void Player::Hear(unsigned int level, unsigned int /*line*/, const char* function, const char* file,
                   const char* message, unsigned int length) {
-  if (current != nullptr) {
-    current->NoteMessage(kName, level, function, file, message, length);
+  if (currentPlayer != nullptr) {
+    currentPlayer->NoteMessage(kName, level, function, file, message, length);
   }
 }
 

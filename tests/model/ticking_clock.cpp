@@ -8,7 +8,7 @@
 
 namespace {
 
-TickingClock* current = nullptr;
+TickingClock* currentClock = nullptr;
 
 // Not a whole second, so that elapsed times need the borrow.
 constexpr uint64_t kMonotonicTickNs = 700000001;
@@ -23,28 +23,28 @@ timespec TimespecOf(uint64_t ns) {
 }  // namespace
 
 TickingClock::~TickingClock() {
-  if (current == this) current = nullptr;
+  if (currentClock == this) currentClock = nullptr;
 }
 
-void TickingClock::MakeCurrent() { current = this; }
+void TickingClock::MakeCurrent() { currentClock = this; }
 
 extern "C" int clock_gettime(clockid_t clock, timespec* now) noexcept {
-  if (current != nullptr && clock == CLOCK_REALTIME) {
-    *now = TimespecOf(++current->realTimeNs);
+  if (currentClock != nullptr && clock == CLOCK_REALTIME) {
+    *now = TimespecOf(++currentClock->realTimeNs);
     return 0;
   }
-  if (current != nullptr && clock == CLOCK_MONOTONIC) {
-    ++current->monotonicReadings;
-    *now = TimespecOf(current->monotonicNs += kMonotonicTickNs);
+  if (currentClock != nullptr && clock == CLOCK_MONOTONIC) {
+    ++currentClock->monotonicReadings;
+    *now = TimespecOf(currentClock->monotonicNs += kMonotonicTickNs);
     return 0;
   }
   return static_cast<int>(syscall(SYS_clock_gettime, clock, now));
 }
 
 extern "C" int usleep(useconds_t microseconds) {
-  if (current != nullptr) {
-    ++current->sleeps;
-    current->sleptUs += microseconds;
+  if (currentClock != nullptr) {
+    ++currentClock->sleeps;
+    currentClock->sleptUs += microseconds;
     return 0;
   }
   timespec pause = TimespecOf(uint64_t{microseconds} * 1000);

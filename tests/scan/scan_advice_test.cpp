@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "harness/contains.h"
 #include "report/advice.h"
 
 using orvexscan::Advice;
@@ -33,10 +34,6 @@ PassReport Pass(int number, uint64_t visits, int64_t hits) {
   pass.engine.cacheHit = hits;
   pass.engine.cacheMiss = static_cast<int64_t>(visits) - hits;
   return pass;
-}
-
-bool Contains(const std::string& text, const std::string& part) {
-  return text.find(part) != std::string::npos;
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "harness/sanitizers.h"
+#include "harness/contains.h"
 #include "harness/scan_run.h"
 #include "harness/signed_pe.h"
 #include "harness/temporary_directory.h"
@@ -19,10 +20,6 @@ std::string Repeated(size_t count) {
   std::string text;
   for (size_t i = 0; i < count; ++i) text += static_cast<char>(i * 31 + i / 251);
   return text;
-}
-
-bool Contains(const std::string& text, const std::string& part) {
-  return text.find(part) != std::string::npos;
 }
 
 std::string FirstWord(const std::string& text) { return text.substr(0, text.find(' ')); }

@@ -7,6 +7,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "harness/contains.h"
 #include "harness/scan_run.h"
 #include "harness/signed_pe.h"
 #include "harness/temporary_directory.h"
@@ -24,10 +25,6 @@ std::string Edited(const std::string& snapshot, const std::string& part, const s
   REQUIRE(at != std::string::npos);
   std::string text = snapshot.substr(0, snapshot.rfind("sha256 "));
   return orvexscan::WithChecksum(text.replace(at, part.size(), other));
-}
-
-bool Contains(const std::string& text, const std::string& part) {
-  return text.find(part) != std::string::npos;
 }
 
 nlohmann::json Report(const TemporaryDirectory& directory, const std::string& arguments = kScan) {

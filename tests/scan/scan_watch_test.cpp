@@ -7,6 +7,7 @@
 #include <regex>
 #include <string>
 
+#include "harness/contains.h"
 #include "harness/scan_run.h"
 #include "harness/temporary_directory.h"
 #include "harness/watching_scan.h"
@@ -15,10 +16,6 @@
 namespace fs = std::filesystem;
 
 namespace {
-
-bool Contains(const std::string& text, const std::string& part) {
-  return text.find(part) != std::string::npos;
-}
 
 // What a change shows of the digest of a file with that content.
 std::string Short(const std::string& content) {

@@ -1,0 +1,7 @@
+#pragma once
+
+#include <string>
+
+inline bool Contains(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
+}
