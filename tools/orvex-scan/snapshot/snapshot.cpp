@@ -4,6 +4,7 @@
 #include <magic.h>
 #include <openssl/evp.h>
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <cstdint>
@@ -195,9 +196,11 @@ void Snapshot::Parse(const std::string& content) {
   std::string_view rest = text;
   rest.remove_prefix(kFirstLine.size());
   CheckOrigin(Take(&rest, '\n'), rules_);
+  if (static_cast<size_t>(std::count(rest.begin(), rest.end(), '\n')) > kMostSnapshotFiles) {
+    throw std::runtime_error("it holds too many files");
+  }
   std::map<std::string, SnapshotEntry> entries;
   while (!rest.empty()) {
-    if (entries.size() == kMostSnapshotFiles) throw std::runtime_error("it holds too many files");
     std::string_view line = Take(&rest, '\n');
     const std::string path = TextFromHex(Take(&line, kField));
     entries[path] = TakeEntry(&line, rules_.identity);
