@@ -228,10 +228,17 @@ TEST_CASE("progress fits any width and moves inside a large file, and not when q
   CHECK(orvexscan::FitLine("0123456789", 0).empty());
   const TemporaryDirectory directory;
   directory.Write("in/file", "");
-  std::filesystem::resize_file(directory.PathOf("in/file"), uint64_t{2} << 30);
-  const std::string drawn = OutputOf(directory.path(), "script -qec 'stty cols 40; " ORVEX_SCAN
-                                                       " --passes 1 in >table' /dev/null");
+  std::filesystem::resize_file(directory.PathOf("in/file"), uint64_t{1} << 30);
+  directory.Write("drawn", "");
+  // Interrupted once the bar has begun to move and was drawn a third time.
+  const std::string drawn = OutputOf(
+      directory.path(),
+      "script -qefc 'stty cols 40; echo $$ >pid; exec " ORVEX_SCAN
+      " --passes 1 in >table' /dev/null >drawn & "
+      "until [ $(tr '\\r' '\\n' <drawn | grep -c '^pass') -gt 2 ] && grep -q '#[.]' drawn || "
+      "! kill -0 $! 2>&-; do :; done; kill -INT $(cat pid); wait $!; cat drawn");
   CHECK(Contains(drawn, "\rpass 1/1 [#"));
+  CHECK(Contains(drawn, "#."));
   size_t lines = 0;
   for (size_t at = drawn.find("\rpass"); at != std::string::npos; ++lines) {
     const size_t end = drawn.find("\x1b[K", at);
@@ -430,14 +437,15 @@ TEST_CASE("one path that cannot be walked does not end the others") {
 TEST_CASE("a standard output that fails is no success and costs nothing else") {
   const TemporaryDirectory directory;
   directory.Write("in/file", "x");
-  for (const std::string output : {">/dev/full", ">&-", "2>&- >/dev/full", "| true"}) {
+  REQUIRE(OutputOf(directory.path(), "mkfifo pipe && echo done") == "done\n");
+  // The last is a pipe whose only reader, needed to open it, is gone.
+  for (const std::string output : {">/dev/full", ">&-", "2>&- >/dev/full", "3<>pipe >pipe 3<&-"}) {
     CAPTURE(output);
     std::filesystem::remove(directory.PathOf("snapshot"));
     std::filesystem::remove(directory.PathOf("report"));
-    // Enough to fill a pipe that nobody reads.
-    const std::string scan = ORVEX_SCAN
-        " --settle 0 --passes 1 --json report --snapshot snapshot "
-        "in $(seq 30000)";
+    // More than a buffer holds, so that the table fails in its midst.
+    const std::string scan =
+        ORVEX_SCAN " --settle 0 --passes 100 --json report --snapshot snapshot in";
     CHECK(OutputOf(directory.path(), "{ " + scan + "; echo $? >code; } " + output) == "");
     CHECK(OutputOf(directory.path(), "cat code") == "1\n");
     const auto report = nlohmann::json::parse(OutputOf(directory.path(), "cat report"));
