@@ -34,3 +34,17 @@ TEST_CASE("a value that an option does not take is refused with what it takes") 
     CHECK(run.errors.substr(0, run.errors.find('\n') + 1) == row.refusal);
   }
 }
+
+TEST_CASE("a number with zeros in front is read as decimal") {
+  const TemporaryDirectory directory;
+  directory.Write("in/file", "ten bytes.");
+  const nlohmann::json report =
+      RunScan(directory.path(),
+              "--threads 010 --passes 012 --capacity 0100 --settle 09 --max-size 010 --json - in")
+          .Json();
+  CHECK(report["options"]["threads"] == 10);
+  CHECK(report["options"]["passes"] == 12);
+  CHECK(report["options"]["capacity"] == 100);
+  CHECK(report["options"]["settleSeconds"] == 9);
+  CHECK(report["files"].size() == 1);
+}

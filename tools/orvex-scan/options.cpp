@@ -40,17 +40,20 @@ Refusal OneOf(const std::vector<std::string>& words) {
   };
 }
 
-Refusal WholeNumber(uint64_t least, uint64_t most, const char* what = "a whole number") {
-  return [=](const std::string& text) {
+// Leaves no zeros in front, which the parser would take for the mark of an octal number.
+CLI::Validator WholeNumber(uint64_t least, uint64_t most, const char* what = "a whole number") {
+  const auto check = [=](std::string& text) {
     uint64_t number = 0;
     const char* const end = text.data() + text.size();
     const auto [rest, error] = std::from_chars(text.data(), end, number);
     if (error == std::errc() && rest == end && number >= least && number <= most) {
+      text = std::to_string(number);
       return std::string();
     }
     const std::string range = most == UINT64_MAX ? "" : fmt::format(" from {} to {}", least, most);
     return fmt::format("'{}' is not {}{}", Printable(text), what, range);
   };
+  return CLI::Validator(check, "");
 }
 
 const std::array<IdentityMode, 3> kIdentityModes = {IdentityMode::kMtime, IdentityMode::kCtime,
@@ -73,7 +76,7 @@ void Describe(CLI::App* app, Options* options) {
       ->type_name("PATTERN")
       ->allow_extra_args(false);
   app->add_option("--max-size", options->maxSize, "Leave out files of more bytes than this")
-      ->check(WholeNumber(0, UINT64_MAX, "a number of bytes"))
+      ->transform(WholeNumber(0, UINT64_MAX, "a number of bytes"))
       ->type_name("BYTES");
   app->add_option("--files0-from", options->files0From,
                   "Take more paths from this file, each ended by a NUL; - for standard input")
@@ -93,24 +96,24 @@ void Describe(CLI::App* app, Options* options) {
       ->option_text("MODE [ctime]");
   app->add_option("--settle", options->settleSeconds,
                   "Keep no answer about a file changed less than this many seconds ago")
-      ->check(WholeNumber(0, kMostSettleSeconds))
+      ->transform(WholeNumber(0, kMostSettleSeconds))
       ->capture_default_str();
   app->add_option("--time-limit", options->timeLimitSeconds,
                   "Give up a file whose content takes more seconds than this to read")
-      ->check(WholeNumber(1, kMostTimeLimitSeconds))
+      ->transform(WholeNumber(1, kMostTimeLimitSeconds))
       ->capture_default_str();
   app->add_flag_callback(
       "--no-type", [options] { options->parts.type = false; }, "Do not ask for file types");
   app->add_flag_callback(
       "--no-signers", [options] { options->parts.signers = false; }, "Do not look for signers");
   app->add_option("--threads", options->threads, "Workers that ask the engine at once")
-      ->check(WholeNumber(1, kMostThreads))
+      ->transform(WholeNumber(1, kMostThreads))
       ->capture_default_str();
   app->add_option("--passes", options->passes, "How often to ask about everything")
-      ->check(WholeNumber(1, 1000000))
+      ->transform(WholeNumber(1, 1000000))
       ->capture_default_str();
   app->add_option("--capacity", options->capacity, "Entries that each cache keeps")
-      ->check(WholeNumber(1, ORVEX_MAX_CAPACITY))
+      ->transform(WholeNumber(1, ORVEX_MAX_CAPACITY))
       ->capture_default_str();
   app->add_option("--snapshot", options->snapshot,
                   "Answer from this file what still holds, and add the answers of this scan")
