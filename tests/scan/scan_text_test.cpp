@@ -1,12 +1,33 @@
 // What is said, and how.
 #include <doctest/doctest.h>
 
+#include <cerrno>
+#include <cstdio>
+#include <memory>
 #include <string>
 
+#include "terminal/output.h"
 #include "terminal/printable.h"
 
 using orvexscan::IsUtf8;
 using orvexscan::Printable;
+
+namespace {
+
+using Stream = std::unique_ptr<std::FILE, int (*)(std::FILE*)>;
+
+// Nothing can be written to it while *error is set: that is why.
+Stream FailingStream(int* error) {
+  const auto write = [](void* cookie, const char*, size_t count) -> ssize_t {
+    errno = *static_cast<int*>(cookie);
+    return errno == 0 ? static_cast<ssize_t>(count) : -1;
+  };
+  Stream stream(fopencookie(error, "w", {nullptr, write, nullptr, nullptr}), std::fclose);
+  REQUIRE(stream);
+  return stream;
+}
+
+}  // namespace
 
 TEST_CASE("text for a terminal keeps its letters and shows all else as bytes") {
   const struct {
@@ -47,4 +68,23 @@ TEST_CASE("bytes are written as two digits each") {
   const unsigned char bytes[] = {0x00, 0x0f, 0xa5, 0xff};
   CHECK(orvexscan::Hex(bytes, 4) == "000fa5ff");
   CHECK(orvexscan::Hex(bytes, 0).empty());
+}
+
+TEST_CASE("output that cannot be written is told with its reason") {
+  int error = ENOSPC;
+  const Stream stream = FailingStream(&error);
+  std::fputs("text", stream.get());
+  errno = ENOENT;
+  CHECK_THROWS_WITH(orvexscan::Finish(stream.get()),
+                    "the report cannot be written: No space left on device");
+}
+
+TEST_CASE("output that failed earlier is told without the reason of something else") {
+  int error = ENOSPC;
+  const Stream stream = FailingStream(&error);
+  std::fputs("text", stream.get());
+  CHECK(std::fflush(stream.get()) != 0);
+  error = 0;
+  errno = ENOENT;
+  CHECK_THROWS_WITH(orvexscan::Finish(stream.get()), "the report was not written as a whole");
 }

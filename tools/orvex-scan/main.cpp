@@ -105,11 +105,6 @@ void ReadSnapshot(const std::string& path, Snapshot* snapshot, Inventory* invent
   }
 }
 
-void PrintText(const std::string& text) {
-  fmt::print("{}", text);
-  Finish(stdout);
-}
-
 // JSON Lines are printed as the files are done. A failure to is found at the end.
 std::function<void(const FileRecord&)> LinePrinter(const Options& options) {
   if (options.format != "jsonl") return nullptr;
@@ -202,7 +197,7 @@ int Work(const Options& options, Destinations* destinations) {
     attempt([&] {
       const std::string report = JsonReport(options, passes, inventory, advice, differences);
       if (destinations->json) destinations->json->Write(report);
-      if (jsonToOutput) PrintText(report);
+      if (jsonToOutput) Print(report, stdout);
     });
   }
   if (options.format != "table" && options.format != "json") {
@@ -211,7 +206,7 @@ int Work(const Options& options, Destinations* destinations) {
   if (!options.metrics.empty()) {
     attempt([&] {
       const std::vector<Metric> metrics = MetricsOf(passes, inventory.FileCount(), walkFailures);
-      PrintText(options.metrics == "json" ? JsonText(metrics) : PrometheusText(metrics));
+      Print(options.metrics == "json" ? JsonText(metrics) : PrometheusText(metrics), stdout);
     });
   }
   if (!options.snapshot.empty()) {

@@ -28,8 +28,7 @@ void ReportFile::Write(const std::string& report) {
     ReplaceFile(path_, report, Access::kAsUsual);
     return;
   }
-  std::fwrite(report.data(), 1, report.size(), stream_.get());
-  Finish(stream_.get());
+  Print(report, stream_.get());
 }
 
 }  // namespace orvexscan
