@@ -183,7 +183,7 @@ class ORVEX_API LRUCacheT {
       return;
     }
     const ORVEX_MutexGuard guard(&lock);
-    queryCallback = callback;
+    ORVEX_StoreRelease(queryCallback, callback);
     ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile,
                       "Kelda Inventory Engine register query callback successfully");
   }
@@ -240,15 +240,10 @@ class ORVEX_API LRUCacheT {
   // The host's answer, unchanged.
   ORVEX_LOCAL int AskHost(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx)
       ORVEX_EXCLUDES(lock) {
-    // Read once: registering another callback affects the next query, not this one.
-    orvex_query_cb callback;
-    {
-      const ORVEX_MutexGuard guard(&lock);
-      callback = queryCallback;
-    }
-    // No lock from here on: the host may take seconds, may throw, and may call back
-    // into the library on this very thread.
-    return callback(metaIn, metaOut, ctx);
+    // Read once: registering another callback affects the next query, not this one. No
+    // lock: the host may take seconds, may throw, and may call back into the library on
+    // this very thread.
+    return ORVEX_LoadAcquire(queryCallback)(metaIn, metaOut, ctx);
   }
 
   LRUCacheEntries entries_ ORVEX_GUARDED_BY(lock){sizeof(Node)};
@@ -259,8 +254,8 @@ class ORVEX_API LRUCacheT {
   alignas(kCacheLineBytes) bool active = false;
   // In nodes. What is beyond it goes in LRUCacheNodeWipe.
   unsigned int capacity ORVEX_GUARDED_BY(lock) = ORVEX_MAX_CAPACITY;
-  // Null until registered; survives flush and stop.
-  orvex_query_cb queryCallback ORVEX_GUARDED_BY(lock) = nullptr;
+  // Null until registered; survives flush and stop. An atomic, written under the lock.
+  orvex_query_cb queryCallback = nullptr;
   // Atomics: counted without the lock by some, zeroed under it.
   alignas(kCacheLineBytes) mutable Metrics metrics{};
   // The key of the record under way; its texts' memory serves one record after the other.
