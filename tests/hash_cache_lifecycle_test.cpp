@@ -343,8 +343,8 @@ TEST_CASE("flushing the hash cache leaves all counters as they were") {
   CHECK(cache.FlushCache() == 0);
   CHECK(cache.PathsInOrder().empty());
   CHECK(cache.metrics.WipeOuts == 1);
-  CHECK(cache.metrics.Hit == 1);
-  CHECK(cache.metrics.Query == 1);
+  CHECK(cache.Counters().Hit == 1);
+  CHECK(cache.Counters().Query == 1);
 }
 
 TEST_CASE("a flush forgets all keys and then ends the nodes from the most recent to the oldest") {

@@ -24,11 +24,11 @@ struct Counters {
 };
 
 void CheckCounters(const OpenHashCache& cache, const Counters& expected) {
-  CHECK(cache.metrics.Query == expected.query);
-  CHECK(cache.metrics.Miss == expected.miss);
-  CHECK(cache.metrics.Hit == expected.hit);
-  CHECK(cache.metrics.PartialHit == expected.partialHit);
-  CHECK(cache.metrics.OutOfDate == expected.outOfDate);
+  CHECK(cache.Counters().Query == expected.query);
+  CHECK(cache.Counters().Miss == expected.miss);
+  CHECK(cache.Counters().Hit == expected.hit);
+  CHECK(cache.Counters().PartialHit == expected.partialHit);
+  CHECK(cache.Counters().OutOfDate == expected.outOfDate);
 }
 
 }  // namespace
@@ -218,7 +218,7 @@ TEST_CASE("an update keeps earlier parts, moves the entry to the front and evict
   GiveDigests(second, QUERY_DIGEST20, 2);
   CHECK(cache.Store(InputFor("/a"), second) == 0);
   CHECK(cache.PathsInOrder() == Paths{"/a", "/b"});
-  CHECK(cache.metrics.WipeOuts == 0);
+  CHECK(cache.Counters().WipeOuts == 0);
   Answer out;
   cache.Look(InputFor("/a"), out);
   CHECK(out.digest32[0] == 1);
@@ -249,7 +249,7 @@ TEST_CASE("the third file in a cache of two evicts the first") {
   RecordedLog log;
   cache.Store("/c");
   CHECK(cache.PathsInOrder() == Paths{"/c", "/b"});
-  CHECK(cache.metrics.WipeOuts == 1);
+  CHECK(cache.Counters().WipeOuts == 1);
   const auto records = log.Records();
   REQUIRE(records.size() == 3);
   CHECK(records[0].text == "Insert new cache node: path=/c");
@@ -265,7 +265,7 @@ TEST_CASE("with a capacity of 0 every node is evicted by the update that inserte
   CHECK(cache.Store("/a") == 0);
   CHECK(cache.PathsInOrder().empty());
   CHECK(cache.entries_.EntryCount() == 0);
-  CHECK(cache.metrics.WipeOuts == 1);
+  CHECK(cache.Counters().WipeOuts == 1);
 }
 
 TEST_CASE("pushing metadata counts whether it was stored") {
@@ -275,8 +275,8 @@ TEST_CASE("pushing metadata counts whether it was stored") {
   CHECK(cache.UpdateMetaData(&in, &out) == 0);
   CHECK(cache.UpdateMetaData(nullptr, &out) == 3);
   CHECK(cache.UpdateMetaData(&in, nullptr) == 3);
-  CHECK(cache.metrics.numOfCacheUpdateMetaDataSuccess == 1);
-  CHECK(cache.metrics.numOfCacheUpdateMetaDataFailure == 2);
+  CHECK(cache.Counters().numOfCacheUpdateMetaDataSuccess == 1);
+  CHECK(cache.Counters().numOfCacheUpdateMetaDataFailure == 2);
 }
 
 TEST_CASE("pushing metadata and inserting a node go by the operations of a subclass") {
@@ -293,7 +293,7 @@ TEST_CASE("pushing metadata and inserting a node go by the operations of a subcl
   metadata_input_s in = InputFor("/a");
   Answer out;
   CHECK(cache.UpdateMetaData(&in, &out) == 77);
-  CHECK(cache.metrics.numOfCacheUpdateMetaDataFailure == 1);
+  CHECK(cache.Counters().numOfCacheUpdateMetaDataFailure == 1);
   LRUCacheKey key(in);
   CHECK(cache.InsertCacheNode(key, new LRUCacheNode(in, out)) == 0);
   CHECK(cache.updates == 1);
@@ -303,8 +303,8 @@ TEST_CASE("an update by itself counts nothing") {
   OpenHashCache cache;
   cache.Store("/a");
   CHECK(cache.UpdateCache(nullptr, nullptr) == 3);
-  CHECK(cache.metrics.numOfCacheUpdateMetaDataSuccess == 0);
-  CHECK(cache.metrics.numOfCacheUpdateMetaDataFailure == 0);
+  CHECK(cache.Counters().numOfCacheUpdateMetaDataSuccess == 0);
+  CHECK(cache.Counters().numOfCacheUpdateMetaDataFailure == 0);
 }
 
 TEST_CASE("a node can be inserted under a key of its own") {
@@ -338,9 +338,9 @@ TEST_CASE("inserting a node counts nothing, whatever comes of it") {
   CHECK(cache.InsertCacheNode(key, &refused) == 201);
   CHECK(cache.InsertCacheNode(key, nullptr) == 3);
   CheckCounters(cache, {0, 0, 0, 0, 0});
-  CHECK(cache.metrics.WipeOuts == 0);
-  CHECK(cache.metrics.numOfCacheUpdateMetaDataSuccess == 0);
-  CHECK(cache.metrics.numOfCacheUpdateMetaDataFailure == 0);
+  CHECK(cache.Counters().WipeOuts == 0);
+  CHECK(cache.Counters().numOfCacheUpdateMetaDataSuccess == 0);
+  CHECK(cache.Counters().numOfCacheUpdateMetaDataFailure == 0);
 }
 
 TEST_CASE("a node that takes over another's parts keeps its own place in the cache") {
@@ -376,7 +376,7 @@ TEST_CASE("inserting a node beyond the capacity evicts the oldest") {
   LRUCacheKey key(in);
   cache.InsertCacheNode(key, new LRUCacheNode(in, out));
   CHECK(cache.PathsInOrder() == Paths{"/b"});
-  CHECK(cache.metrics.WipeOuts == 1);
+  CHECK(cache.Counters().WipeOuts == 1);
 }
 
 TEST_CASE(

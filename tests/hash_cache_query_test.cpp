@@ -143,8 +143,8 @@ TEST_CASE("a query of an unknown file asks the host and keeps the answer") {
     CHECK(out.digest32[0] == 1);
   }
   CHECK(calls == 1);
-  CHECK(cache.metrics.numOfHelpFuncCalled == 1);
-  CHECK(cache.metrics.Hit == 2);
+  CHECK(cache.Counters().numOfHelpFuncCalled == 1);
+  CHECK(cache.Counters().Hit == 2);
 }
 
 TEST_CASE("a query hands the host the very pointers it was given") {
@@ -176,8 +176,8 @@ TEST_CASE("a query without the wish to keep asks the host on every miss and fill
     CHECK(cache.Ask(in, out) == 0);
     CHECK(out.resultReady == 1);
   }
-  CHECK(cache.metrics.numOfHelpFuncCalled == 3);
-  CHECK(cache.metrics.Miss == 3);
+  CHECK(cache.Counters().numOfHelpFuncCalled == 3);
+  CHECK(cache.Counters().Miss == 3);
   CHECK(cache.PathsInOrder().empty());
 }
 
@@ -202,7 +202,7 @@ TEST_CASE("a cache-only query of an unknown file neither asks the host nor touch
   out.resultReady = 9;
   CHECK(cache.Ask(in, out) == 0);
   CHECK(out.resultReady == 0);
-  CHECK(cache.metrics.numOfHelpFuncCalled == 0);
+  CHECK(cache.Counters().numOfHelpFuncCalled == 0);
   CHECK(log.TakeTranscript() ==
         Lines({"DEBUG Query orvex_lru_cache: Free to calculate file hash: /a",
                "DEBUG QueryLRUCache orvex_lru_cache: Cache query: cache miss, /a"}));
@@ -247,7 +247,7 @@ TEST_CASE("a cache-only query does not wait for a path that is being calculated"
   CHECK(out.resultReady == 0);
   held.mayAnswer.Open();
   CHECK(first.get() == 0);
-  CHECK(cache.metrics.numOfWaitInHashCalculation == 0);
+  CHECK(cache.Counters().numOfWaitInHashCalculation == 0);
 }
 
 TEST_CASE("an inactive cache refuses with 8 before it looks at the records") {
@@ -261,7 +261,7 @@ TEST_CASE("an inactive cache refuses with 8 before it looks at the records") {
   in.path = nullptr;
   CHECK(cache.Query(&in, &out, nullptr) == 8);
   CHECK(out.resultReady == 9);
-  CHECK(cache.metrics.Query == 0);
+  CHECK(cache.Counters().Query == 0);
   CHECK(log.TakeTranscript() == "");
 }
 
@@ -287,7 +287,7 @@ TEST_CASE("a query without a path throws and leaves no thread counted") {
     CHECK_THROWS_AS(cache.Ask(in, out), std::logic_error);
   }
   CHECK(cache.ThreadsInside() == 0);
-  CHECK(cache.metrics.Query == 0);
+  CHECK(cache.Counters().Query == 0);
 }
 
 TEST_CASE("a failing host's code is returned, nothing is kept and the path is free again") {
@@ -302,7 +302,7 @@ TEST_CASE("a failing host's code is returned, nothing is kept and the path is fr
   CHECK(cache.Ask(InputFor("/a"), out) == -77);
   CHECK(out.resultReady == 0);
   CHECK(cache.PathsInOrder().empty());
-  CHECK(cache.metrics.numOfHelpFuncCalled == 1);
+  CHECK(cache.Counters().numOfHelpFuncCalled == 1);
   CHECK_FALSE(IsBeingCalculated(cache, "/a"));
 }
 
@@ -369,9 +369,9 @@ TEST_CASE("an out-of-date entry is refreshed with the new mtime") {
     CHECK(cache.Ask(in, out) == 0);
     CHECK(out.resultReady == 1);
   }
-  CHECK(cache.metrics.OutOfDate == 1);
-  CHECK(cache.metrics.numOfHelpFuncCalled == 2);
-  CHECK(cache.metrics.Hit == 1);
+  CHECK(cache.Counters().OutOfDate == 1);
+  CHECK(cache.Counters().numOfHelpFuncCalled == 2);
+  CHECK(cache.Counters().Hit == 1);
   CHECK(cache.entries_.Size() == 1);
 }
 
@@ -388,7 +388,7 @@ TEST_CASE("an out-of-date entry stays so when its refresh is not kept") {
     Answer out;
     cache.Ask(in, out);
   }
-  CHECK(cache.metrics.OutOfDate == 2);
+  CHECK(cache.Counters().OutOfDate == 2);
 }
 
 TEST_CASE("threads that ask for one path at once make the host calculate it once") {
@@ -407,9 +407,9 @@ TEST_CASE("threads that ask for one path at once make the host calculate it once
   CHECK(out.resultReady == 1);
   CHECK(out.digest32[0] == 1);
   CHECK(held.calls == 1);
-  CHECK(cache.metrics.numOfWaitInHashCalculation == 1);
-  CHECK(cache.metrics.Hit == 1);
-  CHECK(cache.metrics.Miss == 1);
+  CHECK(cache.Counters().numOfWaitInHashCalculation == 1);
+  CHECK(cache.Counters().Hit == 1);
+  CHECK(cache.Counters().Miss == 1);
 }
 
 TEST_CASE("a thread whose leader fails calculates itself") {
@@ -456,8 +456,8 @@ TEST_CASE("queries of other paths do not sleep and count no wait") {
     return 0;
   };
   CHECK(cache.Ask("/a") == 0);
-  CHECK(cache.metrics.Query == 1001);
-  CHECK(cache.metrics.numOfWaitInHashCalculation == 0);
+  CHECK(cache.Counters().Query == 1001);
+  CHECK(cache.Counters().numOfWaitInHashCalculation == 0);
 }
 
 TEST_CASE("a path is marked while the host computes and free afterwards") {
@@ -685,7 +685,7 @@ TEST_CASE("a cache that stops between lookup and calculation refuses with 8 and 
   out.resultReady = 9;
   CHECK(cache.Ask(InputFor("/a"), out) == 8);
   CHECK(out.resultReady == 0);
-  CHECK(cache.metrics.numOfHelpFuncCalled == 0);
+  CHECK(cache.Counters().numOfHelpFuncCalled == 0);
   CHECK(log.TakeTranscript() ==
         Lines({"DEBUG Query orvex_lru_cache: Free to calculate file hash: /a",
                "DEBUG QueryLRUCache orvex_lru_cache: Cache query: cache miss, /a",
@@ -738,7 +738,7 @@ TEST_CASE("a query that meets a stop after its lookup calculates unannounced") {
   CHECK(cache.Ask("/a") == 0);
   CHECK(log.CountOf("[CalHashSet] Insert CalHashSet failed: /a") == 1);
   CHECK(log.CountOf("[CalHashSet] Erase CalHashSet skipped: /a") == 1);
-  CHECK(cache.metrics.numOfHelpFuncCalled == 1);
+  CHECK(cache.Counters().numOfHelpFuncCalled == 1);
 }
 
 TEST_CASE("a thread that calculates unannounced wakes those that sleep all the same") {
@@ -773,7 +773,7 @@ TEST_CASE("a lookup with an unknown result ends the query with 0") {
   out.resultReady = 9;
   CHECK(cache.Ask(InputFor("/a"), out) == 0);
   CHECK(out.resultReady == 9);
-  CHECK(cache.metrics.numOfHelpFuncCalled == 0);
+  CHECK(cache.Counters().numOfHelpFuncCalled == 0);
 }
 
 TEST_CASE("an exception of the host passes through and frees the path") {
@@ -786,7 +786,7 @@ TEST_CASE("an exception of the host passes through and frees the path") {
   CHECK(out.resultReady == 0);
   CHECK(cache.ThreadsInside() == 0);
   CHECK(cache.PathsInOrder().empty());
-  CHECK(cache.metrics.numOfHelpFuncCalled == 1);
+  CHECK(cache.Counters().numOfHelpFuncCalled == 1);
   CHECK_FALSE(IsBeingCalculated(cache, "/a"));
   cache.onHash = answer;
   CHECK(cache.Ask("/a") == 0);
@@ -955,7 +955,7 @@ TEST_CASE("paths that are calculated at once are told apart until the last of th
     cache.Ask(paths[0].c_str());
     CHECK(inexact == 0);
     CHECK(cache.calHashSet.paths.empty());
-    CHECK(cache.metrics.numOfHelpFuncCalled == 40);
+    CHECK(cache.Counters().numOfHelpFuncCalled == 40);
   }
 }
 

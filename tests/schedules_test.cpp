@@ -133,7 +133,7 @@ class Scene {
   // What holds once nobody is inside, whatever happened.
   void CheckAtRest() {
     REQUIRE(cache->calHashSet.paths.empty());
-    const LRUCacheMetrics_s& counted = cache->metrics;
+    const LRUCacheMetrics_s counted = cache->Counters();
     REQUIRE(counted.Query == counted.Miss + counted.Hit + counted.PartialHit + counted.OutOfDate);
     REQUIRE(counted.numOfHelpFuncCalled <= calls);
     REQUIRE(BrokenInvariant(*cache) == "");
@@ -156,7 +156,7 @@ TEST_CASE("threads that ask for one path all get one answer, whatever their orde
         REQUIRE(scene.IsReady(i));
         REQUIRE(scene.HasOneAnswer(i));
       }
-      const LRUCacheMetrics_s& counted = scene.cache->metrics;
+      const LRUCacheMetrics_s counted = scene.cache->Counters();
       REQUIRE(counted.Query == static_cast<int>(threads));
       REQUIRE(counted.Miss == scene.calls);
       REQUIRE(counted.numOfHelpFuncCalled == scene.calls);

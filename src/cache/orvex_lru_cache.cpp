@@ -73,14 +73,17 @@ int LRUCache::FlushCache() {
 
 int LRUCache::ResetMetrics() {
   const ORVEX_CallsInFlight::Scope inFlight(calls_, ORVEX_CallsInFlight::kOfCache);
-  return LRUCacheT::ResetMetrics();
+  const ORVEX_MutexGuard guard(&lock);
+  ZeroMetrics();
+  return ORVEX_OK;
 }
 
 int LRUCache::GetMetrics(LRUCacheMetrics_s& out) const {
   const ORVEX_CallsInFlight::Scope inFlight(calls_, ORVEX_CallsInFlight::kOfCache);
-  out.Query = ORVEX_atomic_read_64(&metrics.Query);
+  const long long silentHits = ORVEX_atomic_read_64(&silentHits_);
+  out.Query = ORVEX_atomic_read_64(&metrics.Query) + silentHits;
   out.Miss = ORVEX_atomic_read_64(&metrics.Miss);
-  out.Hit = ORVEX_atomic_read_64(&metrics.Hit);
+  out.Hit = ORVEX_atomic_read_64(&metrics.Hit) + silentHits;
   out.PartialHit = ORVEX_atomic_read_64(&metrics.PartialHit);
   out.OutOfDate = ORVEX_atomic_read_64(&metrics.OutOfDate);
   out.WipeOuts = ORVEX_atomic_read_64(&metrics.WipeOuts);

@@ -9,7 +9,6 @@
 #include "orvexeng.h"
 #include "support/orvex_annotations.h"
 #include "support/orvex_calls_in_flight.h"
-#include "support/orvex_profiling.h"
 #include "support/orvex_singleton.h"
 
 // The counters of the hash cache. Each lookup counts in Query and in one of the
@@ -63,10 +62,7 @@ class ORVEX_API LRUCache : public LRUCacheT<LRUCacheKey, LRUCacheNode, LRUCacheM
 
   virtual ~LRUCache();
 
-  // Whether a host may be told of each step of a query.
-  ORVEX_LOCAL static bool Talks() {
-    return ORVEX_ProfilingScope::IsOn() || ORVEX_LOG_BASE::Keeps(ORVEX_LOG_DEBUG);
-  }
+  using LRUCacheT::Talks;
   // Query as far as nobody is told of it or waits: an LRU_LOOKUP. A hit is all of a query,
   // and nothing of the host's runs on its way.
   ORVEX_LOCAL int LookUpQuietly(const metadata_input_s* metaIn, metadata_output_s* metaOut)
@@ -87,8 +83,14 @@ class ORVEX_API LRUCache : public LRUCacheT<LRUCacheKey, LRUCacheNode, LRUCacheM
   // Threads inside Query, GetMetrics or ResetMetrics, set to zero under the cache
   // lock at each start, whoever is inside; and those inside the engine.
   mutable ORVEX_CallsInFlight calls_;
+  // Hits that nobody was told of. Each counts in Query and in Hit, by one locked add.
+  alignas(8) mutable long long silentHits_ = 0;
 
  private:
+  ORVEX_LOCAL void ZeroMetrics() ORVEX_REQUIRES(lock) {
+    LRUCacheT::ZeroMetrics();
+    ORVEX_ZeroCounter(&silentHits_);
+  }
   ORVEX_LOCAL bool MayWait(const metadata_input_s& in) const {
     return (in.invOperation & INV_CACHE_ONLY) == 0 && calHashSet.MayHold(in.path);
   }

@@ -128,13 +128,15 @@ void FileTypeCache::DumpMetrics() const {
 
 int FileTypeCache::QueryLRUCache(metadata_input_s* metaIn, metadata_output_s* metaOut) {
   const ORVEX_MutexGuard guard(&lock);
-  FileTypeCacheNode* node = nullptr;
+  const bool talks = Talks();
+  LRUCacheSlot slot = 0;
   try {
-    key_.Read(*metaIn);
-    node = Find(key_);
+    if (talks) key_.Read(*metaIn);
+    slot = entries_.Find(*metaIn);
   } catch (const std::exception&) {
     return LRU_NO_MEMORY;
   }
+  FileTypeCacheNode* const node = NodeIn(slot);
   if (node == nullptr || (metaIn->mtime != 0 && metaIn->mtime != node->mtime)) {
     return MissOrOutOfDate(node, *metaIn);
   }
@@ -142,7 +144,7 @@ int FileTypeCache::QueryLRUCache(metadata_input_s* metaIn, metadata_output_s* me
   ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile, "Cache query: cache hits, %s",
                     metaIn->path);
   node->GetDataFromCacheNode(*metaOut);
-  LRUCacheNodeUpdate(key_, node, LRU_UPDATE);
+  Use(slot, talks);
   return LRU_HIT;
 }
 

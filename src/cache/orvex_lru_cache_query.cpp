@@ -4,6 +4,7 @@
 #include <new>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 
 #include "cache/orvex_lru_cache.h"
 #include "support/orvex_profiling.h"
@@ -36,14 +37,14 @@ int RefuseMissingPath(metadata_output_s& out) {
 }
 
 // Whether the path was free and is now marked. Throws std::bad_alloc.
-bool MarkAsCalculating(ORVEX_Set& set, const char* path) {
+bool MarkAsCalculating(ORVEX_Set& set, std::string_view path, size_t stripe) {
   const ORVEX_MutexGuard guard(&set.condLock);
-  return set.active && set.Insert(path);
+  return set.active && set.Insert(path, stripe);
 }
 
-bool Unmark(ORVEX_Set& set, const char* path) {
+bool Unmark(ORVEX_Set& set, std::string_view path, size_t stripe) {
   const ORVEX_MutexGuard guard(&set.condLock);
-  return set.active && set.Erase(path);
+  return set.active && set.Erase(path, stripe);
 }
 
 // Frees a path and wakes those that wait for it, whichever way the host's
@@ -51,30 +52,32 @@ bool Unmark(ORVEX_Set& set, const char* path) {
 // same.
 class LeavePathOnReturn {
  public:
-  LeavePathOnReturn(ORVEX_Set& calHashSet, const char* path, bool marked)
-      : set_(calHashSet), path_(path), marked_(marked) {}
+  LeavePathOnReturn(ORVEX_Set& calHashSet, const KeptText& path, size_t stripe, bool marked)
+      : set_(calHashSet), text_(path.View()), stripe_(stripe), marked_(marked) {}
   ~LeavePathOnReturn() {
+    const char* const path = text_.data();  // It ends in a NUL.
     if (!marked_) {
       ORVEX_LOG_FROM(ORVEX_LOG_DEBUG, kFunction, kLRUCacheSourceFile,
-                     "[CalHashSet] Erase CalHashSet skipped: %s", path_);
-    } else if (Unmark(set_, path_)) {
+                     "[CalHashSet] Erase CalHashSet skipped: %s", path);
+    } else if (Unmark(set_, text_, stripe_)) {
       ORVEX_LOG_FROM(ORVEX_LOG_DEBUG, kFunction, kLRUCacheSourceFile,
-                     "[CalHashSet] Erase CalHashSet succeed: %s", path_);
+                     "[CalHashSet] Erase CalHashSet succeed: %s", path);
     } else {
       ORVEX_LOG_FROM(ORVEX_LOG_DEBUG, kFunction, kLRUCacheSourceFile,
-                     "[CalHashSet] Erase CalHashSet failed: %s", path_);
+                     "[CalHashSet] Erase CalHashSet failed: %s", path);
     }
     // All, not one: waiters wait for different paths on this one condition.
     set_.condLock.SignalAll();
     ORVEX_LOG_FROM(ORVEX_LOG_INFO, kFunction, kLRUCacheSourceFile,
-                   "[CalHashSet] File hash calculation is done, broadcast signal: %s", path_);
+                   "[CalHashSet] File hash calculation is done, broadcast signal: %s", path);
   }
   LeavePathOnReturn(const LeavePathOnReturn&) = delete;
   LeavePathOnReturn& operator=(const LeavePathOnReturn&) = delete;
 
  private:
   ORVEX_Set& set_;
-  const char* const path_;
+  const std::string_view text_;
+  const size_t stripe_;
   const bool marked_;
 };
 
@@ -125,19 +128,20 @@ inline LRU_LOOKUP LRUCache::LookUp(const metadata_input_s& in, metadata_output_s
   // sees that.
   node->GiveTo<kTalks>(out);
   const bool isComplete = (in.queryFlags & ~out.queryFlags) == 0;
-  long long* const result = isComplete ? &metrics.Hit : &metrics.PartialHit;
   if (kTalks) {
-    ORVEX_atomic_increment_64(result);
+    ORVEX_atomic_increment_64(isComplete ? &metrics.Hit : &metrics.PartialHit);
     ORVEX_LOG_FROM(
         ORVEX_LOG_DEBUG, "QueryLRUCache", kLRUCacheSourceFile,
         isComplete ? "Cache query: cache hits, %s" : "Cache query: cache partial hits, %s",
         in.path);
-    LRUCacheNodeUpdate(key_, node, LRU_UPDATE);
-  } else {
-    entries_.MoveToFront(slot);
-    // Last: a locked add is a full barrier and would stall the loads that follow.
+  }
+  Use(slot, kTalks);
+  // Last: a locked add is a full barrier and would stall the loads that follow.
+  if (!kTalks && isComplete) {
+    ORVEX_atomic_increment_64(&silentHits_);
+  } else if (!kTalks) {
     ORVEX_atomic_increment_64(&metrics.Query);
-    ORVEX_atomic_increment_64(result);
+    ORVEX_atomic_increment_64(&metrics.PartialHit);
   }
   return isComplete ? LRU_HIT : LRU_PARTIAL_HIT;
 }
@@ -201,15 +205,17 @@ void LRUCache::WaitUntilFree(const std::string& path) {
 
 int LRUCache::Calculate(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx,
                         KeptText& keptPath) {
+  size_t stripe = 0;
   bool marked = false;
   try {
     keptPath.Keep(TextOrEmpty(metaIn->path));
-    marked = MarkAsCalculating(calHashSet, keptPath.c_str());
+    stripe = ORVEX_Set::StripeOf(keptPath.View());
+    marked = MarkAsCalculating(calHashSet, keptPath.View(), stripe);
   } catch (const std::exception&) {
     return ORVEX_NO_MEMORY;
   }
   const char* const path = keptPath.c_str();
-  const LeavePathOnReturn leave(calHashSet, path, marked);
+  const LeavePathOnReturn leave(calHashSet, keptPath, stripe, marked);
   if (marked) {
     ORVEX_LOG_FROM(ORVEX_LOG_DEBUG, kFunction, kLRUCacheSourceFile,
                    "[CalHashSet] Insert CalHashSet succeed: %s", path);

@@ -12,6 +12,7 @@
 #include "support/orvex_atomic.h"
 #include "support/orvex_lock.h"
 #include "support/orvex_log.h"
+#include "support/orvex_profiling.h"
 
 // What to do with a node in LRUCacheNodeUpdate.
 enum LRU_OPERATION : int {
@@ -202,6 +203,18 @@ class ORVEX_API LRUCacheT {
   // changed.
   ORVEX_LOCAL Node* Find(const LRUCacheKeyView& key) ORVEX_REQUIRES(lock) {
     return NodeIn(entries_.Find(key));
+  }
+  // Whether a host may be told of each step.
+  ORVEX_LOCAL static bool Talks() {
+    return ORVEX_ProfilingScope::IsOn() || ORVEX_LOG_BASE::Keeps(ORVEX_LOG_DEBUG);
+  }
+  // Makes the node the most recently used one. Who talks has read key_.
+  ORVEX_LOCAL void Use(LRUCacheSlot slot, bool talks) ORVEX_REQUIRES(lock) {
+    if (talks) {
+      LRUCacheNodeUpdate(key_, NodeIn(slot), LRU_UPDATE);
+    } else {
+      entries_.MoveToFront(slot);
+    }
   }
   // Counts and tells that a lookup found no node, or one of another time.
   ORVEX_LOCAL __attribute__((noinline)) LRU_LOOKUP MissOrOutOfDate(const Node* node,

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <string_view>
 
 #include "support/orvex_annotations.h"
 
@@ -22,12 +23,15 @@ class ORVEX_LOCAL KeptText {
     const size_t bytes = std::strlen(text) + 1;
     if (bytes > sizeof short_) long_.reset(new char[bytes]);
     kept_ = static_cast<const char*>(std::memcpy(long_ ? long_.get() : short_, text, bytes));
+    length_ = bytes - 1;
   }
   // Null until something is kept.
   const char* c_str() const { return kept_; }
+  std::string_view View() const { return {kept_, length_}; }
 
  private:
   const char* kept_ = nullptr;
+  size_t length_ = 0;
   std::unique_ptr<char[]> long_;
   char short_[256];
 };

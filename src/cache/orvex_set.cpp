@@ -18,26 +18,25 @@ bool ORVEX_Set::PredicateFunc(void* arg) {
   return set->active && set->paths.find(*path) != set->paths.end();
 }
 
-bool ORVEX_Set::Insert(const char* path) {
-  if (paths.find(path) != paths.end()) return false;
+bool ORVEX_Set::Insert(std::string_view path, size_t stripe) {
+  const auto next = paths.lower_bound(path);
+  if (next != paths.end() && *next == path) return false;
   if (spare_.empty()) {
-    paths.emplace(path);
+    paths.emplace_hint(next, path);
   } else {
     spare_.value() = path;
-    paths.insert(std::move(spare_));
+    paths.insert(next, std::move(spare_));
   }
-  unsigned int& stripe = stripes_[IndexOf(path)];
-  ORVEX_StoreRelease(stripe, stripe + 1);
+  ORVEX_StoreRelease(stripes_[stripe], stripes_[stripe] + 1);
   ORVEX_StoreRelease(pathCount_, paths.size());
   return true;
 }
 
-bool ORVEX_Set::Erase(const char* path) {
+bool ORVEX_Set::Erase(std::string_view path, size_t stripe) {
   const auto found = paths.find(path);
   if (found == paths.end()) return false;
   spare_ = paths.extract(found);
-  unsigned int& stripe = stripes_[IndexOf(path)];
-  ORVEX_StoreRelease(stripe, stripe - 1);
+  ORVEX_StoreRelease(stripes_[stripe], stripes_[stripe] - 1);
   ORVEX_StoreRelease(pathCount_, paths.size());
   return true;
 }

@@ -44,13 +44,17 @@ class ORVEX_API ORVEX_Set {
   // False means the path is not in the set, so the caller can skip the lock. A path is
   // marked before its callback runs, and the answer is cached before it is unmarked.
   ORVEX_LOCAL bool MayHold(const char* path) const {
-    return ORVEX_LoadAcquire(pathCount_) != 0 && ORVEX_LoadAcquire(StripeOf(path)) != 0;
+    return ORVEX_LoadAcquire(pathCount_) != 0 && ORVEX_LoadAcquire(stripes_[StripeOf(path)]) != 0;
+  }
+  // Which of the counts below a path is in.
+  ORVEX_LOCAL static size_t StripeOf(std::string_view path) {
+    return std::hash<std::string_view>()(path) % kStripes;
   }
   // False when it is there already. Throws std::bad_alloc, and then nothing has
   // changed.
-  ORVEX_LOCAL bool Insert(const char* path) ORVEX_REQUIRES(condLock);
+  ORVEX_LOCAL bool Insert(std::string_view path, size_t stripe) ORVEX_REQUIRES(condLock);
   // False when it is not there.
-  ORVEX_LOCAL bool Erase(const char* path) ORVEX_REQUIRES(condLock);
+  ORVEX_LOCAL bool Erase(std::string_view path, size_t stripe) ORVEX_REQUIRES(condLock);
   ORVEX_LOCAL void Clear() ORVEX_REQUIRES(condLock);
 
   bool active ORVEX_GUARDED_BY(condLock) = false;  // as long as the cache is
@@ -60,13 +64,6 @@ class ORVEX_API ORVEX_Set {
 
  private:
   static constexpr size_t kStripes = 64;
-
-  ORVEX_LOCAL static size_t IndexOf(std::string_view path) {
-    return std::hash<std::string_view>()(path) % kStripes;
-  }
-  ORVEX_LOCAL const unsigned int& StripeOf(std::string_view path) const {
-    return stripes_[IndexOf(path)];
-  }
 
   // The path erased last, whose memory serves the next one.
   std::set<std::string, std::less<>>::node_type spare_ ORVEX_GUARDED_BY(condLock);

@@ -22,6 +22,11 @@ class OpenHashCache : public LRUCache {
   OpenHashCache() { RegisterMetaQueryCallback(CallHost); }
   ~OpenHashCache() override { FlushCache(); }
 
+  LRUCacheMetrics_s Counters() const {
+    LRUCacheMetrics_s now;
+    GetMetrics(now);
+    return now;
+  }
   int ThreadsInside() const { return calls_.Sum(ORVEX_CallsInFlight::kOfCache); }
   // The paths from the most to the least recently used.
   Paths PathsInOrder() const {
