@@ -107,7 +107,7 @@ TEST_CASE("an older part is served as current unless the key holds mtime or a re
   }
 }
 
-TEST_CASE("a record that was not zeroed passes the part of another file off as an answer") {
+TEST_CASE("a record that was not zeroed returns another file's part as the answer") {
   EngineUnderTest engine;
   engine.host.onHash = Giving(QUERY_DIGEST32, 2);
   metadata_input_s in = Asking("/b", QUERY_DIGEST32);
@@ -131,7 +131,7 @@ TEST_CASE("a record that was not zeroed passes the part of another file off as a
   CHECK(zeroed.digest16[0] == 2);
 }
 
-TEST_CASE("a callback that assigns its bits instead of adding them takes the signers away") {
+TEST_CASE("a callback that assigns its bits instead of adding them loses the signers") {
   for (const bool assigns : {false, true}) {
     CAPTURE(assigns);
     EngineUnderTest engine;
@@ -196,7 +196,7 @@ TEST_CASE("one calculation serves the threads that waited for it only if its ans
   }
 }
 
-TEST_CASE("a file changed behind its mtime is another file once its ctime is part of fileID") {
+TEST_CASE("a file whose mtime was set back is another file once its ctime is part of fileID") {
   // The finaliser of a well-known generator: a change of one bit reaches all.
   const auto mixed = [](uint64_t inode, uint64_t ctime) {
     uint64_t mix = inode * 0x9e3779b97f4a7c15u + ctime;
@@ -250,7 +250,7 @@ TEST_CASE("a thread that waited for a failed calculation calculates itself") {
   CHECK(engine.host.hashCalls == 2);
 }
 
-TEST_CASE("a cache-only query comes back at once where a full one waits for the calculation") {
+TEST_CASE("a cache-only query returns at once where a full one waits for the calculation") {
   EngineUnderTest engine;
   RecordedLog log;
   HeldHost held(engine.host.onHash);
@@ -291,7 +291,7 @@ TEST_CASE("a callback may query another path in full and its own from the cache 
   CHECK(engine.host.hashCalls == 2);
 }
 
-TEST_CASE("a child forked while nobody is inside goes on with caches of its own") {
+TEST_CASE("a child forked while no thread is inside goes on with its own caches") {
   EngineUnderTest engine;
   engine.Query("/a");
   const pid_t child = fork();
@@ -311,7 +311,7 @@ TEST_CASE("a child forked while nobody is inside goes on with caches of its own"
   CHECK(look.resultReady == 0);
 }
 
-TEST_CASE("a query stuck in its callback outlives the stop and comes back into the library") {
+TEST_CASE("a query stuck in its callback outlives the stop and returns into the library") {
   const CountedSleep sleep;  // The stop's pauses take no time.
   EngineUnderTest engine;
   RecordedLog log;
@@ -326,7 +326,7 @@ TEST_CASE("a query stuck in its callback outlives the stop and comes back into t
   orvex_flush_cache(ORVEX_HASH_CACHE);  // It stored its answer in the stopped cache.
 }
 
-TEST_CASE("signers made and freed by the drop-in for C hosts are kept, copied and gone") {
+TEST_CASE("signers that a C host makes and frees with the drop-in are kept, copied and freed") {
   EngineUnderTest engine;
   engine.host.onHash = [](metadata_input_s&, metadata_output_s& out) {
     std::strcpy(new_signers(&out, 2) + ORVEX_SIGNER_SLOT, "Second");
@@ -349,7 +349,7 @@ TEST_CASE("signers made and freed by the drop-in for C hosts are kept, copied an
   if (sizeof(void*) == 4) CHECK(new_signers(&second, UINT32_MAX / 2) == nullptr);
 }
 
-TEST_CASE("the configuration file is looked for where the process stands when the engine starts") {
+TEST_CASE("the configuration file is read from the working directory at the start") {
   const Capacity restored(ORVEX_MAX_CAPACITY);
   const OwnDirectory directory;
   const auto evictedOfTwo = [] {
@@ -363,7 +363,7 @@ TEST_CASE("the configuration file is looked for where the process stands when th
   CHECK(evictedOfTwo() == 1);
 }
 
-TEST_CASE("each counter rises for its own reason") {
+TEST_CASE("each counter counts its own events") {
   EngineUnderTest engine;
   const auto query = [&](const char* path, uint32_t parts, uint64_t mtime = 5) {
     metadata_input_s in = Asking(path, parts, KEY_PATH, mtime);
@@ -403,7 +403,7 @@ TEST_CASE("each counter rises for its own reason") {
   CHECK(metrics.fileTypeWipeOuts == 1);
 }
 
-TEST_CASE("a successful answer may lack a wanted part and only queryFlags tells") {
+TEST_CASE("a successful answer may lack a wanted part, and only queryFlags says so") {
   EngineUnderTest engine;
   engine.host.onHash = Giving(QUERY_DIGEST32, 1);
   metadata_input_s in = Asking("/a", QUERY_DIGEST32 | QUERY_DIGEST16);
@@ -512,7 +512,7 @@ int JumpOut(metadata_input_s*, metadata_output_s*, void*) { std::longjmp(outOfCa
 
 }  // namespace
 
-TEST_CASE("a path whose callback was left by a jump stays marked until the engine stops") {
+TEST_CASE("a path whose callback was left by longjmp stays marked until the engine stops") {
   const CountedSleep sleep;
   RecordedLog log;
   metadata_query_fptrs_s callbacks = Host::Callbacks();
@@ -556,7 +556,7 @@ TEST_CASE("an engine in a global pointer is destroyed at exit without harm") {
   CHECK(status == 0);
 }
 
-TEST_CASE("a dump tells file types at INFO and all else at DEBUG") {
+TEST_CASE("a dump logs file types at INFO and everything else at DEBUG") {
   EngineUnderTest engine;
   metadata_input_s in = Asking("/a", QUERY_DIGEST32 | QUERY_FILE_TYPE);
   in.invOperation = INV_KEEP_IN_CACHE;
