@@ -70,7 +70,7 @@ TEST_CASE_FIXTURE(EmptiedAtTheEnd, "metadata can be pushed into the hash cache a
   CHECK(Entries() == std::pair(1, 0));
 }
 
-TEST_CASE_FIXTURE(EmptiedAtTheEnd, "pushing metadata gives 0 whatever comes of it") {
+TEST_CASE_FIXTURE(EmptiedAtTheEnd, "pushing metadata returns 0 whether it stored or not") {
   metadata_input_s in = InputFor("/a");
   Answer out;
   CHECK(orvex_update_metadata(&in, &out) == 0);
@@ -111,8 +111,7 @@ TEST_CASE("flushing empties the cache it names and no other") {
   CHECK(Entries() == std::pair(0, 0));
 }
 
-TEST_CASE_FIXTURE(EmptiedAtTheEnd,
-                  "flushing an unknown cache is refused with 3 and without a word") {
+TEST_CASE_FIXTURE(EmptiedAtTheEnd, "flushing an unknown cache returns 3 and logs nothing") {
   Push("/a");
   RecordedLog log;
   for (const int unknown : {-1, 2, INT_MAX, INT_MIN}) CHECK(orvex_flush_cache(unknown) == 3);
@@ -120,7 +119,7 @@ TEST_CASE_FIXTURE(EmptiedAtTheEnd,
   CHECK(Entries() == std::pair(1, 0));
 }
 
-TEST_CASE("flushing gives the code of the cache it names") {
+TEST_CASE("flushing returns the code of the cache it names") {
   const ReplacedOperation hash(
       &HashCache(), kHashCacheSlots, 4, +[](void*) { return 55; });
   const ReplacedOperation fileType(
@@ -171,7 +170,7 @@ TEST_CASE_FIXTURE(
   CHECK(log.CountOf("Node: path=/c major=0") == 1);
 }
 
-TEST_CASE("setting the capacity of an unknown cache is refused with 3 and without a word") {
+TEST_CASE("setting the capacity of an unknown cache returns 3 and logs nothing") {
   RecordedLog log;
   for (const int unknown : {-1, 2, INT_MAX, INT_MIN}) {
     CHECK(orvex_set_cache_capacity(unknown, 100) == 3);
@@ -179,7 +178,7 @@ TEST_CASE("setting the capacity of an unknown cache is refused with 3 and withou
   CHECK(log.TakeTranscript() == "");
 }
 
-TEST_CASE("profiling is switched on and off and tells which") {
+TEST_CASE("profiling is switched on and off and reports its state") {
   bool enabled = true;
   CHECK(orvex_profiling_get_enable(&enabled) == 0);
   CHECK_FALSE(enabled);
@@ -192,7 +191,7 @@ TEST_CASE("profiling is switched on and off and tells which") {
   CHECK_FALSE(enabled);
 }
 
-TEST_CASE("every database function says 312 and does nothing") {
+TEST_CASE("every database function returns 312 and does nothing") {
   RecordedLog log;
   bool enabled = true;
   int status = 77;
@@ -207,7 +206,7 @@ TEST_CASE("every database function says 312 and does nothing") {
   CHECK(log.TakeTranscript() == "");
 }
 
-TEST_CASE("keys of mixed masks may share an entry, which goes with the first of them evicted") {
+TEST_CASE("keys of mixed masks may share an entry, which is evicted with the first of them") {
   const auto pushWith = [](uint32_t mask, const char* path, uint64_t size) {
     metadata_input_s in = InputFor(path);
     in.size = size;

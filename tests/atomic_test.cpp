@@ -8,7 +8,7 @@
 #include "support/orvex_atomic.h"
 #include "support/orvex_scope_ref_cnt.h"
 
-TEST_CASE("an atomic increment returns the value from before and leaves one more") {
+TEST_CASE("an atomic increment returns the old value and adds one") {
   int small = 0;
   CHECK(ORVEX_atomic_increment_32(&small) == 0);
   CHECK(small == 1);
@@ -17,7 +17,7 @@ TEST_CASE("an atomic increment returns the value from before and leaves one more
   CHECK(large == 42);
 }
 
-TEST_CASE("an atomic decrement returns the value from before and leaves one less") {
+TEST_CASE("an atomic decrement returns the old value and subtracts one") {
   int small = 0;
   CHECK(ORVEX_atomic_decrement_32(&small) == 0);
   CHECK(small == -1);
@@ -26,7 +26,7 @@ TEST_CASE("an atomic decrement returns the value from before and leaves one less
   CHECK(large == 0);
 }
 
-TEST_CASE("an atomic read returns the value and leaves it") {
+TEST_CASE("an atomic read returns the value and does not change it") {
   int small = -7;
   CHECK(ORVEX_atomic_read_32(&small) == -7);
   CHECK(small == -7);
@@ -35,7 +35,7 @@ TEST_CASE("an atomic read returns the value and leaves it") {
   CHECK(large == 0x123456789abcdef0);
 }
 
-TEST_CASE("an atomic addition returns the value from before and adds any delta") {
+TEST_CASE("an atomic addition returns the old value and adds any delta") {
   int small = 10;
   CHECK(ORVEX_atomic_add_32(&small, -30) == 10);
   CHECK(small == -20);

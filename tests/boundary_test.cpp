@@ -80,7 +80,7 @@ void* PointerTo(Object& object) {
 
 }  // namespace
 
-TEST_CASE("both destructors stand first in every table but those of the caches") {
+TEST_CASE("both destructors come first in every table but those of the caches") {
   CHECK(DestroysAndDeletes<LRUCacheKey>(kDestroy, kDelete));
   CHECK(DestroysAndDeletes<LRUCacheNode>(kDestroy, kDelete));
   CHECK(DestroysAndDeletes<ORVEX_Config>(kDestroy, kDelete));
@@ -95,7 +95,7 @@ TEST_CASE("both destructors stand first in every table but those of the caches")
   CHECK(DestroysAndDeletes<LRUCache>(15, 16));
 }
 
-TEST_CASE("a lock tells its error, locks and unlocks through slots 2 to 4") {
+TEST_CASE("a lock reports its error, locks and unlocks through slots 2 to 4") {
   OwnLock own;
   CHECK(CallSlot<unsigned int>(&own, 2) == 0);
   CHECK(CallSlot<unsigned int>(&own, 3) == 101);

@@ -203,7 +203,7 @@ TEST_CASE_TEMPLATE("files that hash alike are told apart by each number", Cache,
   }
 }
 
-TEST_CASE_TEMPLATE("files that hash alike and differ in one number alone are told apart", Cache,
+TEST_CASE_TEMPLATE("files that hash alike and differ in a single number are told apart", Cache,
                    LRUCache, FileTypeCache) {
   const Field fields[] = {kSize, kMtime, kDevice, kFile};
   for (const Field& field : fields) {
@@ -282,7 +282,7 @@ TEST_CASE_TEMPLATE("files that are told apart by their numbers are not kept in o
   CHECK(MoreMemoryWith<Cache>(files) == Insertions{0, 63, 127, 191, 255, 319, 383, 447});
 }
 
-TEST_CASE_TEMPLATE("names of one file are hashed anew by their paths and not kept in order", Cache,
+TEST_CASE_TEMPLATE("names of one file are rehashed by their paths and not kept in order", Cache,
                    LRUCache, FileTypeCache) {
   // Of several directories: in some of them two names meet when it matters.
   for (char directory = 'a'; directory <= 'p'; ++directory) {
@@ -318,8 +318,8 @@ TEST_CASE_TEMPLATE("files are found by one mask after files of another came in, 
   CHECK(files.Holds({"/d", 1, 2}, KEY_SIZE));
 }
 
-TEST_CASE_TEMPLATE("an entry goes with its node, and who shared it is no longer found", Cache,
-                   LRUCache, FileTypeCache) {
+TEST_CASE_TEMPLATE("an entry is removed with its node, and keys that shared it are no longer found",
+                   Cache, LRUCache, FileTypeCache) {
   const RecordedLog quiet(ORVEX_LOG_FATAL);
   CacheOfFiles<Cache> files;
   files.cache.SetCapacity(2);

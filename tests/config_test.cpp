@@ -52,7 +52,7 @@ TEST_CASE("the configuration file is orvexeng.ini in the working directory") {
   CHECK(ORVEX_Config::ConfigFilePath == "orvexeng.ini");
 }
 
-TEST_CASE("a file that cannot be opened gives 7 and one ERROR line") {
+TEST_CASE("a file that cannot be opened returns 7 and logs one ERROR line") {
   RecordedLog log;
   ORVEX_Config config;
   CHECK(config.ReadConfig("missing.ini") == 7);
@@ -60,7 +60,7 @@ TEST_CASE("a file that cannot be opened gives 7 and one ERROR line") {
         Lines({"ERROR ReadConfig orvex_config: Open config file missing.ini failed"}));
 }
 
-TEST_CASE("a file that can be opened gives 0 whatever it holds") {
+TEST_CASE("a file that can be opened returns 0 whatever it holds") {
   RecordedLog log;
   ORVEX_Config config;
   CHECK(Configure("", config) == 0);
@@ -69,7 +69,7 @@ TEST_CASE("a file that can be opened gives 0 whatever it holds") {
   CHECK(log.TakeTranscript() == "");
 }
 
-TEST_CASE("every known key is applied in its order and told at INFO") {
+TEST_CASE("every known key is applied in its order and logged at INFO") {
   RecordedLog log;
   ORVEX_Config config;
   Configure("CacheCapacity=100\nProfilingEnable=0\nDatabaseEnable=1\nLogLevel=4\nLogEnable=1\n",
@@ -92,7 +92,7 @@ TEST_CASE("the configured capacity is the hash cache's and not the file type cac
   CHECK(log.CountOf("Cache capacity = 4096") == 1);
 }
 
-TEST_CASE("turning logging off says nothing about it") {
+TEST_CASE("turning logging off is not logged") {
   RecordedLog log;
   ORVEX_Config config;
   Configure("LogEnable=0\nCacheCapacity=5\n", config);
@@ -119,7 +119,7 @@ TEST_CASE("a negative level is malformed and the level stays") {
   CHECK(log.TakeTranscript() == "");
 }
 
-TEST_CASE("a capacity out of range sets 4096 and is told as written") {
+TEST_CASE("a capacity out of range sets 4096 and is logged as written") {
   for (const char* written : {"0", "100000", "99999999999999999999"}) {
     CAPTURE(written);
     RecordedLog log;
@@ -270,7 +270,7 @@ TEST_CASE("an integer is decimal digits only and at most 2147483647") {
   }
 }
 
-TEST_CASE("a key that was never read gives 600 and leaves the value") {
+TEST_CASE("a key that was never read returns 600 and leaves the value") {
   ORVEX_Config config;
   unsigned int number = 77;
   bool flag = true;
@@ -283,7 +283,7 @@ TEST_CASE("a key that was never read gives 600 and leaves the value") {
   CHECK(text == "before");
 }
 
-TEST_CASE("a malformed switch gives 601 and leaves the value") {
+TEST_CASE("a malformed switch returns 601 and leaves the value") {
   ORVEX_Config config;
   char line[] = "Key=true";
   config.ParseLine(line);
@@ -341,7 +341,7 @@ int StartEngine() {
 
 }  // namespace
 
-TEST_CASE("what is no file and no directory counts as a file that cannot be opened") {
+TEST_CASE("anything but a file or directory counts as a file that cannot be opened") {
   const Terminal terminal;
   REQUIRE(mkfifo("pipe", 0600) == 0);
   MakeSocket("socket");

@@ -37,9 +37,9 @@ int CallNobody(metadata_input_s*, metadata_output_s*, void*) { return 0; }
 
 }  // namespace
 
-TEST_CASE("before it is initialised the engine says 100") { CHECK(orvex_get_status() == 100); }
+TEST_CASE("before it is initialised the engine returns 100") { CHECK(orvex_get_status() == 100); }
 
-TEST_CASE("an initialised engine says 101 until it is stopped") {
+TEST_CASE("an initialised engine returns 101 until it is stopped") {
   CHECK(Init() == 0);
   CHECK(orvex_get_status() == 101);
   CHECK(orvex_deinit() == 0);
@@ -176,7 +176,7 @@ TEST_CASE("codes of caches that fail to stop are ignored") {
   CHECK(orvex_deinit() == 0);
 }
 
-TEST_CASE("an engine lock that fails is told on standard output and the work goes on") {
+TEST_CASE("an engine lock that fails is reported on standard output and the work goes on") {
   orvex_get_status();
   RecordedLog quiet(ORVEX_LOG_FATAL);
   CapturedOutput output;
@@ -216,7 +216,7 @@ TEST_CASE("starting and stopping pass the engine's lock before they are refused"
   }
 }
 
-TEST_CASE("every function says 100 from the beginning of a stop on") {
+TEST_CASE("every function returns 100 from the beginning of a stop") {
   EngineUnderTest engine;
   Latch hostEntered;
   Latch hostMayAnswer;

@@ -79,7 +79,7 @@ std::string CountersInLines(EngineUnderTest& engine, metadata_input_s& in, const
 
 }  // namespace
 
-TEST_CASE("a log callback finds a lookup counted and its result too once a line tells it") {
+TEST_CASE("a log callback finds a lookup and its result counted when they are logged") {
   EngineUnderTest engine;
   metadata_input_s in = InputFor("/a");
   in.fileOperation = KEY_PATH;
@@ -149,7 +149,7 @@ TEST_CASE("a log callback finds a hash calculation counted before its time is lo
   CHECK(calls == 1);
 }
 
-TEST_CASE("every counter arrives in its own field") {
+TEST_CASE("every counter is copied to its own field") {
   EngineUnderTest engine;
   CauseEverything(engine);
   const orvex_metrics_s metrics = engine.Metrics();
@@ -219,7 +219,7 @@ TEST_CASE("a null record is an error and no crash") {
   CHECK(log.TakeTranscript() == Lines({MetricsError("Memory copy metrics operation failed")}));
 }
 
-TEST_CASE("the engine tells its counters by reference as the exported function does") {
+TEST_CASE("the engine returns its counters by reference as the exported function does") {
   EngineUnderTest engine;
   CauseEverything(engine);
   const orvex_metrics_s exported = engine.Metrics();
@@ -232,7 +232,7 @@ TEST_CASE("the engine tells its counters by reference as the exported function d
   CHECK(std::memcmp(&metrics, &exported, sizeof metrics) == 0);
 }
 
-TEST_CASE("before it is initialised the engine tells no counters") {
+TEST_CASE("before it is initialised the engine returns no counters") {
   RecordedLog log;
   orvex_metrics_s metrics{};
   unsigned int size = 77;
@@ -285,7 +285,7 @@ TEST_CASE("reading the counters is timed under its name") {
   CHECK(log.Records().size() == 1);
 }
 
-TEST_CASE("counters that the hash cache cannot tell are an error with its code") {
+TEST_CASE("counters that the hash cache cannot return are an error with its code") {
   EngineUnderTest engine;
   RecordedLog log;
   const ReplacedOperation failing(
@@ -298,7 +298,7 @@ TEST_CASE("counters that the hash cache cannot tell are an error with its code")
   CHECK(log.TakeTranscript() == Lines({MetricsError("Get cache metrics failed: rc=46")}));
 }
 
-TEST_CASE("counters that the file type cache cannot tell are an error with its code") {
+TEST_CASE("counters that the file type cache cannot return are an error with its code") {
   EngineUnderTest engine;
   RecordedLog log;
   const ReplacedOperation failing(

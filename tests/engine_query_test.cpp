@@ -35,7 +35,7 @@ std::string EngineErrors(RecordedLog& log) {
 
 }  // namespace
 
-TEST_CASE("a query that asks for nothing gives 0 and leaves the output alone") {
+TEST_CASE("a query that asks for nothing returns 0 and leaves the output alone") {
   EngineUnderTest engine;
   RecordedLog log;
   metadata_input_s in = Asking(0);
@@ -185,7 +185,7 @@ TEST_CASE("a query without both records is refused before the host is asked") {
   CHECK(engine.host.fileTypeCalls == 0);
 }
 
-TEST_CASE("before it is initialised the engine refuses queries with 100 and without a word") {
+TEST_CASE("before it is initialised the engine refuses queries with 100 and logs nothing") {
   RecordedLog log;
   metadata_input_s in = InputFor("/a");
   Answer out;
@@ -211,7 +211,7 @@ TEST_CASE("a stopped engine refuses queries with 100") {
   CHECK(orvex_query(&in, &out, nullptr) == 100);
 }
 
-TEST_CASE("who is told of a failure finds no query inside the hash cache any more") {
+TEST_CASE("a log callback that gets a failure finds no query inside the hash cache") {
   EngineUnderTest engine;
   engine.host.onHash = [](metadata_input_s&, metadata_output_s&) { return 77; };
   static int inside;
@@ -228,7 +228,7 @@ TEST_CASE("who is told of a failure finds no query inside the hash cache any mor
   CHECK(inside == 2);  // Once for each message, and nobody inside.
 }
 
-TEST_CASE("a path that the warning about an old entry changes is marked and told as it was") {
+TEST_CASE("a path that the warning about an old entry changes is marked and logged as it was") {
   EngineUnderTest engine;
   static metadata_input_s in;
   in = InputFor("/a");
@@ -291,7 +291,7 @@ TEST_CASE("a hash query without a path throws and the engine goes on") {
   CHECK(log.CountOf("All threads leaves successfully, retry=0") == 2);
 }
 
-TEST_CASE("an exception of a callback passes through the engine and leaves nobody inside") {
+TEST_CASE("an exception of a callback passes through the engine and leaves no call counted") {
   EngineUnderTest engine;
   engine.host.onHash = [](metadata_input_s&, metadata_output_s&) -> int {
     throw std::runtime_error("the host's own");
@@ -319,7 +319,7 @@ TEST_CASE("entries pushed before the engine starts are hits afterwards") {
   CHECK(engine.host.hashCalls == 0);
 }
 
-TEST_CASE("a callback that asks the cache for its own path finds what is known of it") {
+TEST_CASE("a callback that asks the cache for its own path finds what is cached") {
   EngineUnderTest engine;
   int codes[2] = {9, 9};
   uint32_t ready[2] = {9, 9};

@@ -56,7 +56,7 @@ struct TypeCacheUnderTest {
 
 }  // namespace
 
-TEST_CASE("the second query of a kept file type is a hit and asks nobody") {
+TEST_CASE("the second query of a kept file type is a hit and calls no host") {
   TypeCacheUnderTest test;
   for (int i = 0; i < 2; ++i) {
     Answer out;
@@ -75,7 +75,7 @@ TEST_CASE("the second query of a kept file type is a hit and asks nobody") {
   CHECK(test.Metrics().Miss == 1);
 }
 
-TEST_CASE("without the wish to keep every query of a file type asks the host") {
+TEST_CASE("without INV_KEEP_IN_CACHE every query of a file type asks the host") {
   TypeCacheUnderTest test;
   metadata_input_s in = TypeOf("/a");
   in.invOperation = INV_CACHE_ONLY;  // Means nothing to this cache.
@@ -203,7 +203,7 @@ TEST_CASE("the line of an evicted node reads as its narrow conversions make it")
                (sizeof(void*) == 4 ? "0, mtime=4, queryFlag=5" : "4, mtime=5, queryFlag=384")}));
 }
 
-TEST_CASE("a query of a file type is told step by step at DEBUG") {
+TEST_CASE("a query of a file type is logged step by step at DEBUG") {
   TypeCacheUnderTest test;
   RecordedLog log;
   Answer miss;
@@ -221,7 +221,7 @@ TEST_CASE("a query of a file type is told step by step at DEBUG") {
                "DEBUG Query orvex_lru_cache: FileTypeCache::Query [/a] result=2"}));
 }
 
-TEST_CASE("an out-of-date file type is told at WARNING") {
+TEST_CASE("an out-of-date file type is logged at WARNING") {
   TypeCacheUnderTest test;
   metadata_input_s in = TypeOf("/a");
   in.fileOperation = KEY_PATH;
@@ -256,7 +256,7 @@ TEST_CASE("a stopped file type cache refuses with 8 before it looks at the recor
   CHECK(test.calls == 0);
 }
 
-TEST_CASE("a file type query without both records is refused with 3 and without a word") {
+TEST_CASE("a file type query without both records returns 3 and logs nothing") {
   TypeCacheUnderTest test;
   RecordedLog log;
   metadata_input_s in = TypeOf("/a");
@@ -383,7 +383,7 @@ TEST_CASE("a file type node keeps a type and an mtime once it had them") {
   CHECK(back.modificationTime == 5);
 }
 
-TEST_CASE("an empty file type node gives nothing back") {
+TEST_CASE("an empty file type node returns nothing") {
   FileTypeCacheNode node;
   Answer back;
   back.major = 7;

@@ -110,7 +110,7 @@ TEST_CASE("starting the hash cache makes cache and set active and can be repeate
   }
 }
 
-TEST_CASE("starting the hash cache is told before anything is changed") {
+TEST_CASE("starting the hash cache is logged before anything is changed") {
   OpenHashCache cache;
   RecordedLog log;
   bool wasActive = true;
@@ -407,7 +407,7 @@ TEST_CASE("the counters are copied out and dumped in their order") {
                            "numOfWaitInHashCalculation=9223372036854775807")}));
 }
 
-TEST_CASE("the counters are dumped as a subclass of the cache tells them") {
+TEST_CASE("the counters are dumped as a subclass of the cache returns them") {
   class Telling : public OpenHashCache {
    public:
     int GetMetrics(LRUCacheMetrics_s& out) const override {

@@ -225,7 +225,7 @@ TEST_CASE("an update keeps earlier parts, moves the entry to the front and evict
   CHECK(out.digest20[0] == 2);
 }
 
-TEST_CASE("an update of an out-of-date entry refreshes its mtime and leaves parts not given anew") {
+TEST_CASE("an update of an out-of-date entry refreshes its mtime and keeps parts not given") {
   OpenHashCache cache;
   Answer old;
   GiveDigests(old, QUERY_DIGEST20 | QUERY_DIGEST32, 1);
@@ -316,7 +316,7 @@ TEST_CASE("a node can be inserted under a key of its own") {
   CHECK(cache.PathsInOrder() == Paths{"/a"});
 }
 
-TEST_CASE("inserting under a key that is cached gives 201 and does not take the node") {
+TEST_CASE("inserting under a cached key returns 201 and does not take the node") {
   OpenHashCache cache;
   cache.Store("/a");
   metadata_input_s in = InputFor("/a");
@@ -328,7 +328,7 @@ TEST_CASE("inserting under a key that is cached gives 201 and does not take the 
   CHECK(cache.Find(key) != &mine);
 }
 
-TEST_CASE("inserting a node counts nothing, whatever comes of it") {
+TEST_CASE("inserting a node counts nothing, whether it succeeds or not") {
   OpenHashCache cache;
   metadata_input_s in = InputFor("/a");
   Answer out;
@@ -361,13 +361,13 @@ TEST_CASE("a node that takes over another's parts keeps its own place in the cac
   CHECK(cache.Look(InputFor("/b"), out) != 1);
 }
 
-TEST_CASE("inserting no node gives 3") {
+TEST_CASE("inserting a null node returns 3") {
   OpenHashCache cache;
   LRUCacheKey key;
   CHECK(cache.InsertCacheNode(key, nullptr) == 3);
 }
 
-TEST_CASE("inserting a node beyond the capacity evicts the oldest") {
+TEST_CASE("inserting a node beyond the capacity evicts the least recently used") {
   OpenHashCache cache;
   cache.SetCapacity(1);
   cache.Store("/a");
@@ -380,7 +380,7 @@ TEST_CASE("inserting a node beyond the capacity evicts the oldest") {
 }
 
 TEST_CASE(
-    "the entry's mask decides which entry a search reaches and the search's whether it is it") {
+    "an entry's mask leads a search to it, and the search's mask decides whether it matches") {
   OpenHashCache cache;
   Answer out;
   metadata_input_s stored = InputFor("/m");

@@ -166,7 +166,7 @@ TEST_CASE("a query hands the host the very pointers it was given") {
   CHECK(seen[2] == &context);
 }
 
-TEST_CASE("a query without the wish to keep asks the host on every miss and fills nothing") {
+TEST_CASE("a query without INV_KEEP_IN_CACHE asks the host on every miss and stores nothing") {
   OpenHashCache cache;
   cache.InitLRUCache();
   metadata_input_s in = InputFor("/a");
@@ -265,7 +265,7 @@ TEST_CASE("an inactive cache refuses with 8 before it looks at the records") {
   CHECK(log.TakeTranscript() == "");
 }
 
-TEST_CASE("a query without both records is refused with 3 and without a word") {
+TEST_CASE("a query without both records returns 3 and logs nothing") {
   OpenHashCache cache;
   cache.InitLRUCache();
   RecordedLog log;
@@ -546,7 +546,7 @@ TEST_CASE("a log callback that writes over the text of the path changes the look
   CHECK(log.TakeTranscript() == CalculatedAfterMissOf("/b"));
 }
 
-TEST_CASE("whether a query is cache-only is looked at again once it has missed") {
+TEST_CASE("whether a query is cache-only is checked again after a miss") {
   for (const bool becomes : {true, false}) {
     CAPTURE(becomes);
     EngineUnderTest engine;
@@ -714,7 +714,8 @@ TEST_CASE("two that passed the wait at once both calculate and only the first on
 }
 
 TEST_CASE(
-    "one of two that both calculate says at INFO only that it is done, and nothing when off") {
+    "the second of two that both calculate logs at INFO only that it is done, and nothing when "
+    "off") {
   InterruptedCache cache;
   cache.InitLRUCache();
   cache.MarkAfterLookup("/a");
@@ -755,7 +756,7 @@ TEST_CASE("a thread that calculates unannounced wakes those that sleep all the s
   CHECK(broadcasts == 1);
 }
 
-TEST_CASE("a query that meets a stop after its lookup says nothing of it unless asked to") {
+TEST_CASE("a query that meets a stop after its lookup logs nothing at FATAL") {
   InterruptedCache cache;
   cache.InitLRUCache();
   cache.StopSetAfterLookup();
@@ -897,7 +898,7 @@ TEST_CASE("the query and the host's part of it are timed under their names") {
                "[PROFILING] LRUCache::Query"}));
 }
 
-TEST_CASE("a query says nothing while the log is off") {
+TEST_CASE("a query logs nothing while the log is off") {
   OpenHashCache cache;
   cache.InitLRUCache();
   RecordedLog log;

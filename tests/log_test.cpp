@@ -87,7 +87,7 @@ TEST_CASE("a message of 511 characters arrives whole") {
   CHECK(log.Records().front().length == 511);
 }
 
-TEST_CASE("a message of 600 characters arrives cut to 511 with its whole length told") {
+TEST_CASE("a message of 600 characters arrives cut to 511 with its whole length") {
   RecordedLog log;
   LogText(ORVEX_LOG_INFO, std::string(600, 'a').c_str());
   CHECK(log.Records().front().text == std::string(511, 'a'));

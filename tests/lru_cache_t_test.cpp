@@ -157,7 +157,7 @@ TEST_CASE_TEMPLATE("a new cache is empty and inactive and has the largest capaci
   CHECK(cache.EveryCounterIs(0));
 }
 
-TEST_CASE_TEMPLATE("a cache is active from its start, which says nothing, to its stop", Cache,
+TEST_CASE_TEMPLATE("a cache is active from its start, which logs nothing, to its stop", Cache,
                    SizeCache, BareHashCache, BareFileTypeCache) {
   RecordedLog log;
   Cache cache;
@@ -189,8 +189,8 @@ TEST_CASE_TEMPLATE("a stop empties a cache and a start brings back its capacity 
   CHECK((cache.queryCallback == SomeCallback));
 }
 
-TEST_CASE_TEMPLATE("flushing empties a cache and leaves all else", Cache, SizeCache, BareHashCache,
-                   BareFileTypeCache) {
+TEST_CASE_TEMPLATE("flushing empties a cache and changes nothing else", Cache, SizeCache,
+                   BareHashCache, BareFileTypeCache) {
   Cache cache;
   cache.InitLRUCache();
   cache.SetCapacity(2);
@@ -219,8 +219,8 @@ TEST_CASE_TEMPLATE("resetting zeroes every counter of a cache and leaves its nod
   CHECK(cache.PathsInOrder() == Paths{"/a"});
 }
 
-TEST_CASE_TEMPLATE("storing refuses with 3 and without a word unless there are both records", Cache,
-                   SizeCache, BareHashCache, BareFileTypeCache) {
+TEST_CASE_TEMPLATE("storing without both records returns 3 and logs nothing", Cache, SizeCache,
+                   BareHashCache, BareFileTypeCache) {
   Cache cache;
   metadata_input_s in = FileAt("/a");
   Answer out;
@@ -265,7 +265,7 @@ TEST_CASE_TEMPLATE("every entry's key leads to its own node", Cache, SizeCache, 
   CHECK(BrokenInvariant(cache) == "");
 }
 
-TEST_CASE_TEMPLATE("without memory a store gives 2, tells it at ERROR and changes nothing", Cache,
+TEST_CASE_TEMPLATE("without memory a store returns 2, logs an ERROR and changes nothing", Cache,
                    SizeCache, BareHashCache, BareFileTypeCache) {
   static int errors = 0;
   // Keeps nothing: there is no memory for it.
@@ -326,7 +326,7 @@ TEST_CASE("beyond its capacity a cache evicts the least recently stored") {
   CHECK(cache.Find(SizeKey(evicted)) == nullptr);
 }
 
-TEST_CASE("lowering the capacity evicts the surplus at once and oldest first") {
+TEST_CASE("lowering the capacity evicts the surplus at once, least recently used first") {
   SizeCache cache;
   for (const char* path : {"/a", "/b", "/c", "/d"}) cache.Store(path);
   cache.SetCapacity(3);
@@ -337,7 +337,7 @@ TEST_CASE("lowering the capacity evicts the surplus at once and oldest first") {
   CHECK(cache.entries_.EntryCount() == 1);
 }
 
-TEST_CASE("an evicted node takes its entry along and whoever shared it has none") {
+TEST_CASE("an evicted node takes its entry along, and nodes that shared it have none") {
   SizeCache cache;
   cache.Store("/a");
   const auto* const second = cache.InsertBeside("/a", "second");
@@ -395,7 +395,7 @@ TEST_CASE_TEMPLATE("a dump of an empty cache lists only counts", Cache, SizeCach
                Message("DEBUG", "DumpCacheNodeList", "CacheNodeList.size=0")}));
 }
 
-TEST_CASE_TEMPLATE("a dump tells capacity, keys and nodes unless their levels are dropped", Cache,
+TEST_CASE_TEMPLATE("a dump logs capacity, keys and nodes unless their levels are dropped", Cache,
                    BareHashCache, BareFileTypeCache) {
   Cache cache;
   for (const char* path : {"/a", "/b", "/c"}) cache.Store(path);
@@ -462,7 +462,7 @@ TEST_CASE_TEMPLATE("a stop refuses queries before it flushes, and zeroes the cou
   CHECK(cache.story == "flushes, zeroes");
 }
 
-TEST_CASE_TEMPLATE("storing and moving are told at DEBUG, unless the log is off or terser", Cache,
+TEST_CASE_TEMPLATE("storing and moving are logged at DEBUG, unless the log is off or terser", Cache,
                    SizeCache, BareHashCache, BareFileTypeCache) {
   Cache cache;
   const auto story = [&] {
@@ -485,7 +485,7 @@ TEST_CASE_TEMPLATE("storing and moving are told at DEBUG, unless the log is off 
   CHECK(log.TakeTranscript() == "");
 }
 
-TEST_CASE_TEMPLATE("nodes that come and move one by one are told as those of a store", Cache,
+TEST_CASE_TEMPLATE("nodes inserted and moved one by one are logged as those of a store", Cache,
                    SizeCache, BareHashCache, BareFileTypeCache) {
   Cache cache;
   RecordedLog log;
@@ -560,7 +560,7 @@ TEST_CASE_TEMPLATE("an operation on no node or of no known kind changes nothing"
   CHECK(log.TakeTranscript() == "");
 }
 
-TEST_CASE_TEMPLATE("a capacity out of range means the largest and is told at INFO", Cache,
+TEST_CASE_TEMPLATE("a capacity out of range means the largest and is logged at INFO", Cache,
                    SizeCache, BareHashCache, BareFileTypeCache) {
   Cache cache;
   const struct {
@@ -584,7 +584,7 @@ TEST_CASE_TEMPLATE("a capacity out of range means the largest and is told at INF
   }
 }
 
-TEST_CASE_TEMPLATE("a callback is stored and told, and a null one refused", Cache, SizeCache,
+TEST_CASE_TEMPLATE("a callback is stored and logged, and a null one refused", Cache, SizeCache,
                    BareHashCache, BareFileTypeCache) {
   const std::string text = "Kelda Inventory Engine register query callback ";
   Cache cache;

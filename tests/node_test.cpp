@@ -312,7 +312,7 @@ TEST_CASE("bits that the output holds already stay") {
   CHECK(back.queryFlags == (QUERY_FILE_TYPE | 0x8000 | QUERY_FEEDBACK));
 }
 
-TEST_CASE("giving the mtime back is told at DEBUG") {
+TEST_CASE("giving the mtime back is logged at DEBUG") {
   RecordedLog log;
   metadata_input_s in = FileOf(0, 4294967295);
   Answer out;
