@@ -55,7 +55,7 @@ TEST_CASE("a walk is advised a larger capacity only when there is one") {
   CHECK_FALSE(Contains(Advice(WithCapacity(4096), 9999, {Pass(1, 9999, 0)}), "--capacity"));
 }
 
-TEST_CASE("processes that map more files than a cache keeps are told to expect evictions") {
+TEST_CASE("evictions are announced if processes map more files than a cache keeps") {
   PassReport pass = Pass(1, 9000, 3000);
   pass.engine.cacheWipeOuts = 904;
   const std::string advice = Advice(OfProcesses(4096, 1), 5000, {pass});
@@ -85,13 +85,13 @@ TEST_CASE("every hit of a later pass is possible") {
                  "Pass 2 hit 400 times where 500 were possible"));
 }
 
-TEST_CASE("a walk is not told twice to raise the capacity") {
+TEST_CASE("a walk is advised only once to raise the capacity") {
   PassReport pass = Pass(2, 100, 0);
   pass.engine.cacheWipeOuts = 100;
   CHECK_FALSE(Contains(Advice(WithCapacity(50), 100, {Pass(1, 100, 0), pass}), "\n"));
 }
 
-TEST_CASE("threads that shared a calculation are told that coalescing pays") {
+TEST_CASE("the report says that coalescing pays if threads shared a calculation") {
   PassReport first = Pass(1, 300, 200);
   first.engine.cacheWaitInHashCalculation = 7;
   const std::string advice = Advice(OfProcesses(4096, 4), 100, {first, Pass(2, 300, 300)});
@@ -100,14 +100,15 @@ TEST_CASE("threads that shared a calculation are told that coalescing pays") {
   CHECK_FALSE(Contains(advice, "cost nothing"));
 }
 
-TEST_CASE("threads that could have waited and never did are told that coalescing cost nothing") {
+TEST_CASE(
+    "the report says that coalescing cost nothing if threads could have waited and never did") {
   CHECK(Contains(Advice(OfProcesses(4096, 4), 100, {Pass(1, 300, 200)}),
                  "No query had to wait, though 4 threads"));
   CHECK(Advice(OfProcesses(4096, 1), 100, {Pass(1, 300, 200)}).empty());
   CHECK(Advice(OfProcesses(4096, 4), 300, {Pass(1, 300, 0)}).empty());
 }
 
-TEST_CASE("answers that are often out of date are told") {
+TEST_CASE("answers that are often out of date are reported") {
   const std::vector<PassReport> often = {Pass(1, 100, 0), Pass(2, 100, 89)};
   CHECK(Contains(Advice(WithCapacity(4096), 100, often),
                  "11 of 100 answers were out of date in pass 2"));

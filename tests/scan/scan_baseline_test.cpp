@@ -22,7 +22,7 @@ std::string Differences(const nlohmann::json& report) {
 
 }  // namespace
 
-TEST_CASE("a baseline tells what is new, changed, gone, moved or has other metadata") {
+TEST_CASE("a baseline reports what is new, changed, gone, moved or has other metadata") {
   const TemporaryDirectory directory;
   for (const std::string name : {"same", "changed", "gone", "moved", "mode", "time", "linked"}) {
     directory.Write("in/" + name, "content of " + name);

@@ -15,7 +15,7 @@ using orvexscan::FailureReason;
 using orvexscan::Identity;
 using orvexscan::IdentityOf;
 
-TEST_CASE("a file that vanishes before it is read is told as vanished") {
+TEST_CASE("a file that vanishes before it is read is reported as vanished") {
   const TemporaryDirectory directory;
   CalculatingHost host;
   const std::string path = directory.Write("file", "x");
@@ -28,7 +28,7 @@ TEST_CASE("a file that vanishes before it is read is told as vanished") {
   CHECK_FALSE(calculation.hashed());
 }
 
-TEST_CASE("a file that is another one by the time it is read is told as changed") {
+TEST_CASE("a file that differs by the time it is read is reported as changed") {
   const TemporaryDirectory directory;
   CalculatingHost host;
   const std::string path = directory.Write("file", "x");
@@ -69,7 +69,7 @@ TEST_CASE("a failure is not kept: the file is calculated as soon as it can be") 
   CHECK_FALSE(cached.hashed());
 }
 
-TEST_CASE("a changed file is calculated anew although its older self is cached") {
+TEST_CASE("a changed file is calculated again although its older version is cached") {
   const TemporaryDirectory directory;
   CalculatingHost host;
   const std::string path = directory.Write("file", "x");
@@ -84,7 +84,7 @@ TEST_CASE("a changed file is calculated anew although its older self is cached")
   CHECK(second.bytesHashed() == 6);
 }
 
-TEST_CASE("a file that takes too long to read has no answer, and the reason is told") {
+TEST_CASE("a file that takes too long to read has no answer, and the report says why") {
   const TemporaryDirectory directory;
   CalculatingHost host;
   const std::string path = directory.Write("file", "x");

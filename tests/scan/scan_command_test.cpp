@@ -94,7 +94,7 @@ TEST_CASE("the second pass is answered from the cache") {
   CHECK(second["bytesSaved"] == 20000);
 }
 
-TEST_CASE("files just written are asked about anew in each pass, and counted") {
+TEST_CASE("files just written are calculated again in each pass, and counted") {
   const TemporaryDirectory directory;
   for (int i = 0; i < 3; ++i) directory.Write("in/" + std::to_string(i), "x");
   // With one file that is older than any test. Its name may be a link.
@@ -108,7 +108,7 @@ TEST_CASE("files just written are asked about anew in each pass, and counted") {
   CHECK(Contains(run.errors, "not kept, too young"));
 }
 
-TEST_CASE("the JSON report tells what a changed file is known by") {
+TEST_CASE("the JSON report says how changed files were recognised") {
   const TemporaryDirectory directory;
   directory.Write("file", "x");
   const nlohmann::json plain = RunScan(directory.path(), "--json - .").Json()["options"];
@@ -202,7 +202,7 @@ TEST_CASE("the table has a column for each pass and every count") {
   }
 }
 
-TEST_CASE("nothing is drawn when standard error is no terminal") {
+TEST_CASE("nothing is drawn when standard error is not a terminal") {
   const TemporaryDirectory directory;
   directory.Write("file", "x");
   const ScanRun run = RunScan(directory.path(), ".");
@@ -308,7 +308,7 @@ TEST_CASE("each line of JSON Lines is a file of the JSON report") {
   CHECK(count == 3);
 }
 
-TEST_CASE("JSON Lines come as the files are done") {
+TEST_CASE("JSON Lines are printed as files are done") {
   const TemporaryDirectory directory;
   directory.Write("in/a", "x");
   directory.Write("in/b", "");
@@ -513,7 +513,7 @@ TEST_CASE("help and version exit with 0") {
   CHECK(Contains(version.output, "orvex-scan "));
 }
 
-TEST_CASE("a file without an answer is told with its reason and the others are answered") {
+TEST_CASE("a file without an answer is listed with its reason and the others are answered") {
   const TemporaryDirectory directory;
   directory.Write("good", "x");
   std::filesystem::create_symlink("nowhere", directory.PathOf("dangling"));
@@ -560,7 +560,7 @@ TEST_CASE("links are followed only when asked") {
   CHECK(FileIn(followed.Json(), "in/todirectory/file")["answer"]["size"] == 1);
 }
 
-TEST_CASE("a directory that holds itself by a link is told and left") {
+TEST_CASE("a directory that contains itself through a link is reported and skipped") {
   const TemporaryDirectory directory;
   directory.Write("in/file", "x");
   std::filesystem::create_directory_symlink("..", directory.PathOf("in/up"));
@@ -661,7 +661,7 @@ TEST_CASE("a process that has another file mounted over its program is asked abo
   CHECK(found);
 }
 
-TEST_CASE("the signers of a PE file are told, and again from the cache") {
+TEST_CASE("the signers of a PE file are reported, from the cache too") {
   const TemporaryDirectory directory;
   const Bytes nested = Signature("Inner Signer");
   directory.Write("signed.exe", PeFile(Join(TableEntry(Signature({{"First Signer", ""}}, {nested})),
@@ -676,7 +676,7 @@ TEST_CASE("the signers of a PE file are told, and again from the cache") {
   CHECK(report["passes"][1]["hashCache"]["hits"] == 2);
 }
 
-TEST_CASE("a malformed certificate table is told while the file has its answer") {
+TEST_CASE("a malformed certificate table is reported and the file still has its answer") {
   const TemporaryDirectory directory;
   directory.Write("bad.exe", PeFile(TableEntry(Signature("Signer")), true, 1 << 20));
   const ScanRun run = RunScan(directory.path(), "--json - .");

@@ -91,7 +91,7 @@ int End(WatchingScan* scan) {
     return;                                \
   }
 
-TEST_CASE("a program that is executed is told with its process and digest") {
+TEST_CASE("a program that is executed is reported with its process and digest") {
   const PrivateMount mount;
   NEEDS(mount)
   mount.MakeProgram("program");
@@ -109,7 +109,8 @@ TEST_CASE("a program that is executed is told with its process and digest") {
   CHECK(End(&scan) == 0);
 }
 
-TEST_CASE("a program that runs again is answered from the cache and told once until it changes") {
+TEST_CASE(
+    "a program that runs again is answered from the cache and reported once until it changes") {
   const PrivateMount mount;
   NEEDS(mount)
   mount.MakeProgram("program");
@@ -137,7 +138,7 @@ TEST_CASE("a program that runs again is answered from the cache and told once un
   CHECK(report["passes"][0]["hashCache"]["hits"] == 2);
 }
 
-TEST_CASE("a program that is executed elsewhere is not told") {
+TEST_CASE("a program that is executed elsewhere is not reported") {
   const PrivateMount mount;
   NEEDS(mount)
   mount.MakeProgram("program");
@@ -149,7 +150,7 @@ TEST_CASE("a program that is executed elsewhere is not told") {
   CHECK(told.find("/true") == std::string::npos);
 }
 
-TEST_CASE("a program that is gone before it was looked at has its digest and is counted") {
+TEST_CASE("a program deleted before it was read has its digest and is counted") {
   const PrivateMount mount;
   NEEDS(mount)
   mount.MakeProgram("program");
@@ -217,7 +218,7 @@ TEST_CASE("a line that cannot be printed ends the listening and all that is know
   CHECK(report["passes"][0]["visits"] == 1);
 }
 
-TEST_CASE("who may not listen for executions is told what is lacking") {
+TEST_CASE("a user who may not listen for executions is told what is missing") {
   const TemporaryDirectory directory;
   const ScanRun run = RunScan(directory.path(), "--exec nowhere");
   CHECK(run.exitCode == 1);

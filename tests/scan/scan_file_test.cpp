@@ -93,7 +93,7 @@ TEST_CASE("a time beyond 2038 is not cut") {
   CHECK(IdentityOf(path, false).mtimeNs == 5000000000123456789u);
 }
 
-TEST_CASE("a file written to while it is read is told as changed") {
+TEST_CASE("a file written to while it is read is reported as changed") {
   const TemporaryDirectory directory;
   const std::string path = directory.Write("file", std::string(100, 'x'));
   FileReader reader(path, IdentityOf(path, false), false);

@@ -128,7 +128,7 @@ TEST_CASE("the guard alone saves a file that is still being written, in every mo
   }
 }
 
-TEST_CASE("a file renamed or with other rights is another one by ctime, and the same by mtime") {
+TEST_CASE("a file renamed or with other permissions has changed by ctime, but not by mtime") {
   const TemporaryDirectory directory;
   const std::string path = directory.Write("file", "x");
   for (const IdentityMode mode : kModes) {
@@ -140,7 +140,7 @@ TEST_CASE("a file renamed or with other rights is another one by ctime, and the 
   }
 }
 
-TEST_CASE("a file that nobody touches is the same one in every mode") {
+TEST_CASE("a file that nobody touches is unchanged in every mode") {
   const TemporaryDirectory directory;
   const std::string path = directory.Write("file", "x");
   for (const IdentityMode mode : kModes) {
@@ -274,7 +274,7 @@ TEST_CASE("each callback by itself keeps a young file's answer out") {
   }
 }
 
-TEST_CASE("a file whose mtime is set back while it is read is told as changed in every mode") {
+TEST_CASE("a file whose mtime is set back while it is read is reported as changed in every mode") {
   const TemporaryDirectory directory;
   const std::string path = directory.PathOf("file");
   Writer writer(path);

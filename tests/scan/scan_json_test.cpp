@@ -117,7 +117,7 @@ TEST_CASE("the JSON report is as its schema says") {
   CHECK(ReportSchema().FaultsIn(other).size() == 1);
 }
 
-TEST_CASE("a time before 1970 is told in negative seconds and nanoseconds onwards") {
+TEST_CASE("a time before 1970 has negative seconds and nanoseconds to add") {
   const TemporaryDirectory directory;
   directory.Write("file", "x");
   REQUIRE(OutputOf(directory.path(), "touch -d '1969-12-31 23:59:58.25 UTC' file && echo done") ==
@@ -127,7 +127,7 @@ TEST_CASE("a time before 1970 is told in negative seconds and nanoseconds onward
   CHECK(answer["mtime"]["nanoseconds"] == 250000000);
 }
 
-TEST_CASE("the JSON report tells whether an answer could be kept") {
+TEST_CASE("the JSON report says whether an answer could be kept") {
   const TemporaryDirectory directory;
   directory.Write("file", "x");
   const json young = RunScan(directory.path(), "--json - file").Json();

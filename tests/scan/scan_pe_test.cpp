@@ -138,11 +138,11 @@ TEST_CASE("a signer is named by its common name") {
   CHECK(found.faults.empty());
 }
 
-TEST_CASE("padding after a signature is no fault") {
+TEST_CASE("padding after a signature is not a fault") {
   CHECK(SignersOf(Join(Signature("Signer"), Bytes(7, 0))).names == Texts{"Signer"});
 }
 
-TEST_CASE("all signers of a signature are told") {
+TEST_CASE("all signers of a signature are reported") {
   const SignerNames found = SignersOf(Signature({{"One", ""}, {"Two", ""}}));
   CHECK(found.names.size() == 2);
   CHECK(found.faults.empty());
@@ -152,7 +152,7 @@ TEST_CASE("a signer without a common name is named by its whole subject") {
   CHECK(SignersOf(Signature({{"", "Kelda"}})).names == Texts{"O=Kelda"});
 }
 
-TEST_CASE("nested signatures are told after the one that holds them") {
+TEST_CASE("nested signatures are reported after the one that holds them") {
   const Bytes innermost = Signature("Innermost");
   const Bytes inner = Signature({{"Inner", ""}}, {innermost});
   const Bytes other = Signature("Other");
@@ -161,7 +161,7 @@ TEST_CASE("nested signatures are told after the one that holds them") {
   CHECK(found.faults.empty());
 }
 
-TEST_CASE("nesting without end is told and left") {
+TEST_CASE("endless nesting is reported and skipped") {
   Bytes signature = Signature("0");
   for (int depth = 1; depth < 12; ++depth) {
     signature = Signature({{std::to_string(depth), ""}}, {signature});
@@ -171,7 +171,7 @@ TEST_CASE("nesting without end is told and left") {
   CHECK(found.faults == Texts{"signatures are nested too deeply"});
 }
 
-TEST_CASE("a nested signature that is none is a fault, and its holder is told") {
+TEST_CASE("a malformed nested signature is a fault, and its holder's signers are reported") {
   const Bytes inner{0x30, 3, 2, 1, 7};  // a sequence, and no more than that
   Bytes outer = Signature({{"Outer", ""}}, {inner});
   const SignerNames noSignature = SignersOf(outer);

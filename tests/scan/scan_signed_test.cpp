@@ -39,7 +39,7 @@ size_t EntriesIn(const char* file) {
 
 }  // namespace
 
-TEST_CASE("the one signer of a firmware updater is told, in PE32 and PE32+") {
+TEST_CASE("the one signer of a firmware updater is reported, in PE32 and PE32+") {
   for (const char* file : {"amd64/usr/libexec/fwupd/efi/fwupdx64.efi.signed",
                            "i386/usr/libexec/fwupd/efi/fwupdia32.efi.signed"}) {
     CAPTURE(file);
@@ -50,7 +50,7 @@ TEST_CASE("the one signer of a firmware updater is told, in PE32 and PE32+") {
   }
 }
 
-TEST_CASE("both signers of a boot loader are told, in PE32 and PE32+") {
+TEST_CASE("both signers of a boot loader are reported, in PE32 and PE32+") {
   for (const char* file :
        {"amd64/usr/lib/shim/shimx64.efi.signed", "i386/usr/lib/shim/shimia32.efi.signed"}) {
     CAPTURE(file);
@@ -62,7 +62,7 @@ TEST_CASE("both signers of a boot loader are told, in PE32 and PE32+") {
   }
 }
 
-TEST_CASE("a signed program with one byte changed is told, unless no signature covers it") {
+TEST_CASE("a signed program with one byte changed is reported, unless no signature covers it") {
   const TemporaryDirectory directory;
   for (const char* file :
        {"amd64/usr/lib/shim/shimx64.efi.signed", "i386/usr/lib/shim/shimia32.efi.signed"}) {

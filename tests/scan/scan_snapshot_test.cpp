@@ -85,7 +85,7 @@ TEST_CASE("a snapshot serves a third process as it did the second") {
   CHECK(SnapshotIn(directory) == first);
 }
 
-TEST_CASE("a file that changed since the snapshot is calculated anew") {
+TEST_CASE("a file that changed since the snapshot is calculated again") {
   const TemporaryDirectory directory;
   directory.Write("in/same", "x");
   directory.Write("in/changed", "x");
@@ -141,7 +141,7 @@ TEST_CASE("a snapshot with one bit flipped is ignored, wherever it is") {
   CheckIgnored(directory, "its checksum is wrong");
 }
 
-TEST_CASE("what is no whole snapshot is told in one line and ignored") {
+TEST_CASE("a damaged snapshot is reported in one line and ignored") {
   const TemporaryDirectory directory;
   directory.Write("in/file", "x");
   Report(directory);
@@ -202,7 +202,7 @@ TEST_CASE("a snapshot of too many files or bytes is ignored") {
   CheckIgnored(directory, "it is too large");
 }
 
-TEST_CASE("a snapshot of another version, mode or trust is told and ignored") {
+TEST_CASE("a snapshot of another version, mode or trust is reported and ignored") {
   const TemporaryDirectory directory;
   directory.Write("in/file", "x");
   Report(directory);
@@ -257,7 +257,7 @@ TEST_CASE("a scan that a signal ends leaves its report and its snapshot") {
   }
 }
 
-TEST_CASE("a snapshot that others could have written is told and ignored") {
+TEST_CASE("a snapshot that others could have written is reported and ignored") {
   const TemporaryDirectory directory;
   directory.Write("in/file", "x");
   for (const mode_t mode : {0620U, 0602U}) {

@@ -42,7 +42,7 @@ void CheckEnd(WatchingScan* scan) {
 
 }  // namespace
 
-TEST_CASE("a file that is written is told with its old and its new digest") {
+TEST_CASE("writing a file reports it with its old and its new digest") {
   const TemporaryDirectory directory;
   directory.Write("in/file", "old");
   WatchingScan scan(directory.path(), {"in"});
@@ -56,7 +56,7 @@ TEST_CASE("a file that is written is told with its old and its new digest") {
   CheckEnd(&scan);
 }
 
-TEST_CASE("a file that is touched is told to be the same") {
+TEST_CASE("touching a file reports it as same") {
   const TemporaryDirectory directory;
   directory.Write("in/file", "x");
   WatchingScan scan(directory.path(), {"in"});
@@ -65,7 +65,7 @@ TEST_CASE("a file that is touched is told to be the same") {
   CheckEnd(&scan);
 }
 
-TEST_CASE("a file that another one is renamed to is told to have changed") {
+TEST_CASE("a file replaced by a rename is reported as changed") {
   const TemporaryDirectory directory;
   directory.Write("in/file", "old");
   directory.Write("out", "newer");
@@ -75,7 +75,7 @@ TEST_CASE("a file that another one is renamed to is told to have changed") {
   CheckEnd(&scan);
 }
 
-TEST_CASE("a file that is renamed is told under either name") {
+TEST_CASE("a renamed file is reported under both names") {
   const TemporaryDirectory directory;
   directory.Write("in/file", "x");
   WatchingScan scan(directory.path(), {"in"});
@@ -85,7 +85,7 @@ TEST_CASE("a file that is renamed is told under either name") {
   CheckEnd(&scan);
 }
 
-TEST_CASE("a deleted file is told to be gone, and new when it comes back") {
+TEST_CASE("a deleted file is reported as gone, and as new when it comes back") {
   const TemporaryDirectory directory;
   directory.Write("in/file", "x");
   WatchingScan scan(directory.path(), {"in"});
@@ -96,7 +96,7 @@ TEST_CASE("a deleted file is told to be gone, and new when it comes back") {
   CheckEnd(&scan);
 }
 
-TEST_CASE("a second name of a file is told to be new") {
+TEST_CASE("a second name of a file is reported as new") {
   const TemporaryDirectory directory;
   directory.Write("out", "x");
   directory.Write("in/file", "x");
@@ -106,7 +106,7 @@ TEST_CASE("a second name of a file is told to be new") {
   CheckEnd(&scan);
 }
 
-TEST_CASE("a file in a new directory is told, and what becomes of it later") {
+TEST_CASE("a file in a new directory is reported, and its later changes too") {
   const TemporaryDirectory directory;
   directory.Write("in/file", "x");
   WatchingScan scan(directory.path(), {"in"});
@@ -123,7 +123,7 @@ TEST_CASE("a file in a new directory is told, and what becomes of it later") {
   CheckEnd(&scan);
 }
 
-TEST_CASE("the files of a directory that moves are told under either path") {
+TEST_CASE("the files of a directory that moves are reported under both paths") {
   const TemporaryDirectory directory;
   directory.Write("in/here/a/file", "x");
   WatchingScan scan(directory.path(), {"in"});
@@ -135,7 +135,7 @@ TEST_CASE("the files of a directory that moves are told under either path") {
   CheckEnd(&scan);
 }
 
-TEST_CASE("the files of a directory that leaves are told to be gone and watched no more") {
+TEST_CASE("the files of a directory that leaves are reported as gone and no longer watched") {
   const TemporaryDirectory directory;
   directory.Write("in/here/file", "x");
   directory.Write("in/last", "x");
@@ -148,7 +148,7 @@ TEST_CASE("the files of a directory that leaves are told to be gone and watched 
   CheckEnd(&scan);
 }
 
-TEST_CASE("the files of a watched path that is moved away are told to be gone") {
+TEST_CASE("the files of a watched path that is moved away are reported as gone") {
   const TemporaryDirectory directory;
   directory.Write("in/file", "x");
   WatchingScan scan(directory.path(), {"in"});
@@ -171,7 +171,7 @@ TEST_CASE("a file that is watched by itself may be replaced") {
   CheckEnd(&scan);
 }
 
-TEST_CASE("a file that is not there yet is told when it comes") {
+TEST_CASE("a file that does not exist yet is reported when it is created") {
   const TemporaryDirectory directory;
   WatchingScan scan(directory.path(), {"file"});
   directory.Write("file", "x");
@@ -331,7 +331,7 @@ TEST_CASE("a file that is busy waits once, however often it is written") {
   CHECK(report["passes"][2]["visits"] < 200);
 }
 
-TEST_CASE("a file that cannot be read or is not complete yet is no change of what is known") {
+TEST_CASE("a file that cannot be read or is not complete yet changes nothing known") {
   using orvexscan::ChangeKind;
   using orvexscan::FailureReason;
   using orvexscan::FileFailure;
