@@ -354,7 +354,7 @@ TEST_CASE("a flush forgets all keys and then ends the nodes from the most recent
     ~TellingNode() override {
       // The flush holds the lock that this expects.
       flushed->DumpCacheMap();
-      ORVEX_LOG_FROM(ORVEX_LOG_INFO, "TellingNode", "test", "%s ends", path.c_str());
+      ORVEX_LOG_MESSAGE(ORVEX_LOG_INFO, "TellingNode", "test", "%s ends", path.c_str());
     }
   };
   OpenHashCache cache;

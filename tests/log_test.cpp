@@ -219,9 +219,9 @@ TEST_CASE("a thread that is to be cancelled outlasts a message, printed or hande
 TEST_CASE("a dropped message does not evaluate its arguments") {
   RecordedLog log(ORVEX_LOG_INFO);
   int evaluations = 0;
-  ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, "file", "%d", ++evaluations);
+  ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, __func__, "file", "%d", ++evaluations);
   CHECK(evaluations == 0);
-  ORVEX_LOG_MESSAGE(ORVEX_LOG_INFO, "file", "%d", ++evaluations);
+  ORVEX_LOG_MESSAGE(ORVEX_LOG_INFO, __func__, "file", "%d", ++evaluations);
   CHECK(evaluations == 1);
 }
 

@@ -118,7 +118,9 @@ struct PathNode {
   }
   ~PathNode() { --liveNodes; }
   void SetDataToCacheNode(metadata_input_s& in, metadata_output_s&) { path = in.path; }
-  void Dump() const { ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, "test", "node %s", path.c_str()); }
+  void Dump() const {
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, __func__, "test", "node %s", path.c_str());
+  }
 
   LRUCacheSlot mapEntry = 0;
   std::string path;

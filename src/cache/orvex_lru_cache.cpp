@@ -17,7 +17,7 @@ LRUCache::LRUCache() { LRUCache::ResetMetrics(); }
 LRUCache::~LRUCache() = default;
 
 int LRUCache::InitLRUCache() {
-  ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile, "Init LRUCache successfully");
+  ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, __func__, kLRUCacheSourceFile, "Init LRUCache successfully");
   {
     const ORVEX_MutexGuard guard(&calHashSet.condLock);
     calHashSet.active = true;
@@ -45,11 +45,11 @@ int LRUCache::DeinitLRUCache() {
                kLRUCacheSourceFile);
 
   if (const int code = FlushCache(); code != ORVEX_OK) {
-    ORVEX_LOG_MESSAGE(ORVEX_LOG_WARNING, kLRUCacheSourceFile,
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_WARNING, __func__, kLRUCacheSourceFile,
                       "Deinit LRUCache flush cache failed: rc=%d", code);
     return code;
   }
-  ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile, "Deinit LRUCache successfully");
+  ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, __func__, kLRUCacheSourceFile, "Deinit LRUCache successfully");
   return ORVEX_OK;
 }
 
@@ -99,7 +99,7 @@ int LRUCache::GetMetrics(LRUCacheMetrics_s& out) const {
 void LRUCache::DumpMetrics() const {
   LRUCacheMetrics_s now;
   GetMetrics(now);
-  ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile,
+  ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, __func__, kLRUCacheSourceFile,
                     "Cache Metrics: Query=%jd, Miss=%jd, Hit=%jd, PartialHit=%jd, Out-of-date=%jd, "
                     "WipeOuts=%jd, numOfCacheUpdateMetaDataSuccess=%jd, "
                     "numOfCacheUpdateMetaDataFailure=%jd, numOfHelpFuncCalled=%jd, "

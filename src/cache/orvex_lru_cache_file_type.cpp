@@ -59,7 +59,7 @@ void FileTypeCacheNode::Dump() const {
   // target.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat"
-  ORVEX_LOG_MESSAGE(ORVEX_LOG_INFO, kLRUCacheSourceFile,
+  ORVEX_LOG_MESSAGE(ORVEX_LOG_INFO, __func__, kLRUCacheSourceFile,
                     "Node: path=%s major=%d, minor=%d, mtime=%llu, queryFlag=%llu", path.c_str(),
                     major, minor, mtime, static_cast<unsigned long>(queryFlag));
 #pragma GCC diagnostic pop
@@ -79,8 +79,8 @@ int FileTypeCache::Query(metadata_input_s* metaIn, metadata_output_s* metaOut, v
     metaOut->resultReady = 0;
     return ORVEX_NO_MEMORY;
   }
-  ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile, "FileTypeCache::Query [%s] result=%d",
-                    metaIn->path, lookup);
+  ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, __func__, kLRUCacheSourceFile,
+                    "FileTypeCache::Query [%s] result=%d", metaIn->path, lookup);
   if (lookup == LRU_HIT) {
     metaOut->resultReady = 1;
     return ORVEX_OK;
@@ -99,8 +99,8 @@ int FileTypeCache::AskHostAndKeep(metadata_input_s* metaIn, metadata_output_s* m
     code = AskHost(metaIn, metaOut, ctx);
     // Looked at now: the callback may have taken the bit away.
     keep = (metaIn->invOperation & INV_KEEP_IN_CACHE) != 0;
-    ORVEX_LOG_FROM(ORVEX_LOG_DEBUG, "Query", kLRUCacheSourceFile,
-                   "Get file type result [%d]. Keep in cache [%d]", code, keep);
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, "Query", kLRUCacheSourceFile,
+                      "Get file type result [%d]. Keep in cache [%d]", code, keep);
   }
   if (code != ORVEX_OK) return code;
   metaOut->resultReady = 1;
@@ -119,7 +119,7 @@ int FileTypeCache::GetMetrics(FileTypeCacheMetrics_s& out) const {
 void FileTypeCache::DumpMetrics() const {
   FileTypeCacheMetrics_s now;
   GetMetrics(now);
-  ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile,
+  ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, __func__, kLRUCacheSourceFile,
                     "File type cache Metrics: Hit=%jd, Miss=%jd, Out-of-date=%jd, WipeOuts=%jd, "
                     "numOfHelpFuncCalled=%jd",
                     intmax_t{now.Hit}, intmax_t{now.Miss}, intmax_t{now.OutOfDate},
@@ -141,7 +141,7 @@ int FileTypeCache::QueryLRUCache(metadata_input_s* metaIn, metadata_output_s* me
     return MissOrOutOfDate(node, *metaIn);
   }
   ORVEX_atomic_increment_64(&metrics.Hit);
-  ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile, "Cache query: cache hits, %s",
+  ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, __func__, kLRUCacheSourceFile, "Cache query: cache hits, %s",
                     metaIn->path);
   node->GetDataFromCacheNode(*metaOut);
   Use(slot, talks);

@@ -129,7 +129,7 @@ uint32_t HashOf(const AnyKey& key, bool alsoPath) {
 }
 
 inline void LRUCacheKeyView::Dump() const {
-  ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile,
+  ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, __func__, kLRUCacheSourceFile,
                     "Key: flags=0x%08x, path=%s, size=%llu, mtime=%llu, deviceID=%llu, fileID=%llu",
                     flags, path, PrintableNumber(size), PrintableNumber(mtime),
                     PrintableNumber(deviceID), PrintableNumber(fileID));

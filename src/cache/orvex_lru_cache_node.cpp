@@ -94,7 +94,7 @@ unsigned int LRUCacheNode::GetDataFromCacheNode(metadata_output_s& out) {
 }
 
 void LRUCacheNode::Dump() const {
-  ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile,
+  ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, __func__, kLRUCacheSourceFile,
                     "Node: queryFlags=0x%08x, fileOperation=0x%08x, invOperation=0x%08x, path=%s, "
                     "size=%llu, mtime=%llu, signerCount=%u, feedback=%d, recordTime=%llu",
                     queryFlags, fileOperation, invOperation, path.c_str(), PrintableNumber(size),

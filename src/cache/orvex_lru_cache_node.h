@@ -106,8 +106,8 @@ inline unsigned int LRUCacheNode::GiveTo(metadata_output_s& out) {
     out.modificationTime = mtime;
     out.queryFlags |= QUERY_MTIME;
     if (kTalks) {
-      ORVEX_LOG_FROM(ORVEX_LOG_DEBUG, "GetDataFromCacheNode", kLRUCacheSourceFile,
-                     "metaOut.modificationTime=%lu", static_cast<unsigned long>(mtime));
+      ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, "GetDataFromCacheNode", kLRUCacheSourceFile,
+                        "metaOut.modificationTime=%lu", static_cast<unsigned long>(mtime));
     }
   }
   if ((queryFlags & QUERY_SIGNERS) != 0 && !GiveSigners(out)) return ORVEX_NO_MEMORY;

@@ -21,8 +21,8 @@ int EndWithoutMemory(metadata_output_s& out) {
 }
 
 int SkipInactive(const char* path) {
-  ORVEX_LOG_FROM(ORVEX_LOG_WARNING, kFunction, kLRUCacheSourceFile,
-                 "[CalHashSet] File hash is skipped due to inactive state: %s", path);
+  ORVEX_LOG_MESSAGE(ORVEX_LOG_WARNING, kFunction, kLRUCacheSourceFile,
+                    "[CalHashSet] File hash is skipped due to inactive state: %s", path);
   return ORVEX_CACHE_NOT_INITIALISED;
 }
 
@@ -57,19 +57,19 @@ class LeavePathOnReturn {
   ~LeavePathOnReturn() {
     const char* const path = text_.data();  // It ends in a NUL.
     if (!marked_) {
-      ORVEX_LOG_FROM(ORVEX_LOG_DEBUG, kFunction, kLRUCacheSourceFile,
-                     "[CalHashSet] Erase CalHashSet skipped: %s", path);
+      ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kFunction, kLRUCacheSourceFile,
+                        "[CalHashSet] Erase CalHashSet skipped: %s", path);
     } else if (Unmark(set_, text_, stripe_)) {
-      ORVEX_LOG_FROM(ORVEX_LOG_DEBUG, kFunction, kLRUCacheSourceFile,
-                     "[CalHashSet] Erase CalHashSet succeed: %s", path);
+      ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kFunction, kLRUCacheSourceFile,
+                        "[CalHashSet] Erase CalHashSet succeed: %s", path);
     } else {
-      ORVEX_LOG_FROM(ORVEX_LOG_DEBUG, kFunction, kLRUCacheSourceFile,
-                     "[CalHashSet] Erase CalHashSet failed: %s", path);
+      ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kFunction, kLRUCacheSourceFile,
+                        "[CalHashSet] Erase CalHashSet failed: %s", path);
     }
     // All, not one: waiters wait for different paths on this one condition.
     set_.condLock.SignalAll();
-    ORVEX_LOG_FROM(ORVEX_LOG_INFO, kFunction, kLRUCacheSourceFile,
-                   "[CalHashSet] File hash calculation is done, broadcast signal: %s", path);
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_INFO, kFunction, kLRUCacheSourceFile,
+                      "[CalHashSet] File hash calculation is done, broadcast signal: %s", path);
   }
   LeavePathOnReturn(const LeavePathOnReturn&) = delete;
   LeavePathOnReturn& operator=(const LeavePathOnReturn&) = delete;
@@ -130,7 +130,7 @@ inline LRU_LOOKUP LRUCache::LookUp(const metadata_input_s& in, metadata_output_s
   const bool isComplete = (in.queryFlags & ~out.queryFlags) == 0;
   if (kTalks) {
     ORVEX_atomic_increment_64(isComplete ? &metrics.Hit : &metrics.PartialHit);
-    ORVEX_LOG_FROM(
+    ORVEX_LOG_MESSAGE(
         ORVEX_LOG_DEBUG, "QueryLRUCache", kLRUCacheSourceFile,
         isComplete ? "Cache query: cache hits, %s" : "Cache query: cache partial hits, %s",
         in.path);
@@ -167,8 +167,8 @@ __attribute__((noinline)) int LRUCache::QueryStepByStep(metadata_input_s* metaIn
       return EndWithoutMemory(*metaOut);
     }
     if (mayCalculate && !IsActive()) return SkipInactive(path.c_str());
-    ORVEX_LOG_FROM(ORVEX_LOG_DEBUG, kFunction, kLRUCacheSourceFile,
-                   "Free to calculate file hash: %s", path.c_str());
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kFunction, kLRUCacheSourceFile,
+                      "Free to calculate file hash: %s", path.c_str());
     lookup = QueryLRUCache(metaIn, metaOut);
     if (lookup == LRU_HIT) {
       metaOut->resultReady = 1;
@@ -181,9 +181,9 @@ __attribute__((noinline)) int LRUCache::QueryStepByStep(metadata_input_s* metaIn
   // Read again: the host may have changed its mind while this thread slept or logged.
   if ((metaIn->invOperation & INV_CACHE_ONLY) != 0) return ORVEX_OK;
   if (!IsActive()) {
-    ORVEX_LOG_FROM(ORVEX_LOG_WARNING, kFunction, kLRUCacheSourceFile,
-                   "File hash calculation is skipped due to inactive state: %s",
-                   path.c_str() != nullptr ? path.c_str() : TextOrEmpty(metaIn->path));
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_WARNING, kFunction, kLRUCacheSourceFile,
+                      "File hash calculation is skipped due to inactive state: %s",
+                      path.c_str() != nullptr ? path.c_str() : TextOrEmpty(metaIn->path));
     return ORVEX_CACHE_NOT_INITIALISED;
   }
   return Calculate(metaIn, metaOut, ctx, path);
@@ -217,19 +217,19 @@ int LRUCache::Calculate(metadata_input_s* metaIn, metadata_output_s* metaOut, vo
   const char* const path = keptPath.c_str();
   const LeavePathOnReturn leave(calHashSet, keptPath, stripe, marked);
   if (marked) {
-    ORVEX_LOG_FROM(ORVEX_LOG_DEBUG, kFunction, kLRUCacheSourceFile,
-                   "[CalHashSet] Insert CalHashSet succeed: %s", path);
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kFunction, kLRUCacheSourceFile,
+                      "[CalHashSet] Insert CalHashSet succeed: %s", path);
   } else {
     // Another thread marked it first. This one calculates as well: answering twice is
     // better than waiting again.
-    ORVEX_LOG_FROM(ORVEX_LOG_DEBUG, kFunction, kLRUCacheSourceFile,
-                   "[CalHashSet] Insert CalHashSet failed: %s", path);
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kFunction, kLRUCacheSourceFile,
+                      "[CalHashSet] Insert CalHashSet failed: %s", path);
   }
   int code;
   {
     const ORVEX_ProfilingScope profiling("LRUCache::MetaQueryCallback");
-    ORVEX_LOG_FROM(ORVEX_LOG_DEBUG, kFunction, kLRUCacheSourceFile,
-                   "Calling query callback for file %s", path);
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kFunction, kLRUCacheSourceFile,
+                      "Calling query callback for file %s", path);
     const ORVEX_CountAtEnd count{&metrics.numOfHelpFuncCalled};
     code = AskHost(metaIn, metaOut, ctx);
   }

@@ -99,7 +99,7 @@ class ORVEX_API LRUCacheT {
       return ORVEX_OK;
     } catch (const std::exception&) {
       // No memory, or a text longer than a string can be.
-      ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kLRUCacheSourceFile,
+      ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, __func__, kLRUCacheSourceFile,
                         "Insufficient memory for create cache node");
       return ORVEX_NO_MEMORY;
     }
@@ -118,7 +118,8 @@ class ORVEX_API LRUCacheT {
   }
   virtual void DumpCache() const ORVEX_EXCLUDES(lock) {
     const ORVEX_MutexGuard guard(&lock);
-    ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile, "Cache capacity = %u", capacity);
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, __func__, kLRUCacheSourceFile, "Cache capacity = %u",
+                      capacity);
     DumpCacheMap();
     DumpCacheNodeList();
   }
@@ -133,24 +134,24 @@ class ORVEX_API LRUCacheT {
     if (node == nullptr) return;
     if (operation == LRU_UPDATE) {
       entries_.MoveToFront(node->mapEntry);
-      ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile, "Cache node updated: path=%s",
-                        node->path.c_str());
+      ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, __func__, kLRUCacheSourceFile,
+                        "Cache node updated: path=%s", node->path.c_str());
     } else if (operation == LRU_INSERT) {
       LRUCacheKeyView view(key);
       const bool sharesText = node->path == view.path;
       if (sharesText) view.path = node->path.c_str();
       node->mapEntry = entries_.Insert(view, node, !sharesText);
-      ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile, "Insert new cache node: path=%s",
-                        node->path.c_str());
+      ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, __func__, kLRUCacheSourceFile,
+                        "Insert new cache node: path=%s", node->path.c_str());
     }
   }
   virtual void DumpCacheMap() const ORVEX_REQUIRES(lock) {
-    ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile, "CacheMap.size=%u",
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, __func__, kLRUCacheSourceFile, "CacheMap.size=%u",
                       static_cast<unsigned int>(entries_.EntryCount()));
     for (const LRUCacheSlot slot : entries_.InOrderOfKeys()) entries_.KeyIn(slot).Dump();
   }
   virtual void DumpCacheNodeList() const ORVEX_REQUIRES(lock) {
-    ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile, "CacheNodeList.size=%u",
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, __func__, kLRUCacheSourceFile, "CacheNodeList.size=%u",
                       static_cast<unsigned int>(entries_.Size()));
     for (LRUCacheSlot slot = entries_.After(0); slot != 0; slot = entries_.After(slot)) {
       NodeIn(slot)->Dump();
@@ -172,20 +173,20 @@ class ORVEX_API LRUCacheT {
     const ORVEX_MutexGuard guard(&lock);
     // Unsigned, so that 0 counts as too large.
     capacity = newCapacity - 1 < ORVEX_MAX_CAPACITY ? newCapacity : ORVEX_MAX_CAPACITY;
-    ORVEX_LOG_MESSAGE(ORVEX_LOG_INFO, kLRUCacheSourceFile, "Set max cache capacity to %u",
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_INFO, __func__, kLRUCacheSourceFile, "Set max cache capacity to %u",
                       capacity);
     LRUCacheNodeWipe();
   }
   // A null callback is an error in the log and changes nothing.
   void RegisterMetaQueryCallback(orvex_query_cb callback) ORVEX_EXCLUDES(lock) {
     if (callback == nullptr) {
-      ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kLRUCacheSourceFile,
+      ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, __func__, kLRUCacheSourceFile,
                         "Kelda Inventory Engine register query callback failed: invalid parameter");
       return;
     }
     const ORVEX_MutexGuard guard(&lock);
     ORVEX_StoreRelease(queryCallback, callback);
-    ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kLRUCacheSourceFile,
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, __func__, kLRUCacheSourceFile,
                       "Kelda Inventory Engine register query callback successfully");
   }
 
@@ -223,21 +224,21 @@ class ORVEX_API LRUCacheT {
     constexpr char kFunction[] = "QueryLRUCache";
     if (node == nullptr) {
       ORVEX_atomic_increment_64(&metrics.Miss);
-      ORVEX_LOG_FROM(ORVEX_LOG_DEBUG, kFunction, kLRUCacheSourceFile, "Cache query: cache miss, %s",
-                     in.path);
+      ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kFunction, kLRUCacheSourceFile,
+                        "Cache query: cache miss, %s", in.path);
       return LRU_MISS;
     }
     ORVEX_atomic_increment_64(&metrics.OutOfDate);
-    ORVEX_LOG_FROM(ORVEX_LOG_WARNING, kFunction, kLRUCacheSourceFile,
-                   "Cache query: cache out-of-date, (%llu/%llu) %s", PrintableNumber(in.mtime),
-                   PrintableNumber(node->mtime), in.path);
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_WARNING, kFunction, kLRUCacheSourceFile,
+                      "Cache query: cache out-of-date, (%llu/%llu) %s", PrintableNumber(in.mtime),
+                      PrintableNumber(node->mtime), in.path);
     return LRU_OUT_OF_DATE;
   }
   // What LRUCacheNodeWipe does; counts each node in wipeOuts.
   ORVEX_LOCAL void EvictBeyondCapacity(long long volatile* wipeOuts) ORVEX_REQUIRES(lock) {
     while (entries_.Size() > capacity) {
-      ORVEX_LOG_FROM(ORVEX_LOG_DEBUG, "LRUCacheNodeWipe", kLRUCacheSourceFile,
-                     "Reach max cache capacity, start to remove oldest one");
+      ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, "LRUCacheNodeWipe", kLRUCacheSourceFile,
+                        "Reach max cache capacity, start to remove oldest one");
       const OwnedNode oldest = Owned(entries_.RemoveOldest());
       oldest->Dump();
       ORVEX_atomic_increment_64(wipeOuts);

@@ -50,14 +50,14 @@ void ORVEX_Set::Clear() {
 
 void ORVEX_Set::PreWaitLogFunc(void* arg) {
   if (arg == nullptr) return;
-  ORVEX_LOG_MESSAGE(ORVEX_LOG_INFO, kSetSourceFile,
+  ORVEX_LOG_MESSAGE(ORVEX_LOG_INFO, __func__, kSetSourceFile,
                     "[CalHashSet] File hash is calculating, wait for signal: %s",
                     static_cast<const std::string*>(arg)->c_str());
 }
 
 void ORVEX_Set::PostWaitLogFunc(void* arg) {
   if (arg == nullptr) return;
-  ORVEX_LOG_MESSAGE(ORVEX_LOG_INFO, kSetSourceFile,
+  ORVEX_LOG_MESSAGE(ORVEX_LOG_INFO, __func__, kSetSourceFile,
                     "[CalHashSet] File hash is calculating, signaled: %s",
                     static_cast<const std::string*>(arg)->c_str());
 }

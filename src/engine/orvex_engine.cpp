@@ -50,8 +50,8 @@ unsigned int Low32Bits(const void* pointer) {
 
 // With the code so far, on purpose: a lone failure of the hash cache prints 0.
 void TellHashFailure(int codeSoFar) {
-  ORVEX_LOG_FROM(ORVEX_LOG_ERROR, "Query", kEngineSourceFile, "Error query hash cache %d",
-                 codeSoFar);
+  ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, "Query", kEngineSourceFile, "Error query hash cache %d",
+                    codeSoFar);
 }
 
 }  // namespace
@@ -71,28 +71,28 @@ int ORVEX_ENGINE::Init(metadata_query_fptrs_s* fptrs) {
   if (ORVEX_LoadRelaxed(isOver)) return ORVEX_NOT_INITIALISED;
   PassLock();
   if (ORVEX_LoadRelaxed(inited)) {
-    ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kEngineSourceFile,
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, __func__, kEngineSourceFile,
                       "Kelda Inventory Engine init failed: already been initialized");
     return ORVEX_INITIALISED;
   }
   if (fptrs == nullptr || fptrs->fileTypeQueryCallback == nullptr ||
       fptrs->metaQueryCallback == nullptr) {
-    ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kEngineSourceFile,
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, __func__, kEngineSourceFile,
                       "Kelda Inventory Engine register query callback failed: invalid parameter");
     return ORVEX_INVALID_CALLBACKS;
   }
-  ORVEX_LOG_MESSAGE(ORVEX_LOG_INFO, kEngineSourceFile,
+  ORVEX_LOG_MESSAGE(ORVEX_LOG_INFO, __func__, kEngineSourceFile,
                     "Kelda Inventory Engine is initializing, version=%s", ORVEX_VERSION);
   if (!Configure()) return ORVEX_NO_MEMORY;
 
   if (const int code = HashCache().InitLRUCache(); code != ORVEX_OK) {
-    ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kEngineSourceFile,
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, __func__, kEngineSourceFile,
                       "Kelda Inventory Engine init failed: cache init failed, rc=%d", code);
     return code;
   }
   if (const int code = TypeCache().InitLRUCache(); code != ORVEX_OK) {
     HashCache().DeinitLRUCache();
-    ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kEngineSourceFile,
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, __func__, kEngineSourceFile,
                       "Kelda Inventory Engine init failed: file type cache init failed, rc=%d",
                       code);
     return code;
@@ -102,14 +102,15 @@ int ORVEX_ENGINE::Init(metadata_query_fptrs_s* fptrs) {
   ORVEX_StoreRelaxed(inited, true);
   // Calls that came too early, or outlived an earlier stop, are not counted.
   calls_.SetToZero(ORVEX_CallsInFlight::kOfEngine);
-  ORVEX_LOG_MESSAGE(ORVEX_LOG_INFO, kEngineSourceFile, "Kelda Inventory Engine init successfully");
+  ORVEX_LOG_MESSAGE(ORVEX_LOG_INFO, __func__, kEngineSourceFile,
+                    "Kelda Inventory Engine init successfully");
   return ORVEX_OK;
 }
 
 int ORVEX_ENGINE::Deinit() {
   PassLock();
   if (!ORVEX_LoadRelaxed(inited)) {
-    ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kEngineSourceFile,
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, __func__, kEngineSourceFile,
                       "Kelda Inventory Engine deinit failed: Engine is not inited");
     return ORVEX_NOT_INITIALISED;
   }
@@ -119,7 +120,7 @@ int ORVEX_ENGINE::Deinit() {
   TypeCache().DeinitLRUCache();
   calls_.Drain(ORVEX_CallsInFlight::kOfEngine, "Kelda Inventory Engine deinit", __LINE__, __func__,
                kEngineSourceFile);
-  ORVEX_LOG_MESSAGE(ORVEX_LOG_WARNING, kEngineSourceFile,
+  ORVEX_LOG_MESSAGE(ORVEX_LOG_WARNING, __func__, kEngineSourceFile,
                     "Kelda Inventory Engine deinit successfully");
   return ORVEX_OK;
 }
@@ -170,17 +171,17 @@ __attribute__((noinline)) int ORVEX_ENGINE::QueryStepByStep(metadata_input_s* me
   const ORVEX_ProfilingScope profiling("ORVEX_ENGINE::Query");
   if (!ORVEX_LoadRelaxed(inited)) return ORVEX_NOT_INITIALISED;
   if (metaOut == nullptr || metaIn == nullptr) {
-    ORVEX_LOG_FROM(ORVEX_LOG_ERROR, "Query", kEngineSourceFile,
-                   "Invalid parameter: metaIn=0x%08x, metaOut=0x%08x", Low32Bits(metaIn),
-                   Low32Bits(metaOut));
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, "Query", kEngineSourceFile,
+                      "Invalid parameter: metaIn=0x%08x, metaOut=0x%08x", Low32Bits(metaIn),
+                      Low32Bits(metaOut));
     return ORVEX_INVALID_PARAMETER;
   }
   int code = ORVEX_OK;
   if ((metaIn->queryFlags & QUERY_FILE_TYPE) != 0) {
     code = TypeCache().Query(metaIn, metaOut, ctx);
     if (code != ORVEX_OK) {
-      ORVEX_LOG_FROM(ORVEX_LOG_ERROR, "Query", kEngineSourceFile, "Error query file type cache %d",
-                     code);
+      ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, "Query", kEngineSourceFile,
+                        "Error query file type cache %d", code);
     }
   }
   // Read again: the host's callback may have changed what is wanted.
@@ -205,22 +206,25 @@ int ORVEX_ENGINE::GetMetrics(orvex_metrics_s* metrics, unsigned int size,
   const ORVEX_ProfilingScope profiling("ORVEX_ENGINE::GetMetrics");
   if (!IsInit()) return ORVEX_NOT_INITIALISED;
   if (size == 0) {
-    ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kEngineSourceFile, "Invalid metrics data size = %d", 0);
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, __func__, kEngineSourceFile,
+                      "Invalid metrics data size = %d", 0);
     return ORVEX_INVALID_PARAMETER;
   }
   LRUCacheMetrics_s hash;
   if (const int code = HashCache().GetMetrics(hash); code != ORVEX_OK) {
-    ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kEngineSourceFile, "Get cache metrics failed: rc=%d", code);
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, __func__, kEngineSourceFile,
+                      "Get cache metrics failed: rc=%d", code);
     return code;
   }
   FileTypeCacheMetrics_s fileType;
   if (const int code = TypeCache().GetMetrics(fileType); code != ORVEX_OK) {
-    ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kEngineSourceFile,
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, __func__, kEngineSourceFile,
                       "Get file type cache metrics failed: rc=%d", code);
     return code;
   }
   if (metrics == nullptr) {
-    ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kEngineSourceFile, "Memory copy metrics operation failed");
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, __func__, kEngineSourceFile,
+                      "Memory copy metrics operation failed");
     return ORVEX_COPY_FAILED;
   }
   alignas(8) orvex_metrics_s all{};

@@ -37,7 +37,7 @@ int orvex_update_metadata(metadata_input_s* in, metadata_output_s* out) {
 }
 
 void orvex_dump_cache(void) {
-  ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, "orvex_user", ">>> DumpCache");
+  ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, __func__, "orvex_user", ">>> DumpCache");
   HashCache().DumpCache();
   TypeCache().DumpCache();
 }

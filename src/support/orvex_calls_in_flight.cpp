@@ -25,17 +25,18 @@ void ORVEX_CallsInFlight::SetToZero(Count count) {
 
 void ORVEX_CallsInFlight::Drain(Count count, const char* what, unsigned int line,
                                 const char* function, const char* sourceFile) const {
+  ORVEX_LOG_BASE& log = *ORVEX_LOGGER::GetInstance();
   for (int retry = 0; retry < kMaxRetries; ++retry) {
     const int inside = Sum(count);
     if (inside == 0) {
-      ORVEX_LOG_AT(ORVEX_LOG_WARNING, line, function, sourceFile,
-                   "%s: All threads leaves successfully, retry=%d", what, retry);
+      log.Log(ORVEX_LOG_WARNING, line, function, sourceFile,
+              "%s: All threads leaves successfully, retry=%d", what, retry);
       return;
     }
-    ORVEX_LOG_AT(ORVEX_LOG_WARNING, line, function, sourceFile,
-                 "%s: Waiting for threads(%d) to leave, retry=%d", what, inside, retry);
+    log.Log(ORVEX_LOG_WARNING, line, function, sourceFile,
+            "%s: Waiting for threads(%d) to leave, retry=%d", what, inside, retry);
     usleep(kPauseUs);
   }
-  ORVEX_LOG_AT(ORVEX_LOG_WARNING, line, function, sourceFile,
-               "%s: Threads(%d) still running after max retry", what, Sum(count));
+  log.Log(ORVEX_LOG_WARNING, line, function, sourceFile,
+          "%s: Threads(%d) still running after max retry", what, Sum(count));
 }

@@ -82,7 +82,7 @@ ORVEX_Config::~ORVEX_Config() = default;
 unsigned int ORVEX_Config::ReadConfig(std::string path) {
   const OpenedFile file(path);
   if (!file.IsUsable()) {
-    ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, kConfigSourceFile, "Open config file %s failed",
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, __func__, kConfigSourceFile, "Open config file %s failed",
                       path.c_str());
     return ORVEX_CONFIG_NOT_OPENED;
   }
@@ -138,9 +138,9 @@ unsigned int ORVEX_Config::GetConfigBool(const char* key, bool& value) {
 }
 
 void ORVEX_Config::Dump() const {
-  ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kConfigSourceFile, "Dump config map ...");
+  ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, __func__, kConfigSourceFile, "Dump config map ...");
   for (const auto& [key, value] : entries_) {
-    ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kConfigSourceFile, "[CONFIG] %s=%s", key.c_str(),
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, __func__, kConfigSourceFile, "[CONFIG] %s=%s", key.c_str(),
                       value.c_str());
   }
 }

@@ -58,19 +58,11 @@ class ORVEX_API ORVEX_LOGGER {
   static ORVEX_LOG_BASE* GetInstance();
 };
 
-// Logs a message. A dropped one costs the two comparisons: its arguments are not
-// evaluated.
-#define ORVEX_LOG_AT(level, line, function, sourceFile, ...)                            \
-  do {                                                                                  \
-    if (ORVEX_LOG_BASE::Keeps(level)) {                                                 \
-      ORVEX_LOGGER::GetInstance()->Log(level, line, function, sourceFile, __VA_ARGS__); \
-    }                                                                                   \
+// Logs a message of the line it stands in. A dropped one costs the two comparisons: its
+// arguments are not evaluated.
+#define ORVEX_LOG_MESSAGE(level, function, sourceFile, ...)                                 \
+  do {                                                                                      \
+    if (ORVEX_LOG_BASE::Keeps(level)) {                                                     \
+      ORVEX_LOGGER::GetInstance()->Log(level, __LINE__, function, sourceFile, __VA_ARGS__); \
+    }                                                                                       \
   } while (false)
-
-// The same, from the line it stands in.
-#define ORVEX_LOG_FROM(level, function, sourceFile, ...) \
-  ORVEX_LOG_AT(level, __LINE__, function, sourceFile, __VA_ARGS__)
-
-// The same, from the line and the function it stands in.
-#define ORVEX_LOG_MESSAGE(level, sourceFile, ...) \
-  ORVEX_LOG_FROM(level, __func__, sourceFile, __VA_ARGS__)

@@ -21,9 +21,9 @@ timespec Elapsed(const timespec& start, const timespec& stop) {
 }
 
 void Print(const char* name, const timespec& elapsed) {
-  ORVEX_LOG_FROM(ORVEX_LOG_INFO, "PrintProfilingResult", "orvex_profiling",
-                 "[PROFILING] %s used %ld (s) and %ld (ns)", name,
-                 static_cast<long>(elapsed.tv_sec), elapsed.tv_nsec);
+  ORVEX_LOG_MESSAGE(ORVEX_LOG_INFO, "PrintProfilingResult", "orvex_profiling",
+                    "[PROFILING] %s used %ld (s) and %ld (ns)", name,
+                    static_cast<long>(elapsed.tv_sec), elapsed.tv_nsec);
 }
 
 }  // namespace
