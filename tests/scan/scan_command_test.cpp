@@ -495,11 +495,30 @@ TEST_CASE("too little memory is a message and an exit code" *
   CHECK(failures > 0);
 }
 
-TEST_CASE("a pipe in place of the engine's configuration does not hold the tool up") {
+TEST_CASE("a list of files that memory has no room for is told as such" *
+          doctest::skip(ORVEXENG_CHECKS_MEMORY)) {
+  const TemporaryDirectory directory;
+  OutputOf(directory.path(), "seq 1000000 | tr '\\n' '\\0' >list");
+  // Enough to start, and for some of the list: too little to read it, or to walk it.
+  for (const char* limit : {"-v 40960", "-v 98304"}) {
+    CAPTURE(limit);
+    const ScanRun run = RunWithLimit(directory.path(), limit, "--files0-from list");
+    CHECK(run.exitCode == 1);
+    CHECK(run.errors == "orvex-scan: out of memory\n");
+    CHECK(run.output == "");
+  }
+}
+
+TEST_CASE("a pipe or device in place of the engine's configuration is not read") {
   const TemporaryDirectory directory;
   directory.Write("file", "x");
-  CHECK(OutputOf(directory.path(), "mkfifo orvexeng.ini && " ORVEX_SCAN " file >table; echo $?") ==
-        "0\n");
+  for (const std::string make : {"mkfifo", "ln -s /dev/zero"}) {
+    CAPTURE(make);
+    CHECK(OutputOf(directory.path(),
+                   make + " orvexeng.ini && " ORVEX_SCAN " --verbose file 2>log >table; echo $?; "
+                          "grep -o 'Open config file .* failed' log; "
+                          "rm orvexeng.ini") == "0\nOpen config file orvexeng.ini failed\n");
+  }
 }
 
 TEST_CASE("help and version exit with 0") {

@@ -225,6 +225,8 @@ int Run(Options options) {
   try {
     if (!options.files0From.empty()) AddPathsFrom(options.files0From, &options.paths);
     destinations.emplace(options);
+  } catch (const std::bad_alloc&) {
+    throw;  // no fault of the command line
   } catch (const std::exception& failure) {
     Tell(failure);
     return kUsage;
