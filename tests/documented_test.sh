@@ -102,7 +102,7 @@ if [ -n "$scan" ]; then
   same 'options that bash completes'
 
   sed -n '/"properties": {/!s/^ *"\([A-Za-z0-9]*\)": {.*/\1/p' "$sources/docs/orvex-scan.schema.json" |
-    grep -vxE 'definitions|items' | sort -u | there
+    grep -vxE 'definitions|items|additionalProperties' | sort -u | there
   sed -n 's/^\.It Va \([A-Za-z0-9]*\)$/\1/p' "$tool" | sort -u | told
   same 'fields of the JSON report'
 

@@ -109,6 +109,19 @@ TEST_CASE("a program that is executed is reported with its process and digest") 
   CHECK(End(&scan) == 0);
 }
 
+TEST_CASE("a program that is executed is reported with the digest that was chosen") {
+  const PrivateMount mount;
+  NEEDS(mount)
+  mount.MakeProgram("program");
+  WatchingScan scan(mount.directory().path(), {}, {".", "--digests", "md5", "--format", "jsonl"},
+                    "--exec");
+  mount.Do("./program");
+  const auto told = nlohmann::json::parse(scan.NextLine());
+  CHECK(told.value("md5", "") == mount.Do("md5sum program").substr(0, 32));
+  CHECK_FALSE(told.contains("sha256"));
+  CHECK(End(&scan) == 0);
+}
+
 TEST_CASE(
     "a program that runs again is answered from the cache and reported once until it changes") {
   const PrivateMount mount;

@@ -15,6 +15,11 @@ TEST_CASE("a value that an option does not take is refused with what it takes") 
               {"--identity ''", "--identity: '' is none of mtime, ctime, strict\n"},
               {"--identity 1", "--identity: '1' is none of mtime, ctime, strict\n"},
               {"--format xml", "--format: 'xml' is none of table, json, jsonl, sha256sum, csv\n"},
+              {"--digests sha256,sha3-256",
+               "--digests: 'sha256' and 'sha3-256' have 32 bytes each, and the engine keeps one "
+               "digest of that length\n"},
+              {"--digests md5 --format sha256sum",
+               "--format sha256sum: needs sha256 among the --digests\n"},
               {"--metrics csv", "--metrics: 'csv' is none of prometheus, json\n"},
               {"--threads many", "--threads: 'many' is not a whole number from 1 to 64\n"},
               {"--threads 65", "--threads: '65' is not a whole number from 1 to 64\n"},

@@ -157,7 +157,7 @@ TEST_CASE("a damaged snapshot is reported in one line and ignored") {
               {std::string(1000, '\xff'), "it is no snapshot, or of another version of the tool"},
               {good.substr(0, 50), "it is cut off"},
               {good + good, "its checksum is wrong"},
-              {Edited(good, "\tctime\t0\tall\n", "\tctime\t0\tall\n\n"), "it is malformed"}};
+              {Edited(good, "\tmd5,sha1,sha256\n", "\tmd5,sha1,sha256\n\n"), "it is malformed"}};
   for (const auto& row : rows) {
     directory.Write("snapshot", row.content);
     CheckIgnored(directory, row.reason);
@@ -207,13 +207,16 @@ TEST_CASE("a snapshot of another version, mode or trust is reported and ignored"
   directory.Write("in/file", "x");
   Report(directory);
   const std::string good = SnapshotIn(directory);
-  directory.Write("snapshot", Edited(good, "snapshot 2\n", "snapshot 3\n"));
+  directory.Write("snapshot", Edited(good, "snapshot 3\n", "snapshot 2\n"));
   CheckIgnored(directory, "it is no snapshot, or of another version of the tool");
-  directory.Write("snapshot", Edited(good, "snapshot 2\n", "snapshot 2\n9"));
+  directory.Write("snapshot", Edited(good, "snapshot 3\n", "snapshot 3\n9"));
   CheckIgnored(directory, "another version of the tool wrote it");
   directory.Write("snapshot", good);
   CheckIgnored(directory, "it was written with another --identity",
                "--identity strict --json - --settle 0 --snapshot snapshot in");
+  directory.Write("snapshot", good);
+  CheckIgnored(directory, "it was written with other --digests",
+               "--digests sha256 --json - --settle 0 --snapshot snapshot in");
   directory.Write("snapshot", good);
   CheckIgnored(directory, "it was written with a shorter --settle",
                "--json - --settle 1 --snapshot snapshot in");

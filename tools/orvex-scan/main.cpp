@@ -116,9 +116,9 @@ std::function<void(const FileRecord&)> LinePrinter(const Options& options) {
 }
 
 void PrintLines(const Options& options, const Inventory& inventory) {
-  if (options.format == "csv") fmt::print("{}", CsvHeader());
+  if (options.format == "csv") fmt::print("{}", CsvHeader(options.parts.digests));
   for (const FileRecord& record : inventory.records()) {
-    if (options.format == "csv") fmt::print("{}", CsvLine(record));
+    if (options.format == "csv") fmt::print("{}", CsvLine(record, options.parts.digests));
     if (options.format == "sha256sum") fmt::print("{}", Sha256sumLine(record));
     if (options.format == "jsonl" && record.visits == 0) fmt::print("{}", FileJsonLine(record));
   }

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <functional>
 #include <initializer_list>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -102,6 +103,17 @@ void Describe(CLI::App* app, Options* options) {
                   "Give up a file whose content takes more seconds than this to read")
       ->transform(WholeNumber(1, kMostTimeLimitSeconds))
       ->capture_default_str();
+  app->add_option_function<std::string>(
+         "--digests",
+         [options](const std::string& names) {
+           try {
+             options->parts.digests = DigestsNamed(names);
+           } catch (const std::invalid_argument& refusal) {
+             throw CLI::ValidationError("--digests", refusal.what());
+           }
+         },
+         "The digests to calculate, with commas: one of 16 bytes, one of 20 and one of 32")
+      ->option_text("LIST [md5,sha1,sha256]");
   app->add_flag_callback(
       "--no-type", [options] { options->parts.type = false; }, "Do not ask for file types");
   app->add_flag_callback(
@@ -160,6 +172,9 @@ void CheckTogether(const Options& options) {
     throw CLI::ValidationError(
         "standard output",
         "has room for only one of --json -, --format, --metrics, --watch and --exec");
+  }
+  if (options.format == "sha256sum" && options.parts.digests[2] != NID_sha256) {
+    throw CLI::ValidationError("--format sha256sum", "needs sha256 among the --digests");
   }
   if (options.watch && options.processes) throw CLI::ExcludesError("--watch", "--processes");
 }

@@ -15,9 +15,9 @@ Answer AnswerIn(const orvexeng::answer& output, const Identity& identity, bool s
   Answer answer;
   answer.identity = identity;
   answer.settled = settled;
-  std::copy(std::begin(output.digest16), std::end(output.digest16), answer.md5.begin());
-  std::copy(std::begin(output.digest20), std::end(output.digest20), answer.sha1.begin());
-  std::copy(std::begin(output.digest32), std::end(output.digest32), answer.sha256.begin());
+  std::copy(std::begin(output.digest16), std::end(output.digest16), answer.digest16.begin());
+  std::copy(std::begin(output.digest20), std::end(output.digest20), answer.digest20.begin());
+  std::copy(std::begin(output.digest32), std::end(output.digest32), answer.digest32.begin());
   const auto signers = output.signer_names();
   answer.signers.assign(signers.begin(), signers.end());
   answer.type = {output.major, output.minor};
@@ -27,7 +27,7 @@ Answer AnswerIn(const orvexeng::answer& output, const Identity& identity, bool s
 }  // namespace
 
 Asker::Asker(orvexeng::engine* engine, const ReadingRules& rules)
-    : engine_(engine), rules_(rules) {}
+    : engine_(engine), rules_(rules), tools_(rules.parts.digests) {}
 
 Reply Asker::Ask(const std::string& path) {
   ++tally_.visits;
@@ -54,6 +54,7 @@ Tally Asker::TakeTally() { return std::exchange(tally_, Tally()); }
 
 Reply Asker::Query(const std::string& path, const Identity& identity, const std::string& source) {
   metadata_input_s query = QueryFor(path, identity);
+  query.queryFlags &= ~kAllDigestParts | PartsOf(rules_.parts.digests);
   if (!rules_.parts.type) query.queryFlags &= ~static_cast<uint32_t>(QUERY_FILE_TYPE);
   if (!rules_.parts.signers) query.queryFlags &= ~static_cast<uint32_t>(QUERY_SIGNERS);
   orvexeng::answer output;

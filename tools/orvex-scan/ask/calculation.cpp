@@ -36,16 +36,16 @@ void GiveTheRest(const metadata_input_s& in, const std::vector<std::string>& sig
 }
 
 void Give(const Answer& known, const metadata_input_s& in, orvexeng::answer* out) {
-  std::copy(known.md5.begin(), known.md5.end(), out->digest16);
-  std::copy(known.sha1.begin(), known.sha1.end(), out->digest20);
-  std::copy(known.sha256.begin(), known.sha256.end(), out->digest32);
-  out->add(QUERY_DIGEST16 | QUERY_DIGEST20 | QUERY_DIGEST32);
+  std::copy(known.digest16.begin(), known.digest16.end(), out->digest16);
+  std::copy(known.digest20.begin(), known.digest20.end(), out->digest20);
+  std::copy(known.digest32.begin(), known.digest32.end(), out->digest32);
+  out->add(PartsOf(known.parts.digests));
   GiveTheRest(in, known.signers, out);
 }
 
 }  // namespace
 
-Tools::Tools() : buffer(kBufferBytes) {}
+Tools::Tools(const DigestChoice& choice) : digests(choice), buffer(kBufferBytes) {}
 
 orvexeng::callbacks Calculation::Callbacks() {
   const auto attempt = [this](Step step) {

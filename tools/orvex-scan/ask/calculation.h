@@ -21,7 +21,7 @@ namespace orvexscan {
 
 // What a worker needs to calculate, kept from file to file.
 struct Tools {
-  Tools();
+  explicit Tools(const DigestChoice& choice = kUsualDigests);
 
   FileTypeReader fileType;
   Digests digests;

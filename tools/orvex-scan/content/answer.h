@@ -7,28 +7,40 @@
 #include <vector>
 
 #include "content/authenticode.h"
+#include "content/digest_choice.h"
 #include "content/file_type_table.h"
 #include "file/identity.h"
 
 namespace orvexscan {
 
-// What is wanted besides the digests.
+// What is wanted of a file; one digest at least.
 struct WantedParts {
   bool type = true;
   bool signers = true;
+  DigestChoice digests = kUsualDigests;
 };
 
 // What the engine answered about a file.
 struct Answer {
   Identity identity;
   bool settled = true;  // kept in the caches, as the file was old enough for that
-  std::array<uint8_t, 16> md5{};
-  std::array<uint8_t, 20> sha1{};
-  std::array<uint8_t, 32> sha256{};
-  WantedParts parts;                 // which of the following two were asked for
+  WantedParts parts;    // which of the following were asked for
+  std::array<uint8_t, 16> digest16{};
+  std::array<uint8_t, 20> digest20{};
+  std::array<uint8_t, 32> digest32{};
   std::vector<std::string> signers;  // unverified names
   FileType type;
 };
+
+struct NamedDigest {
+  std::string name;    // of the algorithm, such as "sha256"
+  std::string digits;  // hexadecimal
+};
+
+// The digests that were asked for, shortest first.
+std::vector<NamedDigest> DigestsOf(const Answer& answer);
+// The one that tells contents apart where one is enough.
+NamedDigest LongestDigestOf(const Answer& answer);
 
 // What else was found out about a file's certificate table. The engine keeps none of it:
 // it is told whenever a file is read.

@@ -1,46 +1,58 @@
 #include "content/digests.h"
 
+#include <cstdint>
 #include <new>
 #include <stdexcept>
+#include <utility>
 
 namespace orvexscan {
 namespace {
 
-void Require(int done) {
-  if (done != 1) throw std::runtime_error("OpenSSL cannot calculate a digest");
+void Require(bool done) {
+  if (!done) throw std::runtime_error("OpenSSL cannot calculate a digest");
 }
 
-template <size_t kLength>
-void FinishInto(EVP_MD_CTX* context, uint8_t (&digest)[kLength]) {
-  static_assert(kLength == 16 || kLength == 20 || kLength == 32, "a field for MD5, SHA-1, SHA-256");
-  Require(EVP_MD_CTX_get_size(context) == static_cast<int>(kLength));
-  Require(EVP_DigestFinal_ex(context, digest, nullptr));
+uint8_t* DigestAt(size_t place, metadata_output_s* answer) {
+  static_assert(kDigestBytes[0] == sizeof answer->digest16);
+  static_assert(kDigestBytes[1] == sizeof answer->digest20);
+  static_assert(kDigestBytes[2] == sizeof answer->digest32);
+  if (place == 0) return answer->digest16;
+  return place == 1 ? answer->digest20 : answer->digest32;
 }
 
 }  // namespace
 
-Digests::Digests() : md5_(EVP_MD_CTX_new()), sha1_(EVP_MD_CTX_new()), sha256_(EVP_MD_CTX_new()) {
-  if (!md5_ || !sha1_ || !sha256_) throw std::bad_alloc();
+Digests::Digests(const DigestChoice& choice) {
+  for (size_t place = 0; place < kDigestPlaces; ++place) {
+    if (choice[place] == NID_undef) continue;
+    Running one{place, nullptr, nullptr};
+    one.digest.reset(EVP_MD_fetch(nullptr, OBJ_nid2sn(choice[place]), nullptr));
+    Require(one.digest != nullptr);
+    one.context.reset(EVP_MD_CTX_new());
+    if (!one.context) throw std::bad_alloc();
+    running_.push_back(std::move(one));
+  }
   Start();
 }
 
 void Digests::Start() {
-  Require(EVP_DigestInit_ex(md5_.get(), EVP_md5(), nullptr));
-  Require(EVP_DigestInit_ex(sha1_.get(), EVP_sha1(), nullptr));
-  Require(EVP_DigestInit_ex(sha256_.get(), EVP_sha256(), nullptr));
+  for (const Running& one : running_) {
+    Require(EVP_DigestInit_ex(one.context.get(), one.digest.get(), nullptr) == 1);
+  }
 }
 
 void Digests::Add(const unsigned char* bytes, size_t count) {
-  for (EVP_MD_CTX* context : {md5_.get(), sha1_.get(), sha256_.get()}) {
-    Require(EVP_DigestUpdate(context, bytes, count));
+  for (const Running& one : running_) {
+    Require(EVP_DigestUpdate(one.context.get(), bytes, count) == 1);
   }
 }
 
 void Digests::Finish(metadata_output_s* answer) {
-  FinishInto(md5_.get(), answer->digest16);
-  FinishInto(sha1_.get(), answer->digest20);
-  FinishInto(sha256_.get(), answer->digest32);
-  answer->queryFlags |= QUERY_DIGEST16 | QUERY_DIGEST20 | QUERY_DIGEST32;
+  for (const Running& one : running_) {
+    Require(EVP_MD_get_size(one.digest.get()) == static_cast<int>(kDigestBytes[one.place]));
+    Require(EVP_DigestFinal_ex(one.context.get(), DigestAt(one.place, answer), nullptr) == 1);
+    answer->queryFlags |= kDigestParts[one.place];
+  }
 }
 
 }  // namespace orvexscan

@@ -1,22 +1,24 @@
-// The three digests of a file, fed by one read of it.
+// The digests of a file, fed by one read of it.
 #pragma once
 
 #include <openssl/evp.h>
 
 #include <cstddef>
 #include <memory>
+#include <vector>
 
+#include "content/digest_choice.h"
 #include "orvexeng.h"
 
 namespace orvexscan {
 
-// MD5, SHA-1 and SHA-256 side by side.
+// The chosen digests side by side, and no others.
 //
 // Threads: one at a time; each worker keeps its own and starts it anew for each file.
 class Digests {
  public:
   // Throws std::runtime_error if OpenSSL has one of the algorithms switched off.
-  Digests();
+  explicit Digests(const DigestChoice& choice);
 
   void Start();
   void Add(const unsigned char* bytes, size_t count);
@@ -24,14 +26,17 @@ class Digests {
   void Finish(metadata_output_s* answer);
 
  private:
-  struct FreeContext {
+  struct Free {
+    void operator()(EVP_MD* digest) const { EVP_MD_free(digest); }
     void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
   };
-  using Context = std::unique_ptr<EVP_MD_CTX, FreeContext>;
+  struct Running {
+    size_t place;
+    std::unique_ptr<EVP_MD, Free> digest;
+    std::unique_ptr<EVP_MD_CTX, Free> context;
+  };
 
-  Context md5_;
-  Context sha1_;
-  Context sha256_;
+  std::vector<Running> running_;
 };
 
 }  // namespace orvexscan

@@ -148,17 +148,17 @@ void ExecWatch::Learn(const Execution& execution, const std::string& path,
 void ExecWatch::Print(const Execution& execution, const std::string& path,
                       const Reply& reply) const {
   const std::string time = UtcText(execution.time);
-  const std::string sha256 = Hex(reply.answer.sha256.data(), reply.answer.sha256.size());
+  const NamedDigest digest = LongestDigestOf(reply.answer);
   if (jsonLines_) {
     fmt::print("{}\n", TextOf({{"time", time},
                                {"pid", execution.pid},
                                {"path", path},
-                               {"sha256", sha256},
+                               {digest.name, digest.digits},
                                {"unverifiedSigners", reply.answer.signers},
                                {"cached", !reply.read}}));
   } else {
     // Tabs between the fields: what is shown has none.
-    fmt::print("{}\t{}\t{}\t{}\t{}\t{}\n", time, execution.pid, Printable(path), sha256,
+    fmt::print("{}\t{}\t{}\t{}\t{}\t{}\n", time, execution.pid, Printable(path), digest.digits,
                Joined(reply.answer.signers), reply.read ? "read" : "cached");
   }
   Finish(stdout);

@@ -7,7 +7,6 @@
 #include <tuple>
 
 #include "file/private_file.h"
-#include "terminal/printable.h"
 
 namespace orvexscan {
 namespace {
@@ -18,7 +17,7 @@ constexpr int kDeepest = 8;  // more than any report
 
 BaselineFile FileFrom(const Answer& answer) {
   const Identity& identity = answer.identity;
-  return {Hex(answer.sha256.data(), answer.sha256.size()),
+  return {LongestDigestOf(answer).digits,
           static_cast<int64_t>(identity.mtimeNs),
           identity.permissions,
           identity.owner,
@@ -36,7 +35,7 @@ std::string PathFrom(const Json& file) {
   return path;
 }
 
-Baseline FromJson(const std::string& content) {
+Baseline FromJson(const std::string& content, const std::string& digest) {
   // Depth is bounded, as whoever walks through what was read calls itself for each level.
   const auto bounded = [](int depth, Json::parse_event_t, const Json&) {
     if (depth > kDeepest) throw std::runtime_error("it nests too deeply");
@@ -47,9 +46,10 @@ Baseline FromJson(const std::string& content) {
   for (const Json& file : report.at("files")) {
     const Json& answer = file.at("answer");
     if (answer.is_null()) continue;
+    if (!answer.contains(digest)) throw std::runtime_error("it has no " + digest);
     const Json& mtime = answer.at("mtime");
     baseline[PathFrom(file)] = {
-        answer.at("sha256"),
+        answer.at(digest),
         mtime.at("seconds").get<int64_t>() * 1000000000 + mtime.at("nanoseconds").get<int64_t>(),
         std::stoull(answer.at("permissions").get<std::string>(), nullptr, 8),
         answer.at("owner"),
@@ -77,7 +77,9 @@ auto MetadataOf(const BaselineFile& file) {
 Baseline ReadBaseline(const std::string& path, const SnapshotRules& rules) {
   const std::optional<std::string> content = ReadPrivateFile(path, kMostSnapshotBytes);
   if (!content) throw std::runtime_error("there is none of that name");
-  if (!content->empty() && content->front() == '{') return FromJson(*content);
+  if (!content->empty() && content->front() == '{') {
+    return FromJson(*content, NamesOf(rules.parts.digests).back());
+  }
   Snapshot snapshot(rules);
   snapshot.Parse(*content);
   Baseline baseline;
@@ -97,20 +99,20 @@ std::vector<Difference> Compare(const Baseline& baseline, const Inventory& inven
                          inventory.records()[*record].failure->reason == FailureReason::kVanished);
     if (there || !IsBelow(path, roots)) continue;
     differences[path] = {"gone", path, ""};
-    gone.emplace(file.sha256, path);
+    gone.emplace(file.digest, path);
   }
   for (const FileRecord& record : inventory.records()) {
     if (!record.answer) continue;
     const BaselineFile now = FileFrom(*record.answer);
     const auto before = baseline.find(record.path);
-    const auto origin = gone.find(now.sha256);
+    const auto origin = gone.find(now.digest);
     if (before == baseline.end() && origin != gone.end()) {
       differences[record.path] = {"moved", record.path, origin->second};
       differences.erase(origin->second);
       gone.erase(origin);
     } else if (before == baseline.end()) {
       differences[record.path] = {"new", record.path, ""};
-    } else if (before->second.sha256 != now.sha256) {
+    } else if (before->second.digest != now.digest) {
       differences[record.path] = {"changed", record.path, ""};
     } else if (MetadataOf(before->second) != MetadataOf(now)) {
       differences[record.path] = {"metadata", record.path, ""};

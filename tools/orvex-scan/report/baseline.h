@@ -12,7 +12,7 @@ namespace orvexscan {
 
 // What is known of a file as it was.
 struct BaselineFile {
-  std::string sha256;  // in hexadecimal digits
+  std::string digest;  // the longest, in hexadecimal digits
   int64_t mtimeNs = 0;
   uint64_t permissions = 0;
   uint64_t owner = 0;

@@ -6,15 +6,8 @@
 #include <cstdint>
 #include <vector>
 
-#include "terminal/printable.h"
-
 namespace orvexscan {
 namespace {
-
-template <typename Digest>
-std::string HexDigits(const Digest& digest) {
-  return Hex(digest.data(), digest.size());
-}
 
 std::string Quoted(const std::string& text) {
   if (text.find_first_of(",\"\r\n") == std::string::npos) return text;
@@ -36,28 +29,27 @@ std::string Sha256sumLine(const FileRecord& record) {
                                 : std::string(1, character);
   }
   return fmt::format("{}{}  {}\n", name == record.path ? "" : "\\",
-                     HexDigits(record.answer->sha256), name);
+                     LongestDigestOf(*record.answer).digits, name);
 }
 
-std::string CsvHeader() {
-  return "path,size,mtimeNs,md5,sha1,sha256,type,signature,unverifiedSigners,failure\r\n";
+std::string CsvHeader(const DigestChoice& digests) {
+  return fmt::format("path,size,mtimeNs,{},type,signature,unverifiedSigners,failure\r\n",
+                     fmt::join(NamesOf(digests), ","));
 }
 
-std::string CsvLine(const FileRecord& record) {
-  std::vector<std::string> cells(10);
-  cells[0] = record.path;
+std::string CsvLine(const FileRecord& record, const DigestChoice& digests) {
+  std::vector<std::string> cells = {record.path};
   if (record.answer) {
     const Answer& answer = *record.answer;
-    cells[1] = fmt::format("{}", answer.identity.size);
-    cells[2] = fmt::format("{}", static_cast<int64_t>(answer.identity.mtimeNs));
-    cells[3] = HexDigits(answer.md5);
-    cells[4] = HexDigits(answer.sha1);
-    cells[5] = HexDigits(answer.sha256);
-    if (answer.parts.type) cells[6] = NameOfMajor(answer.type.major);
-    cells[7] = NameOf(record.certificates.signature);
-    cells[8] = fmt::format("{}", fmt::join(answer.signers, "; "));
+    cells.push_back(fmt::format("{}", answer.identity.size));
+    cells.push_back(fmt::format("{}", static_cast<int64_t>(answer.identity.mtimeNs)));
+    for (const NamedDigest& digest : DigestsOf(answer)) cells.push_back(digest.digits);
+    cells.push_back(answer.parts.type ? NameOfMajor(answer.type.major) : "");
+    cells.push_back(NameOf(record.certificates.signature));
+    cells.push_back(fmt::format("{}", fmt::join(answer.signers, "; ")));
   }
-  if (record.failure) cells[9] = record.failure->detail;
+  cells.resize(6 + NamesOf(digests).size());
+  cells.push_back(record.failure ? record.failure->detail : "");
   std::transform(cells.begin(), cells.end(), cells.begin(), Quoted);
   return fmt::format("{}\r\n", fmt::join(cells, ","));
 }

@@ -11,7 +11,7 @@ namespace orvexscan {
 std::string Sha256sumLine(const FileRecord& record);
 
 // The names of the columns, and one file in them, quoted where that is needed.
-std::string CsvHeader();
-std::string CsvLine(const FileRecord& record);
+std::string CsvHeader(const DigestChoice& digests);
+std::string CsvLine(const FileRecord& record, const DigestChoice& digests);
 
 }  // namespace orvexscan

@@ -11,11 +11,6 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-template <size_t kLength>
-std::string HexOf(const std::array<uint8_t, kLength>& digest) {
-  return Hex(digest.data(), digest.size());
-}
-
 Json OptionsJson(const Options& options) {
   return {{"processes", options.processes},
           {"follow", options.followLinks},
@@ -23,6 +18,7 @@ Json OptionsJson(const Options& options) {
           {"pseudo", options.pseudo},
           {"identity", NameOf(options.identity)},
           {"settleSeconds", options.settleSeconds},
+          {"digests", NamesOf(options.parts.digests)},
           {"noType", !options.parts.type},
           {"noSigners", !options.parts.signers},
           {"timeLimitSeconds", options.timeLimitSeconds},
@@ -82,21 +78,20 @@ Json TypeJson(const FileType& type) {
 }
 
 Json AnswerJson(const Answer& answer) {
-  return {{"settled", answer.settled},
-          {"size", answer.identity.size},
-          {"mtime", TimeJson(answer.identity.mtimeNs)},
-          {"ctime", TimeJson(answer.identity.ctimeNs)},
-          {"device", answer.identity.device},
-          {"inode", answer.identity.inode},
-          {"permissions", fmt::format("{:04o}", answer.identity.permissions)},
-          {"owner", answer.identity.owner},
-          {"group", answer.identity.group},
-          {"links", answer.identity.links},
-          {"md5", HexOf(answer.md5)},
-          {"sha1", HexOf(answer.sha1)},
-          {"sha256", HexOf(answer.sha256)},
-          {"unverifiedSigners", answer.parts.signers ? Json(answer.signers) : Json()},
-          {"type", answer.parts.type ? TypeJson(answer.type) : Json()}};
+  Json json = {{"settled", answer.settled},
+               {"size", answer.identity.size},
+               {"mtime", TimeJson(answer.identity.mtimeNs)},
+               {"ctime", TimeJson(answer.identity.ctimeNs)},
+               {"device", answer.identity.device},
+               {"inode", answer.identity.inode},
+               {"permissions", fmt::format("{:04o}", answer.identity.permissions)},
+               {"owner", answer.identity.owner},
+               {"group", answer.identity.group},
+               {"links", answer.identity.links}};
+  for (const NamedDigest& digest : DigestsOf(answer)) json[digest.name] = digest.digits;
+  json["unverifiedSigners"] = answer.parts.signers ? Json(answer.signers) : Json();
+  json["type"] = answer.parts.type ? TypeJson(answer.type) : Json();
+  return json;
 }
 
 Json FileJson(const FileRecord& record) {

@@ -179,10 +179,9 @@ void PrintReport(const std::vector<PassReport>& passes, const Inventory& invento
   // Who asks about one file wants its answer, not only what the answer took.
   std::vector<std::vector<std::string>> digests;
   if (inventory.records().size() == 1 && inventory.records()[0].answer) {
-    const Answer& answer = *inventory.records()[0].answer;
-    digests = {{"MD5", Hex(answer.md5.data(), answer.md5.size())},
-               {"SHA-1", Hex(answer.sha1.data(), answer.sha1.size())},
-               {"SHA-256", Hex(answer.sha256.data(), answer.sha256.size())}};
+    for (const NamedDigest& digest : DigestsOf(*inventory.records()[0].answer)) {
+      digests.push_back({digest.name, digest.digits});
+    }
   }
   std::vector<std::vector<std::string>> changes;
   for (const Difference& difference : differences) {

@@ -25,7 +25,7 @@ namespace {
 // The first line names the layout, the second what the answers depend on. Then one line
 // for each file with a tab between its fields, texts as hexadecimal digits, and at the end
 // the digest of all that comes before.
-constexpr std::string_view kFirstLine = "orvex-scan snapshot 2\n";
+constexpr std::string_view kFirstLine = "orvex-scan snapshot 3\n";
 constexpr std::string_view kChecksumMark = "sha256 ";
 constexpr size_t kChecksumLine = kChecksumMark.size() + 64 + 1;
 
@@ -113,22 +113,38 @@ Identity TakeIdentity(std::string_view* line, IdentityMode mode) {
   return identity;
 }
 
-std::string LineOf(const std::string& path, const SnapshotEntry& entry) {
-  const Answer& answer = entry.answer;
-  return fmt::format("{}\t{}\t{}\t{}\t{}\t{}\t{}\t{}\t{}\t{}\n", ToHex(path),
-                     IdentityText(answer.identity), ToHex(answer.md5), ToHex(answer.sha1),
-                     ToHex(answer.sha256), answer.type.major, answer.type.minor,
-                     ListToHex(answer.signers), ListToHex(entry.certificates.faults),
-                     static_cast<int>(entry.certificates.signature));
+// Empty for one that was not asked for.
+template <typename Digest>
+std::string DigestToHex(int algorithm, const Digest& digest) {
+  return algorithm == NID_undef ? "" : ToHex(digest);
 }
 
-SnapshotEntry TakeEntry(std::string_view* line, IdentityMode mode) {
+template <typename Digest>
+void TakeDigest(int algorithm, std::string_view* line, Digest* digest) {
+  const std::string_view digits = Take(line, kField);
+  if (algorithm != NID_undef) return FromHex(digits, digest);
+  if (!digits.empty()) throw Malformed();
+}
+
+std::string LineOf(const std::string& path, const SnapshotEntry& entry) {
+  const Answer& answer = entry.answer;
+  const DigestChoice& algorithms = answer.parts.digests;
+  return fmt::format(
+      "{}\t{}\t{}\t{}\t{}\t{}\t{}\t{}\t{}\t{}\n", ToHex(path), IdentityText(answer.identity),
+      DigestToHex(algorithms[0], answer.digest16), DigestToHex(algorithms[1], answer.digest20),
+      DigestToHex(algorithms[2], answer.digest32), answer.type.major, answer.type.minor,
+      ListToHex(answer.signers), ListToHex(entry.certificates.faults),
+      static_cast<int>(entry.certificates.signature));
+}
+
+SnapshotEntry TakeEntry(std::string_view* line, const SnapshotRules& rules) {
   SnapshotEntry entry;
   Answer& answer = entry.answer;
-  answer.identity = TakeIdentity(line, mode);
-  FromHex(Take(line, kField), &answer.md5);
-  FromHex(Take(line, kField), &answer.sha1);
-  FromHex(Take(line, kField), &answer.sha256);
+  answer.identity = TakeIdentity(line, rules.identity);
+  answer.parts = rules.parts;
+  TakeDigest(rules.parts.digests[0], line, &answer.digest16);
+  TakeDigest(rules.parts.digests[1], line, &answer.digest20);
+  TakeDigest(rules.parts.digests[2], line, &answer.digest32);
   answer.type.major = TakeNumber<int32_t>(line);
   answer.type.minor = TakeNumber<int32_t>(line);
   answer.signers = ListFromHex(Take(line, kField), kMostSigners);
@@ -150,6 +166,10 @@ const char* NameOfParts(const WantedParts& parts) {
   return parts.signers ? "all" : "no signers";
 }
 
+std::string ListOf(const DigestChoice& choice) {
+  return fmt::format("{}", fmt::join(NamesOf(choice), ","));
+}
+
 void CheckOrigin(std::string_view line, const SnapshotRules& rules) {
   const std::string writer = fmt::format("{}\t", Writer());
   if (line.substr(0, writer.size()) != writer) {
@@ -164,6 +184,9 @@ void CheckOrigin(std::string_view line, const SnapshotRules& rules) {
   }
   if (Take(&line, kField) != NameOfParts(rules.parts)) {
     throw std::runtime_error("it was written with another --no-type or --no-signers");
+  }
+  if (Take(&line, kField) != ListOf(rules.parts.digests)) {
+    throw std::runtime_error("it was written with other --digests");
   }
   if (line.data() != nullptr) throw Malformed();
 }
@@ -203,7 +226,7 @@ void Snapshot::Parse(const std::string& content) {
   while (!rest.empty()) {
     std::string_view line = Take(&rest, '\n');
     const std::string path = TextFromHex(Take(&line, kField));
-    entries[path] = TakeEntry(&line, rules_.identity);
+    entries[path] = TakeEntry(&line, rules_);
   }
   entries_ = std::move(entries);
 }
@@ -234,8 +257,9 @@ void Snapshot::Write(const std::string& path) const {
 
 std::string Snapshot::Text() const {
   std::string text(kFirstLine);
-  text += fmt::format("{}\t{}\t{}\t{}\n", Writer(), NameOf(rules_.identity), rules_.settleSeconds,
-                      NameOfParts(rules_.parts));
+  text +=
+      fmt::format("{}\t{}\t{}\t{}\t{}\n", Writer(), NameOf(rules_.identity), rules_.settleSeconds,
+                  NameOfParts(rules_.parts), ListOf(rules_.parts.digests));
   for (const auto& [path, entry] : entries_) {
     const std::string line = LineOf(path, entry);
     if (text.size() + line.size() + kChecksumLine > kMostSnapshotBytes) break;

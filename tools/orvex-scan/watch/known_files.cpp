@@ -5,38 +5,38 @@
 namespace orvexscan {
 namespace {
 
-constexpr size_t kShownBytes = 6;
+constexpr size_t kShownDigits = 12;
 
-std::string Short(const std::array<uint8_t, 32>& digest) { return Hex(digest.data(), kShownBytes); }
+std::string Short(const std::string& digest) { return digest.substr(0, kShownDigits); }
 
 }  // namespace
 
 KnownFiles::KnownFiles(const Inventory& inventory) {
   for (const FileRecord& record : inventory.records()) {
     if (record.answer) {
-      files_[record.path] = State{record.answer->identity, record.answer->sha256};
+      files_[record.path] = State{record.answer->identity, LongestDigestOf(*record.answer).digits};
     }
   }
 }
 
 Change KnownFiles::Learn(const std::string& path, const Answer& answer) {
-  const State now{answer.identity, answer.sha256};
+  const State now{answer.identity, LongestDigestOf(answer).digits};
   const auto [entry, isNew] = files_.emplace(path, now);
-  if (isNew) return {ChangeKind::kNew, "-", Short(now.sha256)};
+  if (isNew) return {ChangeKind::kNew, "-", Short(now.digest)};
   const State before = entry->second;
   entry->second = now;
-  if (before.sha256 != now.sha256) {
-    return {ChangeKind::kChanged, Short(before.sha256), Short(now.sha256)};
+  if (before.digest != now.digest) {
+    return {ChangeKind::kChanged, Short(before.digest), Short(now.digest)};
   }
   const ChangeKind kind = before.identity == now.identity ? ChangeKind::kNone : ChangeKind::kSame;
-  return {kind, Short(before.sha256), Short(now.sha256)};
+  return {kind, Short(before.digest), Short(now.digest)};
 }
 
 Change KnownFiles::Learn(const std::string& path, const FileFailure& failure) {
   const FailureReason reason = failure.reason();
   if (reason == FailureReason::kChanged) return {};
   const auto known = files_.find(path);
-  const std::string before = known == files_.end() ? "-" : Short(known->second.sha256);
+  const std::string before = known == files_.end() ? "-" : Short(known->second.digest);
   if (reason == FailureReason::kVanished || reason == FailureReason::kNotRegular) {
     if (known == files_.end()) return {};
     files_.erase(known);

@@ -1,8 +1,6 @@
 // What was last told of each file, and what a new look at it adds.
 #pragma once
 
-#include <array>
-#include <cstdint>
 #include <map>
 #include <string>
 #include <vector>
@@ -44,7 +42,7 @@ class KnownFiles {
  private:
   struct State {
     Identity identity;
-    std::array<uint8_t, 32> sha256{};
+    std::string digest;
   };
   std::map<std::string, State> files_;
 };
