@@ -9,6 +9,7 @@
 
 #include "content/digests.h"
 #include "harness/real_function.h"
+#include "harness/contains.h"
 #include "harness/scan_run.h"
 #include "harness/temporary_directory.h"
 #include "harness/watching_scan.h"
@@ -16,10 +17,6 @@
 namespace {
 
 std::atomic<int> updates{0};
-
-bool Contains(const std::string& text, const std::string& part) {
-  return text.find(part) != std::string::npos;
-}
 
 // Those of "abc", as their standards tell them.
 const struct {

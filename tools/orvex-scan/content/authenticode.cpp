@@ -1,34 +1,25 @@
 #include "content/authenticode.h"
 
-#include <openssl/evp.h>
-
 #include <algorithm>
 #include <map>
 #include <memory>
-#include <stdexcept>
+
+#include "content/digests.h"
 
 namespace orvexscan {
 namespace {
 
 constexpr size_t kPieceBytes = 64 << 10;
 
-struct FreeContext {
-  void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
-};
-
-void Require(bool done) {
-  if (!done) throw std::runtime_error("OpenSSL cannot calculate a digest");
-}
-
 std::vector<unsigned char> DigestOf(FileReader* file, const PeLayout& layout, const EVP_MD* kind) {
-  const std::unique_ptr<EVP_MD_CTX, FreeContext> context(EVP_MD_CTX_new());
-  Require(context && EVP_DigestInit_ex(context.get(), kind, nullptr) == 1);
+  const std::unique_ptr<EVP_MD_CTX, FreeDigest> context(EVP_MD_CTX_new());
+  RequireDigest(context && EVP_DigestInit_ex(context.get(), kind, nullptr) == 1);
   std::vector<unsigned char> piece(kPieceBytes);
   const auto add = [&](uint64_t from, uint64_t to) {
     while (from < to) {
       const size_t count = static_cast<size_t>(std::min<uint64_t>(to - from, piece.size()));
       const size_t got = file->ReadAt(from, piece.data(), count);
-      Require(EVP_DigestUpdate(context.get(), piece.data(), got) == 1);
+      RequireDigest(EVP_DigestUpdate(context.get(), piece.data(), got) == 1);
       if (got < count) return;
       from += count;
     }
@@ -38,7 +29,7 @@ std::vector<unsigned char> DigestOf(FileReader* file, const PeLayout& layout, co
   add(layout.directoryAt + 8, layout.tableAt);
   add(layout.tableAt + layout.tableSize, file->size());
   std::vector<unsigned char> digest(static_cast<size_t>(EVP_MD_get_size(kind)));
-  Require(EVP_DigestFinal_ex(context.get(), digest.data(), nullptr) == 1);
+  RequireDigest(EVP_DigestFinal_ex(context.get(), digest.data(), nullptr) == 1);
   return digest;
 }
 

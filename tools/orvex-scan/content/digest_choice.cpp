@@ -1,7 +1,6 @@
 #include "content/digest_choice.h"
 
 #include <fmt/format.h>
-#include <openssl/evp.h>
 
 #include <algorithm>
 #include <cctype>
@@ -10,14 +9,11 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "content/digests.h"
 #include "terminal/printable.h"
 
 namespace orvexscan {
 namespace {
-
-struct FreeDigest {
-  void operator()(EVP_MD* digest) const { EVP_MD_free(digest); }
-};
 
 // The place for this algorithm; kDigestPlaces if there is none. One whose length is the
 // caller's choice has none: its name would not tell which digest it is.

@@ -2,15 +2,10 @@
 
 #include <cstdint>
 #include <new>
-#include <stdexcept>
 #include <utility>
 
 namespace orvexscan {
 namespace {
-
-void Require(bool done) {
-  if (!done) throw std::runtime_error("OpenSSL cannot calculate a digest");
-}
 
 uint8_t* DigestAt(size_t place, metadata_output_s* answer) {
   static_assert(kDigestBytes[0] == sizeof answer->digest16);
@@ -27,7 +22,7 @@ Digests::Digests(const DigestChoice& choice) {
     if (choice[place] == NID_undef) continue;
     Running one{place, nullptr, nullptr};
     one.digest.reset(EVP_MD_fetch(nullptr, OBJ_nid2sn(choice[place]), nullptr));
-    Require(one.digest != nullptr);
+    RequireDigest(one.digest != nullptr);
     one.context.reset(EVP_MD_CTX_new());
     if (!one.context) throw std::bad_alloc();
     running_.push_back(std::move(one));
@@ -37,20 +32,20 @@ Digests::Digests(const DigestChoice& choice) {
 
 void Digests::Start() {
   for (const Running& one : running_) {
-    Require(EVP_DigestInit_ex(one.context.get(), one.digest.get(), nullptr) == 1);
+    RequireDigest(EVP_DigestInit_ex(one.context.get(), one.digest.get(), nullptr) == 1);
   }
 }
 
 void Digests::Add(const unsigned char* bytes, size_t count) {
   for (const Running& one : running_) {
-    Require(EVP_DigestUpdate(one.context.get(), bytes, count) == 1);
+    RequireDigest(EVP_DigestUpdate(one.context.get(), bytes, count) == 1);
   }
 }
 
 void Digests::Finish(metadata_output_s* answer) {
   for (const Running& one : running_) {
-    Require(EVP_MD_get_size(one.digest.get()) == static_cast<int>(kDigestBytes[one.place]));
-    Require(EVP_DigestFinal_ex(one.context.get(), DigestAt(one.place, answer), nullptr) == 1);
+    RequireDigest(EVP_MD_get_size(one.digest.get()) == static_cast<int>(kDigestBytes[one.place]));
+    RequireDigest(EVP_DigestFinal_ex(one.context.get(), DigestAt(one.place, answer), nullptr) == 1);
     answer->queryFlags |= kDigestParts[one.place];
   }
 }

@@ -5,12 +5,22 @@
 
 #include <cstddef>
 #include <memory>
+#include <stdexcept>
 #include <vector>
 
 #include "content/digest_choice.h"
 #include "orvexeng.h"
 
 namespace orvexscan {
+
+struct FreeDigest {
+  void operator()(EVP_MD* digest) const { EVP_MD_free(digest); }
+  void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
+};
+
+inline void RequireDigest(bool done) {
+  if (!done) throw std::runtime_error("OpenSSL cannot calculate a digest");
+}
 
 // The chosen digests side by side, and no others.
 //
@@ -26,14 +36,10 @@ class Digests {
   void Finish(metadata_output_s* answer);
 
  private:
-  struct Free {
-    void operator()(EVP_MD* digest) const { EVP_MD_free(digest); }
-    void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
-  };
   struct Running {
     size_t place;
-    std::unique_ptr<EVP_MD, Free> digest;
-    std::unique_ptr<EVP_MD_CTX, Free> context;
+    std::unique_ptr<EVP_MD, FreeDigest> digest;
+    std::unique_ptr<EVP_MD_CTX, FreeDigest> context;
   };
 
   std::vector<Running> running_;

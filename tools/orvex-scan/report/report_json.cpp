@@ -9,9 +9,9 @@
 namespace orvexscan {
 namespace {
 
-using Json = nlohmann::ordered_json;
+using OrderedJson = nlohmann::ordered_json;
 
-Json OptionsJson(const Options& options) {
+OrderedJson OptionsJson(const Options& options) {
   return {{"processes", options.processes},
           {"follow", options.followLinks},
           {"oneFileSystem", options.oneFileSystem},
@@ -30,7 +30,7 @@ Json OptionsJson(const Options& options) {
           {"paths", options.paths}};
 }
 
-Json PassJson(const PassReport& pass) {
+OrderedJson PassJson(const PassReport& pass) {
   const orvex_metrics_s& engine = pass.engine;
   return {{"pass", pass.number},
           {"watching", pass.watching},
@@ -66,42 +66,42 @@ Json PassJson(const PassReport& pass) {
 }
 
 // In two numbers that fit into a double each. Nanoseconds count onwards, before 1970 too.
-Json TimeJson(uint64_t nanosecondsSince1970) {
+OrderedJson TimeJson(uint64_t nanosecondsSince1970) {
   constexpr int64_t kNsPerSecond = 1000000000;
   const auto time = static_cast<int64_t>(nanosecondsSince1970);
   const int64_t nanoseconds = (time % kNsPerSecond + kNsPerSecond) % kNsPerSecond;
   return {{"seconds", (time - nanoseconds) / kNsPerSecond}, {"nanoseconds", nanoseconds}};
 }
 
-Json TypeJson(const FileType& type) {
+OrderedJson TypeJson(const FileType& type) {
   return {{"major", type.major}, {"minor", type.minor}, {"name", NameOfMajor(type.major)}};
 }
 
-Json AnswerJson(const Answer& answer) {
-  Json json = {{"settled", answer.settled},
-               {"size", answer.identity.size},
-               {"mtime", TimeJson(answer.identity.mtimeNs)},
-               {"ctime", TimeJson(answer.identity.ctimeNs)},
-               {"device", answer.identity.device},
-               {"inode", answer.identity.inode},
-               {"permissions", fmt::format("{:04o}", answer.identity.permissions)},
-               {"owner", answer.identity.owner},
-               {"group", answer.identity.group},
-               {"links", answer.identity.links}};
+OrderedJson AnswerJson(const Answer& answer) {
+  OrderedJson json = {{"settled", answer.settled},
+                      {"size", answer.identity.size},
+                      {"mtime", TimeJson(answer.identity.mtimeNs)},
+                      {"ctime", TimeJson(answer.identity.ctimeNs)},
+                      {"device", answer.identity.device},
+                      {"inode", answer.identity.inode},
+                      {"permissions", fmt::format("{:04o}", answer.identity.permissions)},
+                      {"owner", answer.identity.owner},
+                      {"group", answer.identity.group},
+                      {"links", answer.identity.links}};
   for (const NamedDigest& digest : DigestsOf(answer)) json[digest.name] = digest.digits;
-  json["unverifiedSigners"] = answer.parts.signers ? Json(answer.signers) : Json();
-  json["type"] = answer.parts.type ? TypeJson(answer.type) : Json();
+  json["unverifiedSigners"] = answer.parts.signers ? OrderedJson(answer.signers) : OrderedJson();
+  json["type"] = answer.parts.type ? TypeJson(answer.type) : OrderedJson();
   return json;
 }
 
-Json FileJson(const FileRecord& record) {
-  Json file = {{"path", record.path}};
+OrderedJson FileJson(const FileRecord& record) {
+  OrderedJson file = {{"path", record.path}};
   if (!IsUtf8(record.path)) {
     file["pathHex"] =
         Hex(reinterpret_cast<const unsigned char*>(record.path.data()), record.path.size());
   }
   file["visits"] = record.visits;
-  file["answer"] = record.answer ? AnswerJson(*record.answer) : Json();
+  file["answer"] = record.answer ? AnswerJson(*record.answer) : OrderedJson();
   if (record.failure) {
     file["failure"] = {{"pass", record.failure->pass},
                        {"reason", NameOf(record.failure->reason)},
@@ -120,30 +120,30 @@ Json FileJson(const FileRecord& record) {
 std::string JsonReport(const Options& options, const std::vector<PassReport>& passes,
                        const Inventory& inventory, const std::string& advice,
                        const std::vector<Difference>& differences) {
-  Json report;
+  OrderedJson report;
   report["tool"] = {{"name", "orvex-scan"}, {"version", ORVEX_SCAN_VERSION}};
   report["engine"] = passes.empty() ? ORVEX_VERSION : passes.front().engine.version;
   report["options"] = OptionsJson(options);
   report["notes"] = inventory.notes();
   report["advice"] = advice;
   if (!options.baseline.empty()) {
-    report["differences"] = Json::array();
+    report["differences"] = OrderedJson::array();
     for (const Difference& difference : differences) {
       report["differences"].push_back({{"change", difference.change}, {"path", difference.path}});
       if (!difference.from.empty()) report["differences"].back()["from"] = difference.from;
     }
   }
-  report["passes"] = Json::array();
+  report["passes"] = OrderedJson::array();
   for (const PassReport& pass : passes) report["passes"].push_back(PassJson(pass));
-  report["files"] = Json::array();
+  report["files"] = OrderedJson::array();
   for (const FileRecord& record : inventory.records()) {
     if (!record.IsForgotten()) report["files"].push_back(FileJson(record));
   }
-  return report.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
+  return report.dump(2, ' ', false, OrderedJson::error_handler_t::replace) + "\n";
 }
 
 std::string FileJsonLine(const FileRecord& record) {
-  return FileJson(record).dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
+  return FileJson(record).dump(-1, ' ', false, OrderedJson::error_handler_t::replace) + "\n";
 }
 
 }  // namespace orvexscan
