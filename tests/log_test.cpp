@@ -5,6 +5,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <stdexcept>
 #include <string>
 
@@ -105,6 +106,25 @@ TEST_CASE("a null text in a message reads (null)") {
   RecordedLog log;
   LogText(ORVEX_LOG_INFO, nullptr);
   CHECK(log.Records().front().text == "(null)");
+}
+
+TEST_CASE(
+    "a text is cut to what its sentence leaves of 511 characters, and its whole length told") {
+  RecordedLog log;
+  for (const size_t length : {507, 508, 509}) {
+    ORVEX_LOGGER::GetInstance()->Log(ORVEX_LOG_INFO, 7, "Function", "file", "of %s",
+                                     std::string(length, 'a').c_str());
+    CHECK(log.Records().back().text == "of " + std::string(std::min<size_t>(length, 508), 'a'));
+    CHECK(log.Records().back().length == length + 3);
+  }
+}
+
+TEST_CASE("a message without a format is empty, and the failure to format it is its length") {
+  RecordedLog log;
+  const char* volatile none = nullptr;
+  ORVEX_LOGGER::GetInstance()->Log(ORVEX_LOG_INFO, 7, "Function", "file", none);
+  CHECK(log.Records().front().text.empty());
+  CHECK(log.Records().front().length == static_cast<unsigned int>(-1));
 }
 
 TEST_CASE("levels have names and unknown ones the empty name") {

@@ -30,7 +30,7 @@ void PrintLine(ORVEX_LOG level, unsigned int line, const char* function, const c
 // What vsnprintf does, in a quarter of its time for a line that ends with its only
 // argument, a text: every miss writes one.
 int Format(char* message, size_t size, const char* format, va_list arguments) {
-  const char* const percent = std::strchr(format, '%');
+  const char* const percent = format != nullptr ? std::strchr(format, '%') : nullptr;
   if (percent != nullptr && std::strcmp(percent, "%s") == 0) {
     va_list again;
     va_copy(again, arguments);
@@ -40,7 +40,8 @@ int Format(char* message, size_t size, const char* format, va_list arguments) {
     const size_t length = before + (text != nullptr ? std::strlen(text) : size);
     if (length < size) {
       std::memcpy(message, format, before);
-      std::memcpy(message + before, text, length - before + 1);
+      std::memcpy(message + before, text, length - before);
+      message[length] = '\0';
       return static_cast<int>(length);
     }
   }
