@@ -56,6 +56,20 @@ struct TypeCacheUnderTest {
 
 }  // namespace
 
+TEST_CASE("a file type that was asked for again outlives one that was not, told or not") {
+  for (const ORVEX_LOG level : {ORVEX_LOG_INFO, ORVEX_LOG_DEBUG}) {
+    CAPTURE(level);
+    RecordedLog log(level);
+    TypeCacheUnderTest test;
+    test.cache.SetCapacity(2);
+    Answer out;
+    for (const char* path : {"/a", "/b", "/a", "/c", "/a"}) CHECK(test.Ask(TypeOf(path), out) == 0);
+    CHECK(test.calls == 3);
+    CHECK(test.Ask(TypeOf("/b"), out) == 0);
+    CHECK(test.calls == 4);
+  }
+}
+
 TEST_CASE("the second query of a kept file type is a hit and calls no host") {
   TypeCacheUnderTest test;
   for (int i = 0; i < 2; ++i) {

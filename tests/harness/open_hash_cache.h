@@ -18,6 +18,7 @@ class OpenHashCache : public LRUCache {
   using LRUCache::entries_;
   using LRUCache::lock;
   using LRUCache::metrics;
+  using LRUCache::silentHits_;
 
   OpenHashCache() { RegisterMetaQueryCallback(CallHost); }
   ~OpenHashCache() override { FlushCache(); }
