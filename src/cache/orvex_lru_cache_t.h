@@ -48,8 +48,8 @@ struct ORVEX_LOCAL ORVEX_CountAtEnd {
 // Ownership: owns its nodes until they are evicted or flushed. Destruction does
 // not delete them: a cache is flushed before its process ends.
 // Threads: any number at once.
-// Locking: lock guards everything but the counters and the active flag, which are
-// atomics. It is never held while the host computes. Operations that say so expect
+// Locking: lock guards everything but the counters, the active flag and the callback,
+// which are atomics. It is never held while the host computes. Operations that say so expect
 // it held, all others take it themselves.
 // Invariant: between two holds of the lock entries_ has no more nodes than capacity.
 template <typename Key, typename Node, typename Metrics>

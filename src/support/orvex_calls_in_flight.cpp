@@ -25,18 +25,19 @@ void ORVEX_CallsInFlight::SetToZero(Count count) {
 
 void ORVEX_CallsInFlight::Drain(Count count, const char* what, unsigned int line,
                                 const char* function, const char* sourceFile) const {
-  ORVEX_LOG_BASE& log = *ORVEX_LOGGER::GetInstance();
+  const auto tell = [&](const char* format, auto... numbers) {
+    if (!ORVEX_LOG_BASE::Keeps(ORVEX_LOG_WARNING)) return;
+    ORVEX_LOGGER::GetInstance()->Log(ORVEX_LOG_WARNING, line, function, sourceFile, format, what,
+                                     numbers...);
+  };
   for (int retry = 0; retry < kMaxRetries; ++retry) {
     const int inside = Sum(count);
     if (inside == 0) {
-      log.Log(ORVEX_LOG_WARNING, line, function, sourceFile,
-              "%s: All threads leaves successfully, retry=%d", what, retry);
+      tell("%s: All threads leaves successfully, retry=%d", retry);
       return;
     }
-    log.Log(ORVEX_LOG_WARNING, line, function, sourceFile,
-            "%s: Waiting for threads(%d) to leave, retry=%d", what, inside, retry);
+    tell("%s: Waiting for threads(%d) to leave, retry=%d", inside, retry);
     usleep(kPauseUs);
   }
-  log.Log(ORVEX_LOG_WARNING, line, function, sourceFile,
-          "%s: Threads(%d) still running after max retry", what, Sum(count));
+  tell("%s: Threads(%d) still running after max retry", Sum(count));
 }
