@@ -45,7 +45,8 @@ int ModelEngine::Init(metadata_query_fptrs_s* fptrs) {
 void ModelEngine::Configure() {
   const std::optional<std::string> content = ContentOf(configFilePath_);
   if (!content) {
-    log_(kError, "ReadConfig", kSettingsSourceFile, "Open config file %s failed", configFilePath_.c_str());
+    log_(kError, "ReadConfig", kSettingsSourceFile, "Open config file %s failed",
+         configFilePath_.c_str());
     return;
   }
   config_.Read(*content);

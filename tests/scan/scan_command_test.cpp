@@ -7,8 +7,8 @@
 #include <sstream>
 #include <string>
 
-#include "harness/sanitizers.h"
 #include "harness/contains.h"
+#include "harness/sanitizers.h"
 #include "harness/scan_run.h"
 #include "harness/signed_pe.h"
 #include "harness/temporary_directory.h"

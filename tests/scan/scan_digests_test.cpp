@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "content/digests.h"
-#include "harness/real_function.h"
 #include "harness/contains.h"
+#include "harness/real_function.h"
 #include "harness/scan_run.h"
 #include "harness/temporary_directory.h"
 #include "harness/watching_scan.h"
