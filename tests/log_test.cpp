@@ -111,7 +111,7 @@ TEST_CASE("a null text in a message reads (null)") {
 TEST_CASE(
     "a text is cut to what its sentence leaves of 511 characters, and its whole length told") {
   RecordedLog log;
-  for (const size_t length : {507, 508, 509}) {
+  for (const size_t length : {507U, 508U, 509U}) {
     ORVEX_LOGGER::GetInstance()->Log(ORVEX_LOG_INFO, 7, "Function", "file", "of %s",
                                      std::string(length, 'a').c_str());
     CHECK(log.Records().back().text == "of " + std::string(std::min<size_t>(length, 508), 'a'));
@@ -122,7 +122,7 @@ TEST_CASE(
 TEST_CASE("a message without a format is empty, and the failure to format it is its length") {
   RecordedLog log;
   const char* volatile none = nullptr;
-  ORVEX_LOGGER::GetInstance()->Log(ORVEX_LOG_INFO, 7, "Function", "file", none);
+  ORVEX_LOGGER::GetInstance()->Log(ORVEX_LOG_INFO, 7, "Function", "file", none, 0);
   CHECK(log.Records().front().text.empty());
   CHECK(log.Records().front().length == static_cast<unsigned int>(-1));
 }
