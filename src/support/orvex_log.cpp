@@ -30,7 +30,8 @@ void PrintLine(ORVEX_LOG level, unsigned int line, const char* function, const c
 // What vsnprintf does, in a quarter of its time for a line that ends with its only
 // argument, a text: every miss writes one.
 int Format(char* message, size_t size, const char* format, va_list arguments) {
-  const char* const percent = format != nullptr ? std::strchr(format, '%') : nullptr;
+  if (format == nullptr) return -1;
+  const char* const percent = std::strchr(format, '%');
   if (percent != nullptr && std::strcmp(percent, "%s") == 0) {
     va_list again;
     va_copy(again, arguments);
