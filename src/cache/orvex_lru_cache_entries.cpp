@@ -46,13 +46,12 @@ void* LRUCacheEntries::MemoryForNode() { return &PlaceOf(FreeSlot()) + 1; }
 
 LRUCacheSlot LRUCacheEntries::Insert(const LRUCacheKeyView& key, void* node, bool copiesText) {
   const LRUCacheSlot slot = FreeSlot();
-  Place* const place =
-      new (&PlaceOf(slot)) Place{key.path, key.size, key.mtime, key.deviceID, key.fileID};
+  new (&PlaceOf(slot)) Place{key.path, key.size, key.mtime, key.deviceID, key.fileID};
   tables_->origins[slot] = {node, ++insertions_, key.flags};
   Link& link = tables_->links[slot];
   const LRUCacheSlot nextFree = link.next;
   link.ownsText = false;
-  link.isInPlace = node == place + 1;
+  link.isInPlace = node == &PlaceOf(slot) + 1;
   // A node from elsewhere may be changed by whoever built it.
   if (copiesText || !link.isInPlace) CopyText(slot);
   try {
