@@ -106,11 +106,13 @@ void LRUCacheEntries::Clear() {
 
 // A slot to take, with memory behind it.
 LRUCacheSlot LRUCacheEntries::FreeSlot() {
-  if (tables_ == nullptr) tables_.reset(new Tables);
+  // Without zeros where nothing is read before it is written.
+  if (tables_ == nullptr) tables_.reset(new Tables);  // NOLINT(modernize-make-unique)
   if (freeSlot_ != 0) return freeSlot_;
   const size_t slot = size_t{lastSlot_} + 1;
   if (slot == kSlots) throw std::bad_alloc();
   std::unique_ptr<Line[]>& chunk = tables_->chunks[slot / kChunk];
+  // NOLINTNEXTLINE(modernize-make-unique): as above.
   if (chunk == nullptr) chunk.reset(new Line[kChunk * linesOfPlace_]);
   return static_cast<LRUCacheSlot>(slot);
 }

@@ -23,7 +23,7 @@ constexpr int kLineSize = 255;
 
 // What is read of a file. Whoever can write to the host's directory decides about
 // no more of its memory and time.
-constexpr size_t kMostBytes = 1024 * 1024;
+constexpr size_t kMostBytes = size_t{1024} * 1024;
 
 // A file opened for reading, unless it is of a kind that could block or never end.
 class OpenedFile {
@@ -57,6 +57,7 @@ class OpenedFile {
   }
 
  private:
+  // NOLINTNEXTLINE(misc-redundant-expression): O_LARGEFILE is 0 on one target alone.
   static constexpr int kOpening = O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY | O_LARGEFILE;
 
   // statx, since no size, number or time is too large for it on 32 bits.

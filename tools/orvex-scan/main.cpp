@@ -125,6 +125,64 @@ void PrintLines(const Options& options, const Inventory& inventory) {
   Finish(stdout);
 }
 
+// Steps of which each is taken by itself: what one cannot write is no reason to lose the others.
+class Attempts {
+ public:
+  template <typename Step>
+  void operator()(const Step& step) {
+    try {
+      step();
+    } catch (const std::exception& failure) {
+      anyFailed_ = true;
+      Tell(failure);
+    }
+  }
+  bool anyFailed() const { return anyFailed_; }
+
+ private:
+  bool anyFailed_ = false;
+};
+
+struct Results {
+  const std::vector<PassReport>& passes;
+  const Inventory& inventory;
+  const std::string& advice;
+  const std::vector<Difference>& differences;
+  size_t walkFailures;
+};
+
+void WriteReports(const Options& options, const Results& of, std::optional<ReportFile>* json,
+                  Attempts* attempt) {
+  const bool jsonToOutput = options.json == "-" || options.format == "json";
+  const bool outputIsForPrograms =
+      jsonToOutput || options.format != "table" || !options.metrics.empty();
+  std::FILE* const table = outputIsForPrograms ? stderr : stdout;
+  if (!outputIsForPrograms || !options.quiet) {
+    (*attempt)([&] {
+      PrintReport(of.passes, of.inventory, of.advice, of.differences, table);
+      Finish(table);
+    });
+  }
+  if (jsonToOutput || *json) {
+    (*attempt)([&] {
+      const std::string report =
+          JsonReport(options, of.passes, of.inventory, of.advice, of.differences);
+      if (*json) (*json)->Write(report);
+      if (jsonToOutput) Print(report, stdout);
+    });
+  }
+  if (options.format != "table" && options.format != "json") {
+    (*attempt)([&] { PrintLines(options, of.inventory); });
+  }
+  if (!options.metrics.empty()) {
+    (*attempt)([&] {
+      const std::vector<Metric> metrics =
+          MetricsOf(of.passes, of.inventory.FileCount(), of.walkFailures);
+      Print(options.metrics == "json" ? JsonText(metrics) : PrometheusText(metrics), stdout);
+    });
+  }
+}
+
 int Work(const Options& options, Destinations* destinations) {
   TakeEngineLog(options.verbose);
   orvexeng::engine engine;
@@ -167,48 +225,15 @@ int Work(const Options& options, Destinations* destinations) {
                                  : Advice({options.processes, options.threads, options.capacity},
                                           inventory.FileCount(), passes);
 
-  bool allWritten = true;
-  // Each by itself: what one cannot write is no reason to lose the others.
-  const auto attempt = [&allWritten](const auto& step) {
-    try {
-      step();
-    } catch (const std::exception& failure) {
-      allWritten = false;
-      Tell(failure);
-    }
-  };
+  Attempts attempt;
   if (watcher && !interrupted) attempt([&] { watcher->Run(&inventory, &passes); });
   if (execWatch) attempt([&] { execWatch->Run(&inventory, &passes); });
   std::vector<Difference> differences;
   if (!options.baseline.empty()) {
     differences = Compare(destinations->baseline, inventory, options.paths);
   }
-  const bool jsonToOutput = options.json == "-" || options.format == "json";
-  const bool outputIsForPrograms =
-      jsonToOutput || options.format != "table" || !options.metrics.empty();
-  std::FILE* const table = outputIsForPrograms ? stderr : stdout;
-  if (!outputIsForPrograms || !options.quiet) {
-    attempt([&] {
-      PrintReport(passes, inventory, advice, differences, table);
-      Finish(table);
-    });
-  }
-  if (jsonToOutput || destinations->json) {
-    attempt([&] {
-      const std::string report = JsonReport(options, passes, inventory, advice, differences);
-      if (destinations->json) destinations->json->Write(report);
-      if (jsonToOutput) Print(report, stdout);
-    });
-  }
-  if (options.format != "table" && options.format != "json") {
-    attempt([&] { PrintLines(options, inventory); });
-  }
-  if (!options.metrics.empty()) {
-    attempt([&] {
-      const std::vector<Metric> metrics = MetricsOf(passes, inventory.FileCount(), walkFailures);
-      Print(options.metrics == "json" ? JsonText(metrics) : PrometheusText(metrics), stdout);
-    });
-  }
+  WriteReports(options, {passes, inventory, advice, differences, walkFailures}, &destinations->json,
+               &attempt);
   if (!options.snapshot.empty()) {
     attempt([&] {
       snapshot.Update(inventory);
@@ -216,7 +241,7 @@ int Work(const Options& options, Destinations* destinations) {
     });
   }
   if (interrupted) return kInterrupted;
-  if (failed || !allWritten) return kSomeFilesFailed;
+  if (failed || attempt.anyFailed()) return kSomeFilesFailed;
   return differences.empty() ? kAllFine : kDiffers;
 }
 

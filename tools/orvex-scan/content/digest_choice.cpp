@@ -21,7 +21,7 @@ size_t PlaceOf(const EVP_MD* digest) {
   if (EVP_MD_get_type(digest) == NID_undef) return kDigestPlaces;
   if ((EVP_MD_get_flags(digest) & EVP_MD_FLAG_XOF) != 0) return kDigestPlaces;
   const auto bytes = static_cast<size_t>(std::max(EVP_MD_get_size(digest), 0));
-  const auto found = std::find(kDigestBytes.begin(), kDigestBytes.end(), bytes);
+  const auto* const found = std::find(kDigestBytes.begin(), kDigestBytes.end(), bytes);
   return static_cast<size_t>(found - kDigestBytes.begin());
 }
 

@@ -20,6 +20,7 @@ namespace {
 constexpr size_t kEventsAtOnce = 64;
 
 int OpenGroup() {
+  // NOLINTNEXTLINE(misc-redundant-expression): O_LARGEFILE is 0 on one target alone.
   const int group = fanotify_init(FAN_CLASS_NOTIF | FAN_CLOEXEC | FAN_NONBLOCK,
                                   O_RDONLY | O_CLOEXEC | O_LARGEFILE);
   if (group >= 0) return group;

@@ -113,7 +113,7 @@ void WalkOne(const std::string& path, const WalkRules& rules, Inventory* invento
       if (entry->fts_level == FTS_ROOTLEVEL) {
         inventory->AddFailure(path, NotRegular("a pseudo file system; --pseudo enters it"));
       } else {
-        leftOut->pseudo.push_back(entry->fts_path);
+        leftOut->pseudo.emplace_back(entry->fts_path);
       }
       continue;
     }

@@ -184,6 +184,7 @@ void PrintReport(const std::vector<PassReport>& passes, const Inventory& invento
     }
   }
   std::vector<std::vector<std::string>> changes;
+  changes.reserve(differences.size());
   for (const Difference& difference : differences) {
     changes.push_back({difference.change, Printable(difference.path), Printable(difference.from)});
   }
