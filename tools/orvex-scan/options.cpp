@@ -84,6 +84,7 @@ void Describe(CLI::App* app, Options* options) {
       ->type_name("FILE")
       ->excludes("--processes");
   std::vector<std::string> identities;
+  identities.reserve(std::size(kIdentityModes));
   for (const IdentityMode mode : kIdentityModes) identities.emplace_back(NameOf(mode));
   app->add_option_function<std::string>(
          "--identity",

@@ -21,8 +21,8 @@ constexpr size_t kEventsAtOnce = 64;
 
 int OpenGroup() {
   // NOLINTNEXTLINE(misc-redundant-expression): O_LARGEFILE is 0 on one target alone.
-  const int group = fanotify_init(FAN_CLASS_NOTIF | FAN_CLOEXEC | FAN_NONBLOCK,
-                                  O_RDONLY | O_CLOEXEC | O_LARGEFILE);
+  constexpr int kOpening = O_RDONLY | O_CLOEXEC | O_LARGEFILE;
+  const int group = fanotify_init(FAN_CLASS_NOTIF | FAN_CLOEXEC | FAN_NONBLOCK, kOpening);
   if (group >= 0) return group;
   if (errno == EPERM) {
     throw std::runtime_error(

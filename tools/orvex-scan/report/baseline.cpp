@@ -119,6 +119,7 @@ std::vector<Difference> Compare(const Baseline& baseline, const Inventory& inven
     }
   }
   std::vector<Difference> inOrder;
+  inOrder.reserve(differences.size());
   for (const auto& [path, difference] : differences) inOrder.push_back(difference);
   return inOrder;
 }

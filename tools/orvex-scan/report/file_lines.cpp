@@ -45,7 +45,7 @@ std::string CsvLine(const FileRecord& record, const DigestChoice& digests) {
     cells.push_back(fmt::format("{}", static_cast<int64_t>(answer.identity.mtimeNs)));
     for (const NamedDigest& digest : DigestsOf(answer)) cells.push_back(digest.digits);
     cells.emplace_back(answer.parts.type ? NameOfMajor(answer.type.major) : "");
-    cells.push_back(NameOf(record.certificates.signature));
+    cells.emplace_back(NameOf(record.certificates.signature));
     cells.push_back(fmt::format("{}", fmt::join(answer.signers, "; ")));
   }
   cells.resize(6 + NamesOf(digests).size());
