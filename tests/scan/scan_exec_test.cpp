@@ -186,7 +186,8 @@ TEST_CASE("a program deleted before it was read has its digest and is counted") 
   CHECK(report["notes"][0].get<std::string>().find("1 times a file was deleted or replaced") == 0);
 }
 
-TEST_CASE("executions that the system's queue has no room for are counted as lost") {
+TEST_CASE("executions that the system's queue has no room for are counted as lost" *
+          doctest::test_suite("slow")) {
   const PrivateMount mount;
   NEEDS(mount)
   size_t mostQueued = 16384;

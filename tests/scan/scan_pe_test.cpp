@@ -264,7 +264,8 @@ TEST_CASE("bytes that are no signature are a fault") {
   }
 }
 
-TEST_CASE("no cut and no wrong byte in a signature takes the reader down") {
+TEST_CASE("no cut and no wrong byte in a signature takes the reader down" *
+          doctest::test_suite("slow")) {
   const Bytes whole = Signature({{"Outer", ""}}, {Signature("Inner")});
   for (size_t length = 0; length < whole.size(); ++length) {
     const SignerNames found = SignersOf(Bytes(whole.begin(), whole.begin() + ptrdiff_t(length)));
