@@ -143,23 +143,22 @@ __attribute__((flatten)) int ORVEX_ENGINE::Query(metadata_input_s* metaIn,
   if (ORVEX_LoadRelaxed(inited) && metaIn != nullptr && metaOut != nullptr &&
       (metaIn->queryFlags & QUERY_FILE_TYPE) == 0 && metaIn->queryFlags != 0 &&
       !LRUCache::Talks()) {
-    ORVEX_CallsInFlight::Scope inFlight(calls_, ORVEX_CallsInFlight::kOfBoth);
+    const ORVEX_CallsInFlight::Scope inFlight(calls_, ORVEX_CallsInFlight::kOfBoth);
     const int lookup =
         ORVEX_LoadRelaxed(inited) ? HashCache().LookUpQuietly(metaIn, metaOut) : LRU_NOT_YET;
     if (lookup == LRU_HIT) return ORVEX_OK;
-    if (lookup != LRU_NOT_YET) return FinishHashQuery(metaIn, metaOut, ctx, inFlight, lookup);
+    if (lookup != LRU_NOT_YET) return FinishHashQuery(metaIn, metaOut, ctx, lookup);
   }
   return QueryStepByStep(metaIn, metaOut, ctx);
 }
 
 __attribute__((noinline)) int ORVEX_ENGINE::FinishHashQuery(metadata_input_s* metaIn,
                                                             metadata_output_s* metaOut, void* ctx,
-                                                            ORVEX_CallsInFlight::Scope& inBoth,
                                                             int lookup) {
   const ORVEX_ProfilingScope profiling("ORVEX_ENGINE::Query");
   const int code = HashCache().QueryStepByStep(metaIn, metaOut, ctx, lookup);
   if (code != ORVEX_OK) {
-    inBoth.StayInEngine();
+    const ORVEX_CallsInFlight::Scope outside(calls_, ORVEX_CallsInFlight::kOutOfCache);
     TellHashFailure(ORVEX_OK);
   }
   return code;

@@ -46,7 +46,7 @@ class ORVEX_API ORVEX_ENGINE {
   ORVEX_LOCAL int QueryStepByStep(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx);
   // What follows a lookup in the hash cache that was no hit.
   ORVEX_LOCAL int FinishHashQuery(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx,
-                                  ORVEX_CallsInFlight::Scope& inBoth, int lookup);
+                                  int lookup);
   ORVEX_LOCAL void PassLock() const ORVEX_EXCLUDES(lock);
 
   mutable ORVEX_PThread_Lock lock;

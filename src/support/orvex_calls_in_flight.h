@@ -21,6 +21,7 @@ class ORVEX_LOCAL ORVEX_CallsInFlight {
     kOfEngine = 1,
     kOfCache = 0x10000,
     kOfBoth = kOfEngine + kOfCache,
+    kOutOfCache = -kOfCache,  // for a step outside
   };
 
   // Counts a call in, and out again whichever way its scope ends.
@@ -30,17 +31,12 @@ class ORVEX_LOCAL ORVEX_CallsInFlight {
       ORVEX_atomic_add_32(&cell_, count_);
     }
     ~Scope() { ORVEX_atomic_add_32(&cell_, -count_); }
-    // Counts out of all but the engine.
-    void StayInEngine() {
-      ORVEX_atomic_add_32(&cell_, kOfEngine - count_);
-      count_ = kOfEngine;
-    }
     Scope(const Scope&) = delete;
     Scope& operator=(const Scope&) = delete;
 
    private:
     int volatile& cell_;
-    Count count_;
+    const Count count_;
   };
 
   // Below zero once calls that were inside at SetToZero have left.
