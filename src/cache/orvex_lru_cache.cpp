@@ -6,6 +6,7 @@
 #include <exception>
 #include <memory>
 #include <new>
+#include <typeinfo>
 
 #include "support/orvex_profiling.h"
 
@@ -23,6 +24,7 @@ int LRUCache::InitLRUCache() {
     calHashSet.active = true;
   }
   const ORVEX_MutexGuard guard(&lock);
+  isFinal_ = typeid(*this) == typeid(LRUCache);
   ORVEX_StoreRelaxed(active, true);
   calls_.SetToZero(ORVEX_CallsInFlight::kOfCache);
   return ORVEX_OK;

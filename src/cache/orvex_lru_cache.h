@@ -96,7 +96,7 @@ class ORVEX_API LRUCache : public LRUCacheT<LRUCacheKey, LRUCacheNode, LRUCacheM
   }
   // Without kTalks nothing of a hit is told, so that nobody sees when it counts.
   template <bool kTalks>
-  ORVEX_LOCAL LRU_LOOKUP LookUp(const metadata_input_s& in, metadata_output_s& out)
+  ORVEX_LOCAL LRU_LOOKUP LookUp(const metadata_input_s& in, metadata_output_s& out, uint32_t hash)
       ORVEX_REQUIRES(lock);
   // Sleeps while another thread calculates the path, and counts that. Throws
   // std::bad_alloc before anything is done.

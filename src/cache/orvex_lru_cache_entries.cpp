@@ -44,7 +44,8 @@ LRUCacheEntries::Slots LRUCacheEntries::InOrderOfKeys() const {
 
 void* LRUCacheEntries::MemoryForNode() { return &PlaceOf(FreeSlot()) + 1; }
 
-LRUCacheSlot LRUCacheEntries::Insert(const LRUCacheKeyView& key, void* node, bool copiesText) {
+LRUCacheSlot LRUCacheEntries::Insert(const LRUCacheKeyView& key, uint32_t hash, LRUCacheSlot found,
+                                     void* node, bool copiesText) {
   const LRUCacheSlot slot = FreeSlot();
   new (&PlaceOf(slot)) Place{key.path, key.size, key.mtime, key.deviceID, key.fileID};
   tables_->origins[slot] = {node, ++insertions_, key.flags};
@@ -55,7 +56,7 @@ LRUCacheSlot LRUCacheEntries::Insert(const LRUCacheKeyView& key, void* node, boo
   // A node from elsewhere may be changed by whoever built it.
   if (copiesText || !link.isInPlace) CopyText(slot);
   try {
-    link.entry = Enter(slot);
+    link.entry = Enter(slot, hash, found);
   } catch (...) {
     FreeText(slot);
     throw;
@@ -94,27 +95,26 @@ void LRUCacheEntries::ForgetKeys() {
     tables_->links[slot].entry = 0;
   }
   entryCount_ = 0;
-  isIndexed_ = false;
+  indexedFields_ = kNoFields;
   ForgetOrder();
 }
 
 void LRUCacheEntries::Clear() {
   ForgetKeys();
   tables_.reset();
+  places_.reset();
   size_ = freeSlot_ = lastSlot_ = 0;
 }
 
 // A slot to take, with memory behind it.
 LRUCacheSlot LRUCacheEntries::FreeSlot() {
-  // Without zeros where nothing is read before it is written.
-  if (tables_ == nullptr) tables_.reset(new Tables);  // NOLINT(modernize-make-unique)
+  // NOLINTBEGIN(modernize-make-unique): no zeros where nothing is read before it is written.
+  if (places_ == nullptr) places_.reset(new Line[kSlots * linesOfPlace_]);
+  if (tables_ == nullptr) tables_.reset(new Tables);
+  // NOLINTEND(modernize-make-unique)
   if (freeSlot_ != 0) return freeSlot_;
-  const size_t slot = size_t{lastSlot_} + 1;
-  if (slot == kSlots) throw std::bad_alloc();
-  std::unique_ptr<Line[]>& chunk = tables_->chunks[slot / kChunk];
-  // NOLINTNEXTLINE(modernize-make-unique): as above.
-  if (chunk == nullptr) chunk.reset(new Line[kChunk * linesOfPlace_]);
-  return static_cast<LRUCacheSlot>(slot);
+  if (lastSlot_ + 1 == kSlots) throw std::bad_alloc();
+  return static_cast<LRUCacheSlot>(lastSlot_ + 1);
 }
 
 void LRUCacheEntries::FreeText(LRUCacheSlot slot) {
@@ -123,33 +123,27 @@ void LRUCacheEntries::FreeText(LRUCacheSlot slot) {
 
 // The entry that the slot is in from here on: its own, or that of an equivalent key.
 // Throws std::bad_alloc, and then no entry has changed.
-LRUCacheSlot LRUCacheEntries::Enter(LRUCacheSlot slot) {
-  const LRUCacheKeyView key = KeyIn(slot);
-  if (entryCount_ == 0) fields_ = FieldsOf(key);
-  bool inIndex = IndexAnswers(key);
-  if (inIndex) {
-    if (const LRUCacheSlot equal = FindInIndex(key); equal != 0) return equal;
-  } else {
-    MixKeys(key);
-    if (view_ == nullptr) view_ = MakeView();
-  }
+LRUCacheSlot LRUCacheEntries::Enter(LRUCacheSlot slot, uint32_t hash, LRUCacheSlot found) {
+  const uint32_t fields = FieldsOf(KeyIn(slot));
+  if (entryCount_ == 0) fields_ = indexedFields_ = fields;
+  bool inIndex = fields == indexedFields_;
+  if (inIndex && found != 0) return found;
   if (view_ != nullptr) {
     if (const LRUCacheSlot equal = EnterView(slot); equal != slot) return equal;
   }
-  if (inIndex && !EnterIndex(slot)) {
-    if (view_ == nullptr) {
-      view_ = MakeView();
-      EnterView(slot);
-    }
-    inIndex = false;
+  // False when too many keys collide.
+  inIndex = inIndex && tables_->index.Put(hash, slot);
+  if (!inIndex && view_ == nullptr) {
+    view_ = MakeView();
+    EnterView(slot);
   }
-  isIndexed_ = inIndex;
+  if (!inIndex) indexedFields_ = kNoFields;
   ++entryCount_;
   return slot;
 }
 
 void LRUCacheEntries::RemoveEntry(LRUCacheSlot entry) {
-  if (isIndexed_) tables_->index.Remove(entry);
+  if (indexedFields_ != kNoFields) tables_->index.Remove(entry);
   if (view_ != nullptr) view_->slots.erase(view_->positions[entry]);
   // Some node is in no entry of its own. Those that shared this one are in none now.
   if (entryCount_ != size_) {
@@ -163,9 +157,9 @@ void LRUCacheEntries::RemoveEntry(LRUCacheSlot entry) {
 // Without entries there are no masks, and hashing gets another chance.
 void LRUCacheEntries::ForgetOrder() {
   view_.reset();
-  if (!isIndexed_ && tables_ != nullptr) tables_->index = {};
-  isIndexed_ = true;
-  hashesPaths_ = isMixed_ = false;
+  if (indexedFields_ == kNoFields && tables_ != nullptr) tables_->index = {};
+  indexedFields_ = kNoFields;
+  isMixed_ = false;
 }
 
 template <typename Order>
@@ -180,24 +174,25 @@ LRUCacheEntries::Slots LRUCacheEntries::EntriesBy(const Order& before) const {
   return {begin, end};
 }
 
-LRUCacheEntries::Slots LRUCacheEntries::EntriesAsTheyCame() const {
-  return EntriesBy([this](LRUCacheSlot left, LRUCacheSlot right) {
-    return tables_->origins[left].insertion < tables_->origins[right].insertion;
-  });
-}
-
 std::unique_ptr<LRUCacheEntries::OrderedView> LRUCacheEntries::MakeView() const {
   auto view = std::make_unique<OrderedView>(Before{this});
-  for (const LRUCacheSlot slot : EntriesAsTheyCame()) {
+  const auto asTheyCame = [this](LRUCacheSlot left, LRUCacheSlot right) {
+    return tables_->origins[left].insertion < tables_->origins[right].insertion;
+  };
+  for (const LRUCacheSlot slot : EntriesBy(asTheyCame)) {
     view->positions[slot] = view->slots.insert(view->slots.begin(), slot);
   }
   return view;
 }
 
-// Not inlined: a hit has no use for it.
-__attribute__((noinline)) LRUCacheSlot LRUCacheEntries::FindInView(const LRUCacheKeyView& key) {
-  MixKeys(key);
-  if (view_ == nullptr) view_ = MakeView();
+LRUCacheSlot LRUCacheEntries::FindInView(const LRUCacheKeyView& key) {
+  if (entryCount_ == 0) return 0;
+  // What keys of different masks find depends on the shape of the view. One that colliding
+  // keys made earlier remembers what was removed since, so that it is made anew.
+  if (!isMixed_ && FieldsOf(key) != fields_) {
+    view_ = MakeView();
+    isMixed_ = true;
+  }
   const auto found = view_->slots.find(key);
   return found != view_->slots.end() ? *found : LRUCacheSlot{0};
 }
@@ -207,31 +202,4 @@ LRUCacheSlot LRUCacheEntries::EnterView(LRUCacheSlot slot) {
   const auto position = view_->slots.insert(view_->slots.begin(), slot);
   if (*position == slot) view_->positions[slot] = position;
   return *position;
-}
-
-// What keys of different masks find depends on the shape of the view. One that colliding
-// keys made earlier remembers what was removed since, so that it is made anew.
-void LRUCacheEntries::MixKeys(const LRUCacheKeyView& key) {
-  if (isMixed_ || FieldsOf(key) == fields_) return;
-  view_ = MakeView();
-  isMixed_ = true;
-}
-
-// False when too many keys collide, and then nothing has changed.
-bool LRUCacheEntries::EnterIndex(LRUCacheSlot slot) {
-  return tables_->index.Put(HashOf(KeyIn(slot), hashesPaths_), slot) ||
-         (!hashesPaths_ && EnterByPaths(slot));
-}
-
-// Many names of one file have all numbers in common; their paths tell them apart.
-bool LRUCacheEntries::EnterByPaths(LRUCacheSlot newSlot) {
-  const std::unique_ptr<LRUCacheIndex> index(new (std::nothrow) LRUCacheIndex);
-  if (index == nullptr) return false;
-  for (const LRUCacheSlot slot : EntriesAsTheyCame()) {
-    if (!index->Put(HashOf(KeyIn(slot), true), slot)) return false;
-  }
-  if (!index->Put(HashOf(KeyIn(newSlot), true), newSlot)) return false;
-  tables_->index = *index;
-  hashesPaths_ = true;
-  return true;
 }

@@ -70,19 +70,21 @@ class ORVEX_LOCAL LRUCacheEntries {
   // In the order of keys.
   Slots InOrderOfKeys() const;
 
-  // The slot whose entry has an equivalent key, or 0. Throws std::bad_alloc when there is
-  // no memory for the ordered view, and then nothing has changed.
+  // The slot whose entry has an equivalent key, or 0. hash is the key's HashOf. Throws
+  // std::bad_alloc when there is no memory for the ordered view, and then nothing has changed.
   template <typename AnyKey>
-  LRUCacheSlot Find(const AnyKey& key) {
-    if (entryCount_ == 0) return 0;
-    return IndexAnswers(key) ? FindInIndex(key) : FindInView(LRUCacheKeyView(key));
+  LRUCacheSlot Find(const AnyKey& key, uint32_t hash) {
+    return FieldsOf(key) == indexedFields_ ? FindInIndex(key, hash) : FindElsewhere(key);
   }
+  LRUCacheSlot Find(const LRUCacheKeyView& key) { return Find(key, HashOf(key)); }
   // Where the node of the next insertion may be built. Throws std::bad_alloc.
   void* MemoryForNode();
-  // Takes a slot for the node and makes it the most recently used one. The text of the key
-  // is copied unless the node is in place and shares it until CopyText or its removal. Throws
-  // std::bad_alloc, and then nothing has changed.
-  LRUCacheSlot Insert(const LRUCacheKeyView& key, void* node, bool copiesText);
+  // Takes a slot for the node and makes it the most recently used one. found is what Find
+  // has just returned for the key. The text of the key is copied unless the node is in place
+  // and shares it until CopyText or its removal. Throws std::bad_alloc, and then nothing has
+  // changed.
+  LRUCacheSlot Insert(const LRUCacheKeyView& key, uint32_t hash, LRUCacheSlot found, void* node,
+                      bool copiesText);
   // Gives the key a text of its own. Throws std::bad_alloc.
   void CopyText(LRUCacheSlot slot);
   void MoveToFront(LRUCacheSlot slot) {
@@ -123,11 +125,10 @@ class ORVEX_LOCAL LRUCacheEntries {
     unsigned char bytes[kCacheLineBytes];
   };
   static constexpr size_t kSlots = LRUCacheIndex::kSlots;
-  static constexpr size_t kChunk = 64;
+  static constexpr uint32_t kNoFields = ~uint32_t{0};
   struct Tables {
     std::array<Link, kSlots> links{};  // 0 begins and ends the ring
     LRUCacheIndex index;
-    std::array<std::unique_ptr<Line[]>, kSlots / kChunk> chunks;
     std::array<Origin, kSlots> origins;
     std::array<LRUCacheSlot, kSlots> sorted{};  // so that sorting needs no memory
   };
@@ -135,8 +136,7 @@ class ORVEX_LOCAL LRUCacheEntries {
   struct OrderedView;
 
   Place& PlaceOf(LRUCacheSlot slot) const {
-    Line* const chunk = tables_->chunks[slot / kChunk].get();
-    return *std::launder(reinterpret_cast<Place*>(chunk + slot % kChunk * linesOfPlace_));
+    return *std::launder(reinterpret_cast<Place*>(&places_[slot * linesOfPlace_]));
   }
   LRUCacheSlot FreeSlot();
   void LinkFirst(LRUCacheSlot slot) {
@@ -152,24 +152,23 @@ class ORVEX_LOCAL LRUCacheEntries {
     links[links[slot].next].previous = links[slot].previous;
   }
   void FreeText(LRUCacheSlot slot);
-  LRUCacheSlot Enter(LRUCacheSlot slot);
+  LRUCacheSlot Enter(LRUCacheSlot slot, uint32_t hash, LRUCacheSlot found);
   void RemoveEntry(LRUCacheSlot entry);
   void ForgetOrder();
   template <typename Order>
   Slots EntriesBy(const Order& before) const;
-  Slots EntriesAsTheyCame() const;
   std::unique_ptr<OrderedView> MakeView() const;
+  // Not inlined: a hit has no use for it.
+  template <typename AnyKey>
+  __attribute__((noinline)) LRUCacheSlot FindElsewhere(const AnyKey& key) {
+    return FindInView(LRUCacheKeyView(key));
+  }
   LRUCacheSlot FindInView(const LRUCacheKeyView& key);
   LRUCacheSlot EnterView(LRUCacheSlot slot);
-  void MixKeys(const LRUCacheKeyView& key);
-  template <typename AnyKey>
-  bool IndexAnswers(const AnyKey& key) const {
-    return isIndexed_ && FieldsOf(key) == fields_;
-  }
   // The slot whose key is equal, or 0.
   template <typename AnyKey>
-  LRUCacheSlot FindInIndex(const AnyKey& key) const {
-    return tables_->index.Find(HashOf(key, hashesPaths_), [this, &key](LRUCacheSlot slot) {
+  LRUCacheSlot FindInIndex(const AnyKey& key, uint32_t hash) const {
+    return tables_->index.Find(hash, [this, &key](LRUCacheSlot slot) {
       // While the keys are compared the node is on its way.
       const Place& place = PlaceOf(slot);
       const auto* const line = reinterpret_cast<const Line*>(&place);
@@ -177,20 +176,19 @@ class ORVEX_LOCAL LRUCacheEntries {
       return AreEqual(key, place);
     });
   }
-  bool EnterIndex(LRUCacheSlot slot);
-  bool EnterByPaths(LRUCacheSlot newSlot);
 
   const size_t linesOfPlace_;
-  std::unique_ptr<Tables> tables_;     // null until the first insertion
+  // Null until the first insertion. The system gives memory to places only as they are used.
+  std::unique_ptr<Line[]> places_;
+  std::unique_ptr<Tables> tables_;
   std::unique_ptr<OrderedView> view_;  // null until it is needed
   size_t size_ = 0;
   size_t entryCount_ = 0;
   uint64_t insertions_ = 0;
   LRUCacheSlot freeSlot_ = 0;  // begins a chain; 0 when it is empty
   LRUCacheSlot lastSlot_ = 0;  // beyond it no slot was ever taken
-  // Whether the index is in use: all its keys select the same fields.
-  bool isIndexed_ = true;
-  bool hashesPaths_ = false;  // although numbers usually tell files apart
-  bool isMixed_ = false;      // keys of different masks were asked for or inserted
-  uint32_t fields_ = 0;
+  bool isMixed_ = false;       // keys of different masks were asked for or inserted
+  uint32_t fields_ = 0;        // that all keys select unless they are mixed
+  // The same as long as the index is in use.
+  uint32_t indexedFields_ = kNoFields;
 };

@@ -10,7 +10,8 @@ template class ORVEX_Singleton<FileTypeCache>;
 
 FileTypeCacheNode::FileTypeCacheNode() = default;
 
-FileTypeCacheNode::FileTypeCacheNode(metadata_input_s& in, metadata_output_s& out) {
+FileTypeCacheNode::FileTypeCacheNode(metadata_input_s& in, metadata_output_s& out)
+    : path(TextOrEmpty(in.path)) {
   SetDataToCacheNode(in, out);
 }
 
@@ -65,9 +66,11 @@ void FileTypeCacheNode::Dump() const {
 #pragma GCC diagnostic pop
 }
 
-FileTypeCache::FileTypeCache() = default;
+FileTypeCache::FileTypeCache() { isFinal_ = true; }
 
-FileTypeCache::FileTypeCache(unsigned int newCapacity) { SetCapacity(newCapacity); }
+FileTypeCache::FileTypeCache(unsigned int newCapacity) : FileTypeCache() {
+  SetCapacity(newCapacity);
+}
 
 int FileTypeCache::Query(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx) {
   // Before the records: a stopped cache answers 8 whatever it is handed.
@@ -127,12 +130,13 @@ void FileTypeCache::DumpMetrics() const {
 }
 
 int FileTypeCache::QueryLRUCache(metadata_input_s* metaIn, metadata_output_s* metaOut) {
+  const uint32_t hash = HashOf(*metaIn);
   const ORVEX_MutexGuard guard(&lock);
   const bool talks = Talks();
   LRUCacheSlot slot = 0;
   try {
     if (talks) key_.Read(*metaIn);
-    slot = entries_.Find(*metaIn);
+    slot = entries_.Find(*metaIn, hash);
   } catch (const std::exception&) {
     return LRU_NO_MEMORY;
   }

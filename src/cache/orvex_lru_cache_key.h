@@ -91,20 +91,37 @@ inline uint32_t MaskOf(const LRUCacheKeyView& key) { return key.flags; }
 inline uint32_t MaskOf(const metadata_input_s& in) { return in.fileOperation; }
 
 // The mask bits that select a field.
+constexpr uint32_t kKeyFields = KEY_PATH | KEY_SIZE | KEY_MTIME | KEY_DEVICE_ID | KEY_FILE_ID;
 template <typename AnyKey>
 uint32_t FieldsOf(const AnyKey& key) {
-  return MaskOf(key) & (KEY_PATH | KEY_SIZE | KEY_MTIME | KEY_DEVICE_ID | KEY_FILE_ID);
+  return MaskOf(key) & kKeyFields;
 }
 
-// Whether the selected fields are equal, for keys of the same fields.
 template <typename AnyKey, typename Fields>
-bool AreEqual(const AnyKey& left, const Fields& right) {
+__attribute__((noinline)) bool AreEqualWhereSelected(const AnyKey& left, const Fields& right) {
   const uint32_t mask = MaskOf(left);
   return ((mask & KEY_FILE_ID) == 0 || left.fileID == right.fileID) &&
          ((mask & KEY_SIZE) == 0 || left.size == right.size) &&
          ((mask & KEY_MTIME) == 0 || left.mtime == right.mtime) &&
          ((mask & KEY_DEVICE_ID) == 0 || left.deviceID == right.deviceID) &&
          ((mask & KEY_PATH) == 0 || std::strcmp(TextOrEmpty(left.path), right.path) == 0);
+}
+
+// Whether the selected fields are equal, for keys of the same fields: nearly always all.
+template <typename AnyKey, typename Fields>
+bool AreEqual(const AnyKey& left, const Fields& right) {
+  if (FieldsOf(left) != kKeyFields) return AreEqualWhereSelected(left, right);
+  return ((left.fileID ^ right.fileID) | (left.size ^ right.size) | (left.mtime ^ right.mtime) |
+          (left.deviceID ^ right.deviceID)) == 0 &&
+         std::strcmp(TextOrEmpty(left.path), right.path) == 0;
+}
+
+// What a number adds to a hash, of which the upper 32 bits count. 32-bit registers multiply
+// its halves: a product of 64 bits would take half as much again.
+inline size_t HashOfNumber(uint64_t number, uint64_t factor) {
+  if (sizeof(size_t) == sizeof number) return static_cast<size_t>(number * factor);
+  return static_cast<uint32_t>(number) * static_cast<uint32_t>(factor) +
+         static_cast<uint32_t>(number >> 32) * static_cast<uint32_t>(factor >> 32);
 }
 
 // Equal keys hash equally; use the high bits. Skips the path when the file number is known:
@@ -114,18 +131,17 @@ bool AreEqual(const AnyKey& left, const Fields& right) {
 // field by an odd factor of its own, so that the products need not wait for each
 // other. The factors are the fractions of square roots of primes: 3, 5, 7, 11 and 13.
 template <typename AnyKey>
-uint32_t HashOf(const AnyKey& key, bool alsoPath) {
+uint32_t HashOf(const AnyKey& key) {
   const uint32_t mask = MaskOf(key);
-  uint64_t hash = 0;
-  if ((mask & KEY_SIZE) != 0) hash += key.size * 0xBB67AE8584CAA73B;
-  if ((mask & KEY_MTIME) != 0) hash += key.mtime * 0x3C6EF372FE94F82B;
-  if ((mask & KEY_DEVICE_ID) != 0) hash += key.deviceID * 0xA54FF53A5F1D36F1;
-  if ((mask & KEY_FILE_ID) != 0) hash += key.fileID * 0x510E527FADE682D1;
-  const bool numbersSuffice = !alsoPath && (mask & KEY_FILE_ID) != 0 && key.fileID != 0;
-  if (!numbersSuffice && (mask & KEY_PATH) != 0) {
-    hash += std::hash<std::string_view>()(TextOrEmpty(key.path)) * 0x9B05688C2B3E6C1F;
+  size_t hash = 0;
+  if ((mask & KEY_SIZE) != 0) hash += HashOfNumber(key.size, 0xBB67AE8584CAA73B);
+  if ((mask & KEY_MTIME) != 0) hash += HashOfNumber(key.mtime, 0x3C6EF372FE94F82B);
+  if ((mask & KEY_DEVICE_ID) != 0) hash += HashOfNumber(key.deviceID, 0xA54FF53A5F1D36F1);
+  if ((mask & KEY_FILE_ID) != 0) hash += HashOfNumber(key.fileID, 0x510E527FADE682D1);
+  if ((mask & KEY_PATH) != 0 && ((mask & KEY_FILE_ID) == 0 || key.fileID == 0)) {
+    hash += HashOfNumber(std::hash<std::string_view>()(TextOrEmpty(key.path)), 0x9B05688C2B3E6C1F);
   }
-  return static_cast<uint32_t>(hash >> 32);
+  return static_cast<uint32_t>(hash >> (8 * sizeof hash - 32));
 }
 
 inline void LRUCacheKeyView::Dump() const {

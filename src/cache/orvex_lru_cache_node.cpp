@@ -26,8 +26,9 @@ SignerArray CopyOfSigners(const char* source, uint32_t count) {
 
 LRUCacheNode::LRUCacheNode() : recordTime(ORVEXTimeGetTimeStampNS()) {}
 
-LRUCacheNode::LRUCacheNode(metadata_input_s& in, metadata_output_s& out) {
-  SetDataToCacheNode(in, out);
+LRUCacheNode::LRUCacheNode(metadata_input_s& in, metadata_output_s& out)
+    : path(TextOrEmpty(in.path)) {
+  Merge(in, out);
 }
 
 LRUCacheNode::~LRUCacheNode() = default;
@@ -59,6 +60,11 @@ int LRUCacheNode::SetDataToCacheNode(metadata_input_s& in, metadata_output_s& ou
   // First, because it is the one step that can fail. The same text stays where it is: a key
   // may share it.
   if (path != TextOrEmpty(in.path)) path = TextOrEmpty(in.path);
+  Merge(in, out);
+  return ORVEX_OK;
+}
+
+void LRUCacheNode::Merge(const metadata_input_s& in, const metadata_output_s& out) {
   dataSet = true;
   invOperation = in.invOperation;
   fileOperation = in.fileOperation;
@@ -86,7 +92,6 @@ int LRUCacheNode::SetDataToCacheNode(metadata_input_s& in, metadata_output_s& ou
     queryFlags |= QUERY_FEEDBACK;
   }
   recordTime = ORVEXTimeGetTimeStampNS();
-  return ORVEX_OK;
 }
 
 unsigned int LRUCacheNode::GetDataFromCacheNode(metadata_output_s& out) {

@@ -87,6 +87,8 @@ class ORVEX_API LRUCacheNode {
   bool feedback = false;
 
  private:
+  // All but the path.
+  ORVEX_LOCAL void Merge(const metadata_input_s& in, const metadata_output_s& out);
   ORVEX_LOCAL bool HasSignersOf(const LRUCacheNode& other) const;
   // False when there is no memory for them.
   ORVEX_LOCAL bool GiveSigners(metadata_output_s& out) const;

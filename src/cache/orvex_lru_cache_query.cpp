@@ -94,8 +94,9 @@ int LRUCache::LookUpQuietly(const metadata_input_s* metaIn, metadata_output_s* m
       MayWait(*metaIn)) {
     return LRU_NOT_YET;
   }
+  const uint32_t hash = HashOf(*metaIn);
   const ORVEX_MutexGuard guard(&lock);
-  const int lookup = LookUp<false>(*metaIn, *metaOut);
+  const int lookup = LookUp<false>(*metaIn, *metaOut, hash);
   if (lookup == LRU_HIT) metaOut->resultReady = 1;
   return lookup;
 }
@@ -103,15 +104,16 @@ int LRUCache::LookUpQuietly(const metadata_input_s* metaIn, metadata_output_s* m
 int LRUCache::QueryLRUCache(metadata_input_s* metaIn, metadata_output_s* metaOut) {
   const ORVEX_ProfilingScope profiling("LRUCache::QueryLRUCache");
   const ORVEX_MutexGuard guard(&lock);
-  return LookUp<true>(*metaIn, *metaOut);
+  return LookUp<true>(*metaIn, *metaOut, HashOf(*metaIn));
 }
 
 template <bool kTalks>
-inline LRU_LOOKUP LRUCache::LookUp(const metadata_input_s& in, metadata_output_s& out) {
+inline LRU_LOOKUP LRUCache::LookUp(const metadata_input_s& in, metadata_output_s& out,
+                                   uint32_t hash) {
   LRUCacheSlot slot = 0;
   try {
     if (kTalks) key_.Read(in);
-    slot = entries_.Find(in);
+    slot = entries_.Find(in, hash);
   } catch (const std::exception&) {
     return LRU_NO_MEMORY;
   }

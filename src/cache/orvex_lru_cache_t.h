@@ -84,18 +84,21 @@ class ORVEX_API LRUCacheT {
   virtual int UpdateCache(metadata_input_s* metaIn, metadata_output_s* metaOut)
       ORVEX_EXCLUDES(lock) {
     if (metaOut == nullptr || metaIn == nullptr) return ORVEX_INVALID_PARAMETER;
+    const uint32_t hash = HashOf(*metaIn);
     const ORVEX_MutexGuard guard(&lock);
+    const bool talks = Talks() || !isFinal_;
     try {
-      key_.Read(*metaIn);
-      if (const LRUCacheSlot slot = entries_.Find(LRUCacheKeyView(key_)); slot != 0) {
-        Node* const cached = NodeIn(slot);
-        // The key shares the text that is about to change.
-        if (cached->path != TextOrEmpty(metaIn->path)) entries_.CopyText(slot);
-        cached->SetDataToCacheNode(*metaIn, *metaOut);
-        LRUCacheNodeUpdate(key_, cached, LRU_UPDATE);
+      if (talks) key_.Read(*metaIn);
+      const LRUCacheSlot slot = talks ? entries_.Find(key_) : entries_.Find(*metaIn, hash);
+      if (slot == 0) {
+        Insert(*metaIn, hash, new (entries_.MemoryForNode()) Node(*metaIn, *metaOut), talks);
         return ORVEX_OK;
       }
-      Insert(key_, OwnedNode(new (entries_.MemoryForNode()) Node(*metaIn, *metaOut), End));
+      Node* const cached = NodeIn(slot);
+      // The key shares the text that is about to change.
+      if (cached->path != TextOrEmpty(metaIn->path)) entries_.CopyText(slot);
+      cached->SetDataToCacheNode(*metaIn, *metaOut);
+      Use(slot, talks);
       return ORVEX_OK;
     } catch (const std::exception&) {
       // No memory, or a text longer than a string can be.
@@ -137,10 +140,9 @@ class ORVEX_API LRUCacheT {
       ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, __func__, kLRUCacheSourceFile,
                         "Cache node updated: path=%s", node->path.c_str());
     } else if (operation == LRU_INSERT) {
-      LRUCacheKeyView view(key);
-      const bool sharesText = node->path == view.path;
-      if (sharesText) view.path = node->path.c_str();
-      node->mapEntry = entries_.Insert(view, node, !sharesText);
+      const LRUCacheKeyView view(key);
+      const uint32_t hash = HashOf(view);
+      Enter(view, hash, entries_.Find(view, hash), node);
       ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, __func__, kLRUCacheSourceFile,
                         "Insert new cache node: path=%s", node->path.c_str());
     }
@@ -209,7 +211,7 @@ class ORVEX_API LRUCacheT {
   ORVEX_LOCAL static bool Talks() {
     return ORVEX_ProfilingScope::IsOn() || ORVEX_LOG_BASE::Keeps(ORVEX_LOG_DEBUG);
   }
-  // Makes the node the most recently used one. Who talks has read key_.
+  // Makes the node the most recently used one. Whoever talks has read key_.
   ORVEX_LOCAL void Use(LRUCacheSlot slot, bool talks) ORVEX_REQUIRES(lock) {
     if (talks) {
       LRUCacheNodeUpdate(key_, NodeIn(slot), LRU_UPDATE);
@@ -268,6 +270,9 @@ class ORVEX_API LRUCacheT {
   alignas(kCacheLineBytes) bool active = false;
   // In nodes. What is beyond it goes in LRUCacheNodeWipe.
   unsigned int capacity ORVEX_GUARDED_BY(lock) = ORVEX_MAX_CAPACITY;
+  // Whether nobody overrides LRUCacheNodeUpdate, so that a store that is not logged can do
+  // without the call and the copies of its texts.
+  bool isFinal_ ORVEX_GUARDED_BY(lock) = false;
   // Null until registered; survives flush and stop. An atomic, written under the lock.
   orvex_query_cb queryCallback = nullptr;
   // Atomics: counted without the lock by some, zeroed under it.
@@ -284,15 +289,27 @@ class ORVEX_API LRUCacheT {
   ORVEX_LOCAL OwnedNode Owned(LRUCacheSlot slot) ORVEX_REQUIRES(lock) {
     return OwnedNode(NodeIn(slot), entries_.IsInPlace(slot) ? End : Delete);
   }
-  ORVEX_LOCAL void Insert(Key& key, OwnedNode node) ORVEX_REQUIRES(lock) {
-    // Once inserted it is the cache's, also when a log callback ends the thread.
-    Node* const inserted = node.release();
+  // The node was built in place. Once inserted it is the cache's, also when a log callback
+  // ends the thread.
+  ORVEX_LOCAL void Insert(const metadata_input_s& in, uint32_t hash, Node* node, bool talks)
+      ORVEX_REQUIRES(lock) {
     try {
-      LRUCacheNodeUpdate(key, inserted, LRU_INSERT);
+      if (talks) {
+        LRUCacheNodeUpdate(key_, node, LRU_INSERT);
+      } else {
+        Enter(LRUCacheKeyView(in), hash, 0, node);
+      }
     } catch (const std::bad_alloc&) {
-      node.reset(inserted);
+      End(node);
       throw;
     }
     LRUCacheNodeWipe();
+  }
+  // Where found is what entries_ returned for the key.
+  ORVEX_LOCAL void Enter(LRUCacheKeyView key, uint32_t hash, LRUCacheSlot found, Node* node)
+      ORVEX_REQUIRES(lock) {
+    const bool sharesText = node->path == key.path;
+    if (sharesText) key.path = node->path.c_str();
+    node->mapEntry = entries_.Insert(key, hash, found, node, !sharesText);
   }
 };

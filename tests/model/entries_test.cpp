@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "harness/colliding_numbers.h"
 #include "harness/records.h"
 #include "model/model_cache.h"
 
@@ -41,7 +42,7 @@ class Pair {
     const std::string passing(TextOrEmpty(in.path));
     LRUCacheKeyView key(in);
     if (copiesText) key.path = passing.c_str();
-    entries_.Insert(key, node, copiesText);
+    entries_.Insert(key, HashOf(key), entries_.Find(key), node, copiesText);
     model_.Insert(ModelKey(in), std::make_unique<Numbered>(number));
   }
   // The node at this place, from the most recently used one.
@@ -171,16 +172,13 @@ TEST_CASE("entries of different masks are found, ordered and removed as in a nai
 }
 
 TEST_CASE("colliding keys leave no trace in what keys of different masks find") {
-  // By the factor of sizes, whose hashes are then all the same.
-  uint64_t inverse = 0xBB67AE8584CAA73B;
-  for (int i = 0; i < 5; ++i) inverse *= 2 - 0xBB67AE8584CAA73B * inverse;
   for (unsigned int seed = 1; seed <= 20; ++seed) {
     CAPTURE(seed);
     Keys keys(seed);
     Pair pair;
     for (uint64_t i = 0; i < 200; ++i) {
       metadata_input_s in = keys.Next(KEY_SIZE);
-      in.size = inverse * ((uint64_t{0x12345678} << 32) + keys.Below(1U << 30));
+      in.size = NumberToHash(kFactorOfSizes, 0x12345678, keys.Below(1U << 30));
       if (pair.Find(in) == 0) pair.Insert(in);
     }
     while (pair.Size() > 40) pair.RemoveOldest();
@@ -193,20 +191,18 @@ TEST_CASE("colliding keys leave no trace in what keys of different masks find") 
 }
 
 TEST_CASE("keys are found across the end of the index") {
-  uint64_t inverse = 0xBB67AE8584CAA73B;
-  for (int i = 0; i < 5; ++i) inverse *= 2 - 0xBB67AE8584CAA73B * inverse;
   Pair pair;
   metadata_input_s in{};
   in.fileOperation = KEY_SIZE;
-  const auto hashing = [&](uint64_t hash) {
-    in.size = inverse * (hash << 32 | 1);
+  const auto hashing = [&](uint32_t hash) {
+    in.size = NumberToHash(kFactorOfSizes, hash, 1);
     return in;
   };
-  for (uint64_t i = 0; i < 20; ++i) {
+  for (uint32_t i = 0; i < 20; ++i) {
     pair.Insert(hashing(0xFFFFFFFF - i));
     if (i >= 10) pair.RemoveOldest();
   }
-  for (uint64_t i = 0; i < 20; ++i) CHECK((pair.Find(hashing(0xFFFFFFFF - i)) != 0) == (i >= 10));
+  for (uint32_t i = 0; i < 20; ++i) CHECK((pair.Find(hashing(0xFFFFFFFF - i)) != 0) == (i >= 10));
 }
 
 TEST_CASE("as many nodes as there are slots can be in, and one more is refused") {
@@ -215,8 +211,9 @@ TEST_CASE("as many nodes as there are slots can be in, and one more is refused")
   size_t refused = 0;
   for (uint64_t i = 0; i < LRUCacheIndex::kSlots; ++i) {
     in.size = i;
+    const LRUCacheKeyView key(in);
     try {
-      entries.Insert(LRUCacheKeyView(in), nullptr, false);
+      entries.Insert(key, HashOf(key), 0, nullptr, false);
     } catch (const std::bad_alloc&) {
       ++refused;
     }
