@@ -127,6 +127,27 @@ TEST_CASE("a mutex that cannot be locked gives 5 and keeps the system's error nu
   CHECK(lock.GetLastErrorCode() == 35);
 }
 
+TEST_CASE("a lock that two threads want is held by one at a time, and can fail afterwards") {
+  ORVEX_PThread_Lock lock;
+  int counted = 0;
+  const auto count = [&] {
+    for (int i = 0; i < 50000; ++i) {
+      lock.Lock();
+      ++counted;
+      lock.Unlock();
+    }
+  };
+  std::thread other(count);
+  count();
+  other.join();
+  CHECK(counted == 100000);
+  FailingPThread system;
+  system.lockError = EINVAL;
+  CHECK(lock.Lock() == 5);
+  CHECK(lock.GetLastErrorCode() == EINVAL);
+  lock.Unlock();
+}
+
 TEST_CASE("a mutex that cannot be unlocked gives 6 and keeps the system's error number") {
   ORVEX_PThread_Lock lock;
   lock.Lock();

@@ -16,6 +16,15 @@ enum : unsigned int {
   ORVEX_UNLOCK_FAILED = 6,
 };
 
+// The C library has had it only since 2.34, and libpthread before. Weak and under its older
+// version, so that the library can be loaded where a host without threads has no libpthread.
+extern "C" __attribute__((weak)) int ORVEX_TryToLock(pthread_mutex_t* mutex);
+#if defined(__x86_64__)
+__asm__(".symver ORVEX_TryToLock, pthread_mutex_trylock@GLIBC_2.2.5");
+#else
+__asm__(".symver ORVEX_TryToLock, pthread_mutex_trylock@GLIBC_2.0");
+#endif
+
 // Something that one thread at a time holds.
 class ORVEX_API ORVEX_CAPABILITY("mutex") ORVEX_Lock {
  public:
@@ -46,8 +55,9 @@ class ORVEX_API ORVEX_PThread_Lock : public ORVEX_Lock {
 
   // Lock and Unlock, for callers that need no virtual table.
   ORVEX_LOCAL unsigned int Acquire() {
-    if (ORVEX_LoadRelaxed(taken_)) PauseWhileTaken();
-    const int error = pthread_mutex_lock(&mutex_);
+    if (ORVEX_LoadRelaxed(taken_)) ORVEX_StoreRelaxed(isContended_, true);
+    const int error =
+        ORVEX_LoadRelaxed(isContended_) ? LockAfterPauses() : pthread_mutex_lock(&mutex_);
     ORVEX_StoreRelaxed(lastError_, error);
     if (error != 0) return ORVEX_LOCK_FAILED;
     ORVEX_StoreRelaxed(taken_, true);
@@ -71,19 +81,22 @@ class ORVEX_API ORVEX_PThread_Lock : public ORVEX_Lock {
   int lastError_ = 0;
 
  private:
-  // What the library does under a lock usually takes less time than putting a thread to
-  // sleep and waking it again. A hundred pauses take about as long as that does.
-  ORVEX_LOCAL __attribute__((noinline)) void PauseWhileTaken() const {
+  // pthread_mutex_lock puts a thread to sleep at once, and what the library does under a lock
+  // usually takes less time than that and waking it again. A hundred pauses take about as
+  // long.
+  ORVEX_LOCAL __attribute__((noinline)) int LockAfterPauses() {
     constexpr int kMostPauses = 100;
-    int pauses = 0;
-    do {
+    for (int pauses = 0; pauses < kMostPauses && ORVEX_TryToLock != nullptr; ++pauses) {
+      if (!ORVEX_LoadRelaxed(taken_) && ORVEX_TryToLock(&mutex_) == 0) return 0;
       __builtin_ia32_pause();
-    } while (++pauses < kMostPauses && ORVEX_LoadRelaxed(taken_));
+    }
+    return pthread_mutex_lock(&mutex_);
   }
 
-  // A hint, relaxed: that somebody is between Lock and Unlock. A wait on a condition
-  // holds the mutex without it.
+  // Hints, relaxed: that somebody is between Lock and Unlock (a wait on a condition holds the
+  // mutex without it), and that two threads have met at this lock at some time.
   bool taken_ = false;
+  bool isContended_ = false;
 };
 
 // What a thread that waits on a condition brings along.

@@ -1,6 +1,7 @@
 // Threads that take turns in every order there is.
 #include "harness/every_schedule.h"
 
+#include <errno.h>
 #include <sched.h>
 #include <time.h>
 #include <unistd.h>
@@ -231,6 +232,12 @@ extern "C" int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept {
   if (schedule == nullptr) return real(mutex);
   schedule->Lock(mutex);
   return 0;
+}
+
+// To try to lock and fail is allowed at any time.
+extern "C" int pthread_mutex_trylock(pthread_mutex_t* mutex) noexcept {
+  static auto* const real = RealFunction<int(pthread_mutex_t*)>("pthread_mutex_trylock");
+  return schedule != nullptr ? EBUSY : real(mutex);
 }
 
 extern "C" int pthread_mutex_unlock(pthread_mutex_t* mutex) noexcept {

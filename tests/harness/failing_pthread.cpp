@@ -73,6 +73,12 @@ extern "C" int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept {
   return error;
 }
 
+// What may fail must be locked.
+extern "C" int pthread_mutex_trylock(pthread_mutex_t* mutex) noexcept {
+  static auto* const real = RealFunction<int(pthread_mutex_t*)>("pthread_mutex_trylock");
+  return current != nullptr ? EBUSY : real(mutex);
+}
+
 extern "C" int pthread_mutex_unlock(pthread_mutex_t* mutex) noexcept {
   static auto* const real = RealFunction<int(pthread_mutex_t*)>("pthread_mutex_unlock");
   const bool isHeld = NoteUnlock(mutex);
