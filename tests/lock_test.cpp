@@ -468,6 +468,43 @@ TEST_CASE("a waiter that is cancelled in its sleep gives the mutex back") {
   CHECK(waiting.condition.Unlock() == 0);
 }
 
+TEST_CASE("a waiter that is cancelled while others have its mutex does not give it back again") {
+  struct Cancelled {
+    ORVEX_PThread_CondLock condition;
+    int locks = 0;
+    int unlocks = 0;
+    int wrongUnlocks = -1;
+  } cancelled;
+  pthread_t waiter;
+  const auto wait = [](void* arg) -> void* {
+    auto& self = *static_cast<Cancelled*>(arg);
+    struct Counted : FailingPThread {
+      explicit Counted(Cancelled& its) : told(its) {}
+      ~Counted() {
+        told.locks = locks;
+        told.unlocks = unlocks;
+        told.wrongUnlocks = wrongUnlocks;
+      }
+      Cancelled& told;
+    } failing(self);
+    failing.waitError = EINVAL;
+    CondWaitCallbacks_t callbacks{[](void*) { return true; },
+                                  [](void*) { pthread_cancel(pthread_self()); },
+                                  nullptr,
+                                  &self,
+                                  nullptr,
+                                  nullptr};
+    bool waited = false;
+    self.condition.Wait(waited, callbacks);
+    return nullptr;
+  };
+  REQUIRE(pthread_create(&waiter, nullptr, wait, &cancelled) == 0);
+  pthread_join(waiter, nullptr);
+  CHECK(cancelled.locks == 1);
+  CHECK(cancelled.unlocks == 1);
+  CHECK(cancelled.wrongUnlocks == 0);
+}
+
 TEST_CASE("a condition lock is a condition first and a lock second") {
   ORVEX_PThread_CondLock condition;
   CHECK(static_cast<void*>(static_cast<ORVEX_CondVar*>(&condition)) ==

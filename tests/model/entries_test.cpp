@@ -205,6 +205,29 @@ TEST_CASE("keys are found across the end of the index") {
   for (uint32_t i = 0; i < 20; ++i) CHECK((pair.Find(hashing(0xFFFFFFFF - i)) != 0) == (i >= 10));
 }
 
+TEST_CASE("a key as far from its place as it may be is found once another's removal lets it near") {
+  Pair pair;
+  metadata_input_s in{};
+  in.fileOperation = KEY_SIZE;
+  // By the cell where its search begins, the upper 13 bits of the hash.
+  const auto beginningAt = [&](uint32_t cell, uint32_t rest) {
+    in.size = NumberToHash(kFactorOfSizes, cell << 19 | rest, 1);
+    return in;
+  };
+  // 200 cells in a row, and one key of the first in the middle of them.
+  constexpr uint32_t kMostProbes = 128;
+  for (uint32_t cell = 0; cell < 200; ++cell) {
+    const bool isFar = cell == kMostProbes - 1;
+    pair.Insert(isFar ? beginningAt(0, 1) : beginningAt(cell, 0));
+  }
+  pair.RemoveOldest();
+  CHECK(pair.Find(beginningAt(0, 0)) == 0);
+  CHECK(pair.Find(beginningAt(0, 1)) != 0);
+  for (uint32_t cell = 1; cell < 200; ++cell) {
+    if (cell != kMostProbes - 1) CHECK(pair.Find(beginningAt(cell, 0)) != 0);
+  }
+}
+
 TEST_CASE("as many nodes as there are slots can be in, and one more is refused") {
   LRUCacheEntries entries(0);
   metadata_input_s in = InputFor("/a");
