@@ -434,7 +434,7 @@ TEST_CASE("resetting the counters of the hash cache zeroes all ten") {
 TEST_CASE("no counter of the hash cache lies across two cache lines") {
   const OpenHashCache cache;
   CHECK(reinterpret_cast<uintptr_t>(&cache.metrics) % 8 == 0);
-  CHECK(reinterpret_cast<uintptr_t>(&cache.silentHits_) % 8 == 0);
+  CHECK(reinterpret_cast<uintptr_t>(&cache.metrics.silentHits) % 8 == 0);
   CHECK(sizeof(LRUCacheMetrics_s) == 80);
 }
 

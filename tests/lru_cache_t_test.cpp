@@ -127,7 +127,7 @@ struct PathNode {
 };
 
 struct TwoCounters {
-  alignas(8) long long evictions = 0;
+  alignas(8) long long WipeOuts = 0;
   alignas(8) long long untouched = 0;
 };
 
@@ -136,7 +136,7 @@ class SizeCache : public BareCache<SizeKey, PathNode, TwoCounters> {
  public:
   void LRUCacheNodeWipe() override {
     BareCache::LRUCacheNodeWipe();
-    EvictBeyondCapacity(&metrics.evictions);
+    EvictBeyondCapacity();
   }
 };
 
@@ -318,11 +318,11 @@ TEST_CASE("beyond its capacity a cache evicts the least recently stored") {
   CHECK(cache.Store("/a") == 0);
   CHECK(cache.Store("/b") == 0);
   CHECK(cache.Store("/b") == 0);
-  CHECK(cache.metrics.evictions == 0);
+  CHECK(cache.metrics.WipeOuts == 0);
   CHECK(liveNodes == 2);
   CHECK(cache.Store("/c") == 0);
   CHECK(cache.PathsInOrder() == Paths{"/c", "/b"});
-  CHECK(cache.metrics.evictions == 1);
+  CHECK(cache.metrics.WipeOuts == 1);
   CHECK(liveNodes == 2);
   metadata_input_s evicted = FileAt("/a");
   CHECK(cache.Find(SizeKey(evicted)) == nullptr);
@@ -335,7 +335,7 @@ TEST_CASE("lowering the capacity evicts the surplus at once, least recently used
   CHECK(cache.PathsInOrder() == Paths{"/d", "/c", "/b"});
   cache.SetCapacity(1);
   CHECK(cache.PathsInOrder() == Paths{"/d"});
-  CHECK(cache.metrics.evictions == 3);
+  CHECK(cache.metrics.WipeOuts == 3);
   CHECK(cache.entries_.EntryCount() == 1);
 }
 

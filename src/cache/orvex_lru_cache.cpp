@@ -75,26 +75,15 @@ int LRUCache::FlushCache() {
 
 int LRUCache::ResetMetrics() {
   const ORVEX_CallsInFlight::Scope inFlight(calls_, ORVEX_CallsInFlight::kOfCache);
-  const ORVEX_MutexGuard guard(&lock);
-  ZeroMetrics();
-  return ORVEX_OK;
+  return LRUCacheT::ResetMetrics();
 }
 
 int LRUCache::GetMetrics(LRUCacheMetrics_s& out) const {
   const ORVEX_CallsInFlight::Scope inFlight(calls_, ORVEX_CallsInFlight::kOfCache);
-  const long long silentHits = ORVEX_atomic_read_64(&silentHits_);
-  out.Query = ORVEX_atomic_read_64(&metrics.Query) + silentHits;
-  out.Miss = ORVEX_atomic_read_64(&metrics.Miss);
-  out.Hit = ORVEX_atomic_read_64(&metrics.Hit) + silentHits;
-  out.PartialHit = ORVEX_atomic_read_64(&metrics.PartialHit);
-  out.OutOfDate = ORVEX_atomic_read_64(&metrics.OutOfDate);
-  out.WipeOuts = ORVEX_atomic_read_64(&metrics.WipeOuts);
-  out.numOfCacheUpdateMetaDataSuccess =
-      ORVEX_atomic_read_64(&metrics.numOfCacheUpdateMetaDataSuccess);
-  out.numOfCacheUpdateMetaDataFailure =
-      ORVEX_atomic_read_64(&metrics.numOfCacheUpdateMetaDataFailure);
-  out.numOfHelpFuncCalled = ORVEX_atomic_read_64(&metrics.numOfHelpFuncCalled);
-  out.numOfWaitInHashCalculation = ORVEX_atomic_read_64(&metrics.numOfWaitInHashCalculation);
+  const long long silentHits = ORVEX_atomic_read_64(&metrics.silentHits);
+  ReadMetrics(out);
+  out.Query += silentHits;
+  out.Hit += silentHits;
   return ORVEX_OK;
 }
 
@@ -120,14 +109,14 @@ void LRUCache::LRUCacheNodeUpdate(LRUCacheKey& key, LRUCacheNode* node, LRU_OPER
 
 void LRUCache::LRUCacheNodeWipe() {
   const ORVEX_ProfilingScope profiling("LRUCache::LRUCacheNodeWipe");
-  EvictBeyondCapacity(&metrics.WipeOuts);
+  EvictBeyondCapacity();
 }
 
 int LRUCache::InsertCacheNode(LRUCacheKey& key, LRUCacheNode* node) {
   if (node == nullptr) return ORVEX_INVALID_PARAMETER;
   const ORVEX_MutexGuard guard(&lock);
   try {
-    if (Find(key) != nullptr) return ORVEX_ALREADY_CACHED;
+    if (entries_.Find(LRUCacheKeyView(key)) != 0) return ORVEX_ALREADY_CACHED;
     LRUCacheNodeUpdate(key, node, LRU_INSERT);
   } catch (const std::exception&) {
     return ORVEX_NO_MEMORY;

@@ -83,14 +83,8 @@ class ORVEX_API LRUCache : public LRUCacheT<LRUCacheKey, LRUCacheNode, LRUCacheM
   // Threads inside Query, GetMetrics or ResetMetrics, set to zero under the cache
   // lock at each start, whoever is inside; and those inside the engine.
   mutable ORVEX_CallsInFlight calls_;
-  // Hits that nobody was told of. Each counts in Query and in Hit, by one locked add.
-  alignas(8) mutable long long silentHits_ = 0;
 
  private:
-  ORVEX_LOCAL void ZeroMetrics() ORVEX_REQUIRES(lock) {
-    LRUCacheT::ZeroMetrics();
-    ORVEX_ZeroCounter(&silentHits_);
-  }
   ORVEX_LOCAL bool MayWait(const metadata_input_s& in) const {
     return (in.invOperation & INV_CACHE_ONLY) == 0 && calHashSet.MayHold(in.path);
   }

@@ -12,15 +12,12 @@ struct LRUCacheEntries::Before {
   using is_transparent = void;
   const LRUCacheEntries* entries;
 
-  bool operator()(LRUCacheSlot left, LRUCacheSlot right) const {
-    return entries->KeyIn(left) < entries->KeyIn(right);
+  template <typename Left, typename Right>
+  bool operator()(const Left& left, const Right& right) const {
+    return KeyOf(left) < KeyOf(right);
   }
-  bool operator()(const LRUCacheKeyView& left, LRUCacheSlot right) const {
-    return left < entries->KeyIn(right);
-  }
-  bool operator()(LRUCacheSlot left, const LRUCacheKeyView& right) const {
-    return entries->KeyIn(left) < right;
-  }
+  LRUCacheKeyView KeyOf(LRUCacheSlot slot) const { return entries->KeyIn(slot); }
+  const LRUCacheKeyView& KeyOf(const LRUCacheKeyView& key) const { return key; }
 };
 
 // Mixed keys cannot be searched for where they are.
@@ -32,7 +29,7 @@ struct LRUCacheEntries::OrderedView {
 };
 
 LRUCacheEntries::LRUCacheEntries(size_t nodeBytes)
-    : linesOfPlace_((sizeof(Place) + nodeBytes + sizeof(Line) - 1) / sizeof(Line)) {}
+    : bytesOfPlace_((sizeof(Place) + nodeBytes + sizeof(Line) - 1) / sizeof(Line) * sizeof(Line)) {}
 
 LRUCacheEntries::~LRUCacheEntries() { Clear(); }
 
@@ -80,7 +77,7 @@ void LRUCacheEntries::CopyText(LRUCacheSlot slot) {
 }
 
 LRUCacheSlot LRUCacheEntries::RemoveOldest() {
-  const LRUCacheSlot slot = tables_->links[0].previous;
+  const LRUCacheSlot slot = Oldest();
   if (HasEntry(slot)) RemoveEntry(tables_->links[slot].entry);
   FreeText(slot);
   Unlink(slot);
@@ -109,7 +106,7 @@ void LRUCacheEntries::Clear() {
 // A slot to take, with memory behind it.
 LRUCacheSlot LRUCacheEntries::FreeSlot() {
   // NOLINTBEGIN(modernize-make-unique): no zeros where nothing is read before it is written.
-  if (places_ == nullptr) places_.reset(new Line[kSlots * linesOfPlace_]);
+  if (places_ == nullptr) places_.reset(new Line[kSlots * bytesOfPlace_ / sizeof(Line)]);
   if (tables_ == nullptr) tables_.reset(new Tables);
   // NOLINTEND(modernize-make-unique)
   if (freeSlot_ != 0) return freeSlot_;

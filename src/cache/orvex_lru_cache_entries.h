@@ -91,6 +91,7 @@ class ORVEX_LOCAL LRUCacheEntries {
     Unlink(slot);
     LinkFirst(slot);
   }
+  LRUCacheSlot Oldest() const { return tables_->links[0].previous; }
   // Its entry goes with it, whoever shares it; its node can be reached until the next
   // insertion. There must be a slot in use.
   LRUCacheSlot RemoveOldest();
@@ -136,7 +137,8 @@ class ORVEX_LOCAL LRUCacheEntries {
   struct OrderedView;
 
   Place& PlaceOf(LRUCacheSlot slot) const {
-    return *std::launder(reinterpret_cast<Place*>(&places_[slot * linesOfPlace_]));
+    auto* const first = reinterpret_cast<unsigned char*>(places_.get());
+    return *std::launder(reinterpret_cast<Place*>(first + slot * bytesOfPlace_));
   }
   LRUCacheSlot FreeSlot();
   void LinkFirst(LRUCacheSlot slot) {
@@ -177,7 +179,7 @@ class ORVEX_LOCAL LRUCacheEntries {
     });
   }
 
-  const size_t linesOfPlace_;
+  const size_t bytesOfPlace_;  // whole lines
   // Null until the first insertion. The system gives memory to places only as they are used.
   std::unique_ptr<Line[]> places_;
   std::unique_ptr<Tables> tables_;

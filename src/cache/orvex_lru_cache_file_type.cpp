@@ -111,11 +111,7 @@ int FileTypeCache::AskHostAndKeep(metadata_input_s* metaIn, metadata_output_s* m
 }
 
 int FileTypeCache::GetMetrics(FileTypeCacheMetrics_s& out) const {
-  out.Hit = ORVEX_atomic_read_64(&metrics.Hit);
-  out.Miss = ORVEX_atomic_read_64(&metrics.Miss);
-  out.OutOfDate = ORVEX_atomic_read_64(&metrics.OutOfDate);
-  out.WipeOuts = ORVEX_atomic_read_64(&metrics.WipeOuts);
-  out.numOfHelpFuncCalled = ORVEX_atomic_read_64(&metrics.numOfHelpFuncCalled);
+  ReadMetrics(out);
   return ORVEX_OK;
 }
 
@@ -152,4 +148,4 @@ int FileTypeCache::QueryLRUCache(metadata_input_s* metaIn, metadata_output_s* me
   return LRU_HIT;
 }
 
-void FileTypeCache::LRUCacheNodeWipe() { EvictBeyondCapacity(&metrics.WipeOuts); }
+void FileTypeCache::LRUCacheNodeWipe() { EvictBeyondCapacity(); }

@@ -30,10 +30,7 @@ void LRUCacheKey::Read(const metadata_input_s& in) {
 }
 
 bool LRUCacheKey::operator<(const LRUCacheKey& right) const {
-  if ((flags & KEY_PATH) != 0 && path != right.path) return path < right.path;
-  LRUCacheKeyView numbers(*this);
-  numbers.flags &= ~uint32_t{KEY_PATH};
-  return numbers < LRUCacheKeyView(right);
+  return LRUCacheKeyView(*this) < LRUCacheKeyView(right);
 }
 
 bool LRUCacheKey::operator==(const LRUCacheKey& other) {

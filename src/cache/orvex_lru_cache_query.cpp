@@ -140,7 +140,7 @@ inline LRU_LOOKUP LRUCache::LookUp(const metadata_input_s& in, metadata_output_s
   Use(slot, kTalks);
   // Last: a locked add is a full barrier and would stall the loads that follow.
   if (!kTalks && isComplete) {
-    ORVEX_atomic_increment_64(&silentHits_);
+    ORVEX_atomic_increment_64(&metrics.silentHits);
   } else if (!kTalks) {
     ORVEX_atomic_increment_64(&metrics.Query);
     ORVEX_atomic_increment_64(&metrics.PartialHit);

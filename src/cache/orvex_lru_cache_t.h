@@ -30,15 +30,8 @@ enum LRU_LOOKUP : int {
   LRU_NO_MEMORY = -2,  // and nothing has changed or was counted
 };
 
-// Counts at the end of its scope, also when the host throws.
-struct ORVEX_LOCAL ORVEX_CountAtEnd {
-  long long volatile* counter;
-  ~ORVEX_CountAtEnd() { ORVEX_atomic_increment_64(counter); }
-};
-
-// Keeps nodes in recency order, finds them by key, and holds the capacity, the
-// host's callback and the counters. What a lookup, a query and an eviction mean
-// is the subclass's.
+// Keeps nodes in recency order, finds them by key, and holds the capacity, the host's callback
+// and the counters. What a lookup and a query mean is the subclass's.
 //
 // Key:     made from a metadata_input_s&, Read(), converts to an LRUCacheKeyView.
 // Node:    made from and SetDataToCacheNode(metadata_input_s&,
@@ -92,13 +85,12 @@ class ORVEX_API LRUCacheT {
       const LRUCacheSlot slot = talks ? entries_.Find(key_) : entries_.Find(*metaIn, hash);
       if (slot == 0) {
         Insert(*metaIn, hash, new (entries_.MemoryForNode()) Node(*metaIn, *metaOut), talks);
-        return ORVEX_OK;
+      } else {
+        // The key shares the text that is about to change.
+        if (NodeIn(slot)->path != TextOrEmpty(metaIn->path)) entries_.CopyText(slot);
+        NodeIn(slot)->SetDataToCacheNode(*metaIn, *metaOut);
+        Use(slot, talks);
       }
-      Node* const cached = NodeIn(slot);
-      // The key shares the text that is about to change.
-      if (cached->path != TextOrEmpty(metaIn->path)) entries_.CopyText(slot);
-      cached->SetDataToCacheNode(*metaIn, *metaOut);
-      Use(slot, talks);
       return ORVEX_OK;
     } catch (const std::exception&) {
       // No memory, or a text longer than a string can be.
@@ -110,7 +102,7 @@ class ORVEX_API LRUCacheT {
   virtual int FlushCache() ORVEX_EXCLUDES(lock) {
     const ORVEX_MutexGuard guard(&lock);
     entries_.ForgetKeys();
-    for (LRUCacheSlot slot = entries_.After(0); slot != 0; slot = entries_.After(slot)) Owned(slot);
+    for (LRUCacheSlot slot = entries_.After(0); slot != 0; slot = entries_.After(slot)) End(slot);
     entries_.Clear();
     return ORVEX_OK;
   }
@@ -130,8 +122,7 @@ class ORVEX_API LRUCacheT {
       ORVEX_EXCLUDES(lock) = 0;
   virtual int GetMetrics(Metrics& out) const = 0;
   virtual void DumpMetrics() const = 0;
-  // Throws std::bad_alloc for LRU_INSERT, and then nothing has changed and the
-  // node is still the caller's.
+  // Throws std::bad_alloc for LRU_INSERT; then the node is still the caller's.
   virtual void LRUCacheNodeUpdate(Key& key, Node* node, LRU_OPERATION operation)
       ORVEX_REQUIRES(lock) {
     if (node == nullptr) return;
@@ -140,9 +131,11 @@ class ORVEX_API LRUCacheT {
       ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, __func__, kLRUCacheSourceFile,
                         "Cache node updated: path=%s", node->path.c_str());
     } else if (operation == LRU_INSERT) {
-      const LRUCacheKeyView view(key);
+      LRUCacheKeyView view(key);
+      const bool sharesText = node->path == view.path;
+      if (sharesText) view.path = node->path.c_str();
       const uint32_t hash = HashOf(view);
-      Enter(view, hash, entries_.Find(view, hash), node);
+      node->mapEntry = entries_.Insert(view, hash, entries_.Find(view, hash), node, !sharesText);
       ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, __func__, kLRUCacheSourceFile,
                         "Insert new cache node: path=%s", node->path.c_str());
     }
@@ -169,8 +162,7 @@ class ORVEX_API LRUCacheT {
     const ORVEX_MutexGuard guard(&lock);
     return IsActive();
   }
-  // In nodes, 1 to ORVEX_MAX_CAPACITY; anything else means the latter. Evicts at
-  // once.
+  // In nodes, 1 to ORVEX_MAX_CAPACITY; anything else means the latter. Evicts at once.
   void SetCapacity(unsigned int newCapacity) ORVEX_EXCLUDES(lock) {
     const ORVEX_MutexGuard guard(&lock);
     // Unsigned, so that 0 counts as too large.
@@ -195,17 +187,11 @@ class ORVEX_API LRUCacheT {
  protected:
   ~LRUCacheT() {}  // NOLINT(modernize-use-equals-default)
 
-  // IsInit without the lock, for the query path. A call racing a start or stop may see
-  // either answer.
+  // IsInit without the lock. A call racing a start or stop may see either answer.
   ORVEX_LOCAL bool IsActive() const { return ORVEX_LoadRelaxed(active); }
   // None in slot 0.
   ORVEX_LOCAL Node* NodeIn(LRUCacheSlot slot) const ORVEX_REQUIRES(lock) {
     return slot != 0 ? static_cast<Node*>(entries_.NodeIn(slot)) : nullptr;
-  }
-  // The node under an equivalent key, or null. Throws std::bad_alloc, and then nothing has
-  // changed.
-  ORVEX_LOCAL Node* Find(const LRUCacheKeyView& key) ORVEX_REQUIRES(lock) {
-    return NodeIn(entries_.Find(key));
   }
   // Whether a host may be told of each step.
   ORVEX_LOCAL static bool Talks() {
@@ -223,71 +209,75 @@ class ORVEX_API LRUCacheT {
   ORVEX_LOCAL __attribute__((noinline)) LRU_LOOKUP MissOrOutOfDate(const Node* node,
                                                                    const metadata_input_s& in)
       ORVEX_REQUIRES(lock) {
-    constexpr char kFunction[] = "QueryLRUCache";
     if (node == nullptr) {
       ORVEX_atomic_increment_64(&metrics.Miss);
-      ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kFunction, kLRUCacheSourceFile,
+      ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, "QueryLRUCache", kLRUCacheSourceFile,
                         "Cache query: cache miss, %s", in.path);
       return LRU_MISS;
     }
     ORVEX_atomic_increment_64(&metrics.OutOfDate);
-    ORVEX_LOG_MESSAGE(ORVEX_LOG_WARNING, kFunction, kLRUCacheSourceFile,
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_WARNING, "QueryLRUCache", kLRUCacheSourceFile,
                       "Cache query: cache out-of-date, (%llu/%llu) %s", PrintableNumber(in.mtime),
                       PrintableNumber(node->mtime), in.path);
     return LRU_OUT_OF_DATE;
   }
-  // What LRUCacheNodeWipe does; counts each node in wipeOuts.
-  ORVEX_LOCAL void EvictBeyondCapacity(long long volatile* wipeOuts) ORVEX_REQUIRES(lock) {
+  // What LRUCacheNodeWipe does.
+  ORVEX_LOCAL void EvictBeyondCapacity() ORVEX_REQUIRES(lock) {
     while (entries_.Size() > capacity) {
       ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, "LRUCacheNodeWipe", kLRUCacheSourceFile,
                         "Reach max cache capacity, start to remove oldest one");
-      const OwnedNode oldest = Owned(entries_.RemoveOldest());
-      oldest->Dump();
-      ORVEX_atomic_increment_64(wipeOuts);
+      NodeIn(entries_.Oldest())->Dump();
+      End(entries_.RemoveOldest());
+      ORVEX_atomic_increment_64(&metrics.WipeOuts);
     }
   }
   ORVEX_LOCAL void ZeroMetrics() ORVEX_REQUIRES(lock) {
     static_assert(alignof(Metrics) >= 8 && sizeof(Metrics) % sizeof(long long) == 0,
                   "a counter across two cache lines slows every locked add: keep alignas(8)");
     auto* const counters = reinterpret_cast<long long*>(&metrics);
-    for (size_t i = 0; i < sizeof(Metrics) / sizeof(long long); ++i)
-      ORVEX_ZeroCounter(counters + i);
+    for (size_t i = 0; i < sizeof metrics / sizeof *counters; ++i) ORVEX_ZeroCounter(counters + i);
+  }
+  ORVEX_LOCAL void ReadMetrics(Metrics& out) const {
+    auto* const counters = reinterpret_cast<long long*>(&metrics);
+    auto* const copies = reinterpret_cast<long long*>(&out);
+    for (size_t i = 0; i < sizeof out / sizeof *copies; ++i) {
+      copies[i] = ORVEX_atomic_read_64(counters + i);
+    }
   }
   // The host's answer, unchanged.
   ORVEX_LOCAL int AskHost(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx)
       ORVEX_EXCLUDES(lock) {
-    // Read once: registering another callback affects the next query, not this one. No
-    // lock: the host may take seconds, may throw, and may call back into the library on
-    // this very thread.
+    // Without the lock: the host may take seconds, may throw, and may call back into the
+    // library on this very thread.
     return ORVEX_LoadAcquire(queryCallback)(metaIn, metaOut, ctx);
   }
 
   LRUCacheEntries entries_ ORVEX_GUARDED_BY(lock){sizeof(Node)};
   // On its own cache line: waiters poll it.
   alignas(kCacheLineBytes) mutable ORVEX_PThread_Lock lock;
-  // From InitLRUCache to DeinitLRUCache. Written under the lock; an atomic, so that
-  // a query need not take the lock to read it.
+  // From InitLRUCache to DeinitLRUCache. An atomic, written under the lock.
   alignas(kCacheLineBytes) bool active = false;
   // In nodes. What is beyond it goes in LRUCacheNodeWipe.
   unsigned int capacity ORVEX_GUARDED_BY(lock) = ORVEX_MAX_CAPACITY;
-  // Whether nobody overrides LRUCacheNodeUpdate, so that a store that is not logged can do
-  // without the call and the copies of its texts.
+  // Whether nobody overrides LRUCacheNodeUpdate: a store that is not logged then takes the
+  // record itself for its key, and copies no text of it.
   bool isFinal_ ORVEX_GUARDED_BY(lock) = false;
   // Null until registered; survives flush and stop. An atomic, written under the lock.
   orvex_query_cb queryCallback = nullptr;
   // Atomics: counted without the lock by some, zeroed under it.
-  alignas(kCacheLineBytes) mutable Metrics metrics{};
+  struct Counters : Metrics {
+    // Hits that nobody was told of. Each counts in Query and in Hit, by one locked add.
+    alignas(8) long long silentHits = 0;
+  };
+  alignas(kCacheLineBytes) mutable Counters metrics{};
   // The key of the record under way; its texts' memory serves one record after the other.
   alignas(kCacheLineBytes) Key key_ ORVEX_GUARDED_BY(lock);
 
  private:
-  using OwnedNode = std::unique_ptr<Node, void (*)(Node*)>;
-
   // A node built in the memory of its slot is only destroyed.
-  ORVEX_LOCAL static void End(Node* node) { node->~Node(); }
-  ORVEX_LOCAL static void Delete(Node* node) { delete node; }
-  ORVEX_LOCAL OwnedNode Owned(LRUCacheSlot slot) ORVEX_REQUIRES(lock) {
-    return OwnedNode(NodeIn(slot), entries_.IsInPlace(slot) ? End : Delete);
+  ORVEX_LOCAL void End(LRUCacheSlot slot) ORVEX_REQUIRES(lock) {
+    Node* const node = NodeIn(slot);
+    entries_.IsInPlace(slot) ? node->~Node() : delete node;
   }
   // The node was built in place. Once inserted it is the cache's, also when a log callback
   // ends the thread.
@@ -297,19 +287,14 @@ class ORVEX_API LRUCacheT {
       if (talks) {
         LRUCacheNodeUpdate(key_, node, LRU_INSERT);
       } else {
-        Enter(LRUCacheKeyView(in), hash, 0, node);
+        LRUCacheKeyView key(in);
+        key.path = node->path.c_str();
+        node->mapEntry = entries_.Insert(key, hash, 0, node, false);
       }
     } catch (const std::bad_alloc&) {
-      End(node);
+      node->~Node();
       throw;
     }
     LRUCacheNodeWipe();
-  }
-  // Where found is what entries_ returned for the key.
-  ORVEX_LOCAL void Enter(LRUCacheKeyView key, uint32_t hash, LRUCacheSlot found, Node* node)
-      ORVEX_REQUIRES(lock) {
-    const bool sharesText = node->path == key.path;
-    if (sharesText) key.path = node->path.c_str();
-    node->mapEntry = entries_.Insert(key, hash, found, node, !sharesText);
   }
 };

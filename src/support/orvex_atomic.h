@@ -63,3 +63,9 @@ inline void ORVEX_ZeroCounter(long long* cell) {
   ORVEX_AlignedCounter* counter = cell;
   __atomic_store_n(counter, 0, __ATOMIC_RELAXED);
 }
+
+// Counts at the end of its scope, also when the host throws.
+struct ORVEX_CountAtEnd {
+  long long volatile* counter;
+  ~ORVEX_CountAtEnd() { ORVEX_atomic_increment_64(counter); }
+};

@@ -55,16 +55,11 @@ class ORVEX_API ORVEX_PThread_Lock : public ORVEX_Lock {
 
   // Lock and Unlock, for callers that need no virtual table.
   ORVEX_LOCAL unsigned int Acquire() {
-    if (ORVEX_LoadRelaxed(taken_)) ORVEX_StoreRelaxed(isContended_, true);
-    const int error =
-        ORVEX_LoadRelaxed(isContended_) ? LockAfterPauses() : pthread_mutex_lock(&mutex_);
-    ORVEX_StoreRelaxed(lastError_, error);
-    if (error != 0) return ORVEX_LOCK_FAILED;
-    ORVEX_StoreRelaxed(taken_, true);
-    return ORVEX_OK;
+    if (ORVEX_LoadRelaxed(hints_) != 0) return AcquireAfterPauses();
+    return Acquired(pthread_mutex_lock(&mutex_), kTaken);
   }
   ORVEX_LOCAL unsigned int Release() {
-    ORVEX_StoreRelaxed(taken_, false);
+    ORVEX_StoreRelaxed(hints_, static_cast<unsigned char>(ORVEX_LoadRelaxed(hints_) & kContended));
     const int error = pthread_mutex_unlock(&mutex_);
     ORVEX_StoreRelaxed(lastError_, error);
     if (error != 0) return ORVEX_UNLOCK_FAILED;
@@ -81,22 +76,30 @@ class ORVEX_API ORVEX_PThread_Lock : public ORVEX_Lock {
   int lastError_ = 0;
 
  private:
+  // That somebody is between Lock and Unlock (a wait on a condition holds the mutex without
+  // it), and that two threads have met at this lock at some time.
+  enum Hints : unsigned char { kTaken = 1, kContended = 2 };
+
+  ORVEX_LOCAL unsigned int Acquired(int error, int hints) {
+    ORVEX_StoreRelaxed(lastError_, error);
+    if (error != 0) return ORVEX_LOCK_FAILED;
+    ORVEX_StoreRelaxed(hints_, static_cast<unsigned char>(hints));
+    return ORVEX_OK;
+  }
   // pthread_mutex_lock puts a thread to sleep at once, and what the library does under a lock
   // usually takes less time than that and waking it again. A hundred pauses take about as
   // long.
-  ORVEX_LOCAL __attribute__((noinline)) int LockAfterPauses() {
-    constexpr int kMostPauses = 100;
-    for (int pauses = 0; pauses < kMostPauses && ORVEX_TryToLock != nullptr; ++pauses) {
-      if (!ORVEX_LoadRelaxed(taken_) && ORVEX_TryToLock(&mutex_) == 0) return 0;
+  ORVEX_LOCAL __attribute__((noinline)) unsigned int AcquireAfterPauses() {
+    int pauses = ORVEX_TryToLock != nullptr ? 100 : 0;
+    while (pauses != 0 &&
+           ((ORVEX_LoadRelaxed(hints_) & kTaken) != 0 || ORVEX_TryToLock(&mutex_) != 0)) {
       __builtin_ia32_pause();
+      --pauses;
     }
-    return pthread_mutex_lock(&mutex_);
+    return Acquired(pauses != 0 ? 0 : pthread_mutex_lock(&mutex_), kTaken | kContended);
   }
 
-  // Hints, relaxed: that somebody is between Lock and Unlock (a wait on a condition holds the
-  // mutex without it), and that two threads have met at this lock at some time.
-  bool taken_ = false;
-  bool isContended_ = false;
+  unsigned char hints_ = 0;  // relaxed
 };
 
 // What a thread that waits on a condition brings along.

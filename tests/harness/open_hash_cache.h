@@ -18,7 +18,6 @@ class OpenHashCache : public LRUCache {
   using LRUCache::entries_;
   using LRUCache::lock;
   using LRUCache::metrics;
-  using LRUCache::silentHits_;
 
   OpenHashCache() { RegisterMetaQueryCallback(CallHost); }
   ~OpenHashCache() override { FlushCache(); }
