@@ -55,10 +55,24 @@ uint64_t NumberToHashAlike(const Field& field, uint64_t rest, uint64_t which) {
   return NumberToHash(field.factor, 0x12345678, which, rest);
 }
 
+// Files that hash alike once paths are hashed as well, and not before.
+std::vector<File> FilesAlikeWithPaths(size_t count) {
+  std::vector<File> files;
+  for (uint64_t i = 0; i < count; ++i) {
+    File file{"/alike-" + std::to_string(i), 0, 9};
+    const uint32_t hash = 0x12345678 - HashOfPath(LRUCacheKeyView(KeyOf(file, KEY_PATH)));
+    file.size = NumberToHash(kFactorOfSizes, hash, i, HashOfNumber(9, kFactorOfFiles));
+    files.push_back(file);
+  }
+  return files;
+}
+
 // A cache of either kind that empties itself at its end.
 template <typename Cache>
 class CacheOfFiles {
  public:
+  // Started, so that it stores as the library's own does.
+  CacheOfFiles() { cache.InitLRUCache(); }
   ~CacheOfFiles() { cache.FlushCache(); }
 
   int Store(const File& file, uint32_t fields) {
@@ -112,9 +126,9 @@ void CheckThatEvenOnesAreFound(const std::vector<File>& files, uint32_t fields) 
 
 using Insertions = std::vector<size_t>;
 
-// Which of the insertions ask for more memory than an entry takes: the first, and all while
-// the keys are kept in order as well. What is found by hashing and what by order are the
-// same, only memory tells.
+// Which of the insertions ask for more memory than an entry takes: the first, those that
+// hash anew, and all while the keys are kept in order as well. What is found by hashing and
+// what by order are the same, only memory tells.
 template <typename Cache>
 Insertions MoreMemoryWith(const std::vector<File>& files) {
   CacheOfFiles<Cache> cache;
@@ -167,6 +181,18 @@ TEST_CASE_TEMPLATE("files whose numbers all hash alike are found all the same", 
   CheckThatEvenOnesAreFound<Cache>(files, KEY_SIZE);
 }
 
+TEST_CASE_TEMPLATE("files whose sizes hash alike are found under any path if that does not count",
+                   Cache, LRUCache, FileTypeCache) {
+  CacheOfFiles<Cache> files;
+  for (uint64_t i = 0; i < kMany; ++i) {
+    files.Store({PathNumber(i), NumberToHashAlike(kSize, 0, i), 0}, KEY_SIZE);
+  }
+  for (uint64_t i = 0; i < kMany; ++i) {
+    CAPTURE(i);
+    CHECK(files.Holds({"/moved", NumberToHashAlike(kSize, 0, i), 0}, KEY_SIZE));
+  }
+}
+
 TEST_CASE_TEMPLATE("files that hash alike are told apart by each number", Cache, LRUCache,
                    FileTypeCache) {
   const struct {
@@ -211,11 +237,26 @@ TEST_CASE_TEMPLATE("files that hash alike with their paths are told apart by the
   std::vector<File> files;
   for (uint64_t i = 0; i < 20; ++i) {
     File file{PathNumber(i), 0, 0};
-    const size_t rest = HashOfNumber(std::hash<std::string>()(file.path), kFactorOfPaths);
-    file.deviceID = NumberToHashAlike(kDevice, rest, i);
+    const uint32_t hash = 0x12345678 - HashOfPath(LRUCacheKeyView(KeyOf(file, KEY_PATH)));
+    file.deviceID = NumberToHash(kFactorOfDevices, hash, i);
     files.push_back(file);
   }
   CheckThatEvenOnesAreFound<Cache>(files, KEY_PATH | KEY_DEVICE_ID);
+}
+
+TEST_CASE_TEMPLATE("names of one file are found among files whose paths then hash alike", Cache,
+                   LRUCache, FileTypeCache) {
+  std::vector<File> files = FilesAlikeWithPaths(kMany);
+  for (uint64_t i = 0; i < kMany; ++i) files.push_back({PathNumber(i), 7, 8});
+  CheckThatEvenOnesAreFound<Cache>(files, kAllKeyBits);
+}
+
+TEST_CASE_TEMPLATE("files that hash alike with their paths are found after names of one file",
+                   Cache, LRUCache, FileTypeCache) {
+  std::vector<File> files;
+  for (uint64_t i = 0; i < kMany; ++i) files.push_back({PathNumber(i), 7, 8});
+  for (const File& file : FilesAlikeWithPaths(kMany)) files.push_back(file);
+  CheckThatEvenOnesAreFound<Cache>(files, kAllKeyBits);
 }
 
 TEST_CASE_TEMPLATE("names of one file are found though memory ran out as they became many", Cache,
@@ -249,6 +290,19 @@ TEST_CASE_TEMPLATE("files that are told apart by their numbers are not kept in o
   std::vector<File> files;
   for (uint64_t i = 0; i < kMany; ++i) files.push_back({"/a", i, i + 1});
   CHECK(MoreMemoryWith<Cache>(files) == Insertions{0});
+}
+
+TEST_CASE_TEMPLATE("names of one file are rehashed by their paths and not kept in order", Cache,
+                   LRUCache, FileTypeCache) {
+  // Of several directories: in some of them two names meet when it matters.
+  for (char directory = 'a'; directory <= 'p'; ++directory) {
+    CAPTURE(directory);
+    std::vector<File> files;
+    for (uint64_t i = 0; i < kMany; ++i) {
+      files.push_back({"/" + std::string(1, directory) + PathNumber(i), 7, 9});
+    }
+    CHECK(MoreMemoryWith<Cache>(files) == Insertions{0, 128});
+  }
 }
 
 TEST_CASE_TEMPLATE("files that hash alike are kept in order once they are too many", Cache,

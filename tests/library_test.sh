@@ -64,6 +64,9 @@ newest=$(readelf -VW "$library" | grep -oE 'GLIBC_[0-9.]+' | sort -Vu | tail -n 
 [ "$(printf '%s\n' "$newest" "$promised" | sort -V | tail -n 1)" = "$promised" ] ||
   fail "needs $newest, while the README says $promised"
 
+readelf --dyn-syms -W "$library" | grep -q 'WEAK .* pthread_mutex_trylock@GLIBC_2\.[02]' ||
+  fail 'a contended lock cannot be tried, or not with every C library'
+
 headers=$(readelf -lW "$library")
 printf '%s\n' "$headers" | grep -q GNU_RELRO || fail 'relocations stay writable'
 printf '%s\n' "$headers" | grep 'GNU_STACK' | grep -q 'RWE' && fail 'the stack is executable'

@@ -4,8 +4,6 @@
 
 #include <cstdint>
 #include <exception>
-#include <memory>
-#include <new>
 #include <typeinfo>
 
 #include "support/orvex_profiling.h"

@@ -26,6 +26,17 @@ struct LRUCacheEntries::OrderedView {
   explicit OrderedView(Before before) : slots(before) {}
   Set slots;
   std::array<Set::const_iterator, kSlots> positions{};
+
+  // The slot itself, or that of an equivalent key, which stays.
+  LRUCacheSlot Enter(LRUCacheSlot slot) {
+    const auto position = slots.insert(slots.begin(), slot);
+    // Never but for a host that changes a path while it is stored.
+    positions[slot] = *position == slot ? position : slots.end();
+    return *position;
+  }
+  void Remove(LRUCacheSlot slot) {
+    if (positions[slot] != slots.end()) slots.erase(positions[slot]);
+  }
 };
 
 LRUCacheEntries::LRUCacheEntries(size_t nodeBytes)
@@ -123,16 +134,15 @@ void LRUCacheEntries::FreeText(LRUCacheSlot slot) {
 LRUCacheSlot LRUCacheEntries::Enter(LRUCacheSlot slot, uint32_t hash, LRUCacheSlot found) {
   const uint32_t fields = FieldsOf(KeyIn(slot));
   if (entryCount_ == 0) fields_ = indexedFields_ = fields;
-  bool inIndex = fields == indexedFields_;
+  bool inIndex = fields == (indexedFields_ & ~kAlsoByPath);
   if (inIndex && found != 0) return found;
   if (view_ != nullptr) {
-    if (const LRUCacheSlot equal = EnterView(slot); equal != slot) return equal;
+    if (const LRUCacheSlot equal = view_->Enter(slot); equal != slot) return equal;
   }
-  // False when too many keys collide.
-  inIndex = inIndex && tables_->index.Put(hash, slot);
+  inIndex = inIndex && EnterIndex(slot, hash);
   if (!inIndex && view_ == nullptr) {
     view_ = MakeView();
-    EnterView(slot);
+    view_->Enter(slot);
   }
   if (!inIndex) indexedFields_ = kNoFields;
   ++entryCount_;
@@ -141,7 +151,7 @@ LRUCacheSlot LRUCacheEntries::Enter(LRUCacheSlot slot, uint32_t hash, LRUCacheSl
 
 void LRUCacheEntries::RemoveEntry(LRUCacheSlot entry) {
   if (indexedFields_ != kNoFields) tables_->index.Remove(entry);
-  if (view_ != nullptr) view_->slots.erase(view_->positions[entry]);
+  if (view_ != nullptr) view_->Remove(entry);
   // Some node is in no entry of its own. Those that shared this one are in none now.
   if (entryCount_ != size_) {
     for (LRUCacheSlot slot = After(0); slot != 0; slot = After(slot)) {
@@ -171,14 +181,15 @@ LRUCacheEntries::Slots LRUCacheEntries::EntriesBy(const Order& before) const {
   return {begin, end};
 }
 
+LRUCacheEntries::Slots LRUCacheEntries::EntriesAsTheyCame() const {
+  return EntriesBy([this](LRUCacheSlot left, LRUCacheSlot right) {
+    return tables_->origins[left].insertion < tables_->origins[right].insertion;
+  });
+}
+
 std::unique_ptr<LRUCacheEntries::OrderedView> LRUCacheEntries::MakeView() const {
   auto view = std::make_unique<OrderedView>(Before{this});
-  const auto asTheyCame = [this](LRUCacheSlot left, LRUCacheSlot right) {
-    return tables_->origins[left].insertion < tables_->origins[right].insertion;
-  };
-  for (const LRUCacheSlot slot : EntriesBy(asTheyCame)) {
-    view->positions[slot] = view->slots.insert(view->slots.begin(), slot);
-  }
+  for (const LRUCacheSlot slot : EntriesAsTheyCame()) view->Enter(slot);
   return view;
 }
 
@@ -194,9 +205,27 @@ LRUCacheSlot LRUCacheEntries::FindInView(const LRUCacheKeyView& key) {
   return found != view_->slots.end() ? *found : LRUCacheSlot{0};
 }
 
-// The slot itself, or that of an equivalent key, which stays.
-LRUCacheSlot LRUCacheEntries::EnterView(LRUCacheSlot slot) {
-  const auto position = view_->slots.insert(view_->slots.begin(), slot);
-  if (*position == slot) view_->positions[slot] = position;
-  return *position;
+// False when too many keys collide, and then nothing has changed.
+bool LRUCacheEntries::EnterIndex(LRUCacheSlot slot, uint32_t hash) {
+  if ((indexedFields_ & kAlsoByPath) != 0) {
+    return tables_->index.Put(hash + HashOfPath(KeyIn(slot)), slot);
+  }
+  return tables_->index.Put(hash, slot) || ((indexedFields_ & KEY_PATH) != 0 && EnterByPaths(slot));
+}
+
+// Many names of one file have all numbers in common; their paths tell them apart.
+bool LRUCacheEntries::EnterByPaths(LRUCacheSlot newSlot) {
+  const std::unique_ptr<LRUCacheIndex> index(new (std::nothrow) LRUCacheIndex);
+  if (index == nullptr) return false;
+  const auto put = [this, &index](LRUCacheSlot slot) {
+    const LRUCacheKeyView key = KeyIn(slot);
+    return index->Put(HashOf(key) + HashOfPath(key), slot);
+  };
+  for (const LRUCacheSlot slot : EntriesAsTheyCame()) {
+    if (!put(slot)) return false;
+  }
+  if (!put(newSlot)) return false;
+  tables_->index = *index;
+  indexedFields_ |= kAlsoByPath;
+  return true;
 }

@@ -74,7 +74,7 @@ class ORVEX_LOCAL LRUCacheEntries {
   // std::bad_alloc when there is no memory for the ordered view, and then nothing has changed.
   template <typename AnyKey>
   LRUCacheSlot Find(const AnyKey& key, uint32_t hash) {
-    return FieldsOf(key) == indexedFields_ ? FindInIndex(key, hash) : FindElsewhere(key);
+    return FieldsOf(key) == indexedFields_ ? FindInIndex(key, hash) : FindElsewhere(key, hash);
   }
   LRUCacheSlot Find(const LRUCacheKeyView& key) { return Find(key, HashOf(key)); }
   // Where the node of the next insertion may be built. Throws std::bad_alloc.
@@ -127,6 +127,7 @@ class ORVEX_LOCAL LRUCacheEntries {
   };
   static constexpr size_t kSlots = LRUCacheIndex::kSlots;
   static constexpr uint32_t kNoFields = ~uint32_t{0};
+  static constexpr uint32_t kAlsoByPath = uint32_t{1} << 31;
   struct Tables {
     std::array<Link, kSlots> links{};  // 0 begins and ends the ring
     LRUCacheIndex index;
@@ -159,14 +160,19 @@ class ORVEX_LOCAL LRUCacheEntries {
   void ForgetOrder();
   template <typename Order>
   Slots EntriesBy(const Order& before) const;
+  Slots EntriesAsTheyCame() const;
   std::unique_ptr<OrderedView> MakeView() const;
   // Not inlined: a hit has no use for it.
   template <typename AnyKey>
-  __attribute__((noinline)) LRUCacheSlot FindElsewhere(const AnyKey& key) {
+  __attribute__((noinline)) LRUCacheSlot FindElsewhere(const AnyKey& key, uint32_t hash) {
+    if ((FieldsOf(key) | kAlsoByPath) == indexedFields_) {
+      return FindInIndex(key, hash + HashOfPath(key));
+    }
     return FindInView(LRUCacheKeyView(key));
   }
   LRUCacheSlot FindInView(const LRUCacheKeyView& key);
-  LRUCacheSlot EnterView(LRUCacheSlot slot);
+  bool EnterIndex(LRUCacheSlot slot, uint32_t hash);
+  bool EnterByPaths(LRUCacheSlot newSlot);
   // The slot whose key is equal, or 0.
   template <typename AnyKey>
   LRUCacheSlot FindInIndex(const AnyKey& key, uint32_t hash) const {
@@ -191,6 +197,7 @@ class ORVEX_LOCAL LRUCacheEntries {
   LRUCacheSlot lastSlot_ = 0;  // beyond it no slot was ever taken
   bool isMixed_ = false;       // keys of different masks were asked for or inserted
   uint32_t fields_ = 0;        // that all keys select unless they are mixed
-  // The same as long as the index is in use.
+  // The same as long as the index is in use, and whether it hashes each path as well,
+  // although numbers usually tell files apart.
   uint32_t indexedFields_ = kNoFields;
 };

@@ -17,7 +17,7 @@ using LRUCacheSlot = uint16_t;
 class LRUCacheIndex {
  public:
   // Some more than a cache keeps: a thread that a host ends while a message of an insertion
-  // is logged leaves one node too many until the next eviction.
+  // or an eviction is logged leaves one node too many until the next eviction.
   static constexpr size_t kSlots = ORVEX_MAX_CAPACITY + 64;
 
   // The slot of this hash that fits, or 0.

@@ -124,12 +124,23 @@ inline size_t HashOfNumber(uint64_t number, uint64_t factor) {
          static_cast<uint32_t>(number >> 32) * static_cast<uint32_t>(factor >> 32);
 }
 
+// The upper 32 bits of what numbers add up to.
+inline uint32_t HashOfSum(size_t sum) {
+  return static_cast<uint32_t>(sum >> (8 * sizeof sum - 32));
+}
+
+template <typename AnyKey>
+__attribute__((noinline)) uint32_t HashOfPath(const AnyKey& key) {
+  return HashOfSum(
+      HashOfNumber(std::hash<std::string_view>()(TextOrEmpty(key.path)), 0x9B05688C2B3E6C1F));
+}
+
 // Equal keys hash equally; use the high bits. Skips the path when the file number is known:
 // hashing it costs ten times as much.
 //
 // Multiplicative hashing (Knuth, The Art of Computer Programming, volume 3, 6.4), each
-// field by an odd factor of its own, so that the products need not wait for each
-// other. The factors are the fractions of square roots of primes: 3, 5, 7, 11 and 13.
+// field by a factor of its own, so that the products need not wait for each other. The
+// factors are the fractions of square roots of primes (3, 5, 7, 11 and 13), made odd.
 template <typename AnyKey>
 uint32_t HashOf(const AnyKey& key) {
   const uint32_t mask = MaskOf(key);
@@ -139,9 +150,9 @@ uint32_t HashOf(const AnyKey& key) {
   if ((mask & KEY_DEVICE_ID) != 0) hash += HashOfNumber(key.deviceID, 0xA54FF53A5F1D36F1);
   if ((mask & KEY_FILE_ID) != 0) hash += HashOfNumber(key.fileID, 0x510E527FADE682D1);
   if ((mask & KEY_PATH) != 0 && ((mask & KEY_FILE_ID) == 0 || key.fileID == 0)) {
-    hash += HashOfNumber(std::hash<std::string_view>()(TextOrEmpty(key.path)), 0x9B05688C2B3E6C1F);
+    return HashOfSum(hash) + HashOfPath(key);
   }
-  return static_cast<uint32_t>(hash >> (8 * sizeof hash - 32));
+  return HashOfSum(hash);
 }
 
 inline void LRUCacheKeyView::Dump() const {

@@ -3,7 +3,6 @@
 
 #include <cstdint>
 #include <exception>
-#include <memory>
 #include <new>
 
 #include "cache/orvex_lru_cache_entries.h"
@@ -77,17 +76,19 @@ class ORVEX_API LRUCacheT {
   virtual int UpdateCache(metadata_input_s* metaIn, metadata_output_s* metaOut)
       ORVEX_EXCLUDES(lock) {
     if (metaOut == nullptr || metaIn == nullptr) return ORVEX_INVALID_PARAMETER;
-    const uint32_t hash = HashOf(*metaIn);
+    // Read once: another thread's host may change a record that both share.
+    const LRUCacheKeyView key(*metaIn);
+    const uint32_t hash = HashOf(key);
     const ORVEX_MutexGuard guard(&lock);
     const bool talks = Talks() || !isFinal_;
     try {
       if (talks) key_.Read(*metaIn);
-      const LRUCacheSlot slot = talks ? entries_.Find(key_) : entries_.Find(*metaIn, hash);
+      const LRUCacheSlot slot = talks ? entries_.Find(key_) : entries_.Find(key, hash);
       if (slot == 0) {
-        Insert(*metaIn, hash, new (entries_.MemoryForNode()) Node(*metaIn, *metaOut), talks);
+        Insert(key, hash, new (entries_.MemoryForNode()) Node(*metaIn, *metaOut), talks);
       } else {
         // The key shares the text that is about to change.
-        if (NodeIn(slot)->path != TextOrEmpty(metaIn->path)) entries_.CopyText(slot);
+        if (NodeIn(slot)->path != key.path) entries_.CopyText(slot);
         NodeIn(slot)->SetDataToCacheNode(*metaIn, *metaOut);
         Use(slot, talks);
       }
@@ -281,13 +282,12 @@ class ORVEX_API LRUCacheT {
   }
   // The node was built in place. Once inserted it is the cache's, also when a log callback
   // ends the thread.
-  ORVEX_LOCAL void Insert(const metadata_input_s& in, uint32_t hash, Node* node, bool talks)
+  ORVEX_LOCAL void Insert(LRUCacheKeyView key, uint32_t hash, Node* node, bool talks)
       ORVEX_REQUIRES(lock) {
     try {
       if (talks) {
         LRUCacheNodeUpdate(key_, node, LRU_INSERT);
       } else {
-        LRUCacheKeyView key(in);
         key.path = node->path.c_str();
         node->mapEntry = entries_.Insert(key, hash, 0, node, false);
       }

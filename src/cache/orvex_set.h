@@ -1,8 +1,9 @@
 // The paths whose hash metadata is being calculated right now.
 #pragma once
 
-#include <algorithm>
 #include <cstddef>
+#include <cstdint>
+#include <cstring>
 #include <functional>
 #include <set>
 #include <string>
@@ -50,12 +51,13 @@ class ORVEX_API ORVEX_Set {
   }
   // Which of the counts below a path is in.
   ORVEX_LOCAL static size_t StripeOf(std::string_view path) {
-    // Neighbours differ at their ends; a stripe shared costs a look into the set, and no more.
-    size_t hash = path.size();
-    for (const char byte : path.substr(hash - std::min<size_t>(hash, 8))) {
-      hash = hash * 31 + static_cast<unsigned char>(byte);
+    // Neighbours differ in length or at their ends. Where stripes are shared a query only
+    // takes the lock in vain.
+    uint32_t end = 0;
+    if (path.size() >= sizeof end) {
+      std::memcpy(&end, path.data() + path.size() - sizeof end, sizeof end);
     }
-    return hash % kStripes;
+    return ((end + static_cast<uint32_t>(path.size())) * 0x9E3779B9U) >> 26;
   }
   // False when it is there already. Throws std::bad_alloc, and then nothing has
   // changed.
@@ -70,7 +72,7 @@ class ORVEX_API ORVEX_Set {
   ORVEX_PThread_CondLock condLock;
 
  private:
-  static constexpr size_t kStripes = 64;
+  static constexpr size_t kStripes = 64;  // as many as six bits tell apart
 
   // The path erased last, whose memory serves the next one.
   std::set<std::string, std::less<>>::node_type spare_ ORVEX_GUARDED_BY(condLock);

@@ -16,14 +16,10 @@ enum : unsigned int {
   ORVEX_UNLOCK_FAILED = 6,
 };
 
-// The C library has had it only since 2.34, and libpthread before. Weak and under its older
-// version, so that the library can be loaded where a host without threads has no libpthread.
+// pthread_mutex_trylock, which the C library has itself only since 2.34, and libpthread had
+// before. Weak and under its older version, so that the library can be loaded where a host
+// without threads has no libpthread.
 extern "C" __attribute__((weak)) int ORVEX_TryToLock(pthread_mutex_t* mutex);
-#if defined(__x86_64__)
-__asm__(".symver ORVEX_TryToLock, pthread_mutex_trylock@GLIBC_2.2.5");
-#else
-__asm__(".symver ORVEX_TryToLock, pthread_mutex_trylock@GLIBC_2.0");
-#endif
 
 // Something that one thread at a time holds.
 class ORVEX_API ORVEX_CAPABILITY("mutex") ORVEX_Lock {
@@ -90,6 +86,12 @@ class ORVEX_API ORVEX_PThread_Lock : public ORVEX_Lock {
   // usually takes less time than that and waking it again. A hundred pauses take about as
   // long.
   ORVEX_LOCAL __attribute__((noinline)) unsigned int AcquireAfterPauses() {
+    // Here, so that it goes where the function goes.
+#if defined(__x86_64__)
+    __asm__(".symver ORVEX_TryToLock, pthread_mutex_trylock@GLIBC_2.2.5");
+#else
+    __asm__(".symver ORVEX_TryToLock, pthread_mutex_trylock@GLIBC_2.0");
+#endif
     int pauses = ORVEX_TryToLock != nullptr ? 100 : 0;
     while (pauses != 0 &&
            ((ORVEX_LoadRelaxed(hints_) & kTaken) != 0 || ORVEX_TryToLock(&mutex_) != 0)) {

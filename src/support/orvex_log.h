@@ -40,7 +40,7 @@ class ORVEX_API ORVEX_LOG_BASE {
   static const char* LogLevelToString(unsigned int level);
 
   // Whether a message of this level is kept.
-  static bool Keeps(ORVEX_LOG level) {
+  __attribute__((always_inline)) static bool Keeps(ORVEX_LOG level) {
     return ORVEX_LoadRelaxed(LogEnable) && level <= ORVEX_LoadRelaxed(LogLevel);
   }
 

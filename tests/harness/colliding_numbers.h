@@ -8,7 +8,6 @@ inline constexpr uint64_t kFactorOfSizes = 0xBB67AE8584CAA73B;
 inline constexpr uint64_t kFactorOfMtimes = 0x3C6EF372FE94F82B;
 inline constexpr uint64_t kFactorOfDevices = 0xA54FF53A5F1D36F1;
 inline constexpr uint64_t kFactorOfFiles = 0x510E527FADE682D1;
-inline constexpr uint64_t kFactorOfPaths = 0x9B05688C2B3E6C1F;
 
 // The which-th of the numbers that, hashed by the factor and added to the rest, give the hash.
 // With 32-bit registers each half of a number has its half of the factor.

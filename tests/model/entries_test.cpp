@@ -228,6 +228,17 @@ TEST_CASE("a key as far from its place as it may be is found once another's remo
   }
 }
 
+TEST_CASE("a key that is entered twice is removed twice without harm") {
+  LRUCacheEntries entries(0);
+  metadata_input_s in = InputFor("/a");
+  const LRUCacheKeyView key(in);
+  for (int i = 0; i < 2; ++i) entries.Insert(key, HashOf(key), 0, nullptr, true);
+  in.fileOperation = KEY_PATH;
+  CHECK(entries.Find(LRUCacheKeyView(in)) != 0);
+  for (int i = 0; i < 2; ++i) entries.RemoveOldest();
+  CHECK(entries.Size() == 0);
+}
+
 TEST_CASE("as many nodes as there are slots can be in, and one more is refused") {
   LRUCacheEntries entries(0);
   metadata_input_s in = InputFor("/a");
