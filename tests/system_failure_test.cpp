@@ -59,6 +59,17 @@ std::string Repeated(const std::string& line, int times) {
 
 }  // namespace
 
+TEST_CASE("locks that do not fail say nothing") {
+  const TalkativeLibrary library;
+  std::string output;
+  {
+    CapturedOutput captured;
+    UndisturbedLife();
+    output = captured.Take();
+  }
+  CHECK(output == "");
+}
+
 TEST_CASE("a mutex that cannot be locked, once or ever again, changes nothing that a host sees") {
   const TalkativeLibrary talkative;
   const Steps undisturbed = UndisturbedLife();
