@@ -110,19 +110,21 @@ void LRUCacheEntries::ForgetKeys() {
 void LRUCacheEntries::Clear() {
   ForgetKeys();
   tables_.reset();
-  places_.reset();
+  chunks_ = {};
   size_ = freeSlot_ = lastSlot_ = 0;
 }
 
 // A slot to take, with memory behind it.
 LRUCacheSlot LRUCacheEntries::FreeSlot() {
-  // NOLINTBEGIN(modernize-make-unique): no zeros where nothing is read before it is written.
-  if (places_ == nullptr) places_.reset(new Line[kSlots * bytesOfPlace_ / sizeof(Line)]);
-  if (tables_ == nullptr) tables_.reset(new Tables);
-  // NOLINTEND(modernize-make-unique)
+  // Without zeros where nothing is read before it is written.
+  if (tables_ == nullptr) tables_.reset(new Tables);  // NOLINT(modernize-make-unique)
   if (freeSlot_ != 0) return freeSlot_;
-  if (lastSlot_ + 1 == kSlots) throw std::bad_alloc();
-  return static_cast<LRUCacheSlot>(lastSlot_ + 1);
+  const size_t slot = size_t{lastSlot_} + 1;
+  if (slot == kSlots) throw std::bad_alloc();
+  std::unique_ptr<Line[]>& chunk = chunks_[slot / kChunk];
+  // NOLINTNEXTLINE(modernize-make-unique): as above.
+  if (chunk == nullptr) chunk.reset(new Line[kChunk * bytesOfPlace_ / sizeof(Line)]);
+  return static_cast<LRUCacheSlot>(slot);
 }
 
 void LRUCacheEntries::FreeText(LRUCacheSlot slot) {

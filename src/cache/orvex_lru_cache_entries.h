@@ -126,6 +126,7 @@ class ORVEX_LOCAL LRUCacheEntries {
     unsigned char bytes[kCacheLineBytes];
   };
   static constexpr size_t kSlots = LRUCacheIndex::kSlots;
+  static constexpr size_t kChunk = 64;
   static constexpr uint32_t kNoFields = ~uint32_t{0};
   static constexpr uint32_t kAlsoByPath = uint32_t{1} << 31;
   struct Tables {
@@ -138,8 +139,8 @@ class ORVEX_LOCAL LRUCacheEntries {
   struct OrderedView;
 
   Place& PlaceOf(LRUCacheSlot slot) const {
-    auto* const first = reinterpret_cast<unsigned char*>(places_.get());
-    return *std::launder(reinterpret_cast<Place*>(first + slot * bytesOfPlace_));
+    auto* const first = reinterpret_cast<unsigned char*>(chunks_[slot / kChunk].get());
+    return *std::launder(reinterpret_cast<Place*>(first + slot % kChunk * bytesOfPlace_));
   }
   LRUCacheSlot FreeSlot();
   void LinkFirst(LRUCacheSlot slot) {
@@ -185,10 +186,10 @@ class ORVEX_LOCAL LRUCacheEntries {
     });
   }
 
-  const size_t bytesOfPlace_;  // whole lines
-  // Null until the first insertion. The system gives memory to places only as they are used.
-  std::unique_ptr<Line[]> places_;
-  std::unique_ptr<Tables> tables_;
+  const size_t bytesOfPlace_;       // whole lines
+  std::unique_ptr<Tables> tables_;  // null until the first insertion
+  // Of places, each null until it is needed. Small ones, which a process can use again.
+  std::array<std::unique_ptr<Line[]>, kSlots / kChunk> chunks_;
   std::unique_ptr<OrderedView> view_;  // null until it is needed
   size_t size_ = 0;
   size_t entryCount_ = 0;
