@@ -47,8 +47,7 @@ class LRUCacheIndex {
     size_t gap = homes_[slot];
     while (SlotIn(cells_[gap]) != slot) gap = Next(gap);
     // What has its home before the gap closes it, so that no probe ends early.
-    for (size_t at = Next(gap); cells_[at] != 0 && Distance(gap, at) < kLongestProbe;
-         at = Next(at)) {
+    for (size_t at = Next(gap); cells_[at] != 0; at = Next(at)) {
       if (Distance(homes_[SlotIn(cells_[at])], at) < Distance(gap, at)) continue;
       cells_[gap] = cells_[at];
       gap = at;
