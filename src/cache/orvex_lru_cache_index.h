@@ -25,8 +25,9 @@ class LRUCacheIndex {
   LRUCacheSlot Find(uint32_t hash, const Fits& fits) const {
     size_t at = HomeOf(hash);
     for (size_t probe = 0; probe < kLongestProbe && cells_[at] != 0; ++probe, at = Next(at)) {
-      const LRUCacheSlot slot = SlotIn(cells_[at]);
-      if (cells_[at] == Cell(hash, slot) && fits(slot)) return slot;
+      // Where the hash is the same, nothing but the slot is left.
+      const uint32_t rest = cells_[at] ^ Cell(hash, 0);
+      if (rest == SlotIn(rest) && fits(SlotIn(rest))) return SlotIn(rest);
     }
     return 0;
   }

@@ -45,7 +45,8 @@ LRUCacheNode& LRUCacheNode::operator=(const LRUCacheNode& source) {
     size = source.size;
     queryFlags |= QUERY_SIZE;
   }
-  CopyDigests(*this, source, source.queryFlags, queryFlags);
+  CopyDigests(*this, source, source.queryFlags);
+  queryFlags |= source.queryFlags & kDigests;
   if ((source.queryFlags & QUERY_SIGNERS) != 0) {
     if (!HasSignersOf(source)) {
       ForgetSigners();
@@ -78,7 +79,8 @@ void LRUCacheNode::Merge(const metadata_input_s& in, const metadata_output_s& ou
     mtime = in.mtime;
     queryFlags |= QUERY_MTIME;
   }
-  CopyDigests(*this, out, out.queryFlags, queryFlags);
+  CopyDigests(*this, out, out.queryFlags);
+  queryFlags |= out.queryFlags & kDigests;
   ForgetSigners();
   if ((out.queryFlags & QUERY_SIGNERS) != 0) {
     if (out.signerCount == 0) {

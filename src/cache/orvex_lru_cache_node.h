@@ -22,15 +22,16 @@ inline void CopyDigest(uint8_t (&to)[kLength], const uint8_t (&from)[kLength]) {
   for (size_t at = 0; at < kLength; at += kPiece) std::memcpy(to + at, from + at, kPiece);
 }
 
+constexpr uint32_t kDigests = QUERY_DIGEST16 | QUERY_DIGEST20 | QUERY_DIGEST32 | QUERY_AUX_DIGEST20;
+
 // Copies those digests whose bits are in present, between a node and a record or
-// another node, and adds their bits to flags.
+// another node.
 template <typename To, typename From>
-void CopyDigests(To& to, const From& from, uint32_t present, uint32_t& flags) {
+void CopyDigests(To& to, const From& from, uint32_t present) {
   if ((present & QUERY_DIGEST16) != 0) CopyDigest(to.digest16, from.digest16);
   if ((present & QUERY_DIGEST20) != 0) CopyDigest(to.digest20, from.digest20);
   if ((present & QUERY_DIGEST32) != 0) CopyDigest(to.digest32, from.digest32);
   if ((present & QUERY_AUX_DIGEST20) != 0) CopyDigest(to.auxDigest20, from.auxDigest20);
-  flags |= present & (QUERY_DIGEST16 | QUERY_DIGEST20 | QUERY_DIGEST32 | QUERY_AUX_DIGEST20);
 }
 
 // The parts of an answer that a host gave for one file. Parts gather over several
@@ -99,20 +100,16 @@ class ORVEX_API LRUCacheNode {
 
 template <bool kTalks>
 inline unsigned int LRUCacheNode::GiveTo(metadata_output_s& out) {
-  if ((queryFlags & QUERY_SIZE) != 0) {
-    out.size = size;
-    out.queryFlags |= QUERY_SIZE;
+  const uint32_t held = queryFlags;
+  if ((held & QUERY_SIZE) != 0) out.size = size;
+  if ((held & QUERY_MTIME) != 0) out.modificationTime = mtime;
+  CopyDigests(out, *this, held);
+  out.queryFlags |= held & (QUERY_SIZE | QUERY_MTIME | kDigests);
+  if (kTalks && (held & QUERY_MTIME) != 0) {
+    ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, "GetDataFromCacheNode", kLRUCacheSourceFile,
+                      "metaOut.modificationTime=%lu", static_cast<unsigned long>(mtime));
   }
-  CopyDigests(out, *this, queryFlags, out.queryFlags);
-  if ((queryFlags & QUERY_MTIME) != 0) {
-    out.modificationTime = mtime;
-    out.queryFlags |= QUERY_MTIME;
-    if (kTalks) {
-      ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, "GetDataFromCacheNode", kLRUCacheSourceFile,
-                        "metaOut.modificationTime=%lu", static_cast<unsigned long>(mtime));
-    }
-  }
-  if ((queryFlags & QUERY_SIGNERS) != 0 && !GiveSigners(out)) return ORVEX_NO_MEMORY;
+  if ((held & QUERY_SIGNERS) != 0 && !GiveSigners(out)) return ORVEX_NO_MEMORY;
   out.feedback = feedback ? 1 : 0;
   out.queryFlags |= QUERY_FEEDBACK;
   return ORVEX_OK;

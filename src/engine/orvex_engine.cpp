@@ -56,7 +56,7 @@ void TellHashFailure(int codeSoFar) {
 
 }  // namespace
 
-ORVEX_ENGINE::ORVEX_ENGINE() : calls_(HashCache().Calls()) {
+ORVEX_ENGINE::ORVEX_ENGINE() : hashCache_(HashCache()) {
   // What the engine works with is built before it and destroyed after it: nothing
   // ever finds an engine that runs without its caches.
   TypeCache();
@@ -85,23 +85,23 @@ int ORVEX_ENGINE::Init(metadata_query_fptrs_s* fptrs) {
                     "Kelda Inventory Engine is initializing, version=%s", ORVEX_VERSION);
   if (!Configure()) return ORVEX_NO_MEMORY;
 
-  if (const int code = HashCache().InitLRUCache(); code != ORVEX_OK) {
+  if (const int code = hashCache_.InitLRUCache(); code != ORVEX_OK) {
     ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, __func__, kEngineSourceFile,
                       "Kelda Inventory Engine init failed: cache init failed, rc=%d", code);
     return code;
   }
   if (const int code = TypeCache().InitLRUCache(); code != ORVEX_OK) {
-    HashCache().DeinitLRUCache();
+    hashCache_.DeinitLRUCache();
     ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, __func__, kEngineSourceFile,
                       "Kelda Inventory Engine init failed: file type cache init failed, rc=%d",
                       code);
     return code;
   }
-  HashCache().RegisterMetaQueryCallback(fptrs->metaQueryCallback);
+  hashCache_.RegisterMetaQueryCallback(fptrs->metaQueryCallback);
   TypeCache().RegisterMetaQueryCallback(fptrs->fileTypeQueryCallback);
   ORVEX_StoreRelaxed(inited, true);
   // Calls that came too early, or outlived an earlier stop, are not counted.
-  calls_.SetToZero(ORVEX_CallsInFlight::kOfEngine);
+  hashCache_.Calls().SetToZero(ORVEX_CallsInFlight::kOfEngine);
   ORVEX_LOG_MESSAGE(ORVEX_LOG_INFO, __func__, kEngineSourceFile,
                     "Kelda Inventory Engine init successfully");
   return ORVEX_OK;
@@ -116,10 +116,10 @@ int ORVEX_ENGINE::Deinit() {
   }
   ORVEX_StoreRelaxed(inited, false);
   // Before the wait: threads that sleep in a cache leave only once it stops.
-  HashCache().DeinitLRUCache();
+  hashCache_.DeinitLRUCache();
   TypeCache().DeinitLRUCache();
-  calls_.Drain(ORVEX_CallsInFlight::kOfEngine, "Kelda Inventory Engine deinit", __LINE__, __func__,
-               kEngineSourceFile);
+  hashCache_.Calls().Drain(ORVEX_CallsInFlight::kOfEngine, "Kelda Inventory Engine deinit",
+                           __LINE__, __func__, kEngineSourceFile);
   ORVEX_LOG_MESSAGE(ORVEX_LOG_WARNING, __func__, kEngineSourceFile,
                     "Kelda Inventory Engine deinit successfully");
   return ORVEX_OK;
@@ -131,7 +131,7 @@ bool ORVEX_ENGINE::IsInit() const {
 }
 
 int ORVEX_ENGINE::GetStatus() {
-  const ORVEX_CallsInFlight::Scope inFlight(calls_, ORVEX_CallsInFlight::kOfEngine);
+  const ORVEX_CallsInFlight::Scope inFlight(hashCache_.Calls(), ORVEX_CallsInFlight::kOfEngine);
   return IsInit() ? ORVEX_INITIALISED : ORVEX_NOT_INITIALISED;
 }
 
@@ -143,9 +143,9 @@ __attribute__((flatten)) int ORVEX_ENGINE::Query(metadata_input_s* metaIn,
   if (ORVEX_LoadRelaxed(inited) && metaIn != nullptr && metaOut != nullptr &&
       (metaIn->queryFlags & QUERY_FILE_TYPE) == 0 && metaIn->queryFlags != 0 &&
       !LRUCache::Talks()) {
-    const ORVEX_CallsInFlight::Scope inFlight(calls_, ORVEX_CallsInFlight::kOfBoth);
+    const ORVEX_CallsInFlight::Scope inFlight(hashCache_.Calls(), ORVEX_CallsInFlight::kOfBoth);
     const int lookup =
-        ORVEX_LoadRelaxed(inited) ? HashCache().LookUpQuietly(metaIn, metaOut) : LRU_NOT_YET;
+        ORVEX_LoadRelaxed(inited) ? hashCache_.LookUpQuietly(metaIn, metaOut) : LRU_NOT_YET;
     if (lookup == LRU_HIT) return ORVEX_OK;
     if (lookup != LRU_NOT_YET) return FinishHashQuery(metaIn, metaOut, ctx, lookup);
   }
@@ -156,9 +156,9 @@ __attribute__((noinline)) int ORVEX_ENGINE::FinishHashQuery(metadata_input_s* me
                                                             metadata_output_s* metaOut, void* ctx,
                                                             int lookup) {
   const ORVEX_ProfilingScope profiling("ORVEX_ENGINE::Query");
-  const int code = HashCache().QueryStepByStep(metaIn, metaOut, ctx, lookup);
+  const int code = hashCache_.QueryStepByStep(metaIn, metaOut, ctx, lookup);
   if (code != ORVEX_OK) {
-    const ORVEX_CallsInFlight::Scope outside(calls_, ORVEX_CallsInFlight::kOutOfCache);
+    const ORVEX_CallsInFlight::Scope outside(hashCache_.Calls(), ORVEX_CallsInFlight::kOutOfCache);
     TellHashFailure(ORVEX_OK);
   }
   return code;
@@ -166,7 +166,7 @@ __attribute__((noinline)) int ORVEX_ENGINE::FinishHashQuery(metadata_input_s* me
 
 __attribute__((noinline)) int ORVEX_ENGINE::QueryStepByStep(metadata_input_s* metaIn,
                                                             metadata_output_s* metaOut, void* ctx) {
-  const ORVEX_CallsInFlight::Scope inFlight(calls_, ORVEX_CallsInFlight::kOfEngine);
+  const ORVEX_CallsInFlight::Scope inFlight(hashCache_.Calls(), ORVEX_CallsInFlight::kOfEngine);
   const ORVEX_ProfilingScope profiling("ORVEX_ENGINE::Query");
   if (!ORVEX_LoadRelaxed(inited)) return ORVEX_NOT_INITIALISED;
   if (metaOut == nullptr || metaIn == nullptr) {
@@ -185,7 +185,7 @@ __attribute__((noinline)) int ORVEX_ENGINE::QueryStepByStep(metadata_input_s* me
   }
   // Read again: the host's callback may have changed what is wanted.
   if ((metaIn->queryFlags & ~uint32_t{QUERY_FILE_TYPE}) != 0) {
-    const int hashCode = HashCache().Query(metaIn, metaOut, ctx);
+    const int hashCode = hashCache_.Query(metaIn, metaOut, ctx);
     if (hashCode != ORVEX_OK) {
       TellHashFailure(code);
       if (code == ORVEX_OK) code = hashCode;
@@ -201,7 +201,7 @@ int ORVEX_ENGINE::GetMetrics(orvex_metrics_s& metrics, unsigned int size,
 
 int ORVEX_ENGINE::GetMetrics(orvex_metrics_s* metrics, unsigned int size,
                              unsigned int* outSize) const {
-  const ORVEX_CallsInFlight::Scope inFlight(calls_, ORVEX_CallsInFlight::kOfEngine);
+  const ORVEX_CallsInFlight::Scope inFlight(hashCache_.Calls(), ORVEX_CallsInFlight::kOfEngine);
   const ORVEX_ProfilingScope profiling("ORVEX_ENGINE::GetMetrics");
   if (!IsInit()) return ORVEX_NOT_INITIALISED;
   if (size == 0) {
@@ -210,7 +210,7 @@ int ORVEX_ENGINE::GetMetrics(orvex_metrics_s* metrics, unsigned int size,
     return ORVEX_INVALID_PARAMETER;
   }
   LRUCacheMetrics_s hash;
-  if (const int code = HashCache().GetMetrics(hash); code != ORVEX_OK) {
+  if (const int code = hashCache_.GetMetrics(hash); code != ORVEX_OK) {
     ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, __func__, kEngineSourceFile,
                       "Get cache metrics failed: rc=%d", code);
     return code;
@@ -250,14 +250,14 @@ int ORVEX_ENGINE::GetMetrics(orvex_metrics_s* metrics, unsigned int size,
 }
 
 void ORVEX_ENGINE::DumpMetrics() const {
-  HashCache().DumpMetrics();
+  hashCache_.DumpMetrics();
   TypeCache().DumpMetrics();
 }
 
 int ORVEX_ENGINE::ResetMetrics() {
-  const ORVEX_CallsInFlight::Scope inFlight(calls_, ORVEX_CallsInFlight::kOfEngine);
+  const ORVEX_CallsInFlight::Scope inFlight(hashCache_.Calls(), ORVEX_CallsInFlight::kOfEngine);
   if (!IsInit()) return ORVEX_NOT_INITIALISED;
-  HashCache().ResetMetrics();
+  hashCache_.ResetMetrics();
   TypeCache().ResetMetrics();
   return ORVEX_OK;
 }

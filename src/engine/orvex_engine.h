@@ -4,9 +4,10 @@
 #include "orvexeng.h"
 #include "support/orvex_annotations.h"
 #include "support/orvex_atomic.h"
-#include "support/orvex_calls_in_flight.h"
 #include "support/orvex_lock.h"
 #include "support/orvex_singleton.h"
+
+class LRUCache;
 
 // Starts and stops the two caches, routes queries to them and gathers their
 // counters.
@@ -51,8 +52,9 @@ class ORVEX_API ORVEX_ENGINE {
 
   mutable ORVEX_PThread_Lock lock;
   alignas(kCacheLineBytes) bool inited = false;
-  // Counts threads inside Query, GetMetrics, ResetMetrics or GetStatus; the hash cache's.
-  ORVEX_CallsInFlight& calls_;
+  // At hand, so that a hit need not ask for it. Its calls in flight count threads inside
+  // Query, GetMetrics, ResetMetrics or GetStatus, too.
+  LRUCache& hashCache_;
 };
 
 extern template class ORVEX_Singleton<ORVEX_ENGINE>;
