@@ -361,6 +361,21 @@ TEST_CASE("a node that takes over another's parts keeps its own place in the cac
   CHECK(cache.Look(InputFor("/b"), out) != 1);
 }
 
+TEST_CASE("an inserted node is in the dump and in the log of its eviction") {
+  OpenHashCache cache;
+  metadata_input_s in = InputFor("/a");
+  in.invOperation = 0xabc;
+  Answer out;
+  LRUCacheKey key(in);
+  REQUIRE(cache.InsertCacheNode(key, new LRUCacheNode(in, out)) == 0);
+  cache.SetCapacity(1);
+  const RecordedLog log;
+  cache.DumpCache();
+  CHECK(log.CountOf("invOperation=0x00000abc, path=/a,") == 1);
+  cache.Store("/b");
+  CHECK(log.CountOf("invOperation=0x00000abc, path=/a,") == 2);
+}
+
 TEST_CASE("inserting a null node returns 3") {
   OpenHashCache cache;
   LRUCacheKey key;
