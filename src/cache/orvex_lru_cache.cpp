@@ -1,5 +1,5 @@
 // The cache of digests, signers and other per-file metadata: update, lifecycle, counters.
-// Its lookup and query stand in orvex_lru_cache_query.cpp.
+// Lookup and query are in orvex_lru_cache_query.cpp.
 #include "cache/orvex_lru_cache.h"
 
 #include <cstdint>
@@ -39,7 +39,7 @@ int LRUCache::DeinitLRUCache() {
     calHashSet.active = false;
     calHashSet.Clear();
   }
-  // All that sleep in a query leave now, so that the drain need not wait for them.
+  // Sleeping queries leave now, so that the drain need not wait for them.
   calHashSet.condLock.SignalAll();
   calls_.Drain(ORVEX_CallsInFlight::kOfCache, "Deinit LRUCache", __LINE__, __func__,
                kLRUCacheSourceFile);

@@ -22,8 +22,8 @@ struct ORVEX_API LRUCacheMetrics_s {
   alignas(8) long long WipeOuts = 0;    // nodes evicted for capacity
   alignas(8) long long numOfCacheUpdateMetaDataSuccess = 0;
   alignas(8) long long numOfCacheUpdateMetaDataFailure = 0;
-  alignas(8) long long numOfHelpFuncCalled = 0;         // calls of the host, whatever came of them
-  alignas(8) long long numOfWaitInHashCalculation = 0;  // queries that slept at all
+  alignas(8) long long numOfHelpFuncCalled = 0;         // host calls, successful or not
+  alignas(8) long long numOfWaitInHashCalculation = 0;  // queries that slept
 };
 
 // Answers hash queries from the cache or from the host, and lets one thread ask
@@ -41,7 +41,7 @@ class ORVEX_API LRUCache : public LRUCacheT<LRUCacheKey, LRUCacheNode, LRUCacheM
   LRUCache();
 
   int InitLRUCache() override ORVEX_EXCLUDES(lock);
-  // Waits a second at most for the threads inside, then flushes regardless.
+  // Waits up to a second for the threads inside, then flushes regardless.
   int DeinitLRUCache() override ORVEX_EXCLUDES(lock);
   int UpdateMetaData(metadata_input_s* metaIn, metadata_output_s* metaOut) override
       ORVEX_EXCLUDES(lock);
@@ -63,37 +63,36 @@ class ORVEX_API LRUCache : public LRUCacheT<LRUCacheKey, LRUCacheNode, LRUCacheM
   virtual ~LRUCache();
 
   using LRUCacheT::Talks;
-  // Query as far as nobody is told of it or waits: an LRU_LOOKUP. A hit is all of a query,
-  // and nothing of the host's runs on its way.
+  // The part of a query that neither logs nor waits for a path. Returns an LRU_LOOKUP. A hit
+  // completes the query without running any host code.
   ORVEX_LOCAL int LookUpQuietly(const metadata_input_s* metaIn, metadata_output_s* metaOut)
       ORVEX_EXCLUDES(lock);
-  // The query, from its lookup on if there was one. For both the caller has counted itself in.
+  // The query, or the rest of it after a lookup. The caller of either is already counted in.
   ORVEX_LOCAL int QueryStepByStep(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx,
                                   int lookup) ORVEX_EXCLUDES(lock);
   ORVEX_LOCAL ORVEX_CallsInFlight& Calls() { return calls_; }
 
-  // For hosts: the library itself inserts what it is told.
-  // Takes the node over and returns 0. Otherwise it stays the caller's:
-  // ORVEX_INVALID_PARAMETER when it is null, ORVEX_ALREADY_CACHED when there is
-  // one under an equivalent key, ORVEX_NO_MEMORY.
+  // For hosts: the library itself does not use it. Takes ownership of the node and returns 0. On
+  // failure the node stays the caller's: ORVEX_INVALID_PARAMETER if it is null,
+  // ORVEX_ALREADY_CACHED if an equivalent key is cached, ORVEX_NO_MEMORY.
   int InsertCacheNode(LRUCacheKey& key, LRUCacheNode* node) ORVEX_EXCLUDES(lock);
 
  protected:
   alignas(kCacheLineBytes) ORVEX_Set calHashSet;
-  // Threads inside Query, GetMetrics or ResetMetrics, set to zero under the cache
-  // lock at each start, whoever is inside; and those inside the engine.
+  // Threads inside Query, GetMetrics or ResetMetrics, zeroed under the cache lock at each start
+  // even if some are inside; and threads inside the engine.
   mutable ORVEX_CallsInFlight calls_;
 
  private:
   ORVEX_LOCAL bool MayWait(const metadata_input_s& in) const {
     return (in.invOperation & INV_CACHE_ONLY) == 0 && calHashSet.MayHold(in.path);
   }
-  // Without kTalks nothing of a hit is told, so that nobody sees when it counts.
+  // Without kTalks a hit logs nothing, so nobody can observe when it is counted.
   template <bool kTalks>
   ORVEX_LOCAL LRU_LOOKUP LookUp(const metadata_input_s& in, metadata_output_s& out, uint32_t hash)
       ORVEX_REQUIRES(lock);
-  // Sleeps while another thread calculates the path, and counts that. Throws
-  // std::bad_alloc before anything is done.
+  // Sleeps while another thread calculates the path, and counts the wait. Changes nothing if it
+  // throws std::bad_alloc.
   ORVEX_LOCAL void WaitUntilFree(const std::string& path);
   ORVEX_LOCAL int Calculate(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx,
                             KeptText& path) ORVEX_EXCLUDES(lock);
@@ -102,5 +101,5 @@ class ORVEX_API LRUCache : public LRUCacheT<LRUCacheKey, LRUCacheNode, LRUCacheM
 extern template class LRUCacheT<LRUCacheKey, LRUCacheNode, LRUCacheMetrics_s>;
 extern template class ORVEX_Singleton<LRUCache>;
 
-// The one of the process.
+// The process's hash cache.
 inline LRUCache& HashCache() { return *ORVEX_Singleton<LRUCache>::GetInstance(); }

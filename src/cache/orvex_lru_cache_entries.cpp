@@ -20,17 +20,17 @@ struct LRUCacheEntries::Before {
   const LRUCacheKeyView& KeyOf(const LRUCacheKeyView& key) const { return key; }
 };
 
-// Mixed keys cannot be searched for where they are.
+// For keys that the index cannot handle.
 struct LRUCacheEntries::OrderedView {
   using Set = std::set<LRUCacheSlot, Before>;
   explicit OrderedView(Before before) : slots(before) {}
   Set slots;
   std::array<Set::const_iterator, kSlots> positions{};
 
-  // The slot itself, or that of an equivalent key, which stays.
+  // Returns the slot itself, or that of an equivalent key, which stays.
   LRUCacheSlot Enter(LRUCacheSlot slot) {
     const auto position = slots.insert(slots.begin(), slot);
-    // Never but for a host that changes a path while it is stored.
+    // Remove meets end() only if a host changed a path while it was being stored.
     positions[slot] = *position == slot ? position : slots.end();
     return *position;
   }
@@ -114,9 +114,9 @@ void LRUCacheEntries::Clear() {
   size_ = freeSlot_ = lastSlot_ = 0;
 }
 
-// A slot to take, with memory behind it.
+// A free slot with memory behind it.
 LRUCacheSlot LRUCacheEntries::FreeSlot() {
-  // Without zeros where nothing is read before it is written.
+  // Not value-initialised: what has no initialiser is written before it is read.
   if (tables_ == nullptr) tables_.reset(new Tables);  // NOLINT(modernize-make-unique)
   if (freeSlot_ != 0) return freeSlot_;
   const size_t slot = size_t{lastSlot_} + 1;
@@ -131,8 +131,8 @@ void LRUCacheEntries::FreeText(LRUCacheSlot slot) {
   if (std::exchange(tables_->links[slot].ownsText, false)) delete[] KeyIn(slot).path;
 }
 
-// The entry that the slot is in from here on: its own, or that of an equivalent key.
-// Throws std::bad_alloc, and then no entry has changed.
+// The slot's entry from now on: its own, or that of an equivalent key. Changes no entry if it
+// throws std::bad_alloc.
 LRUCacheSlot LRUCacheEntries::Enter(LRUCacheSlot slot, uint32_t hash, LRUCacheSlot found) {
   const uint32_t fields = FieldsOf(KeyIn(slot));
   if (entryCount_ == 0) fields_ = indexedFields_ = fields;
@@ -154,7 +154,7 @@ LRUCacheSlot LRUCacheEntries::Enter(LRUCacheSlot slot, uint32_t hash, LRUCacheSl
 void LRUCacheEntries::RemoveEntry(LRUCacheSlot entry) {
   if (indexedFields_ != kNoFields) tables_->index.Remove(entry);
   if (view_ != nullptr) view_->Remove(entry);
-  // Some node is in no entry of its own. Those that shared this one are in none now.
+  // Some nodes are not their own entry. Those that shared this one are now in none.
   if (entryCount_ != size_) {
     for (LRUCacheSlot slot = After(0); slot != 0; slot = After(slot)) {
       if (tables_->links[slot].entry == entry) tables_->links[slot].entry = 0;
@@ -163,7 +163,7 @@ void LRUCacheEntries::RemoveEntry(LRUCacheSlot entry) {
   if (--entryCount_ == 0) ForgetOrder();
 }
 
-// Without entries there are no masks, and hashing gets another chance.
+// Without entries no masks differ: the index is used again.
 void LRUCacheEntries::ForgetOrder() {
   view_.reset();
   if (indexedFields_ == kNoFields && tables_ != nullptr) tables_->index = {};
@@ -197,8 +197,8 @@ std::unique_ptr<LRUCacheEntries::OrderedView> LRUCacheEntries::MakeView() const 
 
 LRUCacheSlot LRUCacheEntries::FindInView(const LRUCacheKeyView& key) {
   if (entryCount_ == 0) return 0;
-  // What keys of different masks find depends on the shape of the view. One that colliding
-  // keys made earlier remembers what was removed since, so that it is made anew.
+  // With different masks, what is found depends on the shape of the tree. A view built earlier for
+  // colliding keys was shaped by removals since, so rebuild it.
   if (!isMixed_ && FieldsOf(key) != fields_) {
     view_ = MakeView();
     isMixed_ = true;
@@ -207,7 +207,7 @@ LRUCacheSlot LRUCacheEntries::FindInView(const LRUCacheKeyView& key) {
   return found != view_->slots.end() ? *found : LRUCacheSlot{0};
 }
 
-// False when too many keys collide, and then nothing has changed.
+// False, with nothing changed, if too many keys collide.
 bool LRUCacheEntries::EnterIndex(LRUCacheSlot slot, uint32_t hash) {
   if ((indexedFields_ & kAlsoByPath) != 0) {
     return tables_->index.Put(hash + HashOfPath(KeyIn(slot)), slot);
@@ -215,7 +215,7 @@ bool LRUCacheEntries::EnterIndex(LRUCacheSlot slot, uint32_t hash) {
   return tables_->index.Put(hash, slot) || ((indexedFields_ & KEY_PATH) != 0 && EnterByPaths(slot));
 }
 
-// Many names of one file have all numbers in common; their paths tell them apart.
+// Hard links to one file share all numbers; only their paths differ.
 bool LRUCacheEntries::EnterByPaths(LRUCacheSlot newSlot) {
   const std::unique_ptr<LRUCacheIndex> index(new (std::nothrow) LRUCacheIndex);
   if (index == nullptr) return false;

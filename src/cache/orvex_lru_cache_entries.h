@@ -12,25 +12,24 @@
 #include "support/orvex_annotations.h"
 #include "support/orvex_atomic.h"
 
-// Every node has a numbered slot with its key. The slots form a ring in order of recency,
-// and a hash index leads from a key to its slot; where hashing cannot tell what the order
-// of keys says, an ordered view of them answers.
+// Every node has a numbered slot that also holds its key. The slots form a ring in recency order. A
+// hash index maps keys to slots; where hashing cannot reproduce what comparing keys would find, an
+// ordered view answers.
 //
-// Keys that select the same fields are equal or not, and the index answers. Keys of
-// different masks have no common order: what is found among them depends on how they were
-// compared, so that the first one asked for or inserted makes the view - a tree of all
-// keys in the order in which they came - which answers until no entry is left. A node
-// that is inserted under a key equivalent to an entry's shares that entry; the entry goes
-// with the first of them that is removed, and the others are then in no entry.
+// Keys that select the same fields are equal or not: the index is enough. Keys of different masks
+// have no common order, and what a search finds depends on the comparisons it makes. The first such
+// key looked up or inserted therefore builds the view, a tree filled in insertion order, which
+// answers until no entry is left. A node inserted under a key equivalent to an entry's shares that
+// entry. Removing any of these nodes removes the entry; the others are then in no entry.
 //
-// Ownership: nodes, and the texts of keys that are not copied, are the cache's.
+// Ownership: the cache owns the nodes and the key texts that are not copied.
 // Locking: none of its own; part of what the cache lock guards.
-// Invariant: the ring holds every slot in use once. A slot's entry is itself, a slot whose
-// entry is itself, or 0. The index, as long as it is in use, and the view, once it is
-// made, hold exactly the slots that are their own entry.
+// Invariant: the ring holds every slot in use once. A slot's entry is itself, a slot whose entry is
+// itself, or 0. The index, while in use, and the view, once built, hold exactly the slots that are
+// their own entry.
 class ORVEX_LOCAL LRUCacheEntries {
  public:
-  // Some slots, until the entries are asked for some again.
+  // A list of slots, valid until the next list is made.
   struct Slots {
     const LRUCacheSlot* first;
     const LRUCacheSlot* last;
@@ -38,20 +37,20 @@ class ORVEX_LOCAL LRUCacheEntries {
     const LRUCacheSlot* end() const { return last; }
   };
 
-  // Each slot has memory for a node of so many bytes.
+  // Each slot has nodeBytes of memory for a node.
   explicit LRUCacheEntries(size_t nodeBytes);
   ~LRUCacheEntries();
   LRUCacheEntries(const LRUCacheEntries&) = delete;
   LRUCacheEntries& operator=(const LRUCacheEntries&) = delete;
 
-  // Nodes, those that are in no entry included.
+  // Nodes, including those in no entry.
   size_t Size() const { return size_; }
   size_t EntryCount() const { return entryCount_; }
   bool HasEntry(LRUCacheSlot slot) const { return tables_->links[slot].entry != 0; }
   void* NodeIn(LRUCacheSlot slot) const {
     return IsInPlace(slot) ? &PlaceOf(slot) + 1 : tables_->origins[slot].node;
   }
-  // Whether the node stands in the memory of its slot.
+  // Whether the node was built in its slot's memory.
   bool IsInPlace(LRUCacheSlot slot) const { return tables_->links[slot].isInPlace; }
   // The key that the node was inserted under.
   LRUCacheKeyView KeyIn(LRUCacheSlot slot) const {
@@ -63,45 +62,44 @@ class ORVEX_LOCAL LRUCacheEntries {
             place.deviceID,
             place.fileID};
   }
-  // From the most to the least recently used slot. 0 before the first and after the last.
+  // Walks from the most to the least recently used slot, starting and ending at 0.
   LRUCacheSlot After(LRUCacheSlot slot) const {
     return tables_ != nullptr ? tables_->links[slot].next : LRUCacheSlot{0};
   }
-  // In the order of keys.
+  // In key order.
   Slots InOrderOfKeys() const;
 
-  // The slot whose entry has an equivalent key, or 0. hash is the key's HashOf. Throws
-  // std::bad_alloc when there is no memory for the ordered view, and then nothing has changed.
+  // The slot whose entry has an equivalent key, or 0. hash is HashOf(key). Throws std::bad_alloc,
+  // with nothing changed, if there is no memory for the ordered view.
   template <typename AnyKey>
   LRUCacheSlot Find(const AnyKey& key, uint32_t hash) {
     return FieldsOf(key) == indexedFields_ ? FindInIndex(key, hash) : FindElsewhere(key, hash);
   }
   LRUCacheSlot Find(const LRUCacheKeyView& key) { return Find(key, HashOf(key)); }
-  // Where the node of the next insertion may be built. Throws std::bad_alloc.
+  // Memory to build the next node to be inserted in. Throws std::bad_alloc.
   void* MemoryForNode();
-  // Takes a slot for the node and makes it the most recently used one. found is what Find
-  // has just returned for the key. The text of the key is copied unless the node is in place
-  // and shares it until CopyText or its removal. Throws std::bad_alloc, and then nothing has
-  // changed.
+  // Takes a slot for the node and makes it the most recently used. found is what Find just returned
+  // for the key. Without copiesText a node built in place shares its text with the key until
+  // CopyText or removal; otherwise the text is copied. Changes nothing if it throws std::bad_alloc.
   LRUCacheSlot Insert(const LRUCacheKeyView& key, uint32_t hash, LRUCacheSlot found, void* node,
                       bool copiesText);
-  // Gives the key a text of its own. Throws std::bad_alloc.
+  // Gives the key its own copy of the text. Throws std::bad_alloc.
   void CopyText(LRUCacheSlot slot);
   void MoveToFront(LRUCacheSlot slot) {
     Unlink(slot);
     LinkFirst(slot);
   }
   LRUCacheSlot Oldest() const { return tables_->links[0].previous; }
-  // Its entry goes with it, whoever shares it; its node can be reached until the next
-  // insertion. There must be a slot in use.
+  // Also removes its entry, even if other nodes share it. The node stays accessible until the next
+  // insertion. At least one slot must be in use.
   LRUCacheSlot RemoveOldest();
-  // Slots keep their nodes, and only the order of use is left.
+  // Forgets the keys; slots keep their nodes and their recency order.
   void ForgetKeys();
   void Clear();
 
  private:
-  // What a slot's memory begins with, as far as an index asks for it; the memory for its
-  // node follows. A slot of the hash cache takes four cache lines.
+  // The start of a slot's memory: what the index compares. The node's memory follows. A slot of the
+  // hash cache takes four cache lines.
   struct Place {
     const char* path;
     uint64_t size;
@@ -116,10 +114,10 @@ class ORVEX_LOCAL LRUCacheEntries {
     bool ownsText;  // of its key
     bool isInPlace;
   };
-  // What a hit has no use for.
+  // What a hit does not need.
   struct Origin {
     void* node;
-    uint64_t insertion;  // grows from one to the next
+    uint64_t insertion;  // a sequence number
     uint32_t mask;
   };
   struct alignas(kCacheLineBytes) Line {
@@ -130,10 +128,10 @@ class ORVEX_LOCAL LRUCacheEntries {
   static constexpr uint32_t kNoFields = ~uint32_t{0};
   static constexpr uint32_t kAlsoByPath = uint32_t{1} << 31;
   struct Tables {
-    std::array<Link, kSlots> links{};  // 0 begins and ends the ring
+    std::array<Link, kSlots> links{};  // 0 is the head of the ring
     LRUCacheIndex index;
     std::array<Origin, kSlots> origins;
-    std::array<LRUCacheSlot, kSlots> sorted{};  // so that sorting needs no memory
+    std::array<LRUCacheSlot, kSlots> sorted{};  // so that sorting allocates nothing
   };
   struct Before;
   struct OrderedView;
@@ -163,7 +161,7 @@ class ORVEX_LOCAL LRUCacheEntries {
   Slots EntriesBy(const Order& before) const;
   Slots EntriesAsTheyCame() const;
   std::unique_ptr<OrderedView> MakeView() const;
-  // Not inlined: a hit has no use for it.
+  // Not inlined: a hit does not need it.
   template <typename AnyKey>
   __attribute__((noinline)) LRUCacheSlot FindElsewhere(const AnyKey& key, uint32_t hash) {
     if ((FieldsOf(key) | kAlsoByPath) == indexedFields_) {
@@ -178,7 +176,7 @@ class ORVEX_LOCAL LRUCacheEntries {
   template <typename AnyKey>
   LRUCacheSlot FindInIndex(const AnyKey& key, uint32_t hash) const {
     return tables_->index.Find(hash, [this, &key](LRUCacheSlot slot) {
-      // While the keys are compared the node is on its way.
+      // Prefetch the node while the keys are compared.
       const Place& place = PlaceOf(slot);
       const auto* const line = reinterpret_cast<const Line*>(&place);
       for (int following = 1; following < 4; ++following) __builtin_prefetch(line + following);
@@ -188,17 +186,17 @@ class ORVEX_LOCAL LRUCacheEntries {
 
   const size_t bytesOfPlace_;       // whole lines
   std::unique_ptr<Tables> tables_;  // null until the first insertion
-  // Of places, each null until it is needed. Small ones, which a process can use again.
+  // Of places; each null until needed. Small, so that the heap can reuse them.
   std::array<std::unique_ptr<Line[]>, kSlots / kChunk> chunks_;
   std::unique_ptr<OrderedView> view_;  // null until it is needed
   size_t size_ = 0;
   size_t entryCount_ = 0;
   uint64_t insertions_ = 0;
-  LRUCacheSlot freeSlot_ = 0;  // begins a chain; 0 when it is empty
-  LRUCacheSlot lastSlot_ = 0;  // beyond it no slot was ever taken
-  bool isMixed_ = false;       // keys of different masks were asked for or inserted
-  uint32_t fields_ = 0;        // that all keys select unless they are mixed
-  // The same as long as the index is in use, and whether it hashes each path as well,
-  // although numbers usually tell files apart.
+  LRUCacheSlot freeSlot_ = 0;  // head of the free list; 0 if empty
+  LRUCacheSlot lastSlot_ = 0;  // the highest slot ever taken
+  bool isMixed_ = false;       // keys of different masks were looked up or inserted
+  uint32_t fields_ = 0;        // selected by all keys unless mixed
+  // fields_ while the index is in use, kNoFields otherwise; with kAlsoByPath if the index also
+  // hashes paths, because too many keys had the same numbers.
   uint32_t indexedFields_ = kNoFields;
 };

@@ -26,8 +26,8 @@ FileTypeCacheNode& FileTypeCacheNode::operator=(FileTypeCacheNode& other) {
 }
 
 void FileTypeCacheNode::SetDataToCacheNode(metadata_input_s& in, metadata_output_s& out) {
-  // First, because it is the one step that can fail. The same text stays where it is: a key
-  // may share it.
+  // First, because only this can fail. An equal text is left in
+  // place: a key may share it.
   if (path != TextOrEmpty(in.path)) path = TextOrEmpty(in.path);
   if (in.mtime != 0) {
     mtime = in.mtime;
@@ -54,10 +54,10 @@ unsigned int FileTypeCacheNode::GetDataFromCacheNode(metadata_output_s& out) {
 }
 
 void FileTypeCacheNode::Dump() const {
-  // Readers of the log know this line as it is: its conversions are narrower than
-  // the numbers, so that on the 32-bit product what follows the path does not
-  // line up with its labels. The last argument fills one argument slot of either
-  // target.
+  // Log readers rely on this line as it is. Its conversions are
+  // narrower than the numbers, so on 32 bits the values after the
+  // path do not match their labels. The last argument takes one
+  // argument slot on either target.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat"
   ORVEX_LOG_MESSAGE(ORVEX_LOG_INFO, __func__, kLRUCacheSourceFile,
@@ -73,7 +73,7 @@ FileTypeCache::FileTypeCache(unsigned int newCapacity) : FileTypeCache() {
 }
 
 int FileTypeCache::Query(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx) {
-  // Before the records: a stopped cache answers 8 whatever it is handed.
+  // Before the records: a stopped cache returns 8 whatever it is passed.
   if (!IsActive()) return ORVEX_CACHE_NOT_INITIALISED;
   if (metaOut == nullptr || metaIn == nullptr) return ORVEX_INVALID_PARAMETER;
 
@@ -100,7 +100,7 @@ int FileTypeCache::AskHostAndKeep(metadata_input_s* metaIn, metadata_output_s* m
   {
     const ORVEX_CountAtEnd count{&metrics.numOfHelpFuncCalled};
     code = AskHost(metaIn, metaOut, ctx);
-    // Looked at now: the callback may have taken the bit away.
+    // Checked only now: the callback may have cleared the bit.
     keep = (metaIn->invOperation & INV_KEEP_IN_CACHE) != 0;
     ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, "Query", kLRUCacheSourceFile,
                       "Get file type result [%d]. Keep in cache [%d]", code, keep);

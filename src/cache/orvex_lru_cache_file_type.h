@@ -12,18 +12,18 @@
 // The type of one file, as the host gave it.
 //
 // Ownership: belongs to the cache that holds it.
-// Locking: none of its own; a cached node is touched under the cache's lock.
+// Locking: none of its own; a cached node is accessed under the cache's lock.
 class ORVEX_API FileTypeCacheNode {
  public:
   FileTypeCacheNode();
-  // Throws std::bad_alloc, as SetDataToCacheNode does.
+  // Throws std::bad_alloc, like SetDataToCacheNode.
   FileTypeCacheNode(metadata_input_s& in, metadata_output_s& out);
   FileTypeCacheNode(const FileTypeCacheNode&) = delete;
   // For hosts: the library itself assigns no node.
   // Takes over path and file type; mtime and the place in the cache stay.
   FileTypeCacheNode& operator=(FileTypeCacheNode& other);
 
-  // Merges an answer. Throws std::bad_alloc, and then nothing has changed.
+  // Merges an answer. Changes nothing if it throws std::bad_alloc.
   void SetDataToCacheNode(metadata_input_s& in, metadata_output_s& out);
   // Copies the parts held into out and adds their bits. Always 0.
   unsigned int GetDataFromCacheNode(metadata_output_s& out);
@@ -47,11 +47,11 @@ struct ORVEX_API FileTypeCacheMetrics_s {
   alignas(8) long long Miss = 0;
   alignas(8) long long OutOfDate = 0;            // the file's modification time has changed
   alignas(8) long long WipeOuts = 0;             // nodes evicted for capacity
-  alignas(8) long long numOfHelpFuncCalled = 0;  // calls of the host, whatever came of them
+  alignas(8) long long numOfHelpFuncCalled = 0;  // host calls, successful or not
 };
 
-// Answers file type queries from the cache or from the host. Threads that miss on
-// one file at once all ask the host; the last answer stays.
+// Answers file type queries from the cache or from the host. Threads that miss on a file
+// concurrently all ask the host; the last answer is kept.
 class ORVEX_API FileTypeCache final
     : public LRUCacheT<LRUCacheKey, FileTypeCacheNode, FileTypeCacheMetrics_s> {
  public:
@@ -75,8 +75,8 @@ class ORVEX_API FileTypeCache final
 extern template class LRUCacheT<LRUCacheKey, FileTypeCacheNode, FileTypeCacheMetrics_s>;
 extern template class ORVEX_Singleton<FileTypeCache>;
 
-// The one of the process, as its base class, so that its operations are called through
-// the virtual table like those of the hash cache.
+// The process's file type cache, as its base class, so that calls are virtual like those of the
+// hash cache.
 inline LRUCacheT<LRUCacheKey, FileTypeCacheNode, FileTypeCacheMetrics_s>& TypeCache() {
   return *ORVEX_Singleton<FileTypeCache>::GetInstance();
 }

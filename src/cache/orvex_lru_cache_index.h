@@ -10,14 +10,14 @@
 // The number of a node's slot among the entries of its cache; 0 is none.
 using LRUCacheSlot = uint16_t;
 
-// Leads from a hash to the slots that have it. Open addressing with linear probing.
+// Maps a hash to the slots that have it. Open addressing, linear probing, backward shift.
 //
 // Locking: none of its own; part of what the cache lock guards.
 // Invariant: at most half full while a cache keeps to its capacity.
 class LRUCacheIndex {
  public:
-  // Some more than a cache keeps: a thread that a host ends while a message of an insertion
-  // or an eviction is logged leaves one node too many until the next eviction.
+  // A few more than the capacity: if a host's log callback ends its thread during an insertion or
+  // an eviction, one extra node stays until the next eviction.
   static constexpr size_t kSlots = ORVEX_MAX_CAPACITY + 64;
 
   // The slot of this hash that fits, or 0.
@@ -25,14 +25,14 @@ class LRUCacheIndex {
   LRUCacheSlot Find(uint32_t hash, const Fits& fits) const {
     size_t at = HomeOf(hash);
     for (size_t probe = 0; probe < kLongestProbe && cells_[at] != 0; ++probe, at = Next(at)) {
-      // Where the hash is the same, nothing but the slot is left.
+      // If the hashes agree, only the slot is left.
       const uint32_t rest = cells_[at] ^ Cell(hash, 0);
       if (rest == SlotIn(rest) && fits(SlotIn(rest))) return SlotIn(rest);
     }
     return 0;
   }
 
-  // False when the probe is too long, and then nothing has changed.
+  // False, with nothing changed, if the probe gets too long.
   bool Put(uint32_t hash, LRUCacheSlot slot) {
     size_t at = HomeOf(hash);
     for (size_t probe = 0; cells_[at] != 0; at = Next(at)) {
@@ -43,11 +43,11 @@ class LRUCacheIndex {
     return true;
   }
 
-  // The slot was put in.
+  // The slot must be in the index.
   void Remove(LRUCacheSlot slot) {
     size_t gap = homes_[slot];
     while (SlotIn(cells_[gap]) != slot) gap = Next(gap);
-    // What has its home before the gap closes it, so that no probe ends early.
+    // Backward shift: a cell whose home is not past the gap fills it, so no probe ends early.
     for (size_t at = Next(gap); cells_[at] != 0; at = Next(at)) {
       if (Distance(homes_[SlotIn(cells_[at])], at) < Distance(gap, at)) continue;
       cells_[gap] = cells_[at];
@@ -58,13 +58,13 @@ class LRUCacheIndex {
 
  private:
   static constexpr size_t kCells = 8192;
-  // Of a hash the upper bits number its cell, which keeps the lower ones.
+  // A hash's upper bits select its home cell; the cell stores the lower ones.
   static constexpr unsigned int kSlotBits = 13;
   static constexpr unsigned int kTagBits = 32 - kSlotBits;
   static_assert(kSlots <= 1U << kSlotBits);
-  // In a table at most half full a longer probe means keys that collide on purpose: by
-  // chance one of 56 cells comes once in some ten million insertions, and one of eight
-  // cells more a seventh as often.
+  // In a table at most half full a longer probe means deliberate collisions: by chance a probe of
+  // 56 cells occurs about once in ten million insertions, and every eight cells more make it seven
+  // times rarer.
   static constexpr size_t kLongestProbe = 128;
 
   static size_t HomeOf(uint32_t hash) { return hash >> kTagBits; }
@@ -73,6 +73,6 @@ class LRUCacheIndex {
   static uint32_t Cell(uint32_t hash, LRUCacheSlot slot) { return hash << kSlotBits | slot; }
   static LRUCacheSlot SlotIn(uint32_t cell) { return cell % (1U << kSlotBits); }
 
-  std::array<uint32_t, kCells> cells_{};  // 0 in a free one
-  std::array<uint16_t, kSlots> homes_{};  // of the slots put in
+  std::array<uint32_t, kCells> cells_{};  // 0: free
+  std::array<uint16_t, kSlots> homes_{};  // home cells of the slots in the index
 };

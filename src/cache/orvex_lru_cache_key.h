@@ -12,25 +12,25 @@
 #include "support/orvex_annotations.h"
 #include "support/orvex_log.h"
 
-// Which file an entry is about, and which of its fields tell it from others.
+// Identifies a cached file. The mask in flags selects the fields that count.
 //
-// Invariant: the order is a strict weak one only among keys of one mask.
+// Invariant: operator< is a strict weak order only among keys with the same mask.
 class ORVEX_API LRUCacheKey {
  public:
   LRUCacheKey();
   explicit LRUCacheKey(metadata_input_s& in);
-  // Becomes the key that is made from the record. Throws std::bad_alloc, and then it is
-  // neither this key nor that one.
+  // Reads the key from the record. If it throws std::bad_alloc, the key
+  // is only partly overwritten.
   ORVEX_LOCAL void Read(const metadata_input_s& in);
   LRUCacheKey(const LRUCacheKey& other);
   virtual ~LRUCacheKey();
-  // Leaves the name as it is. For hosts, as are the comparisons and the dump.
+  // Does not copy the name. For hosts, like the comparisons and Dump.
   LRUCacheKey& operator=(const LRUCacheKey& other);
 
-  // Orders by the fields that the left key's mask selects; the right one's never
-  // matters. Path bytes are unsigned.
+  // Compares the fields selected by the left key's mask; the right one's is ignored. Path bytes
+  // compare as unsigned.
   bool operator<(const LRUCacheKey& right) const;
-  // Compares path and numbers, whatever either mask says.
+  // Compares path and numbers, regardless of both masks.
   bool operator==(const LRUCacheKey& other);
 
   // Logs the key at DEBUG.
@@ -45,8 +45,8 @@ class ORVEX_API LRUCacheKey {
   uint64_t fileID = 0;
 };
 
-// A key that borrows its path: looking up needs no memory, and so cannot fail. Cached keys
-// are of this kind, too: they share the text of their nodes.
+// A key that borrows its path: building one for a lookup needs no memory and cannot fail. Cached
+// keys are views too; most share the text of their nodes.
 //
 // Ownership: valid while the record or key it was made from is.
 struct ORVEX_LOCAL LRUCacheKeyView {
@@ -65,7 +65,7 @@ struct ORVEX_LOCAL LRUCacheKeyView {
         mtime(in.mtime),
         deviceID(in.deviceID),
         fileID(in.fileID) {}
-  // Implicit: a key is good wherever a view is asked for.
+  // Implicit: a key can be passed wherever a view is expected.
   LRUCacheKeyView(const LRUCacheKey& key)
       : flags(key.flags),
         path(key.path.c_str()),
@@ -85,7 +85,7 @@ struct ORVEX_LOCAL LRUCacheKeyView {
   uint64_t fileID;
 };
 
-// What follows is asked of keys and of records alike, so that a hit copies no record.
+// The functions below take keys and records alike, so that a hit copies no record.
 
 inline uint32_t MaskOf(const LRUCacheKeyView& key) { return key.flags; }
 inline uint32_t MaskOf(const metadata_input_s& in) { return in.fileOperation; }
@@ -107,7 +107,7 @@ __attribute__((noinline)) bool AreEqualWhereSelected(const AnyKey& left, const F
          ((mask & KEY_PATH) == 0 || std::strcmp(TextOrEmpty(left.path), right.path) == 0);
 }
 
-// Whether the selected fields are equal, for keys of the same fields: nearly always all.
+// Whether the selected fields are equal. Both keys select the same ones, nearly always all.
 template <typename AnyKey, typename Fields>
 bool AreEqual(const AnyKey& left, const Fields& right) {
   if (FieldsOf(left) != kKeyFields) return AreEqualWhereSelected(left, right);
@@ -116,15 +116,15 @@ bool AreEqual(const AnyKey& left, const Fields& right) {
          std::strcmp(TextOrEmpty(left.path), right.path) == 0;
 }
 
-// What a number adds to a hash, of which the upper 32 bits count. 32-bit registers multiply
-// its halves: a product of 64 bits would take half as much again.
+// A number's share of a hash, whose upper 32 bits are used. 32-bit targets multiply the halves
+// separately: a 64-bit product would cost half as much again.
 inline size_t HashOfNumber(uint64_t number, uint64_t factor) {
   if (sizeof(size_t) == sizeof number) return static_cast<size_t>(number * factor);
   return static_cast<uint32_t>(number) * static_cast<uint32_t>(factor) +
          static_cast<uint32_t>(number >> 32) * static_cast<uint32_t>(factor >> 32);
 }
 
-// The upper 32 bits of what numbers add up to.
+// The upper 32 bits of a sum of such shares.
 inline uint32_t HashOfSum(size_t sum) {
   return static_cast<uint32_t>(sum >> (8 * sizeof sum - 32));
 }
@@ -138,9 +138,9 @@ __attribute__((noinline)) uint32_t HashOfPath(const AnyKey& key) {
 // Equal keys hash equally; use the high bits. Skips the path when the file number is known:
 // hashing it costs ten times as much.
 //
-// Multiplicative hashing (Knuth, The Art of Computer Programming, volume 3, 6.4), each
-// field by a factor of its own, so that the products need not wait for each other. The
-// factors are the fractions of square roots of primes (3, 5, 7, 11 and 13), made odd.
+// Multiplicative hashing (Knuth, The Art of Computer Programming, volume 3, 6.4), each field with
+// its own factor, so that the multiplications run in parallel. The factors are the fractions of
+// square roots of primes (3, 5, 7, 11 and 13), made odd.
 template <typename AnyKey>
 uint32_t HashOf(const AnyKey& key) {
   const uint32_t mask = MaskOf(key);
@@ -162,7 +162,7 @@ inline void LRUCacheKeyView::Dump() const {
                     PrintableNumber(deviceID), PrintableNumber(fileID));
 }
 
-// By the fields that the left key's mask selects.
+// Compares the fields selected by the left key's mask.
 inline bool operator<(const LRUCacheKeyView& left, const LRUCacheKeyView& right) {
   if ((left.flags & KEY_PATH) != 0) {
     if (const int order = std::strcmp(left.path, right.path); order != 0) return order < 0;

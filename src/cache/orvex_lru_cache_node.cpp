@@ -12,8 +12,8 @@ namespace {
 
 using SignerArray = std::unique_ptr<char[]>;
 
-// A copy of count signer slots, or null when there is nothing to copy from, no
-// memory for it, or no such size.
+// A copy of count signer slots. Null if there is nothing to copy, the size is out of range, or
+// memory runs out.
 SignerArray CopyOfSigners(const char* source, uint32_t count) {
   const uint64_t bytes = uint64_t{count} * ORVEX_SIGNER_SLOT;
   if (source == nullptr || bytes > PTRDIFF_MAX) return nullptr;
@@ -58,8 +58,8 @@ LRUCacheNode& LRUCacheNode::operator=(const LRUCacheNode& source) {
 }
 
 int LRUCacheNode::SetDataToCacheNode(metadata_input_s& in, metadata_output_s& out) {
-  // First, because it is the one step that can fail. The same text stays where it is: a key
-  // may share it.
+  // First, because only this can fail. An equal text is left in
+  // place: a key may share it.
   if (path != TextOrEmpty(in.path)) path = TextOrEmpty(in.path);
   Merge(in, out);
   return ORVEX_OK;

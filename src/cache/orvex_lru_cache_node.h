@@ -13,8 +13,8 @@
 #include "support/orvex_annotations.h"
 #include "support/orvex_log.h"
 
-// By words on 32-bit x86: gcc would use a string instruction there, which takes longer to
-// begin than to copy.
+// Word by word on 32-bit x86: gcc would use a string instruction, which takes longer to start up
+// than to copy.
 template <size_t kLength>
 inline void CopyDigest(uint8_t (&to)[kLength], const uint8_t (&from)[kLength]) {
   constexpr size_t kPiece = sizeof(void*) == 4 ? 4 : kLength;
@@ -24,8 +24,8 @@ inline void CopyDigest(uint8_t (&to)[kLength], const uint8_t (&from)[kLength]) {
 
 constexpr uint32_t kDigests = QUERY_DIGEST16 | QUERY_DIGEST20 | QUERY_DIGEST32 | QUERY_AUX_DIGEST20;
 
-// Copies those digests whose bits are in present, between a node and a record or
-// another node.
+// Copies the digests whose bits are set in present, between a node and
+// a record or another node.
 template <typename To, typename From>
 void CopyDigests(To& to, const From& from, uint32_t present) {
   if ((present & QUERY_DIGEST16) != 0) CopyDigest(to.digest16, from.digest16);
@@ -34,30 +34,30 @@ void CopyDigests(To& to, const From& from, uint32_t present) {
   if ((present & QUERY_AUX_DIGEST20) != 0) CopyDigest(to.auxDigest20, from.auxDigest20);
 }
 
-// The parts of an answer that a host gave for one file. Parts gather over several
-// answers; signers alone are those of the last one.
+// The parts of an answer that a host gave for one file. Parts accumulate over several answers,
+// except signers: only the last answer's are kept.
 //
 // Ownership: belongs to the cache that holds it; owns its signer array.
-// Locking: none of its own; a cached node is touched under the cache's lock.
+// Locking: none of its own; a cached node is accessed under the cache's lock.
 class ORVEX_API LRUCacheNode {
  public:
   LRUCacheNode();
-  // Throws std::bad_alloc, as SetDataToCacheNode does.
+  // Throws std::bad_alloc, like SetDataToCacheNode.
   LRUCacheNode(metadata_input_s& in, metadata_output_s& out);
   LRUCacheNode(const LRUCacheNode&) = delete;
   virtual ~LRUCacheNode();
-  // For hosts: the library itself assigns no node.
-  // Takes over the parts that the source holds and keeps the others; mtime and
-  // the place in the cache stay in any case.
+  // For hosts: the library itself assigns no node. Takes over the
+  // parts that the source holds and keeps the others. Never changes
+  // mtime or the place in the cache.
   LRUCacheNode& operator=(const LRUCacheNode& source);
 
-  // Merges an answer. The result says nothing. Throws std::bad_alloc, and then
-  // nothing has changed; signers that cannot be had leave the node without any.
+  // Merges an answer. Always 0. Changes nothing if it throws std::bad_alloc. If the signers cannot
+  // be copied, the node has none.
   int SetDataToCacheNode(metadata_input_s& in, metadata_output_s& out);
-  // Copies the parts held into out and adds their bits. Frees out's signer array
-  // before it stores another, which is the caller's from then on. Feedback is
-  // always given, 0 unless the host gave one. Returns 0, or ORVEX_NO_MEMORY for
-  // a signer array, and then all parts but feedback are copied.
+  // Copies the parts held into out and adds their bits. Frees out's signer array before storing
+  // another, which then belongs to the caller. Feedback is always set, to 0 unless the host gave
+  // one. Returns 0, or ORVEX_NO_MEMORY if the signers cannot be copied: then signers and feedback
+  // are missing.
   unsigned int GetDataFromCacheNode(metadata_output_s& out);
 
   // The same; without kTalks nothing is logged.
@@ -67,7 +67,7 @@ class ORVEX_API LRUCacheNode {
   // Logs the node at DEBUG.
   void Dump() const;
 
-  bool dataSet = false;        // true once an answer was stored
+  bool dataSet = false;        // true once an answer is stored
   uint32_t queryFlags = 0;     // QUERY_*: which of the parts below are held
   uint32_t fileOperation = 0;  // of the last query that stored
   uint32_t invOperation = 0;   // of the last query that stored
@@ -91,10 +91,10 @@ class ORVEX_API LRUCacheNode {
   // All but the path.
   ORVEX_LOCAL void Merge(const metadata_input_s& in, const metadata_output_s& out);
   ORVEX_LOCAL bool HasSignersOf(const LRUCacheNode& other) const;
-  // False when there is no memory for them.
+  // False if out of memory.
   ORVEX_LOCAL bool GiveSigners(metadata_output_s& out) const;
   ORVEX_LOCAL void ForgetSigners();
-  // Leaves the node without signers when they cannot be had.
+  // If they cannot be copied, the node has no signers.
   ORVEX_LOCAL void StoreSigners(const char* source, uint32_t count);
 };
 

@@ -1,5 +1,5 @@
-// The hash cache's answer to one query, and the coordination of threads that ask
-// about one path.
+// The hash cache's queries, and the coordination of
+// threads that want the same path.
 #include <exception>
 #include <new>
 #include <stdexcept>
@@ -11,7 +11,7 @@
 
 namespace {
 
-// Every message below belongs to the query.
+// The function named in every message below.
 constexpr char kFunction[] = "Query";
 
 int EndWithoutMemory(metadata_output_s& out) {
@@ -31,12 +31,12 @@ int RefuseMissingPath(metadata_output_s& out) {
   try {
     throw std::logic_error("a hash query needs a path");
   } catch (const std::bad_alloc&) {
-    // Thrown while its message was copied.
+    // Copying its message failed.
     return EndWithoutMemory(out);
   }
 }
 
-// Whether the path was free and is now marked. Throws std::bad_alloc.
+// True if the path was free and is now marked. Throws std::bad_alloc.
 bool MarkAsCalculating(ORVEX_Set& set, std::string_view path, size_t stripe) {
   const ORVEX_MutexGuard guard(&set.condLock);
   return set.active && set.Insert(path, stripe);
@@ -47,15 +47,15 @@ bool Unmark(ORVEX_Set& set, std::string_view path, size_t stripe) {
   return set.active && set.Erase(path, stripe);
 }
 
-// Frees a path and wakes those that wait for it, whichever way the host's
-// callback ends. Who did not mark the path does not free it, but wakes all the
-// same.
+// Unmarks a path and wakes the threads waiting for it, however the host's
+// callback ends. A thread that did not mark the path does not unmark it,
+// but still wakes the others.
 class LeavePathOnReturn {
  public:
   LeavePathOnReturn(ORVEX_Set& calHashSet, const KeptText& path, size_t stripe, bool marked)
       : set_(calHashSet), text_(path.View()), stripe_(stripe), marked_(marked) {}
   ~LeavePathOnReturn() {
-    const char* const path = text_.data();  // It ends in a NUL.
+    const char* const path = text_.data();  // NUL-terminated.
     if (!marked_) {
       ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, kFunction, kLRUCacheSourceFile,
                         "[CalHashSet] Erase CalHashSet skipped: %s", path);
@@ -119,15 +119,15 @@ inline LRU_LOOKUP LRUCache::LookUp(const metadata_input_s& in, metadata_output_s
   }
   LRUCacheNode* const node = NodeIn(slot);
   const bool isCurrent = node != nullptr && (in.mtime == 0 || in.mtime == node->mtime);
-  // A message is not quiet: its callback may change the record.
+  // Logging is not quiet: the log callback may change the record.
   if (!kTalks && node != nullptr && !isCurrent && ORVEX_LOG_BASE::Keeps(ORVEX_LOG_WARNING)) {
     return LRU_NOT_YET;
   }
-  // A log callback may read the counters, so that they are ahead of every line.
+  // Counted before anything is logged: a log callback may read the counters.
   if (kTalks || !isCurrent) ORVEX_atomic_increment_64(&metrics.Query);
   if (!isCurrent) return MissOrOutOfDate(node, in);
-  // Signers that could not be copied leave their bit clear, and the comparison
-  // sees that.
+  // If the signers could not be copied, their bit is clear and the
+  // comparison below sees that.
   node->GiveTo<kTalks>(out);
   const bool isComplete = (in.queryFlags & ~out.queryFlags) == 0;
   if (kTalks) {
@@ -154,12 +154,12 @@ __attribute__((noinline)) int LRUCache::QueryStepByStep(metadata_input_s* metaIn
   const ORVEX_ProfilingScope profiling("LRUCache::Query");
   KeptText path;
   if (lookup == LRU_NOT_YET) {
-    // Before the records: a stopped cache answers 8 whatever it is handed.
+    // Before the records: a stopped cache returns 8 whatever it is passed.
     if (!IsActive()) return ORVEX_CACHE_NOT_INITIALISED;
     if (metaIn == nullptr || metaOut == nullptr) return ORVEX_INVALID_PARAMETER;
     if (metaIn->path == nullptr) return RefuseMissingPath(*metaOut);
-    // Wait, set and lines go by the path that the query was handed; lookup and store read
-    // the record as it is by then, since a sleep or a message gives the host time to change it.
+    // Waiting, marking and messages use the path passed in; lookup and store read the record again,
+    // since the host may change it while this thread sleeps or logs.
     const bool mayCalculate = (metaIn->invOperation & INV_CACHE_ONLY) == 0;
     try {
       path.Keep(metaIn->path);
@@ -237,7 +237,7 @@ int LRUCache::Calculate(metadata_input_s* metaIn, metadata_output_s* metaOut, vo
   }
   if (code != ORVEX_OK) return code;
   metaOut->resultReady = 1;
-  // Looked at now: the callback may have taken the bit away.
+  // Checked only now: the callback may have cleared the bit.
   if ((metaIn->invOperation & INV_KEEP_IN_CACHE) == 0) return ORVEX_OK;
   return UpdateCache(metaIn, metaOut);
 }

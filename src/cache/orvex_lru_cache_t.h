@@ -13,7 +13,7 @@
 #include "support/orvex_log.h"
 #include "support/orvex_profiling.h"
 
-// What to do with a node in LRUCacheNodeUpdate.
+// What LRUCacheNodeUpdate does with a node.
 enum LRU_OPERATION : int {
   LRU_UPDATE = 1,  // it is cached: move it to the front
   LRU_INSERT = 2,  // it is new: put it at the front and enter its key
@@ -26,14 +26,14 @@ enum LRU_LOOKUP : int {
   LRU_HIT = 2,
   LRU_PARTIAL_HIT = 3,
   LRU_OUT_OF_DATE = 4,
-  LRU_NO_MEMORY = -2,  // and nothing has changed or was counted
+  LRU_NO_MEMORY = -2,  // nothing was changed or counted
 };
 
-// Keeps nodes in recency order, finds them by key, and holds the capacity, the host's callback
-// and the counters. What a lookup and a query mean is the subclass's.
+// Keeps nodes in recency order, finds them by key, and holds the capacity, the host's callback and
+// the counters. Subclasses define lookup and query.
 //
-// Key:     made from a metadata_input_s&, Read(), converts to an LRUCacheKeyView.
-// Node:    made from and SetDataToCacheNode(metadata_input_s&,
+// Key:     constructible from metadata_input_s&, has Read(), converts to LRUCacheKeyView.
+// Node:    constructible from and SetDataToCacheNode(metadata_input_s&,
 //          metadata_output_s&), members mapEntry (an LRUCacheSlot) and path, Dump().
 // Metrics: a plain record of 64-bit counters, each aligned to 8.
 //
@@ -43,11 +43,11 @@ enum LRU_LOOKUP : int {
 // Locking: lock guards everything but the counters, the active flag and the callback,
 // which are atomics. It is never held while the host computes. Operations that say so expect
 // it held, all others take it themselves.
-// Invariant: between two holds of the lock entries_ has no more nodes than capacity.
+// Invariant: while nobody holds the lock, entries_ has at most capacity nodes.
 template <typename Key, typename Node, typename Metrics>
 class ORVEX_API LRUCacheT {
  public:
-  // With a body, as the destructor: what is defaulted here an instantiation does not export.
+  // Not defaulted, like the destructor: explicit instantiation would not export it.
   LRUCacheT() {}  // NOLINT(modernize-use-equals-default)
   LRUCacheT(const LRUCacheT&) = delete;
   LRUCacheT& operator=(const LRUCacheT&) = delete;
@@ -57,7 +57,7 @@ class ORVEX_API LRUCacheT {
     ORVEX_StoreRelaxed(active, true);
     return ORVEX_OK;
   }
-  // Refuses new queries from here on, empties the cache and zeroes the counters.
+  // Refuses new queries from now on, empties the cache and zeroes the counters.
   virtual int DeinitLRUCache() ORVEX_EXCLUDES(lock) {
     {
       const ORVEX_MutexGuard guard(&lock);
@@ -71,12 +71,12 @@ class ORVEX_API LRUCacheT {
       ORVEX_EXCLUDES(lock) {
     return UpdateCache(metaIn, metaOut);
   }
-  // Stores an answer, in an active cache or not. Returns 0,
-  // ORVEX_INVALID_PARAMETER or ORVEX_NO_MEMORY, and then the cache is as it was.
+  // Stores an answer, whether the cache is active or not. Returns 0; or, with the cache unchanged,
+  // ORVEX_INVALID_PARAMETER or ORVEX_NO_MEMORY.
   virtual int UpdateCache(metadata_input_s* metaIn, metadata_output_s* metaOut)
       ORVEX_EXCLUDES(lock) {
     if (metaOut == nullptr || metaIn == nullptr) return ORVEX_INVALID_PARAMETER;
-    // Read once: another thread's host may change a record that both share.
+    // Read once: the host may change a shared record on another thread.
     const LRUCacheKeyView key(*metaIn);
     const uint32_t hash = HashOf(key);
     const ORVEX_MutexGuard guard(&lock);
@@ -123,7 +123,7 @@ class ORVEX_API LRUCacheT {
       ORVEX_EXCLUDES(lock) = 0;
   virtual int GetMetrics(Metrics& out) const = 0;
   virtual void DumpMetrics() const = 0;
-  // Throws std::bad_alloc for LRU_INSERT; then the node is still the caller's.
+  // LRU_INSERT may throw std::bad_alloc; the node then stays the caller's.
   virtual void LRUCacheNodeUpdate(Key& key, Node* node, LRU_OPERATION operation)
       ORVEX_REQUIRES(lock) {
     if (node == nullptr) return;
@@ -153,7 +153,7 @@ class ORVEX_API LRUCacheT {
       NodeIn(slot)->Dump();
     }
   }
-  // One of LRU_LOOKUP. Needs no memory while all keys are of one mask.
+  // Returns an LRU_LOOKUP. Allocates only for a copy of the key or the ordered view.
   virtual int QueryLRUCache(metadata_input_s* metaIn, metadata_output_s* metaOut)
       ORVEX_EXCLUDES(lock) = 0;
   // Evicts the least recently used nodes beyond the capacity.
@@ -190,15 +190,15 @@ class ORVEX_API LRUCacheT {
 
   // IsInit without the lock. A call racing a start or stop may see either answer.
   ORVEX_LOCAL bool IsActive() const { return ORVEX_LoadRelaxed(active); }
-  // None in slot 0.
+  // Null for slot 0.
   ORVEX_LOCAL Node* NodeIn(LRUCacheSlot slot) const ORVEX_REQUIRES(lock) {
     return slot != 0 ? static_cast<Node*>(entries_.NodeIn(slot)) : nullptr;
   }
-  // Whether a host may be told of each step.
+  // Whether the host can observe each step, through DEBUG messages or profiling.
   ORVEX_LOCAL static bool Talks() {
     return ORVEX_ProfilingScope::IsOn() || ORVEX_LOG_BASE::Keeps(ORVEX_LOG_DEBUG);
   }
-  // Makes the node the most recently used one. Whoever talks has read key_.
+  // Makes the node the most recently used. If talks is set, key_ must hold its key.
   ORVEX_LOCAL void Use(LRUCacheSlot slot, bool talks) ORVEX_REQUIRES(lock) {
     if (talks) {
       LRUCacheNodeUpdate(key_, NodeIn(slot), LRU_UPDATE);
@@ -206,7 +206,7 @@ class ORVEX_API LRUCacheT {
       entries_.MoveToFront(slot);
     }
   }
-  // Counts and tells that a lookup found no node, or one of another time.
+  // Counts and logs a lookup that found no node, or one with another mtime.
   ORVEX_LOCAL __attribute__((noinline)) LRU_LOOKUP MissOrOutOfDate(const Node* node,
                                                                    const metadata_input_s& in)
       ORVEX_REQUIRES(lock) {
@@ -222,7 +222,7 @@ class ORVEX_API LRUCacheT {
                       PrintableNumber(node->mtime), in.path);
     return LRU_OUT_OF_DATE;
   }
-  // What LRUCacheNodeWipe does.
+  // The body of LRUCacheNodeWipe.
   ORVEX_LOCAL void EvictBeyondCapacity() ORVEX_REQUIRES(lock) {
     while (entries_.Size() > capacity) {
       ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, "LRUCacheNodeWipe", kLRUCacheSourceFile,
@@ -258,30 +258,30 @@ class ORVEX_API LRUCacheT {
   alignas(kCacheLineBytes) mutable ORVEX_PThread_Lock lock;
   // From InitLRUCache to DeinitLRUCache. An atomic, written under the lock.
   alignas(kCacheLineBytes) bool active = false;
-  // In nodes. What is beyond it goes in LRUCacheNodeWipe.
+  // In nodes. LRUCacheNodeWipe evicts what exceeds it.
   unsigned int capacity ORVEX_GUARDED_BY(lock) = ORVEX_MAX_CAPACITY;
-  // Whether nobody overrides LRUCacheNodeUpdate: a store that is not logged then takes the
-  // record itself for its key, and copies no text of it.
+  // True if no subclass overrides LRUCacheNodeUpdate: a store that is not logged then uses the
+  // record itself as the key and copies no text for it.
   bool isFinal_ ORVEX_GUARDED_BY(lock) = false;
   // Null until registered; survives flush and stop. An atomic, written under the lock.
   orvex_query_cb queryCallback = nullptr;
-  // Atomics: counted without the lock by some, zeroed under it.
+  // Atomics: some are counted without the lock; zeroed under it.
   struct Counters : Metrics {
-    // Hits that nobody was told of. Each counts in Query and in Hit, by one locked add.
+    // Hits that were not logged. Each counts as Query and as Hit, with one locked add.
     alignas(8) long long silentHits = 0;
   };
   alignas(kCacheLineBytes) mutable Counters metrics{};
-  // The key of the record under way; its texts' memory serves one record after the other.
+  // The key of the current record; its strings' memory is reused from record to record.
   alignas(kCacheLineBytes) Key key_ ORVEX_GUARDED_BY(lock);
 
  private:
-  // A node built in the memory of its slot is only destroyed.
+  // A node built in its slot's memory is destroyed but not freed.
   ORVEX_LOCAL void End(LRUCacheSlot slot) ORVEX_REQUIRES(lock) {
     Node* const node = NodeIn(slot);
     entries_.IsInPlace(slot) ? node->~Node() : delete node;
   }
-  // The node was built in place. Once inserted it is the cache's, also when a log callback
-  // ends the thread.
+  // The node was built in place. Once inserted it belongs to the cache, even if a log callback ends
+  // the thread.
   ORVEX_LOCAL void Insert(LRUCacheKeyView key, uint32_t hash, Node* node, bool talks)
       ORVEX_REQUIRES(lock) {
     try {

@@ -1,4 +1,4 @@
-// What the files of the caches share when they read and log the host's records.
+// What the caches' source files share for reading and logging the host's records.
 #pragma once
 
 #include <cstddef>
@@ -9,15 +9,15 @@
 
 #include "support/orvex_annotations.h"
 
-// The source-file name that every message of the two caches carries.
+// The source file name in every message of both caches.
 inline constexpr char kLRUCacheSourceFile[] = "orvex_lru_cache";
 
 inline const char* TextOrEmpty(const char* text) { return text != nullptr ? text : ""; }
 
-// A text of the host's, copied once it may go or change. Short ones need no memory.
+// A copy of a host's text, made before that may change or go away. Short ones need no memory.
 class ORVEX_LOCAL KeptText {
  public:
-  // Keeps the first text it is handed. Throws std::bad_alloc.
+  // Copies the first text it is given and ignores later ones. Throws std::bad_alloc.
   void Keep(const char* text) {
     if (kept_ != nullptr) return;
     const size_t bytes = std::strlen(text) + 1;
@@ -25,7 +25,7 @@ class ORVEX_LOCAL KeptText {
     kept_ = static_cast<const char*>(std::memcpy(long_ ? long_.get() : short_, text, bytes));
     length_ = bytes - 1;
   }
-  // Null until something is kept.
+  // Null before Keep.
   const char* c_str() const { return kept_; }
   std::string_view View() const { return {kept_, length_}; }
 

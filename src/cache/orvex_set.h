@@ -19,17 +19,16 @@
 //
 // Ownership: keeps its own copy of each path.
 // Threads: any number at once.
-// Locking: condLock guards active and paths, and its condition wakes the threads that
-// wait for a path to leave. It is never held while the host computes.
-// Invariant: a path is in paths while one thread calculates it. Who inserts a
-// path erases it again, whichever way the host's callback ends; an inactive set
-// is empty, admits no path, and nobody waits on it. A thread that was calculating
-// across a stop and a start erases the path all the same, were it another's by
-// then: that one only calculates unannounced.
-// NOLINTNEXTLINE(clang-analyzer-optin.performance.Padding): the counts have lines of their own.
+// Locking: condLock guards active and paths, and its condition wakes the threads waiting for a
+// path. It is never held while the host computes.
+// Invariant: a path is in paths while a thread calculates it. The thread that inserted it erases
+// it, however the host's callback ends. An inactive set is empty, accepts no path, and nobody waits
+// on it. A calculation that outlives a stop and a restart still erases its path, even if another
+// thread has marked it since; others then do not wait for that thread.
+// NOLINTNEXTLINE(clang-analyzer-optin.performance.Padding): the counts get their own cache lines.
 class ORVEX_API ORVEX_Set {
  public:
-  // What PredicateFunc is asked about.
+  // The argument of PredicateFunc.
   using PathInSet = std::pair<ORVEX_Set*, const std::string*>;
 
   ORVEX_Set();
@@ -37,8 +36,8 @@ class ORVEX_API ORVEX_Set {
   ORVEX_Set(const ORVEX_Set&) = delete;
   ORVEX_Set& operator=(const ORVEX_Set&) = delete;
 
-  // The callbacks of a condition wait on condLock, which is held while they run.
-  // arg is a PathInSet*; whether its path is being calculated. False for null.
+  // The callbacks of a condition wait on condLock, which is held while they run. arg is a
+  // PathInSet*. True while its path is being calculated; false for null.
   static bool PredicateFunc(void* arg);
   // arg is a const std::string*, the path. They log; null is ignored.
   static void PreWaitLogFunc(void* arg);
@@ -49,36 +48,34 @@ class ORVEX_API ORVEX_Set {
   ORVEX_LOCAL bool MayHold(const char* path) const {
     return ORVEX_LoadAcquire(pathCount_) != 0 && ORVEX_LoadAcquire(stripes_[StripeOf(path)]) != 0;
   }
-  // Which of the counts below a path is in.
+  // The index of a path's count in stripes_.
   ORVEX_LOCAL static size_t StripeOf(std::string_view path) {
-    // Neighbours differ in length or at their ends. Where stripes are shared a query only
-    // takes the lock in vain.
+    // Paths of one directory differ in length or near the end. A shared stripe only costs a query
+    // the lock.
     uint32_t end = 0;
     if (path.size() >= sizeof end) {
       std::memcpy(&end, path.data() + path.size() - sizeof end, sizeof end);
     }
     return ((end + static_cast<uint32_t>(path.size())) * 0x9E3779B9U) >> 26;
   }
-  // False when it is there already. Throws std::bad_alloc, and then nothing has
-  // changed.
+  // False if it is already there. Changes nothing if it throws std::bad_alloc.
   ORVEX_LOCAL bool Insert(std::string_view path, size_t stripe) ORVEX_REQUIRES(condLock);
-  // False when it is not there.
+  // False if it is not there.
   ORVEX_LOCAL bool Erase(std::string_view path, size_t stripe) ORVEX_REQUIRES(condLock);
   ORVEX_LOCAL void Clear() ORVEX_REQUIRES(condLock);
 
-  bool active ORVEX_GUARDED_BY(condLock) = false;  // as long as the cache is
-  // Public, but the counts below follow only what Insert, Erase and Clear change.
+  bool active ORVEX_GUARDED_BY(condLock) = false;  // while the cache is
+  // Public, but only Insert, Erase and Clear keep the counts below in step.
   std::set<std::string, std::less<>> paths ORVEX_GUARDED_BY(condLock);
   ORVEX_PThread_CondLock condLock;
 
  private:
-  static constexpr size_t kStripes = 64;  // as many as six bits tell apart
+  static constexpr size_t kStripes = 64;  // StripeOf yields six bits
 
-  // The path erased last, whose memory serves the next one.
+  // The node of the path erased last, reused by the next insertion.
   std::set<std::string, std::less<>>::node_type spare_ ORVEX_GUARDED_BY(condLock);
-  // How many paths there are, and how many with each remainder of their hash: asked by
-  // queries that may call the host, so that hardly one takes the lock on account of
-  // another's path. Written under condLock.
+  // The number of paths, in total and per stripe. Queries that may call the host read them first,
+  // so that they seldom take the lock because of another path. Written under condLock.
   alignas(kCacheLineBytes) size_t pathCount_ = 0;
   unsigned int stripes_[kStripes] = {};
 };
