@@ -31,24 +31,24 @@ bool Configure() {
   return true;
 }
 
-// Once true, for good: what a host still calls finds an engine that nobody starts.
+// Set when the engine is destroyed, never cleared: later calls find one that cannot start.
 bool isOver = false;
 
-// Comes with the process's engine and goes with it.
+// Built and destroyed together with the process's engine.
 struct EndOfEngine {
   ~EndOfEngine() {
     ORVEX_StoreRelaxed(isOver, true);
-    // The host's log callback may count on what is gone by now.
+    // The host's log callback may rely on objects that are already destroyed.
     ORVEX_StoreRelaxed(ORVEX_LOG_BASE::LogEnable, false);
   }
 };
 
-// Enough of a pointer to tell it from another in a line of the log.
+// Enough to tell pointers apart in a log line.
 unsigned int Low32Bits(const void* pointer) {
   return static_cast<unsigned int>(reinterpret_cast<uintptr_t>(pointer));
 }
 
-// With the code so far, on purpose: a lone failure of the hash cache prints 0.
+// Logs the code so far, on purpose: if only the hash cache fails, this prints 0.
 void TellHashFailure(int codeSoFar) {
   ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, "Query", kEngineSourceFile, "Error query hash cache %d",
                     codeSoFar);
@@ -57,8 +57,8 @@ void TellHashFailure(int codeSoFar) {
 }  // namespace
 
 ORVEX_ENGINE::ORVEX_ENGINE() : hashCache_(HashCache()) {
-  // What the engine works with is built before it and destroyed after it: nothing
-  // ever finds an engine that runs without its caches.
+  // Everything the engine uses is built before it and destroyed after it, so that a running engine
+  // always has its caches.
   TypeCache();
   ORVEX_Singleton<ORVEX_Config>::GetInstance();
   ORVEX_LOGGER::GetInstance();
@@ -100,7 +100,7 @@ int ORVEX_ENGINE::Init(metadata_query_fptrs_s* fptrs) {
   hashCache_.RegisterMetaQueryCallback(fptrs->metaQueryCallback);
   TypeCache().RegisterMetaQueryCallback(fptrs->fileTypeQueryCallback);
   ORVEX_StoreRelaxed(inited, true);
-  // Calls that came too early, or outlived an earlier stop, are not counted.
+  // Calls made too early, or still inside since an earlier stop, are not counted.
   hashCache_.Calls().SetToZero(ORVEX_CallsInFlight::kOfEngine);
   ORVEX_LOG_MESSAGE(ORVEX_LOG_INFO, __func__, kEngineSourceFile,
                     "Kelda Inventory Engine init successfully");
@@ -115,7 +115,7 @@ int ORVEX_ENGINE::Deinit() {
     return ORVEX_NOT_INITIALISED;
   }
   ORVEX_StoreRelaxed(inited, false);
-  // Before the wait: threads that sleep in a cache leave only once it stops.
+  // Before the drain: threads sleeping in a cache leave only once it stops.
   hashCache_.DeinitLRUCache();
   TypeCache().DeinitLRUCache();
   hashCache_.Calls().Drain(ORVEX_CallsInFlight::kOfEngine, "Kelda Inventory Engine deinit",
@@ -135,11 +135,11 @@ int ORVEX_ENGINE::GetStatus() {
   return IsInit() ? ORVEX_INITIALISED : ORVEX_NOT_INITIALISED;
 }
 
-// All of a hit is this one function, from the cache's lookup to its last counter.
+// Flattened: a hit runs in this one function, from the cache's lookup to the last counter.
 __attribute__((flatten)) int ORVEX_ENGINE::Query(metadata_input_s* metaIn,
                                                  metadata_output_s* metaOut, void* ctx) {
-  // A query for the hash cache alone is counted in for both at once, unless a host is told
-  // of each step and may look who is where. An engine that does not run reads no record.
+  // A query for the hash cache alone is counted into engine and cache at once, unless the host can
+  // observe each step and so the two counts. A stopped engine reads no record.
   if (ORVEX_LoadRelaxed(inited) && metaIn != nullptr && metaOut != nullptr &&
       (metaIn->queryFlags & QUERY_FILE_TYPE) == 0 && metaIn->queryFlags != 0 &&
       !LRUCache::Talks()) {

@@ -15,13 +15,12 @@ class LRUCache;
 // State             inited  entered by                       Query
 // not initialised   false   construction, Deinit             100
 // initialised       true    Init                             served
-// over              false   destruction of the singleton     100, and so does Init
+// over              false   destruction of the singleton     100, also from Init
 //
-// Ownership: none; the caches are singletons of their own.
+// Ownership: none; the caches are separate singletons.
 // Threads: any number at once; Init and Deinit one at a time.
-// Locking: lock orders nothing. It is taken and released again where a state is
-// about to change or asked for by itself. inited is a relaxed cell: what protects a
-// running query from Deinit is the count.
+// Locking: lock orders nothing: Init, Deinit and IsInit take it and release it at once. inited is
+// relaxed; what protects a running query from Deinit is the count of calls in flight.
 class ORVEX_API ORVEX_ENGINE {
  public:
   ORVEX_ENGINE();
@@ -45,15 +44,15 @@ class ORVEX_API ORVEX_ENGINE {
 
  private:
   ORVEX_LOCAL int QueryStepByStep(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx);
-  // What follows a lookup in the hash cache that was no hit.
+  // Finishes a query whose lookup in the hash cache was no hit.
   ORVEX_LOCAL int FinishHashQuery(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx,
                                   int lookup);
   ORVEX_LOCAL void PassLock() const ORVEX_EXCLUDES(lock);
 
   mutable ORVEX_PThread_Lock lock;
   alignas(kCacheLineBytes) bool inited = false;
-  // At hand, so that a hit need not ask for it. Its calls in flight count threads inside
-  // Query, GetMetrics, ResetMetrics or GetStatus, too.
+  // Kept here so that a hit need not call GetInstance. Its calls in flight also count threads
+  // inside the engine's Query, GetMetrics, ResetMetrics or GetStatus.
   LRUCache& hashCache_;
 };
 

@@ -4,7 +4,7 @@
 #include "support/orvex_log.h"
 
 namespace {
-// The messages are the configuration's.
+// Messages name the configuration as their source.
 constexpr char kSettingsSourceFile[] = "orvex_config";
 }  // namespace
 

@@ -1,4 +1,4 @@
-// The exported functions. They hold no logic: each hands its arguments to the one
+// The exported functions. They hold no logic: each passes its arguments to the one
 // operation that answers it.
 #include "cache/orvex_lru_cache.h"
 #include "cache/orvex_lru_cache_file_type.h"

@@ -1,4 +1,4 @@
-// What the compiler is told about declarations.
+// Attributes for declarations.
 #pragma once
 
 // Keeps a member of an exported class inside the library.

@@ -5,11 +5,11 @@
 
 #include "orvexeng.h"
 
-// What different threads write is aligned to cache lines, to prevent false sharing.
+// Cells that different threads write are aligned to this, to prevent false sharing.
 constexpr size_t kCacheLineBytes = 64;
 
-// The counters of the library are plain cells, so that records and classes keep
-// their layout; whoever touches one goes through these functions.
+// The counters of the library are plain cells, so that records and classes keep their layout.
+// Access them only through these functions.
 //
 // Each is one sequentially consistent read-modify-write and returns the value
 // that the cell held before, increments and decrements included. Overflow wraps.
@@ -64,7 +64,7 @@ inline void ORVEX_ZeroCounter(long long* cell) {
   __atomic_store_n(counter, 0, __ATOMIC_RELAXED);
 }
 
-// Counts at the end of its scope, also when the host throws.
+// Counts at the end of its scope, even if the host throws.
 struct ORVEX_CountAtEnd {
   long long volatile* counter;
   ~ORVEX_CountAtEnd() { ORVEX_atomic_increment_64(counter); }

@@ -1,4 +1,4 @@
-// How many calls of hosts are inside.
+// The number of calls in flight.
 #include "support/orvex_calls_in_flight.h"
 
 #include <unistd.h>

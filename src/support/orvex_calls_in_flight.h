@@ -1,4 +1,4 @@
-// How many calls of hosts are inside.
+// The number of calls in flight.
 #pragma once
 
 #include <cstddef>
@@ -7,24 +7,23 @@
 #include "support/orvex_annotations.h"
 #include "support/orvex_atomic.h"
 
-// Counts calls into the engine and into its hash cache, and waits for those inside. Each
-// thread counts in one of several cells, so that calls of different threads seldom touch one
-// cache line; both counts share a cell, so that one addition counts a call into both.
+// Counts the calls inside the engine and inside its hash cache, and waits for them to leave. The
+// counts are spread over several cells, so that threads seldom share a cache line. A cell holds
+// both counts, so that one addition counts a call into both.
 //
-// Threads: any number at once. A call counts in before it asks whether what it wants to use
-// is stopped; who stops says so before it drains.
-// Invariant: a cell holds the lower count and 65,536 times the upper one. Either may be
-// negative.
+// Threads: any number at once. A call counts itself in before it checks whether the engine or cache
+// is active; a stop clears that flag before it drains.
+// Invariant: a cell holds the engine's count plus 65,536 times the cache's. Either may be negative.
 class ORVEX_LOCAL ORVEX_CallsInFlight {
  public:
   enum Count : int {
     kOfEngine = 1,
     kOfCache = 0x10000,
     kOfBoth = kOfEngine + kOfCache,
-    kOutOfCache = -kOfCache,  // for a step outside
+    kOutOfCache = -kOfCache,  // for a step outside the cache
   };
 
-  // Counts a call in, and out again whichever way its scope ends.
+  // Counts a call in, and out again however its scope ends.
   class Scope {
    public:
     Scope(ORVEX_CallsInFlight& calls, Count count) : cell_(calls.CellOfThread()), count_(count) {
@@ -39,13 +38,13 @@ class ORVEX_LOCAL ORVEX_CallsInFlight {
     const Count count_;
   };
 
-  // Below zero once calls that were inside at SetToZero have left.
+  // Negative once calls that were inside during SetToZero have left.
   int Sum(Count count) const;
   void SetToZero(Count count);
-  // Polls the sum until it is zero, ten times 100 ms apart at most, and then goes on
-  // regardless: a host that stops the library must not hang on its own stuck callback. Logs
-  // each step at WARNING, beginning with what, as coming from that line of function in
-  // sourceFile. A signal may cut a pause short.
+  // Polls the sum until it is zero, at most ten times, 100 ms apart, then returns regardless: a
+  // host that stops the library must not hang on its own stuck callback. Logs each step at WARNING,
+  // prefixed with what and attributed to line, function and sourceFile. A signal may cut a pause
+  // short.
   void Drain(Count count, const char* what, unsigned int line, const char* function,
              const char* sourceFile) const;
 
@@ -59,7 +58,7 @@ class ORVEX_LOCAL ORVEX_CallsInFlight {
     const int lower = static_cast<int16_t>(counts);
     return count == kOfEngine ? lower : (counts - lower) / kOfCache;
   }
-  // Threads' own addresses differ in their middle bits.
+  // Thread pointers differ in their middle bits.
   int volatile& CellOfThread() {
     const auto thread = reinterpret_cast<uintptr_t>(__builtin_thread_pointer());
     return cells_[(static_cast<uint32_t>(thread >> 4) * 0x9E3779B9U) >> 26].counts;

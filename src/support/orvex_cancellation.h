@@ -1,11 +1,11 @@
-// Thread cancellation held off for the length of a scope.
+// Defers thread cancellation for the length of a scope.
 #pragma once
 
 #include <pthread.h>
 
-// Writing a line is a cancellation point, and the library writes lines from
-// destructors, where the unwinding of a cancelled thread would end the process.
-// The request stays pending and is served at the thread's next point.
+// Printing is a cancellation point, and the library prints from destructors, where unwinding a
+// cancelled thread would terminate the process. The request stays pending until the thread's next
+// cancellation point.
 class ORVEX_CancellationHold {
  public:
   ORVEX_CancellationHold() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &previousState_); }

@@ -21,15 +21,15 @@ constexpr char kConfigSourceFile[] = "orvex_config";
 // The longest line that is read, its terminator included.
 constexpr int kLineSize = 255;
 
-// What is read of a file. Whoever can write to the host's directory decides about
-// no more of its memory and time.
+// The most that is read: a bound on what anyone who can write to the host's directory can cost
+// it in memory and time.
 constexpr size_t kMostBytes = size_t{1024} * 1024;
 
 // A file opened for reading, unless it is of a kind that could block or never end.
 class OpenedFile {
  public:
-  // Looks before it opens, since opening a pipe or a device does something to it, and
-  // again at what it has opened.
+  // Checks before opening, since opening a pipe or a device can have side effects; IsUsable checks
+  // again what was opened.
   explicit OpenedFile(const std::string& path)
       : file_(IsReadable(AT_FDCWD, path.c_str(), 0) ? open(path.c_str(), kOpening) : -1) {}
   ~OpenedFile() {
@@ -51,16 +51,16 @@ class OpenedFile {
       if (count <= 0) break;
       content.append(piece, static_cast<size_t>(count));
     }
-    // A line that goes on beyond the last byte is not read in part.
+    // Drop a line that the limit cuts off.
     if (content.size() > kMostBytes) content.erase(content.rfind('\n', kMostBytes - 1) + 1);
     return content;
   }
 
  private:
-  // NOLINTNEXTLINE(misc-redundant-expression): O_LARGEFILE is 0 on one target alone.
+  // NOLINTNEXTLINE(misc-redundant-expression): O_LARGEFILE is 0 on one target only.
   static constexpr int kOpening = O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY | O_LARGEFILE;
 
-  // statx, since no size, number or time is too large for it on 32 bits.
+  // statx: no size, inode number or time overflows it on 32 bits.
   static bool IsReadable(int directory, const char* path, int flags) {
     struct statx status {};
     if (statx(directory, path, flags, STATX_TYPE, &status) != 0) return false;
@@ -107,7 +107,7 @@ void ORVEX_Config::ParseLine(char* line) {
     } else if (value == nullptr) {
       value = token;
     } else {
-      return;  // A third word: this is no assignment.
+      return;  // A third word: not an assignment.
     }
   }
   if (value != nullptr) entries_.insert_or_assign(key, value);

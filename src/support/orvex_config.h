@@ -19,10 +19,9 @@ enum : unsigned int {
 // The settings read from orvexeng.ini: lines of a key, "=" and a value, with "#"
 // before a comment.
 //
-// All keys are kept, five have an effect. Reading again overwrites the keys that
-// the file holds and keeps the others.
-// Threads: takes no lock. It is used while the engine starts, which the host
-// does from one thread at a time.
+// All keys are kept, five have an effect. Reading again overwrites the keys in the file and keeps
+// the others.
+// Threads: takes no lock. Used only by orvex_init, which hosts call from one thread at a time.
 class ORVEX_API ORVEX_Config {
  public:
   ORVEX_Config();
@@ -30,11 +29,10 @@ class ORVEX_API ORVEX_Config {
   ORVEX_Config(const ORVEX_Config&) = delete;
   ORVEX_Config& operator=(const ORVEX_Config&) = delete;
 
-  // Returns 0 once the file could be opened, whatever it holds, otherwise
-  // ORVEX_CONFIG_NOT_OPENED; a pipe, a socket or a device counts as not opened, and
-  // none of them makes the caller wait. Stops without a word at a line of more than
-  // 254 characters and after the first mebibyte. Throws std::bad_alloc; what was
-  // read until then stays.
+  // Returns 0 once the file could be opened, whatever it holds, otherwise ORVEX_CONFIG_NOT_OPENED;
+  // a pipe, a socket or a device counts as not opened and never blocks the caller. Stops silently
+  // at a line of more than 254 characters and after the first mebibyte. If it throws
+  // std::bad_alloc, the entries read so far stay.
   unsigned int ReadConfig(std::string path);
   // Splits one NUL-terminated line in place and keeps its entry, if it has one.
   void ParseLine(char* line);
@@ -51,8 +49,8 @@ class ORVEX_API ORVEX_Config {
   // Logs every entry at DEBUG, in key order. For hosts: the library itself does not use it.
   void Dump() const;
 
-  // Where the engine looks for the file: "orvexeng.ini", relative to the working
-  // directory, unless the host sets another before it starts the engine.
+  // Where the engine looks for the file: "orvexeng.ini", relative to the working directory, unless
+  // the host sets another path before it starts the engine.
   static std::string ConfigFilePath;
 
  private:

@@ -7,8 +7,8 @@
 
 namespace {
 
-// A mutex for the length of a wait, given back on every way out: a host may cancel its
-// thread while it sleeps. Whether it could be had goes unnoticed.
+// Holds a mutex for the length of a wait and releases it on every way out: a host may cancel a
+// sleeping thread. Failing to lock is ignored.
 class WaitersMutex {
  public:
   explicit WaitersMutex(pthread_mutex_t* mutex) : mutex_(mutex) { Lock(); }
@@ -80,8 +80,8 @@ unsigned int ORVEX_PThread_CondLock::Wait(bool& waited, CondWaitCallbacks_t& cal
   while (callbacks.predicate(callbacks.predicateArg)) {
     waited = true;
     if (callbacks.preWait != nullptr) callbacks.preWait(callbacks.preWaitArg);
-    // A sleep that failed has not given the mutex back, and the thread that will make
-    // the predicate false needs it.
+    // A failed wait has not released the mutex, and the thread that will make the predicate false
+    // needs it.
     if (pthread_cond_wait(&condition_, &mutex_) != 0) mutex.Lend();
     if (callbacks.postWait != nullptr) callbacks.postWait(callbacks.postWaitArg);
   }

@@ -16,12 +16,11 @@ enum : unsigned int {
   ORVEX_UNLOCK_FAILED = 6,
 };
 
-// pthread_mutex_trylock, which the C library has itself only since 2.34, and libpthread had
-// before. Weak and under its older version, so that the library can be loaded where a host
-// without threads has no libpthread.
+// pthread_mutex_trylock, in libc since 2.34 and in libpthread before. Weak and bound to its older
+// version, so that the library also loads into a host without libpthread.
 extern "C" __attribute__((weak)) int ORVEX_TryToLock(pthread_mutex_t* mutex);
 
-// Something that one thread at a time holds.
+// Held by one thread at a time.
 class ORVEX_API ORVEX_CAPABILITY("mutex") ORVEX_Lock {
  public:
   ORVEX_Lock() = default;
@@ -37,7 +36,7 @@ class ORVEX_API ORVEX_CAPABILITY("mutex") ORVEX_Lock {
 
 // A POSIX mutex with default attributes: not recursive.
 //
-// Threads: any number at once. Whoever locks it unlocks it.
+// Threads: any number at once. The thread that locks it must unlock it.
 class ORVEX_API ORVEX_PThread_Lock : public ORVEX_Lock {
  public:
   ORVEX_PThread_Lock();
@@ -49,7 +48,7 @@ class ORVEX_API ORVEX_PThread_Lock : public ORVEX_Lock {
   // 0, or ORVEX_UNLOCK_FAILED.
   unsigned int Unlock() override ORVEX_RELEASE();
 
-  // Lock and Unlock, for callers that need no virtual table.
+  // Lock and Unlock without the virtual call.
   ORVEX_LOCAL unsigned int Acquire() {
     if (ORVEX_LoadRelaxed(hints_) != 0) return AcquireAfterPauses();
     return Acquired(pthread_mutex_lock(&mutex_), kTaken);
@@ -62,18 +61,18 @@ class ORVEX_API ORVEX_PThread_Lock : public ORVEX_Lock {
     return ORVEX_OK;
   }
 
-  // Tells the analysis that the caller holds this lock where it cannot see it.
+  // Asserts to the analysis that the caller holds this lock where it cannot see that.
   void AssertHeld() const ORVEX_ASSERT_CAPABILITY(this) {}
 
  protected:
-  // Usable even if its initialisation at run time fails.
+  // Usable even if pthread_mutex_init fails.
   pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER;
-  // Relaxed, not guarded: Unlock writes it once the mutex is free again.
+  // Relaxed, not guarded: Unlock writes it after releasing the mutex.
   int lastError_ = 0;
 
  private:
-  // That somebody is between Lock and Unlock (a wait on a condition holds the mutex without
-  // it), and that two threads have met at this lock at some time.
+  // kTaken: a thread is between Lock and Unlock; a condition wait holds the mutex without it.
+  // kContended: two threads have at some time contended for this lock.
   enum Hints : unsigned char { kTaken = 1, kContended = 2 };
 
   ORVEX_LOCAL unsigned int Acquired(int error, int hints) {
@@ -82,11 +81,10 @@ class ORVEX_API ORVEX_PThread_Lock : public ORVEX_Lock {
     ORVEX_StoreRelaxed(hints_, static_cast<unsigned char>(hints));
     return ORVEX_OK;
   }
-  // pthread_mutex_lock puts a thread to sleep at once, and what the library does under a lock
-  // usually takes less time than that and waking it again. A hundred pauses take about as
-  // long.
+  // pthread_mutex_lock puts a thread to sleep at once, but a critical section is usually shorter
+  // than a sleep and a wake-up. A hundred pauses take about as long as these.
   ORVEX_LOCAL __attribute__((noinline)) unsigned int AcquireAfterPauses() {
-    // Here, so that it goes where the function goes.
+    // Inside, so that it is emitted wherever the function is.
 #if defined(__x86_64__)
     __asm__(".symver ORVEX_TryToLock, pthread_mutex_trylock@GLIBC_2.2.5");
 #else
@@ -104,7 +102,7 @@ class ORVEX_API ORVEX_PThread_Lock : public ORVEX_Lock {
   unsigned char hints_ = 0;  // relaxed
 };
 
-// What a thread that waits on a condition brings along.
+// The callbacks of a condition wait.
 struct CondWaitCallbacks_t {
   bool (*predicate)(void*);  // true while the caller must go on waiting; required
   void (*preWait)(void*);    // called before each sleep; may be null
@@ -114,7 +112,7 @@ struct CondWaitCallbacks_t {
   void* postWaitArg;
 };
 
-// Something that threads sleep on until a state of interest to them changes.
+// Threads sleep on it until the state they wait for changes.
 class ORVEX_API ORVEX_CondVar {
  public:
   ORVEX_CondVar() = default;
@@ -129,8 +127,8 @@ class ORVEX_API ORVEX_CondVar {
 
 // A POSIX condition variable together with the mutex that its waiters hold.
 //
-// The state that a predicate reads is changed only while this object is locked,
-// and Signal or SignalAll follows; then no wake-up is lost.
+// Change the state that a predicate reads only while this object is locked, then call Signal or
+// SignalAll: no wake-up is lost that way.
 class ORVEX_API ORVEX_PThread_CondLock : public ORVEX_CondVar, public ORVEX_PThread_Lock {
  public:
   ORVEX_PThread_CondLock();
@@ -140,15 +138,14 @@ class ORVEX_API ORVEX_PThread_CondLock : public ORVEX_CondVar, public ORVEX_PThr
   unsigned int Signal() override;
   // Wakes all waiters. Always 0.
   unsigned int SignalAll() override;
-  // Sleeps while callbacks.predicate(callbacks.predicateArg) is true. waited
-  // becomes true if the thread slept at all and is otherwise left alone.
+  // Sleeps while callbacks.predicate(callbacks.predicateArg) is true. Sets waited to true if the
+  // thread slept; otherwise leaves it alone.
   //
-  // All three callbacks run with the mutex held; the predicate runs again after
-  // every wake-up, so wake-ups meant for others do no harm. A failure of the
-  // condition counts as a wake-up, a millisecond later, in which the mutex is
-  // free. A mutex that cannot be locked goes unnoticed: the predicate decides.
-  // Returns ORVEX_INVALID_PARAMETER, without locking, when the predicate or its
-  // argument is null; otherwise 0.
+  // All three callbacks run with the mutex held; the predicate runs again after every wake-up, so
+  // wake-ups meant for others do no harm. If the condition wait fails, the mutex is released for a
+  // millisecond and the thread counts as woken. Failing to lock the mutex is ignored: the predicate
+  // decides. Returns ORVEX_INVALID_PARAMETER, without locking, if the predicate or its argument is
+  // null; otherwise 0.
   unsigned int Wait(bool& waited, CondWaitCallbacks_t& callbacks) override ORVEX_EXCLUDES(this);
 
  private:
@@ -158,9 +155,8 @@ class ORVEX_API ORVEX_PThread_CondLock : public ORVEX_CondVar, public ORVEX_PThr
 // Holds a lock for the length of a scope. A null lock means none. For hosts: the library
 // itself does not use it.
 //
-// Reports a failure on standard output and carries on: the library lives in
-// somebody else's process and neither throws nor aborts over a mutex. A lock
-// that could not be taken is given back at the end all the same.
+// Reports a failure on standard output and carries on: the library lives in somebody else's process
+// and neither throws nor aborts over a mutex. Unlocks at the end even if locking failed.
 class ORVEX_API ORVEX_SCOPED_CAPABILITY ORVEX_ScopeLock {
  public:
   explicit ORVEX_ScopeLock(ORVEX_Lock* lock) ORVEX_ACQUIRE(lock);
@@ -172,7 +168,7 @@ class ORVEX_API ORVEX_SCOPED_CAPABILITY ORVEX_ScopeLock {
   ORVEX_Lock* lock_;
 };
 
-// The same for the library's own mutexes, whose kind is known.
+// The same for the library's own mutexes, without virtual calls.
 class ORVEX_LOCAL ORVEX_SCOPED_CAPABILITY ORVEX_MutexGuard {
  public:
   explicit ORVEX_MutexGuard(ORVEX_PThread_Lock* lock) ORVEX_ACQUIRE(lock) : lock_(*lock) {
@@ -184,8 +180,7 @@ class ORVEX_LOCAL ORVEX_SCOPED_CAPABILITY ORVEX_MutexGuard {
   ORVEX_MutexGuard(const ORVEX_MutexGuard&) = delete;
   ORVEX_MutexGuard& operator=(const ORVEX_MutexGuard&) = delete;
 
-  // A line on standard output, never through the logger, whose callback may be what the
-  // lock is about.
+  // Prints to standard output, never through the logger: its callback may depend on this very lock.
   __attribute__((noinline)) static void ReportFailure(const char* operation,
                                                       const ORVEX_Lock& lock) {
     const ORVEX_CancellationHold hold;

@@ -17,7 +17,7 @@ void PrintLine(ORVEX_LOG level, unsigned int line, const char* function, const c
   char when[128] = {};
   const time_t now = time(nullptr);
   tm local{};
-  // The reentrant conversion alone would not notice a changed TZ.
+  // localtime_r alone would not notice a changed TZ.
   tzset();
   if (localtime_r(&now, &local) != nullptr) strftime(when, sizeof when, "%Y %m %d %X ", &local);
   // One call, so that lines of different threads do not mix.
@@ -27,8 +27,8 @@ void PrintLine(ORVEX_LOG level, unsigned int line, const char* function, const c
   std::fflush(stdout);
 }
 
-// What vsnprintf does, in a quarter of its time for a line that ends with its only
-// argument, a text: every miss writes one.
+// vsnprintf, but in a quarter of the time for a format whose only argument is a %s at the end:
+// every miss logs such a line.
 int Format(char* message, size_t size, const char* format, va_list arguments) {
   if (format == nullptr) return -1;
   const char* const percent = std::strchr(format, '%');
@@ -82,7 +82,7 @@ __attribute__((no_sanitize("null"))) void ORVEX_LOG_BASE::Log(ORVEX_LOG level, u
                static_cast<unsigned int>(length));
 #if defined(__GLIBCXX__)
   } catch (const abi::__forced_unwind&) {
-    // A thread that exits inside the callback must be let go.
+    // A thread that exits inside the callback must keep unwinding.
     throw;
 #endif
   } catch (...) {

@@ -26,12 +26,12 @@ class ORVEX_API ORVEX_LOG_BASE {
   ORVEX_LOG_BASE(const ORVEX_LOG_BASE&) = delete;
   ORVEX_LOG_BASE& operator=(const ORVEX_LOG_BASE&) = delete;
 
-  // line, function and file (a bare name) say where the message comes from. The
-  // text is cut to 511 characters. Never throws: what the callback throws ends
-  // here, since a message must not change what the library does.
+  // line, function and file (a bare name) say where the message comes from. The text is cut to 511
+  // characters. Never throws: exceptions of the callback are swallowed, since a message must not
+  // change what the library does.
   virtual void Log(ORVEX_LOG level, unsigned int line, const char* function, const char* file,
                    const char* format, ...) __attribute__((format(printf, 6, 7)));
-  // For loggers with settings of their own; there are none here. Always 0.
+  // For loggers that have settings; this one has none. Always 0.
   virtual unsigned int ReadConfig(char* text);
 
   // Replaces the callback. Returns 0, or 1 for a null one, which changes nothing.
@@ -52,14 +52,14 @@ class ORVEX_API ORVEX_LOG_BASE {
   orvex_log_cb callback_ = nullptr;
 };
 
-// The way to the one logger of the process.
+// Access to the process's one logger.
 class ORVEX_API ORVEX_LOGGER {
  public:
   static ORVEX_LOG_BASE* GetInstance();
 };
 
-// Logs a message of the line it stands in. A dropped one costs the two comparisons: its
-// arguments are not evaluated.
+// Logs a message with the current line number. A dropped one costs two comparisons; its arguments
+// are not evaluated.
 #define ORVEX_LOG_MESSAGE(level, function, sourceFile, ...)                                 \
   do {                                                                                      \
     if (ORVEX_LOG_BASE::Keeps(level)) {                                                     \

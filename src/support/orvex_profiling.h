@@ -9,12 +9,12 @@
 #include "support/orvex_annotations.h"
 #include "support/orvex_atomic.h"
 
-// Logs how long the scope it stands in took, at INFO, when profiling is on. For hosts: the
-// library itself uses no more than its switch.
+// Logs how long the scope it stands in took, at INFO, when profiling is on. For hosts: the library
+// itself uses only its switch.
 //
-// Whether it times is decided at either end on its own: only a scope whose whole
-// life falls into an "on" period reports a meaningful time. With profiling off
-// it reads no clock, allocates nothing and costs a flag test at each end.
+// Either end checks the switch by itself: only a scope that lies entirely within an "on" period
+// reports a meaningful time. With profiling off it reads no clock and costs a flag test at each
+// end, besides keeping the name.
 // Threads: an object belongs to one thread.
 class ORVEX_API ORVEX_Profiling {
  public:
@@ -33,19 +33,19 @@ class ORVEX_API ORVEX_Profiling {
   static bool EnableProfiling;
 
  private:
-  // Zero until set, so that a scope which began while profiling was off prints
-  // a wrong time and not stack contents.
+  // Zero until set, so that a scope which began while profiling was off prints a wrong time rather
+  // than stack contents.
   timespec startTime_{};  // CLOCK_MONOTONIC, like stopTime_
   timespec stopTime_{};
   timespec elapsedTime_{};
   std::string name_;
 };
 
-// The same for the library's own scopes, which every query enters: it
-// keeps the pointer to its name, never fails, and its flag tests need no call.
+// The same for the library's own scopes, which every query enters: it keeps only a pointer to its
+// name, never fails, and tests the flag inline.
 class ORVEX_LOCAL ORVEX_ProfilingScope {
  public:
-  // The name outlives the scope.
+  // The name must outlive the scope.
   explicit ORVEX_ProfilingScope(const char* name) : name_(name) {
     if (IsOn()) clock_gettime(CLOCK_MONOTONIC, &startTime_);
   }

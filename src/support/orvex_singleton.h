@@ -29,7 +29,7 @@ class ORVEX_API ORVEX_Singleton {
   static T* Build();
   static T Built();
 
-  // What every call but the first goes by.
+  // The fast path of every call but the first.
   ORVEX_LOCAL static inline T* known_ = nullptr;
 };
 
