@@ -293,7 +293,7 @@ enum {
  * The file sets LogEnable (0 or 1), LogLevel (default INFO, 3; 4 and above keep
  * everything), DatabaseEnable (no effect), ProfilingEnable (0 or 1) and
  * CacheCapacity (of the hash cache); orvexeng.ini(5) gives the syntax. Every
- * start that finds a file also applies again what earlier files set. A file
+ * start that finds a file also reapplies what earlier files set. A file
  * that cannot be opened is reported in the log and otherwise ignored.
  *
  * Threads: not concurrently with itself or orvex_deinit, and not from a
@@ -353,7 +353,7 @@ ORVEX_API int orvex_get_status(void);
  *
  * Threads: any. Callbacks run on this thread with no library lock held.
  * Ownership: both records stay the caller's, and so does a signer array left in
- * *out. ctx is passed to the callbacks as it is.
+ * *out. ctx is passed to the callbacks unchanged.
  * Errors: a hash query with a null path throws std::logic_error, but only after
  * the checks that give 8; without memory for the exception it returns 2. An
  * exception of a callback passes through; nothing is stored and threads waiting

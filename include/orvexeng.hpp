@@ -116,8 +116,8 @@ struct callbacks {
 // destroyed. While it lives, do not call orvex_query directly: ctx carries the callables.
 class engine {
  public:
-  // For hosts whose every query brings callables of its own. Throws error with
-  // ORVEX_INITIALISED if an engine is already running and with ORVEX_NO_MEMORY.
+  // For hosts that pass callables with every query. Throws error with ORVEX_INITIALISED if an
+  // engine is already running and with ORVEX_NO_MEMORY.
   engine() { start(); }
   // Throws error as above, and with ORVEX_INVALID_CALLBACKS for an empty callable.
   engine(callback hash, callback file_type) : callbacks_{std::move(hash), std::move(file_type)} {
@@ -163,7 +163,7 @@ class engine {
 
   static int ask(metadata_input_s& in, answer& out, const callbacks& calculate) {
     out.reset();
-    // The library hands ctx back untouched, and call() takes it for what it is.
+    // The library passes ctx back unchanged; call() casts it back.
     return orvex_query(&in, &out, const_cast<callbacks*>(&calculate));
   }
 
