@@ -1,5 +1,4 @@
-// orvex-scan: an ordinary host of the inventory engine. It knows the public header and
-// nothing else of it.
+// orvex-scan: an ordinary host of the inventory engine. It uses only the public headers.
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <unistd.h>
@@ -62,7 +61,7 @@ WalkRules WalkRulesOf(const Options& options) {
   return rules;
 }
 
-// Each ended by a NUL, as find -print0 prints them; the last one may lack it.
+// NUL-terminated, as find -print0 prints them; the last NUL may be missing.
 void AddPathsFrom(const std::string& file, std::vector<std::string>* paths) {
   std::ifstream named;
   if (file != "-") named.open(file);
@@ -78,7 +77,7 @@ bool AnyFailed(const Inventory& inventory) {
 
 void Tell(const std::exception& failure) { Say(Printable(failure.what())); }
 
-// Where everything goes and what it is compared with, made sure of before the work begins.
+// The outputs and the baseline, checked before the work begins.
 struct Destinations {
   explicit Destinations(const Options& options) {
     if (!options.json.empty() && options.json != "-") json.emplace(options.json);
@@ -105,7 +104,7 @@ void ReadSnapshot(const std::string& path, Snapshot* snapshot, Inventory* invent
   }
 }
 
-// JSON Lines are printed as the files are done. A failure to is found at the end.
+// Prints JSON Lines as the files are done. A failed write is noticed at the end.
 std::function<void(const FileRecord&)> LinePrinter(const Options& options) {
   if (options.format != "jsonl") return nullptr;
   return [](const FileRecord& record) {
@@ -125,7 +124,7 @@ void PrintLines(const Options& options, const Inventory& inventory) {
   Finish(stdout);
 }
 
-// Steps of which each is taken by itself: what one cannot write is no reason to lose the others.
+// Runs each step by itself: a failed write in one is no reason to lose the others.
 class Attempts {
  public:
   template <typename Step>
@@ -218,7 +217,7 @@ int Work(const Options& options, Destinations* destinations) {
                   &inventory, &progress);
   }
   const bool interrupted = Interrupted();
-  // What fails while watching is told at once, and no failure of the scan.
+  // Failures while watching are reported at once and do not fail the scan.
   const bool failed = AnyFailed(inventory);
   const std::string advice = execWatch
                                  ? ""
@@ -251,7 +250,7 @@ int Run(Options options) {
     if (!options.files0From.empty()) AddPathsFrom(options.files0From, &options.paths);
     destinations.emplace(options);
   } catch (const std::bad_alloc&) {
-    throw;  // no fault of the command line
+    throw;  // not the command line's fault
   } catch (const std::exception& failure) {
     Tell(failure);
     return kUsage;
@@ -259,8 +258,8 @@ int Run(Options options) {
   return Work(options, &*destinations);
 }
 
-// A file that is opened later must not become standard output or standard error. Whatever
-// is written to a closed one fails, as it should.
+// A file that is opened later must not become standard output or standard error. Writing to a
+// closed one still fails, as it should.
 void FillStandardDescriptors() {
   for (int number = STDIN_FILENO; number <= STDERR_FILENO; ++number) {
     if (fcntl(number, F_GETFD) < 0) static_cast<void>(open("/dev/null", O_RDONLY));
@@ -272,11 +271,11 @@ void FillStandardDescriptors() {
 
 // NOLINTNEXTLINE(bugprone-exception-escape): when the last message fails, nothing is left to do.
 int main(int argc, char** argv) {
-  // Characters only: numbers are written the same in every language.
+  // Characters only: numbers look the same in every locale.
   std::setlocale(LC_CTYPE, "");  // NOLINT(concurrency-mt-unsafe): no thread yet
-  // A reader that went away is an error to tell, and no reason to lose the rest.
+  // A reader that went away is an error to report, not a reason to lose the rest.
   std::signal(SIGPIPE, SIG_IGN);
-  // Somebody writes to a file whose lease was just asked for.
+  // Sent when somebody opens a file for writing while we hold its lease.
   std::signal(SIGIO, SIG_IGN);
   orvexscan::FillStandardDescriptors();
   orvexscan::HearInterruptions();

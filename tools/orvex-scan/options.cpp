@@ -31,7 +31,7 @@ constexpr const char kExitCodes[] =
     "certificate table is listed too, but\n"
     "the file has its answer.";
 
-// Says why text is refused, or nothing: the parser adds the option's name.
+// Returns why text is refused, or nothing: the parser adds the option's name.
 using Refusal = std::function<std::string(const std::string& text)>;
 
 Refusal OneOf(const std::vector<std::string>& words) {
@@ -41,7 +41,7 @@ Refusal OneOf(const std::vector<std::string>& words) {
   };
 }
 
-// Leaves no zeros in front, which the parser would take for the mark of an octal number.
+// Strips leading zeros, which would make the parser read an octal number.
 CLI::Validator WholeNumber(uint64_t least, uint64_t most, const char* what = "a whole number") {
   const auto check = [=](std::string& text) {
     uint64_t number = 0;
@@ -159,12 +159,12 @@ void Describe(CLI::App* app, Options* options) {
   app->footer(kExitCodes);
 }
 
-// What CLI11 has no words for.
+// What CLI11 cannot express.
 void CheckTogether(const Options& options) {
   if (options.paths.empty() && options.files0From.empty() && !options.processes) {
     throw CLI::RequiredError("PATH, --files0-from or --processes");
   }
-  // JSON Lines go on while watching.
+  // JSON Lines continue while watching.
   const bool otherFormat =
       options.format != "table" && !(options.format == "jsonl" && (options.watch || options.exec));
   const std::initializer_list<bool> printing = {options.json == "-", !options.metrics.empty(),

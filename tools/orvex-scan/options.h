@@ -45,8 +45,8 @@ struct Options {
   bool quiet = false;
 };
 
-// Either options to run with, or the code to exit with at once: help, the version or
-// what is wrong has been printed then.
+// Either options to run with, or the code to exit with at once: the help, version or error message
+// has then been printed.
 struct CommandLine {
   bool run = false;
   int exitCode = kAllFine;

@@ -13,7 +13,7 @@
 
 namespace orvexscan {
 
-// What asking took.
+// The counts of one asker.
 struct Tally {
   uint64_t visits = 0;
   uint64_t failed = 0;
@@ -25,7 +25,7 @@ struct Tally {
   PartTimes parts;
 };
 
-// What came of it.
+// What the engine replied.
 struct Reply {
   Answer answer;
   // Nothing if the answer was cached.
@@ -33,18 +33,18 @@ struct Reply {
   bool read = false;  // the whole file, for its digests: neither cache nor snapshot could serve
 };
 
-// Asks a running engine and counts what that takes.
+// Asks a running engine and keeps a tally.
 //
 // Ownership: borrows the engine.
-// Threads: one at a time; each that asks has its own.
+// Threads: one at a time; each worker has its own.
 class Asker {
  public:
   // Throws std::runtime_error when libmagic or OpenSSL cannot be started.
   Asker(orvexeng::engine* engine, const ReadingRules& rules);
 
-  // Throws FileFailure when the file has no answer, and counts that too.
+  // Throws FileFailure if the file has no answer, and counts that too.
   Reply Ask(const std::string& path);
-  // The same about an open file, whatever its name leads to by now.
+  // The same for an open file, whatever its path leads to now.
   Reply Ask(const std::string& path, int descriptor);
 
   // What was counted since the last call.

@@ -13,7 +13,7 @@ namespace {
 
 constexpr size_t kBufferBytes = 256 << 10;
 
-// Adds the time that it lives to *sum.
+// Adds its lifetime to *sum.
 class Stopwatch {
  public:
   explicit Stopwatch(std::chrono::nanoseconds* sum) : sum_(sum) {}
@@ -26,7 +26,7 @@ class Stopwatch {
   const std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
 };
 
-// All of a hash answer but the digests.
+// Fills in all of a hash answer but the digests.
 void GiveTheRest(const metadata_input_s& in, const std::vector<std::string>& signers,
                  orvexeng::answer* out) {
   if ((in.queryFlags & QUERY_SIGNERS) != 0) out->set_signers({signers.begin(), signers.end()});
@@ -57,8 +57,8 @@ orvexeng::callbacks Calculation::Callbacks() {
 }
 
 int Calculation::Attempt(Step step, metadata_input_s* in, orvexeng::answer* out) {
-  // The file type failed: the digests would fail for the same reason, and the engine
-  // asks for them all the same.
+  // The file type failed: the digests would fail for the same reason, and the engine still asks for
+  // them.
   if (failure_) return static_cast<int>(failure_->reason());
   try {
     (this->*step)(*in, out);
@@ -139,7 +139,7 @@ FileType Calculation::ReadFileType(const metadata_input_s& in) {
 
 FileReader& Calculation::Open(const metadata_input_s& in) {
   if (!file_) {
-    // Before anything is read: what is written from now on has later times.
+    // Before anything is read: writes from now on leave later times.
     const Settling::Instant now = rules_.settling.Now();
     if (source_.empty()) {
       file_.emplace(in.path, identity_, rules_.followLinks);

@@ -1,4 +1,4 @@
-// What the engine cannot answer from its caches: the host's side of one query.
+// Computes what the caches cannot answer: the host's side of one query.
 #pragma once
 
 #include <chrono>
@@ -28,7 +28,7 @@ struct Tools {
   std::vector<unsigned char> buffer;
 };
 
-// Where the time of calculating goes.
+// Where the calculation time goes.
 struct PartTimes {
   std::chrono::nanoseconds reading{0};
   std::chrono::nanoseconds digests{0};
@@ -42,41 +42,40 @@ struct ReadingRules {
   Settling settling;
   IdentityMode identity = IdentityMode::kCtime;
   WantedParts parts = {};
-  std::function<void(uint64_t bytes)> onRead = nullptr;  // told of each piece; may be empty
-  const Snapshot* snapshot = nullptr;  // of earlier answers, asked before a file is read
+  std::function<void(uint64_t bytes)> onRead = nullptr;  // called for each piece; may be empty
+  const Snapshot* snapshot = nullptr;  // earlier answers, tried before a file is read
   std::chrono::seconds timeLimit = std::chrono::hours(1);  // for the content of one file
 };
 
 // One query's calculation.
 //
-// Ownership: borrows the tools, which no other calculation may use at the same time, and the
-// rules. Keeps the file open from the first callback on, so that type and digests are
-// those of one file.
+// Ownership: borrows the tools, which no other calculation may use at the same time, and the rules.
+// Keeps the file open from the first callback on, so that type and digests come from one file.
 // Threads: one at a time; the engine calls back on the thread that asks.
 class Calculation {
  public:
-  // For a query about what identity was taken of. source is a link of /proc to that file if
-  // it is open already, and empty if the path of the query leads to it.
+  // For a query about the file that identity describes. source is a /proc link to that file if it
+  // is already open, and empty if the query's path leads to it.
   Calculation(Tools* tools, const Identity& identity, const ReadingRules& rules,
               const std::string& source = "")
       : tools_(tools), identity_(identity), rules_(rules), source_(source) {}
 
-  // What a query is to call for what the caches lack.
+  // The callables that compute what the caches lack.
   orvexeng::callbacks Callbacks();
 
-  // Why a callback failed; nothing when none did.
+  // Why a callback failed; nothing if none did.
   const std::optional<FileFailure>& failure() const { return failure_; }
-  // Whether the whole file was read for its digests, as nothing cached could serve.
+  // Whether the whole file was read for its digests, because nothing cached could serve.
   bool hashed() const { return hashed_; }
-  // Whether an earlier scan's answer served instead.
+  // Whether an earlier scan's answer was used instead.
   bool fromSnapshot() const { return fromSnapshot_; }
-  // False when the answer cannot be kept: the file was too young, somebody may write to
-  // it, or its size is not that of its content.
+  // False if the answer must not be kept: the file was too young, may be open for writing, or has a
+  // size that is not its content's.
   bool settled() const { return settled_; }
   uint64_t bytesHashed() const { return bytesHashed_; }
   std::chrono::nanoseconds hashTime() const { return hashTime_; }
   const PartTimes& partTimes() const { return partTimes_; }
-  // Nothing unless the file was hashed or its answer came from the snapshot.
+  // Empty unless the file was hashed or its answer came from the snapshot.
   const CertificateFindings& certificates() const { return certificates_; }
 
  private:

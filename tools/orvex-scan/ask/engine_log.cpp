@@ -13,8 +13,8 @@ const char* NameOfLevel(unsigned int level) {
   return level < 5 ? kNames[level] : "?";
 }
 
-// One call for the whole line, as several threads may log at once. A path in it may
-// hold anything.
+// One call for the whole line, since several threads may log at once. A path in it may hold
+// anything.
 void Print(unsigned int level, unsigned int line, const char* function, const char* file,
            const char* message, unsigned int) {
   std::fprintf(stderr, "engine %s: %s (%s:%u %s)\n", NameOfLevel(level), Printable(message).c_str(),

@@ -3,8 +3,8 @@
 
 namespace orvexscan {
 
-// Sends the engine's messages to standard error if verbose is set, and nowhere
-// otherwise. Without it the engine prints them among the tool's output.
+// Sends the engine's messages to standard error if verbose is set, and nowhere otherwise. Without
+// this call the engine prints them into the tool's output.
 void TakeEngineLog(bool verbose);
 
 }  // namespace orvexscan

@@ -9,7 +9,7 @@ namespace {
 
 using Seconds = std::chrono::duration<double>;
 
-// Seconds of hashing for each byte, over all passes so far.
+// Seconds of hashing per byte, over all passes so far.
 double SecondsPerByte(const std::vector<PassReport>& passes) {
   double seconds = 0;
   double bytes = 0;

@@ -66,7 +66,7 @@ class Worker {
   Progress* const progress_;
 };
 
-// As many workers as can be had, and one at least: each needs memory for its tables.
+// As many workers as memory allows, at least one: each loads tables of its own.
 void MakeWorkers(orvexeng::engine* engine, const ScanningRules& rules, Inventory* inventory,
                  Progress* progress, std::deque<Worker>* workers) {
   workers->emplace_back(engine, rules, inventory, progress);
@@ -80,8 +80,8 @@ void MakeWorkers(orvexeng::engine* engine, const ScanningRules& rules, Inventory
   }
 }
 
-// Runs one pass and adds its report to *passes. Workers for which the system grants no
-// thread are let go, with a note.
+// Runs one pass and adds its report to *passes. Workers for which the system grants no thread are
+// dropped, with a note.
 void RunPass(std::deque<Worker>* workers, Inventory* inventory, std::vector<PassReport>* passes) {
   const int number = static_cast<int>(passes->size()) + 1;
   PassMeasurement measurement;

@@ -1,4 +1,4 @@
-// Asks the engine about every file, as often as wanted.
+// Asks the engine about every file, in one or more passes.
 #pragma once
 
 #include <functional>
@@ -13,17 +13,16 @@ namespace orvexscan {
 
 struct ScanningRules {
   ReadingRules reading;
-  // Told of each file that was read or failed, as soon as that is known. May be empty; is
-  // called by any number of threads at once.
+  // Called for each file as soon as it has been read or has failed, from any number of threads at
+  // once. May be empty.
   std::function<void(const FileRecord&)> onFile;
   int threads;  // at most: fewer, and a note, if the system grants no more
   int passes;
 };
 
-// Runs all passes over *inventory, which receives what is found, and returns one report
-// for each.
+// Runs all passes over *inventory, which receives the results, and returns one report for each.
 //
-// Throws std::runtime_error when libmagic or OpenSSL cannot be started.
+// Throws std::runtime_error if libmagic or OpenSSL cannot be started.
 std::vector<PassReport> Scan(orvexeng::engine* engine, const ScanningRules& rules,
                              Inventory* inventory, Progress* progress);
 

@@ -13,7 +13,7 @@
 
 namespace orvexscan {
 
-// What is wanted of a file; one digest at least.
+// What is wanted of a file; at least one digest.
 struct WantedParts {
   bool type = true;
   bool signers = true;
@@ -23,7 +23,7 @@ struct WantedParts {
 // What the engine answered about a file.
 struct Answer {
   Identity identity;
-  bool settled = true;  // kept in the caches, as the file was old enough for that
+  bool settled = true;  // kept in the caches: the file was old enough
   WantedParts parts;    // which of the following were asked for
   std::array<uint8_t, 16> digest16{};
   std::array<uint8_t, 20> digest20{};
@@ -39,11 +39,11 @@ struct NamedDigest {
 
 // The digests that were asked for, shortest first.
 std::vector<NamedDigest> DigestsOf(const Answer& answer);
-// The one that tells contents apart where one is enough.
+// The one to compare contents by if one is enough.
 NamedDigest LongestDigestOf(const Answer& answer);
 
-// What else was found out about a file's certificate table. The engine keeps none of it:
-// it is told whenever a file is read.
+// What else was found about a file's certificate table. The engine does not keep it: it is reported
+// whenever a file is read.
 struct CertificateFindings {
   std::vector<std::string> faults;
   SignatureMatch signature = SignatureMatch::kNoSignature;

@@ -33,7 +33,7 @@ std::vector<unsigned char> DigestOf(FileReader* file, const PeLayout& layout, co
   return digest;
 }
 
-// Those that signatures are made with.
+// The algorithms that signatures use.
 const EVP_MD* DigestFor(int algorithm) {
   switch (algorithm) {
     case NID_md5:

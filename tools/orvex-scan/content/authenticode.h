@@ -1,4 +1,4 @@
-// Whether a signature in a PE file is about that file.
+// Whether a signature in a PE file matches that file.
 #pragma once
 
 #include <string>
@@ -8,13 +8,13 @@
 
 namespace orvexscan {
 
-// What a signature says the digest of its file is.
+// The digest of the file according to its signature.
 struct SignedDigest {
-  int algorithm = 0;  // OpenSSL's number of it; 0 if there is none we know
+  int algorithm = 0;  // OpenSSL's number of it; 0 if unknown
   std::vector<unsigned char> digest;
 };
 
-// Where the parts of a PE file are that no signature in it can cover.
+// The parts of a PE file that no signature in it can cover.
 struct PeLayout {
   uint64_t checksumAt = 0;   // four bytes
   uint64_t directoryAt = 0;  // eight bytes: where the table is
@@ -22,12 +22,12 @@ struct PeLayout {
   uint64_t tableSize = 0;
 };
 
-// Trust is another matter: whoever makes a certificate chooses its names.
+// Says nothing about trust: anyone can make a certificate with any names.
 enum class SignatureMatch {
   kNoSignature,
-  kUnchecked,    // there is one that says nothing we can check
-  kMatches,      // all are about this content
-  kDoesNotMatch  // one is about another content
+  kUnchecked,    // there is one, but nothing in it we can check
+  kMatches,      // all cover this content
+  kDoesNotMatch  // one covers other content
 };
 
 // "matches", "does not match" or "unchecked"; empty for kNoSignature.

@@ -15,8 +15,8 @@
 namespace orvexscan {
 namespace {
 
-// The place for this algorithm; kDigestPlaces if there is none. One whose length is the
-// caller's choice has none: its name would not tell which digest it is.
+// The place for this algorithm; kDigestPlaces if there is none. One of variable length has none:
+// its name would not say which digest it is.
 size_t PlaceOf(const EVP_MD* digest) {
   if (EVP_MD_get_type(digest) == NID_undef) return kDigestPlaces;
   if ((EVP_MD_get_flags(digest) & EVP_MD_FLAG_XOF) != 0) return kDigestPlaces;

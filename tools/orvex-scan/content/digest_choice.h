@@ -26,13 +26,13 @@ constexpr DigestChoice kUsualDigests = {NID_md5, NID_sha1, NID_sha256};
 
 // The algorithm's name in small letters, such as "sha256", whichever of its names was given.
 std::string NameOfDigest(int algorithm);
-// The names of all that are chosen, shortest digest first.
+// The names of those chosen, shortest digest first.
 std::vector<std::string> NamesOf(const DigestChoice& choice);
 // The parts of an answer that hold them, QUERY_DIGEST*.
 uint32_t PartsOf(const DigestChoice& choice);
 
-// The digests of these names, with a comma between them. Throws std::invalid_argument, whose
-// text says which one there is no place for.
+// The digests with these comma-separated names. Throws std::invalid_argument, whose text says which
+// one has no place.
 DigestChoice DigestsNamed(const std::string& names);
 
 }  // namespace orvexscan

@@ -1,4 +1,4 @@
-// The digests of a file, fed by one read of it.
+// The digests of a file, computed in one read.
 #pragma once
 
 #include <openssl/evp.h>
@@ -22,9 +22,9 @@ inline void RequireDigest(bool done) {
   if (!done) throw std::runtime_error("OpenSSL cannot calculate a digest");
 }
 
-// The chosen digests side by side, and no others.
+// Computes the chosen digests side by side.
 //
-// Threads: one at a time; each worker keeps its own and starts it anew for each file.
+// Threads: one at a time; each worker keeps its own and restarts it for each file.
 class Digests {
  public:
   // Throws std::runtime_error if OpenSSL has one of the algorithms switched off.

@@ -6,11 +6,11 @@
 
 namespace orvexscan {
 
-// The most faults told of one part of a file.
+// The most faults reported for one part of a file.
 constexpr size_t kMostFaults = 8;
 
-// Adds the fault unless it is there already. Beyond kMostFaults one last sentence says
-// that there are more: a file made to harm would otherwise fill memory and reports.
+// Adds the fault unless it is there already. Beyond kMostFaults one last sentence says that there
+// are more: a malicious file would otherwise fill memory and reports.
 void AddFault(const std::string& fault, std::vector<std::string>* faults);
 
 }  // namespace orvexscan

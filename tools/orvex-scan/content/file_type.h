@@ -17,7 +17,7 @@ class FileTypeReader {
   // Throws std::runtime_error if libmagic finds no table.
   FileTypeReader();
 
-  // Reads the beginning of an open file; its position stays. Throws FileFailure.
+  // Reads the beginning of an open file without moving its position. Throws FileFailure.
   FileType Read(int descriptor);
 
  private:

@@ -100,7 +100,7 @@ constexpr Row kWholeNames[] = {
     {"inode/x-empty", {kEmpty, 0}},
 };
 
-// Asked only when no whole name fits.
+// Tried only if no whole name matches.
 constexpr Row kBeginnings[] = {
     {"application/vnd.openxmlformats-", {kDocument, 4}},
     {"application/vnd.oasis.opendocument", {kDocument, 5}},

@@ -11,13 +11,13 @@ namespace {
 
 constexpr size_t kDosHeaderSize = 64;
 constexpr size_t kPeOffsetAt = 60;        // in the DOS header
-constexpr size_t kPeHeaderSize = 4 + 20;  // the mark and the COFF header
+constexpr size_t kPeHeaderSize = 4 + 20;  // the signature and the COFF header
 constexpr size_t kOptionalSizeAt = 4 + 16;
 constexpr uint16_t kPe32 = 0x10b;
 constexpr uint16_t kPe32Plus = 0x20b;
 constexpr size_t kDirectoriesAt32 = 96;  // in the optional header; their count is just before
 constexpr size_t kDirectoriesAt32Plus = 112;
-constexpr size_t kChecksumAt = 64;  // in the optional header of either
+constexpr size_t kChecksumAt = 64;  // in the optional header of both formats
 constexpr size_t kDirectorySize = 8;
 constexpr size_t kCertificateDirectory = 4;
 constexpr size_t kEntryHeaderSize = 8;
@@ -25,7 +25,7 @@ constexpr size_t kEntryAlignment = 8;
 constexpr uint16_t kRevision1 = 0x0100;
 constexpr uint16_t kRevision2 = 0x0200;
 constexpr uint16_t kPkcs7 = 2;
-// Real tables have some ten kilobytes.
+// Real tables are some ten kilobytes.
 constexpr int kMostEntries = 256;
 constexpr uint32_t kMostTableBytes = 1 << 20;
 
@@ -35,7 +35,7 @@ uint32_t U32(const unsigned char* bytes) {
   return U16(bytes) | static_cast<uint32_t>(U16(bytes + 2)) << 16;
 }
 
-// The table is at 0 and of no size when there is none.
+// Without a table its offset and size are 0.
 PeLayout FindTable(FileReader* file) {
   unsigned char dos[kDosHeaderSize];
   if (file->ReadAt(0, dos, sizeof dos) < sizeof dos || dos[0] != 'M' || dos[1] != 'Z') return {};
@@ -64,7 +64,7 @@ PeLayout FindTable(FileReader* file) {
           U32(optional + entry + 4)};
 }
 
-// The first fault of an entry that makes whatever follows it unreadable.
+// A fault in an entry's length, which makes everything after it unreadable.
 std::string FaultOfLength(uint32_t length, size_t left) {
   if (length == 0) return "has zero length";
   if (length < kEntryHeaderSize) return fmt::format("has a length of {}, below its header", length);

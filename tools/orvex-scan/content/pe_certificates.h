@@ -14,15 +14,14 @@ namespace orvexscan {
 struct PeCertificates {
   // The PKCS#7 signature of each entry that holds one, as DER, in file order.
   std::vector<std::vector<unsigned char>> signatures;
-  // What is wrong with the table, one sentence each; empty when all is well. Entries
-  // before the fault are given all the same.
+  // What is wrong with the table, one sentence each; empty when all is well. Entries before the
+  // fault are still returned.
   std::vector<std::string> faults;
   PeLayout layout;
 };
 
-// Reads the table of an open file. Nothing in the file is trusted: every offset and
-// length is checked against what is there, and the memory taken is bounded.
-// Throws FileFailure when a read fails.
+// Reads the table of an open file. Nothing in the file is trusted: every offset and length is
+// checked against what is there, and memory use is bounded. Throws FileFailure when a read fails.
 PeCertificates ReadPeCertificates(FileReader* file);
 
 }  // namespace orvexscan

@@ -14,7 +14,7 @@ namespace {
 
 constexpr const char* kIndirectContent = "1.3.6.1.4.1.311.2.1.4";
 constexpr const char* kNestedSignature = "1.3.6.1.4.1.311.2.4.1";
-// Real files nest once. A file made to harm could nest until the stack ends.
+// Real files nest once. A malicious file could nest until the stack overflows.
 constexpr int kDeepestNesting = 8;
 // Real ones hold a chain or two.
 constexpr int kMostCertificates = 512;
@@ -27,8 +27,8 @@ using Pkcs7 = std::unique_ptr<PKCS7, FreeWith<PKCS7, PKCS7_free>>;
 using Bio = std::unique_ptr<BIO, FreeWith<BIO, BIO_free_all>>;
 using Object = std::unique_ptr<ASN1_OBJECT, FreeWith<ASN1_OBJECT, ASN1_OBJECT_free>>;
 
-// Cuts at a character's beginning, and leaves no NUL that would end the name early: a
-// certificate could be made to show only half of what it was issued to.
+// Cuts at a character boundary and replaces NULs, which would end the name early: a certificate
+// could be made to show only half of what it was issued to.
 std::string FitForSlot(std::string name) {
   std::replace(name.begin(), name.end(), '\0', '?');
   if (name.size() <= kMostNameBytes) return name;
@@ -58,8 +58,8 @@ std::string CommonName(const X509_NAME* subject) {
   return name;
 }
 
-// Takes one element of DER off the bytes and returns what it holds; null if it is no
-// whole one of that kind. Bounded by the bytes, as all that is inside.
+// Bytes of DER. TakeElement moves past one element and sets *inside to its content; false if it is
+// incomplete or has another tag. Never reads past the bytes.
 struct Bytes {
   const unsigned char* at;
   long length;
@@ -71,7 +71,7 @@ bool TakeElement(Bytes* bytes, int tag, Bytes* inside) {
   int found = 0;
   int kind = 0;
   const int flags = ASN1_get_object(&at, &length, &found, &kind, bytes->length);
-  // 0x80: not to be read; 1 besides the mark of what is built of others: no length given.
+  // 0x80: unreadable. 1, next to the constructed bit 0x20: indefinite length.
   if ((flags & 0x80) != 0 || (flags & 1) != 0 || found != tag || kind != V_ASN1_UNIVERSAL) {
     ERR_clear_error();
     return false;
@@ -82,8 +82,8 @@ bool TakeElement(Bytes* bytes, int tag, Bytes* inside) {
   return true;
 }
 
-// What a signature of this kind is about: a sequence of something and of
-// { { algorithm, ... }, digest }.
+// The digest in a signature of this kind, whose content is a sequence:
+// something, then { { algorithm, ... }, digest }.
 SignedDigest DigestIn(const PKCS7* content) {
   if (content == nullptr || content->d.other == nullptr ||
       OBJ_cmp(content->type, Object(OBJ_txt2obj(kIndirectContent, 1)).get()) != 0 ||
@@ -135,7 +135,7 @@ void AddSignature(const unsigned char* der, size_t length, int depth, SignerName
     AddFault("signatures are nested too deeply", &found->faults);
     return;
   }
-  // Bytes after the signature are the padding of its entry.
+  // Bytes after the signature are padding of its entry.
   const Pkcs7 signature(d2i_PKCS7(nullptr, &der, static_cast<long>(length)));
   ERR_clear_error();
   if (!signature || !PKCS7_type_is_signed(signature.get()) || signature->d.sign == nullptr) {
@@ -152,7 +152,7 @@ void AddSignature(const unsigned char* der, size_t length, int depth, SignerName
   STACK_OF(PKCS7_SIGNER_INFO)* signers = PKCS7_get_signer_info(signature.get());
   if (sk_PKCS7_SIGNER_INFO_num(signers) <= 0) AddFault("a signature has no signer", &found->faults);
   for (int i = 0; i < sk_PKCS7_SIGNER_INFO_num(signers); ++i) {
-    // Found or not: each is searched for among all certificates.
+    // Counted even if not found: each is searched for among all certificates.
     if (found->lookedAt == kMostSigners) {
       AddFault("there are more than 256 signers", &found->faults);
       return;

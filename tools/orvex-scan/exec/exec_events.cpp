@@ -16,11 +16,11 @@
 namespace orvexscan {
 namespace {
 
-// Each opens a file, so that few are read at a time.
+// Each holds an open file, so only a few are read at a time.
 constexpr size_t kEventsAtOnce = 64;
 
 int OpenGroup() {
-  // NOLINTNEXTLINE(misc-redundant-expression): O_LARGEFILE is 0 on one target alone.
+  // NOLINTNEXTLINE(misc-redundant-expression): O_LARGEFILE is 0 on one target only.
   constexpr int kOpening = O_RDONLY | O_CLOEXEC | O_LARGEFILE;
   const int group = fanotify_init(FAN_CLASS_NOTIF | FAN_CLOEXEC | FAN_NONBLOCK, kOpening);
   if (group >= 0) return group;
@@ -53,11 +53,11 @@ std::vector<Execution> ExecEvents::Read() {
   const ssize_t got = read(descriptor(), events.data(), sizeof events);
   std::vector<Execution> executions;
   if (got < 0) {
-    // Any other error has taken an event away with it.
+    // Any other error has consumed an event.
     if (errno != EAGAIN && errno != EINTR) ++losses_;
     return executions;
   }
-  // Of this kind all events have one size.
+  // Events of this kind all have the same size.
   const size_t count = static_cast<size_t>(got) / sizeof events[0];
   for (size_t i = 0; i < count; ++i) {
     const fanotify_event_metadata& event = events[i];

@@ -1,4 +1,4 @@
-// What is executed, as the kernel tells it.
+// Executions, as the kernel reports them.
 #pragma once
 
 #include <sys/types.h>
@@ -15,7 +15,7 @@ namespace orvexscan {
 
 // One file that was opened to be executed.
 struct Execution {
-  std::chrono::system_clock::time_point time;  // when it was heard of
+  std::chrono::system_clock::time_point time;  // when its event was read
   pid_t pid;                                   // of the process that executes it
   std::unique_ptr<Descriptor> file;            // open for reading
 };
@@ -25,15 +25,15 @@ struct Execution {
 // Threads: one at a time.
 class ExecEvents {
  public:
-  // Listens on the mount that each path is on. Throws std::runtime_error, in words for whoever
-  // called the tool, when the system does not let it.
+  // Listens on the mount that each path is on. Throws std::runtime_error, with a text for the user,
+  // if the system refuses.
   explicit ExecEvents(const std::vector<std::string>& paths);
 
   // Readable when there is something to read.
   int descriptor() const { return group_.get(); }
-  // Some of what has happened; nothing if nothing has.
+  // Some of the pending events; empty if there are none.
   std::vector<Execution> Read();
-  // Hears of nothing new from now on. What has happened before can still be read.
+  // Receives no new events from now on. Earlier ones can still be read.
   void Stop();
 
   // How often executions were lost, each time one or more: the kernel's queue was full, or a

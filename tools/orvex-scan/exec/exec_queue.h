@@ -1,4 +1,4 @@
-// What was executed and has not been asked about yet.
+// Executions that have not been asked about yet.
 #pragma once
 
 #include <condition_variable>
@@ -10,7 +10,7 @@
 
 namespace orvexscan {
 
-// Holds few, as each is an open file; the kernel queues the others.
+// Holds only a few, since each is an open file; the kernel queues the rest.
 //
 // Threads: any number at once.
 // Locking: lock_ guards the rest.
@@ -18,9 +18,9 @@ class ExecQueue {
  public:
   // Waits while the queue is full. Does nothing once it is closed.
   void Push(Execution execution);
-  // The oldest, waiting for one. Nothing once the queue is closed and empty.
+  // Waits for the oldest and returns it; nothing once the queue is closed and empty.
   std::optional<Execution> Take();
-  // Takes no more in.
+  // Accepts no more.
   void Close();
 
  private:

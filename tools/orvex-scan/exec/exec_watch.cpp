@@ -55,7 +55,7 @@ void ExecWatch::Run(Inventory* inventory, std::vector<PassReport>* passes) {
   readable_.assign(Duplicate(events_.descriptor()));
   {
     Threads threads;
-    // On every way out: the threads are joined after it.
+    // On every way out, before the threads are joined.
     struct Closing {
       ~Closing() { queue->Close(); }
       ExecQueue* const queue;
@@ -108,7 +108,7 @@ void ExecWatch::AskAboutAll(Asker* asker) {
   } catch (...) {
     const std::lock_guard<std::mutex> guard(lock_);
     if (!failure_) failure_ = std::current_exception();
-    // Nobody may be left to take anything, and somebody must notice.
+    // No asker may be left to empty the queue, so Run must notice.
     queue_.Close();
     context_.stop();
   }
@@ -157,7 +157,7 @@ void ExecWatch::Print(const Execution& execution, const std::string& path,
                                {"unverifiedSigners", reply.answer.signers},
                                {"cached", !reply.read}}));
   } else {
-    // Tabs between the fields: what is shown has none.
+    // Tab-separated: printable text has no tabs.
     fmt::print("{}\t{}\t{}\t{}\t{}\t{}\n", time, execution.pid, Printable(path), digest.digits,
                Joined(reply.answer.signers), reply.read ? "read" : "cached");
   }

@@ -1,4 +1,4 @@
-// Tells what runs, as it runs.
+// Reports what runs, as it runs.
 #pragma once
 
 #include <asio/io_context.hpp>
@@ -19,22 +19,22 @@
 
 namespace orvexscan {
 
-// Asks the engine about every file that is executed on some mounts, and prints a line when
-// the answer is another one than the last that was told of it.
+// Asks the engine about every file that is executed on some mounts, and prints a line when the
+// answer differs from the last one reported for it.
 //
 // Ownership: borrows the engine.
 // Threads: Run listens on its own thread and asks on others.
 // Locking: lock_ guards what the askers share: what is known and counted, and the output.
 class ExecWatch {
  public:
-  // Throws std::runtime_error when the system does not let it listen on the mounts of all
-  // paths, or when libmagic or OpenSSL cannot be started.
+  // Throws std::runtime_error if the system does not let it listen on the mounts of all paths, or
+  // if libmagic or OpenSSL cannot be started.
   ExecWatch(orvexeng::engine* engine, const ReadingRules& reading,
             const std::vector<std::string>& paths, int threads, bool jsonLines);
 
   // Listens until the process is interrupted or terminated, then asks about what was executed
-  // by then. Adds the files to *inventory, with what went wrong in its notes, and to *passes
-  // what all that took. Throws what an asker threw, such as for a full disk.
+  // before that. Adds the files to *inventory, problems to its notes, and its measurements to
+  // *passes. Throws what an asker threw, for example on a full disk.
   void Run(Inventory* inventory, std::vector<PassReport>* passes);
 
  private:

@@ -14,7 +14,7 @@ Descriptor::~Descriptor() {
 }
 
 Descriptor OpenToRead(const std::string& path, bool followLinks) {
-  // Not blocking and no terminal: by now the name may lead to a pipe or a line.
+  // Non-blocking, no controlling terminal: the name may now lead to a pipe or a tty.
   const int flags = O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | (followLinks ? 0 : O_NOFOLLOW);
   const int number = open(path.c_str(), flags);
   if (number < 0 && errno == ELOOP && !followLinks) {

@@ -1,4 +1,4 @@
-// An open file's number, closed when it is no longer needed.
+// An owned file descriptor.
 #pragma once
 
 #include <string>
@@ -6,7 +6,6 @@
 namespace orvexscan {
 
 // Ownership: closes what it holds.
-// Threads: as any object.
 class Descriptor {
  public:
   explicit Descriptor(int number) : number_(number) {}
@@ -20,8 +19,8 @@ class Descriptor {
   const int number_;
 };
 
-// Opens what path names, without waiting for anybody whatever it is. Throws FileFailure:
-// kChanged for a link that is not to be followed, as the caller has looked before.
+// Opens what path names without ever blocking. Throws FileFailure: kChanged for a link that is not
+// to be followed, since the caller has already looked.
 Descriptor OpenToRead(const std::string& path, bool followLinks);
 
 }  // namespace orvexscan

@@ -56,7 +56,7 @@ bool FileReader::HasTrueSize() {
 }
 
 bool FileReader::HasWriter() const {
-  // Given back at once: whoever opens the file for writing must not wait for us.
+  // Released at once: whoever opens the file for writing must not wait for us.
   if (fcntl(descriptor(), F_SETLEASE, F_RDLCK) != 0) return errno == EAGAIN;
   fcntl(descriptor(), F_SETLEASE, F_UNLCK);
   return false;

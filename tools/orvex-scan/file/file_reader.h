@@ -1,4 +1,4 @@
-// One open file, read without ever mistaking a changed one for the one asked about.
+// Reads one open file and never mistakes a changed one for the one asked about.
 #pragma once
 
 #include <cstddef>
@@ -16,8 +16,8 @@ namespace orvexscan {
 // Threads: one at a time.
 class FileReader {
  public:
-  // Opens path and checks that it is the very file that expected was taken of.
-  // Throws FileFailure otherwise.
+  // Opens path and checks that it is the very file that expected describes. Throws FileFailure
+  // otherwise.
   FileReader(const std::string& path, const Identity& expected, bool followLinks);
 
   // Hands the whole content to sink, piece by piece, through buffer, and returns
@@ -28,16 +28,15 @@ class FileReader {
   // Reads up to count bytes at offset; fewer only at the end of the file.
   size_t ReadAt(uint64_t offset, unsigned char* bytes, size_t count);
 
-  // Throws FileFailure if the file is no longer what it was when it was opened; its
-  // ctime tells in every mode. What was read before a call that returns is one state of
-  // the file, once the file is settled.
+  // Throws FileFailure if the file has changed since it was opened; ctime is compared in every
+  // mode. If it returns and the file is settled, all that was read before is one state of it.
   void CheckUnchanged() const;
 
-  // Whether the size and times of the file tell its content at all.
+  // Whether the size and times of the file reflect its content.
   bool HasTrueSize();
-  // Whether somebody has the file open for writing, or mapped. Stores through a mapping
-  // set the times of a file once for many. False also where the system does not tell:
-  // for files of other users without CAP_LEASE, and on file systems without leases.
+  // Whether somebody has the file open for writing, or mapped. Many stores through a mapping update
+  // a file's times only once. Also false where the system cannot tell: for files of other users
+  // without CAP_LEASE, and on file systems without leases.
   bool HasWriter() const;
 
   uint64_t size() const { return opened_.size; }

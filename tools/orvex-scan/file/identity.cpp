@@ -51,15 +51,15 @@ Identity Look(int directory, const char* path, int flags, IdentityMode mode) {
   return identity;
 }
 
-// Tells an inode from an earlier one of the same number; 0 where the file system has none.
+// Distinguishes an inode from an earlier one of the same number; 0 if there is none.
 uint64_t GenerationOf(int descriptor) {
   // As wide as the request says, though most file systems fill in 32 bits.
   unsigned long generation = 0;
   return ioctl(descriptor, FS_IOC_GETVERSION, &generation) == 0 ? generation : 0;
 }
 
-// The output function of the SplitMix64 generator. It loses nothing: different numbers
-// give different results.
+// The output function of the SplitMix64 generator. It is a bijection: different numbers give
+// different results.
 uint64_t Scramble(uint64_t number) {
   number += 0x9e3779b97f4a7c15;
   number = (number ^ (number >> 30)) * 0xbf58476d1ce4e5b9;
@@ -67,8 +67,8 @@ uint64_t Scramble(uint64_t number) {
   return number ^ (number >> 31);
 }
 
-// In turn, so that neither their order nor equal numbers cancel out. For one inode,
-// different ctimes never meet in one result.
+// One after another, so that order matters and equal numbers do not cancel out. For one inode,
+// different ctimes never give the same result.
 uint64_t Mix(std::initializer_list<uint64_t> numbers) {
   uint64_t mixed = 0;
   for (const uint64_t number : numbers) mixed = Scramble(mixed ^ number);
@@ -113,7 +113,7 @@ bool Identity::operator==(const Identity& other) const {
 }
 
 Identity IdentityOf(const std::string& path, bool followLinks, IdentityMode mode) {
-  // First without opening: to open a device may do something to it.
+  // First without opening: opening a device can have side effects.
   const Identity seen = Look(AT_FDCWD, path.c_str(), followLinks ? 0 : AT_SYMLINK_NOFOLLOW, mode);
   if (mode != IdentityMode::kStrict) return seen;
   return IdentityOf(OpenToRead(path, followLinks).get(), mode);

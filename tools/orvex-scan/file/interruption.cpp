@@ -6,7 +6,7 @@
 namespace orvexscan {
 namespace {
 
-// Relaxed: a lone mark, tied to no other memory.
+// Relaxed: a lone flag, tied to no other memory.
 std::atomic<bool> interrupted{false};
 static_assert(std::atomic<bool>::is_always_lock_free, "a signal handler may take no lock");
 

@@ -60,7 +60,7 @@ void WriteOut(int descriptor, const std::string& content, const std::string& pat
   Require(fsync(descriptor) == 0, path);
 }
 
-// The new name is on the disk only once its directory is.
+// The new name is on disk only once its directory is.
 void SyncDirectoryOf(const std::string& path) {
   const std::string parent = std::filesystem::path(path).parent_path().string();
   const Descriptor directory(
@@ -68,20 +68,20 @@ void SyncDirectoryOf(const std::string& path) {
   Require(directory.get() >= 0 && fsync(directory.get()) == 0, path);
 }
 
-// The only way to ask for it is to set it. No other thread makes files then.
+// It can only be read by setting it. No other thread creates files at this point.
 mode_t Umask() {
   const mode_t mask = umask(0);
   umask(mask);
   return mask;
 }
 
-// A file next to the one at path, gone again unless it takes its place.
+// A file next to the one at path, removed unless it replaces that one.
 class TemporaryFile {
  public:
   explicit TemporaryFile(const std::string& path) : path_(path), name_(path + ".XXXXXX") {
     struct stat old {};
     if (lstat(path.c_str(), &old) == 0 && !S_ISREG(old.st_mode)) {
-      errno = EINVAL;  // the superuser could put a file in place of a device
+      errno = EINVAL;  // root could replace a device by a file
       Require(false, path);
     }
     number_ = mkostemp(name_.data(), O_CLOEXEC);
@@ -110,7 +110,7 @@ class TemporaryFile {
 }  // namespace
 
 std::optional<std::string> ReadPrivateFile(const std::string& path, size_t most) {
-  // No link: it could lead to what another user chose. Not blocking: a pipe would.
+  // No link: another user could choose its target. Non-blocking: a pipe would block.
   const Descriptor file(
       open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW));
   if (file.get() < 0 && errno == ENOENT) return std::nullopt;

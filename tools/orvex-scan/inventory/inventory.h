@@ -14,7 +14,7 @@
 
 namespace orvexscan {
 
-// Why there was none in the last pass; pass 0 is the gathering of files.
+// Why there was no answer in the last pass; pass 0 is the gathering of files.
 struct Failure {
   int pass;
   FailureReason reason;
@@ -30,24 +30,24 @@ struct FileRecord {
   std::optional<Failure> failure;
   CertificateFindings certificates;
 
-  // Whether a pass has come to it.
+  // Whether a pass has reached it.
   bool WasAsked() const { return answer.has_value() || failure.has_value(); }
   bool IsForgotten() const { return visits == 0 && !WasAsked(); }
 };
 
 // Gathered first, then asked about from several threads, then reported.
 //
-// Threads: the gathering and the reporting use one thread. Between them no file comes or
-// goes, and the Store functions may be called from any number of threads at once.
+// Threads: the gathering and the reporting use one thread. Between them no file is added or
+// removed, and the Store functions may be called from any number of threads at once.
 // Locking: lock_ guards what is stored in the records, never their paths.
 class Inventory {
  public:
-  // Adds a visit of path at the end of the order; a path may be visited more than once.
-  // size is what the gathering saw of it.
+  // Adds a visit of path at the end of the order; a path may be visited more than once. size is
+  // what the gathering saw.
   void AddVisit(const std::string& path, uint64_t size = 0);
   // Adds a file that cannot be visited at all.
   void AddFailure(const std::string& path, const FileFailure& failure);
-  // Adds something to tell about the gathering as a whole.
+  // Adds a note about the gathering as a whole.
   void AddNote(const std::string& note) { notes_.push_back(note); }
 
   size_t visitCount() const { return visits_.size(); }
@@ -56,18 +56,18 @@ class Inventory {
   std::optional<size_t> Find(const std::string& path) const;
   const std::string& PathOf(size_t record) const { return records_[record].path; }
 
-  // The record of a path that turned up after the gathering, or the one there is.
+  // Adds a path that turned up after the gathering; returns its record, new or old.
   size_t Add(const std::string& path);
-  // The file is no longer there, and no part of the report.
+  // The file is gone and no longer part of the report.
   void Forget(size_t record);
-  // An answer takes the place of a failure, and the other way round: what is reported is
-  // the last that is known. The findings of an earlier answer stay unless there are new ones.
+  // An answer replaces a failure and vice versa: the latest is reported. The findings of an earlier
+  // answer stay unless there are new ones.
   void StoreAnswer(size_t record, Answer answer, std::optional<CertificateFindings> findings);
   void StoreFailure(size_t record, int pass, const FileFailure& failure);
 
   const std::vector<FileRecord>& records() const { return records_; }
   const std::vector<std::string>& notes() const { return notes_; }
-  // How many files are visited: those that could not even be gathered do not count.
+  // How many files are visited, without those that could not even be gathered.
   size_t FileCount() const;
   size_t FailureCount() const;
   // What one pass over all visits is expected to read or to save.

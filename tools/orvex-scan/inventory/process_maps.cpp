@@ -33,7 +33,7 @@ std::set<uint64_t> ProcessNumbers(const std::string& proc) {
 
 using File = std::tuple<uint64_t, uint64_t, std::vector<std::string>>;
 
-// These show a file under other device numbers than those of its mappings.
+// These report other device numbers for a file than its mappings show.
 bool NumbersDevicesItself(const std::string& path) {
   constexpr int64_t kOverlay = 0x794c7630;
   constexpr int64_t kBtrfs = 0x9123683e;
@@ -45,8 +45,7 @@ bool NumbersDevicesItself(const std::string& path) {
 
 enum class Lead { kNowhere, kToIt, kToNoRegularFile };
 
-// Whether path names the mapped file. Without opening: to open a device may do something
-// to it.
+// Whether path names the mapped file. Does not open it: opening a device can have side effects.
 Lead WhereLeads(const std::string& path, const MappedFile& file) {
   struct stat status {};
   if (lstat(path.c_str(), &status) != 0 || status.st_ino != file.inode) return Lead::kNowhere;
@@ -54,7 +53,7 @@ Lead WhereLeads(const std::string& path, const MappedFile& file) {
   return S_ISREG(status.st_mode) ? Lead::kToIt : Lead::kToNoRegularFile;
 }
 
-// How a file is reached: by the path, or not at all.
+// How a file is reached, if it is.
 struct Place {
   Lead lead = Lead::kNowhere;
   bool throughProcess = false;
@@ -72,8 +71,7 @@ Place Find(const std::string& root, const MappedFile& file) {
   return {};
 }
 
-// The files a process maps, each once, in the order of its memory; false when its maps
-// may not be read.
+// The files a process maps, each once, in address order; false if its maps may not be read.
 bool ReadMaps(const std::string& process, std::vector<MappedFile>* files) {
   errno = 0;
   std::ifstream maps(process + "/maps");
@@ -81,7 +79,7 @@ bool ReadMaps(const std::string& process, std::vector<MappedFile>* files) {
   std::string line;
   while (std::getline(maps, line)) {
     MappedFile file = ParseMapsLine(line);
-    // Where its name is ambiguous the system may tell it as it is.
+    // If the name is ambiguous, its map_files link may give the real one.
     if (file.names.size() > 1) {
       std::error_code refused;
       const auto link = process + "/map_files/" + line.substr(0, line.find(' '));
@@ -110,7 +108,7 @@ std::optional<uint64_t> Number(const std::string& digits, int base) {
 }  // namespace
 
 void AddMappedFiles(const std::string& proc, Inventory* inventory) {
-  // Each is looked for once: one path for all processes that map it.
+  // Each is searched for once: one path for all processes that map it.
   std::map<File, Place> places;
   size_t refused = 0;
   size_t processes = 0;

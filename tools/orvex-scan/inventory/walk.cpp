@@ -63,7 +63,7 @@ void Add(const FTSENT& entry, const WalkRules& rules, Inventory* inventory) {
   }
 }
 
-// By its name or by its whole path. What is given by itself is meant.
+// By its name or by its whole path. A path that was given is never excluded.
 bool IsExcluded(const FTSENT& entry, const WalkRules& rules) {
   return entry.fts_level != FTS_ROOTLEVEL &&
          std::any_of(rules.exclude.begin(), rules.exclude.end(), [&](const std::string& pattern) {
@@ -72,14 +72,14 @@ bool IsExcluded(const FTSENT& entry, const WalkRules& rules) {
          });
 }
 
-// Asks the system only where one may begin.
+// Asks the system only where one may be mounted.
 bool IsPseudoRoot(const FTSENT& entry) {
   const bool mayBegin =
       entry.fts_level == FTS_ROOTLEVEL || entry.fts_dev != entry.fts_parent->fts_dev;
   return mayBegin && IsOnPseudoFileSystem(entry.fts_path);
 }
 
-// What a walk passes over and a note tells.
+// What a walk skips and a note reports.
 struct LeftOut {
   std::vector<std::string> pseudo;
   size_t tooLarge = 0;

@@ -15,18 +15,17 @@ struct WalkRules {
   bool oneFileSystem = false;  // do not enter directories on which another one is mounted
   bool pseudo = false;         // enter pseudo file systems
   std::vector<std::string> exclude = {};  // patterns, as of fnmatch
-  uint64_t maxSize = UINT64_MAX;          // larger files are passed over, and noted
-  // Called with each directory before what it holds is read.
+  uint64_t maxSize = UINT64_MAX;          // larger files are skipped and noted
+  // Called with each directory before its entries are read.
   std::function<void(const std::string& directory)> entering = {};
 };
 
-// Adds every regular file at or below paths to *inventory: the paths in the order
-// given, what a directory holds in the order of the bytes of its names.
+// Adds every regular file at or below paths to *inventory: the paths in the order given, the
+// entries of a directory in the byte order of their names.
 //
-// Links, devices, pipes and sockets inside a directory are passed over; one that is
-// itself among paths is a failure, as is whatever cannot be read. So is a directory of a
-// pseudo file system that is not to be entered; those that are mounted below are told in
-// a note.
+// Links, devices, pipes and sockets inside a directory are skipped; one that is itself in paths is
+// a failure, as is whatever cannot be read. So is a pseudo file system that must not be entered;
+// those mounted further down are only noted.
 void Walk(const std::vector<std::string>& paths, const WalkRules& rules, Inventory* inventory);
 
 }  // namespace orvexscan

@@ -8,7 +8,7 @@
 namespace orvexscan {
 namespace {
 
-// What the rules judge by. The last pass is the one that later ones would be like.
+// What the rules judge by. Later passes would be like the last one.
 struct Facts {
   const Setting& setting;
   size_t files;
@@ -44,7 +44,7 @@ std::string ExpectEvictions(const Facts& facts) {
       facts.files, facts.capacity);
 }
 
-// All that a cache without bounds would have answered in the last pass.
+// What an unbounded cache would have answered in the last pass.
 uint64_t PossibleHits(const Facts& facts) {
   return facts.last.number > 1 ? facts.last.visits : facts.last.visits - facts.files;
 }
@@ -52,7 +52,7 @@ uint64_t PossibleHits(const Facts& facts) {
 std::string RaiseCapacity(const Facts& facts) {
   const auto hits = static_cast<uint64_t>(facts.last.engine.cacheHit);
   const bool roomLacked = facts.last.engine.cacheWipeOuts > 0 && hits < PossibleHits(facts);
-  // A walk in order gains nothing until all of it has room, as the rule for walks says.
+  // A walk in order gains nothing until all of it fits, which the rule for walks says.
   const bool told = !facts.setting.processes && facts.files > facts.capacity;
   if (!roomLacked || told || facts.capacity >= ORVEX_MAX_CAPACITY) return {};
   const size_t wanted = std::max(facts.files, 2 * facts.capacity);
@@ -83,8 +83,8 @@ std::string SeeCoalescingCostNothing(const Facts& facts) {
 
 std::string ExpectChanges(const Facts& facts) {
   if (facts.last.number < 2 || Sum(facts, &orvex_metrics_s::cacheWipeOuts) != 0) return {};
-  // The file's times are part of the key: the answer about one that has changed is a miss.
-  // Nothing was evicted, so that the others are failures and what could not be kept.
+  // A file's times are part of the key: a changed file is a miss. Nothing was evicted, so the other
+  // misses are failures and answers that could not be kept.
   const orvex_metrics_s& engine = facts.last.engine;
   const uint64_t unsettled = facts.passes[facts.passes.size() - 2].unsettled;
   const int64_t changed = engine.cacheMiss + engine.cacheOutOfDate -

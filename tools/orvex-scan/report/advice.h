@@ -1,4 +1,4 @@
-// What a run's own figures say could be done better.
+// Advice drawn from a run's own figures.
 #pragma once
 
 #include <cstddef>
@@ -16,7 +16,7 @@ struct Setting {
   int capacity = ORVEX_MAX_CAPACITY;
 };
 
-// One sentence a line, without a newline at the end; empty when all is well.
+// One sentence per line, without a newline at the end; empty when all is well.
 std::string Advice(const Setting& setting, size_t files, const std::vector<PassReport>& passes);
 
 }  // namespace orvexscan

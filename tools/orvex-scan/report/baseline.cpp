@@ -36,7 +36,7 @@ std::string PathFrom(const Json& file) {
 }
 
 Baseline FromJson(const std::string& content, const std::string& digest) {
-  // Depth is bounded, as whoever walks through what was read calls itself for each level.
+  // Depth is bounded, since walking through the result recurses for each level.
   const auto bounded = [](int depth, Json::parse_event_t, const Json&) {
     if (depth > kDeepest) throw std::runtime_error("it nests too deeply");
     return true;
@@ -90,7 +90,7 @@ Baseline ReadBaseline(const std::string& path, const SnapshotRules& rules) {
 std::vector<Difference> Compare(const Baseline& baseline, const Inventory& inventory,
                                 const std::vector<std::string>& roots) {
   std::map<std::string, Difference> differences;
-  // By content, to find under which other name it is now.
+  // By content, to recognise a file under its new name.
   std::multimap<std::string, std::string> gone;
   for (const auto& [path, file] : baseline) {
     const std::optional<size_t> record = inventory.Find(path);

@@ -10,7 +10,7 @@
 
 namespace orvexscan {
 
-// What is known of a file as it was.
+// A file's earlier state.
 struct BaselineFile {
   std::string digest;  // the longest, in hexadecimal digits
   int64_t mtimeNs = 0;
@@ -22,7 +22,7 @@ struct BaselineFile {
 
 using Baseline = std::map<std::string, BaselineFile>;
 
-// Reads a snapshot or a JSON report. Throws std::exception, whose text is what is wrong.
+// Reads a snapshot or a JSON report. Throws std::exception, whose text says what is wrong.
 Baseline ReadBaseline(const std::string& path, const SnapshotRules& rules);
 
 struct Difference {
@@ -30,7 +30,7 @@ struct Difference {
   // path) or "metadata" (the same content with another time, owner, mode or link count)
   std::string change;
   std::string path;
-  std::string from;  // of one that was moved
+  std::string from;  // the old path of a moved file
 };
 
 // In the order of the paths. Files of the baseline count as gone only if they are at or

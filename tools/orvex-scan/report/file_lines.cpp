@@ -20,7 +20,7 @@ std::string Quoted(const std::string& text) {
 
 std::string Sha256sumLine(const FileRecord& record) {
   if (!record.answer) return {};
-  // A backslash in front tells that there are some in the name.
+  // A leading backslash says that the name is escaped.
   std::string name;
   for (const char character : record.path) {
     name += character == '\\'   ? "\\\\"

@@ -10,7 +10,7 @@ namespace orvexscan {
 // What sha256sum prints, so that sha256sum -c reads it; empty without an answer.
 std::string Sha256sumLine(const FileRecord& record);
 
-// The names of the columns, and one file in them, quoted where that is needed.
+// The column names, and the line of one file, quoted where needed.
 std::string CsvHeader(const DigestChoice& digests);
 std::string CsvLine(const FileRecord& record, const DigestChoice& digests);
 

@@ -92,7 +92,7 @@ void AddOfEngine(const std::vector<PassReport>& passes, std::vector<Metric>* met
   const auto hash = [&](const char* name, const char* help, int64_t Counters::*counter) {
     metrics->push_back(OfHashCache(name, help, Sum(passes, counter)));
   };
-  // The engine does not count the file type cache's lookups; they are one of three.
+  // The engine does not count the file type cache's lookups; each is one of these three.
   metrics->push_back(OfBothCaches(
       "orvex_cache_lookups_total", "Lookups in a cache.", Sum(passes, &Counters::cacheQuery),
       Sum(passes,

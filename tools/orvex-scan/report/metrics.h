@@ -24,8 +24,8 @@ struct Metric {
   std::vector<Sample> samples;
 };
 
-// Everything that was counted, summed over all passes, about so many files; walkFailures
-// could not even be gathered.
+// All counters, summed over all passes. files is the number of files; walkFailures more could not
+// even be gathered.
 std::vector<Metric> MetricsOf(const std::vector<PassReport>& passes, size_t files,
                               size_t walkFailures);
 

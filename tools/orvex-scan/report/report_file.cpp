@@ -18,7 +18,7 @@ ReportFile::ReportFile(const std::string& path) : path_(path) {
     if (!stream_) throw std::system_error(errno, std::generic_category(), path);
     return;
   }
-  // A link stays; what it names is replaced.
+  // A link stays; its target is replaced.
   if (fs::is_symlink(path, ignored)) path_ = fs::canonical(path).string();
   CheckReplaceable(path_);
 }

@@ -7,8 +7,8 @@
 
 namespace orvexscan {
 
-// Replaces a regular file as a whole, so that an old report survives whatever goes wrong;
-// into anything else, such as a pipe, it writes.
+// Replaces a regular file as a whole, so that an old report survives any failure. Anything else,
+// such as a pipe, is written to directly.
 //
 // Threads: one at a time.
 class ReportFile {
@@ -24,7 +24,7 @@ class ReportFile {
     void operator()(std::FILE* file) const { std::fclose(file); }
   };
   std::string path_;
-  std::unique_ptr<std::FILE, Close> stream_;  // of what is no regular file
+  std::unique_ptr<std::FILE, Close> stream_;  // for anything but a regular file
 };
 
 }  // namespace orvexscan

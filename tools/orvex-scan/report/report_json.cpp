@@ -65,7 +65,7 @@ OrderedJson PassJson(const PassReport& pass) {
             {"evictions", engine.fileTypeWipeOuts}}}};
 }
 
-// In two numbers that fit into a double each. Nanoseconds count onwards, before 1970 too.
+// Two numbers that each fit into a double. Nanoseconds count forward, before 1970 too.
 OrderedJson TimeJson(uint64_t nanosecondsSince1970) {
   constexpr int64_t kNsPerSecond = 1000000000;
   const auto time = static_cast<int64_t>(nanosecondsSince1970);

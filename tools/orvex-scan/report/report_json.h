@@ -17,7 +17,7 @@ std::string JsonReport(const Options& options, const std::vector<PassReport>& pa
                        const Inventory& inventory, const std::string& advice,
                        const std::vector<Difference>& differences);
 
-// One file of that report in a line of its own.
+// One file of that report on a single line.
 std::string FileJsonLine(const FileRecord& record);
 
 }  // namespace orvexscan

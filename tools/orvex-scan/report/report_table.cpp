@@ -26,7 +26,7 @@ class Table {
 
   void AddColumn(const std::string& name, int flags) {
     libscols_column* column = scols_table_new_column(table_.get(), name.c_str(), 0, flags);
-    // What is shown has been made printable; its backslashes are meant.
+    // Cells have already been made printable; their backslashes are intended.
     if (column == nullptr || scols_column_set_safechars(column, "\\") != 0) throw std::bad_alloc();
   }
 
@@ -117,7 +117,7 @@ std::vector<Row> Rows(const Inventory& inventory) {
   };
 }
 
-// So many at a time that the lines fit into 80 columns.
+// As many at a time as fit into 80 columns.
 void PrintPasses(const std::vector<PassReport>& passes, const Inventory& inventory, std::FILE* to) {
   constexpr size_t kPassesInARow = 4;
   const std::vector<Row> rows = Rows(inventory);
@@ -176,7 +176,7 @@ void PrintReport(const std::vector<PassReport>& passes, const Inventory& invento
       malformed.push_back({fault, path});
     }
   }
-  // Who asks about one file wants its answer, not only what the answer took.
+  // For a single file, show the answer too and not only the statistics.
   std::vector<std::vector<std::string>> digests;
   if (inventory.records().size() == 1 && inventory.records()[0].answer) {
     for (const NamedDigest& digest : DigestsOf(*inventory.records()[0].answer)) {

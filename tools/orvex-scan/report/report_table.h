@@ -11,9 +11,9 @@
 
 namespace orvexscan {
 
-// Prints one column for each pass, then the files without an answer and those with a
-// malformed certificate table, each with its reason, and the advice if there is any.
-// Every text of the outside is made printable first.
+// Prints one column for each pass, then the files without an answer and those with a malformed
+// certificate table, each with its reason, and the advice if there is any. All text from outside is
+// made printable first.
 void PrintReport(const std::vector<PassReport>& passes, const Inventory& inventory,
                  const std::string& advice, const std::vector<Difference>& differences,
                  std::FILE* to);

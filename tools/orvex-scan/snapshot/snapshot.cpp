@@ -20,7 +20,7 @@
 namespace orvexscan {
 namespace {
 
-// Lines and fields, nothing that nests: a parser of this cannot be led into depth.
+// Lines and fields, nothing that nests: no file can make the parser recurse.
 //
 // The first line names the layout, the second what the answers depend on. Then one line
 // for each file with a tab between its fields, texts as hexadecimal digits, and at the end
@@ -75,8 +75,8 @@ std::vector<std::string> ListFromHex(std::string_view list, size_t most) {
   return texts;
 }
 
-// Takes what stands before the next mark, and the mark, off the text. Without a mark
-// that is all of it, once.
+// Removes and returns the text before the next mark, and removes the mark. Without a mark that is
+// all of it, once.
 std::string_view Take(std::string_view* text, char mark) {
   if (text->data() == nullptr) throw Malformed();
   const size_t end = text->find(mark);
@@ -158,7 +158,7 @@ SnapshotEntry TakeEntry(std::string_view* line, const SnapshotRules& rules) {
   return entry;
 }
 
-// What of the tool must not have changed for its answers to be today's.
+// The versions that must match for old answers to hold.
 std::string Writer() { return fmt::format("{}\t{}", ORVEX_SCAN_VERSION, magic_version()); }
 
 const char* NameOfParts(const WantedParts& parts) {

@@ -1,4 +1,4 @@
-// What earlier scans found out, kept in a file for later ones to answer from.
+// The answers of earlier scans, kept in a file for later ones.
 #pragma once
 
 #include <cstddef>
@@ -11,14 +11,14 @@
 
 namespace orvexscan {
 
-// What the answers in a snapshot depend on besides the files.
+// What the answers in a snapshot depend on, apart from the files.
 struct SnapshotRules {
   IdentityMode identity = IdentityMode::kCtime;
   int settleSeconds = 0;
   WantedParts parts = {};
 };
 
-// A snapshot of more is not read, and not written.
+// A larger snapshot is neither read nor written.
 constexpr size_t kMostSnapshotFiles = 250000;
 constexpr size_t kMostSnapshotBytes = 128 << 20;
 
@@ -35,11 +35,11 @@ class Snapshot {
  public:
   explicit Snapshot(const SnapshotRules& rules) : rules_(rules) {}
 
-  // Takes over the answers in the file at path; none when there is no such file.
+  // Loads the answers from the file at path; none if there is no such file.
   //
-  // Throws std::exception, whose text is what is wrong with the file: ReadPrivateFile
-  // refuses it, Parse does, or another version of the tool or of its libraries wrote it,
-  // or a scan that knew files by other means trusted younger ones or wanted other parts.
+  // Throws std::exception, whose text says what is wrong with the file: ReadPrivateFile or Parse
+  // refuses it, or it was written by another version of the tool or its libraries, or by a scan
+  // with another identity mode, a shorter settling time or other parts.
   void Read(const std::string& path);
   // The same for the content of such a file, which may hold anything.
   void Parse(const std::string& content);
@@ -49,8 +49,8 @@ class Snapshot {
 
   const std::map<std::string, SnapshotEntry>& entries() const { return entries_; }
 
-  // Takes over what a scan found out, settled answers alone. Answers about other files
-  // stay if those files are what they were.
+  // Takes over the settled answers of a scan. Answers about other files stay if those files are
+  // unchanged.
   void Update(const Inventory& inventory);
   // Replaces the file at path. Throws std::system_error.
   void Write(const std::string& path) const;
@@ -62,7 +62,7 @@ class Snapshot {
   std::map<std::string, SnapshotEntry> entries_;
 };
 
-// The text, which must end a line, with the line that makes it a whole snapshot.
+// The text, which must end in a newline, with its checksum line appended.
 std::string WithChecksum(const std::string& text);
 
 }  // namespace orvexscan

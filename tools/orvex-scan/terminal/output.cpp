@@ -21,7 +21,7 @@ void Print(const std::string& text, std::FILE* stream) {
 
 void Finish(std::FILE* stream) {
   if (std::fflush(stream) != 0) Fail(errno);
-  // The mark of an earlier write, whose reason errno no longer tells.
+  // An earlier write failed; errno no longer says why.
   if (std::ferror(stream) != 0) throw std::runtime_error("the report was not written as a whole");
 }
 

@@ -1,4 +1,4 @@
-// Output that somebody relies on.
+// Output that must not be lost unnoticed.
 #pragma once
 
 #include <cstdio>
@@ -6,15 +6,15 @@
 
 namespace orvexscan {
 
-// Writes the text and makes sure that it is out. Throws as Finish does.
+// Writes the text and finishes the stream. Throws like Finish.
 void Print(const std::string& text, std::FILE* stream);
 
-// Makes sure that what was written to the stream is out: a full disk is no success.
-// Throws std::system_error if it is not, std::runtime_error if that was so before.
+// Flushes the stream, so that a full disk does not pass for success. Throws std::system_error if
+// that fails, std::runtime_error if an earlier write did.
 void Finish(std::FILE* stream);
 
-// Says the text on standard error, after the tool's name. When that fails, nothing is left
-// to say it on.
+// Prints the text on standard error, after the tool's name. If that fails, there is nowhere left to
+// report it.
 void Say(const std::string& text);
 
 }  // namespace orvexscan

@@ -7,7 +7,7 @@
 namespace orvexscan {
 namespace {
 
-// One character of UTF-8; length 0 when the bytes are none.
+// One character of UTF-8; length 0 if the bytes are not one.
 struct Character {
   uint32_t code;
   size_t length;
@@ -32,7 +32,7 @@ Character CharacterAt(const std::string& text, size_t at) {
   return tooLong || surrogate || code > 0x10ffff ? Character{0, 0} : Character{code, length};
 }
 
-// The second block of control characters, and those that turn the direction of text.
+// Both blocks of control characters, line separators, and changes of text direction.
 bool IsControl(uint32_t code) {
   return code < 0x20 || (code >= 0x7f && code < 0xa0) || code == 0x200e || code == 0x200f ||
          (code >= 0x2028 && code <= 0x202e) || (code >= 0x2066 && code <= 0x2069);

@@ -5,12 +5,12 @@
 
 namespace orvexscan {
 
-// Tells whether bytes are well-formed UTF-8 (as JSON text must be).
+// Whether bytes are well-formed UTF-8 (as JSON text must be).
 bool IsUtf8(const std::string& bytes);
 
-// The text as it may be shown: a byte that is a control character, or no part of
-// well-formed UTF-8, becomes \xNN, and a backslash becomes two. A file's name can
-// hold anything, escape sequences for the terminal too.
+// The text as it may be shown: a byte that is a control character, or not part of well-formed
+// UTF-8, becomes \xNN, and a backslash becomes two. A file's name can hold anything, escape
+// sequences for the terminal too.
 std::string Printable(const std::string& bytes);
 
 // The bytes as lower-case hexadecimal digits.

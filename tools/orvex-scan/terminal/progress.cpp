@@ -14,7 +14,7 @@ namespace {
 constexpr std::chrono::milliseconds kBetweenDrawings(100);
 constexpr size_t kBarWidth = 20;
 
-// Asked each time: a window may be made smaller. 80 for a terminal that does not tell.
+// Queried each time: the window may shrink. 80 if the terminal does not say.
 size_t Columns() {
   struct winsize size {};
   return ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col != 0 ? size.ws_col : 80;
@@ -38,7 +38,7 @@ void Progress::StartPass(int pass, int passes, uint64_t files, uint64_t bytes) {
 
 void Progress::AddBytes(uint64_t bytes) {
   read_.fetch_add(bytes, std::memory_order_relaxed);
-  // Only a large file is worth a drawing of its own.
+  // Only a large file is worth a redraw before Step.
   if (shown_ && Clock::now() - start_ >= kBetweenDrawings) Draw();
 }
 

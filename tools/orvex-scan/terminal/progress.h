@@ -15,13 +15,13 @@ namespace orvexscan {
 // Locking: lock_ guards the drawing; a thread that finds it taken does not wait.
 class Progress {
  public:
-  // Shows nothing at all unless wanted is set and standard error is a terminal.
+  // Shows nothing unless wanted is set and standard error is a terminal.
   explicit Progress(bool wanted);
 
   void StartPass(int pass, int passes, uint64_t files, uint64_t bytes);
-  // So many more bytes are read.
+  // Counts bytes as read.
   void AddBytes(uint64_t bytes);
-  // One file more is done, and so many bytes need not be read.
+  // Counts one more file as done, and saved as bytes that need not be read.
   void Step(uint64_t saved);
   // Wipes the line.
   void EndPass();
@@ -45,7 +45,7 @@ class Progress {
   Clock::time_point drawn_;
 };
 
-// The line for such a terminal: never wider, as the next one could not wipe it.
+// Cuts the line to fit the terminal: the next one could not wipe a wrapped line.
 std::string FitLine(const std::string& line, size_t columns);
 
 }  // namespace orvexscan

@@ -13,8 +13,8 @@
 namespace orvexscan {
 namespace {
 
-// A writer is done when it closes the file. IN_CREATE comes too early for a file, but is all
-// there is for a directory and for another name of an existing file.
+// A writer is done when it closes the file. IN_CREATE comes too early for a file, but is all there
+// is for a directory or a new hard link.
 constexpr uint32_t kWanted = IN_CLOSE_WRITE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE | IN_ATTRIB |
                              IN_CREATE | IN_MOVE_SELF | IN_ONLYDIR | IN_EXCL_UNLINK;
 
@@ -42,8 +42,8 @@ bool IsLink(const std::string& path) {
   return std::filesystem::is_symlink(path, ignored);
 }
 
-// A file that was just made has one name, and its writer will close it. One that had a
-// name before is complete, as a link is.
+// A newly created file has one name, and its writer will close it. A file with other names, or a
+// symbolic link, is complete.
 bool IsComplete(const std::string& path) {
   std::error_code error;
   return IsLink(path) || (std::filesystem::hard_link_count(path, error) > 1 && !error);
@@ -62,7 +62,7 @@ DirectoryWatches::~DirectoryWatches() { close(descriptor_); }
 
 bool DirectoryWatches::AddDirectory(const std::string& directory) {
   const int number = Add(directory, followLinks_ ? 0 : IN_DONT_FOLLOW);
-  // Gone again, or not to be read: the walk reports the latter.
+  // Gone again or unreadable: the walk reports the latter.
   if (number < 0) return number != kFull;
   const auto known = directories_.find(directory);
   if (known != directories_.end() && known->second != number) RemoveDirectory(known);
@@ -99,14 +99,14 @@ std::vector<Hint> DirectoryWatches::Read() {
     inotify_event event;
     std::memcpy(&event, &buffer[static_cast<size_t>(at)], sizeof event);
     const char* const name = &buffer[static_cast<size_t>(at)] + sizeof event;
-    // Padded with zero bytes; without a name when it is about the directory itself.
+    // Padded with zero bytes; no name if it is about the directory itself.
     AddHints(event.wd, event.mask, event.len == 0 ? "" : name, &hints);
     at += static_cast<ssize_t>(sizeof event + event.len);
   }
   return hints;
 }
 
-// Returns inotify's number, or what is wrong.
+// Returns inotify's number, kFull or kNothingThere.
 int DirectoryWatches::Add(const std::string& directory, unsigned int flags) {
   const int number = inotify_add_watch(descriptor_, directory.c_str(), kWanted | flags);
   if (number >= 0) return number;
@@ -118,7 +118,7 @@ void DirectoryWatches::RemoveDirectory(std::map<std::string, int>::iterator dire
   watch->second.directories.erase(directory->first);
   directories_.erase(directory);
   if (!watch->second.directories.empty() || !watch->second.pathsOfName.empty()) return;
-  // Fails if the directory is gone, which is just as well.
+  // Fails if the directory is gone, which does no harm.
   inotify_rm_watch(descriptor_, watch->first);
   watches_.erase(watch);
 }
@@ -148,7 +148,7 @@ void DirectoryWatches::AddHintsOfItself(Watches::iterator watch, unsigned int wh
   if (!ended && (what & IN_MOVE_SELF) == 0) return;
   for (const std::string& directory : watch->second.directories) {
     const bool another = IsDirectory(directory);
-    // One that was moved may be watched by its new path already.
+    // A moved one may already be watched under its new path.
     if (ended || !another) hints->push_back({Hint::Kind::kDirectoryWent, directory});
     if (ended && another) hints->push_back({Hint::Kind::kDirectoryCame, directory});
     if (ended) directories_.erase(directory);

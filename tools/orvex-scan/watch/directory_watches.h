@@ -1,4 +1,4 @@
-// Which directories the system is to tell changes of.
+// The directories watched for changes.
 #pragma once
 
 #include <cstddef>
@@ -9,13 +9,13 @@
 
 namespace orvexscan {
 
-// Where to look, as something has happened there. What it was is for the look to find out:
-// by then it may have happened again.
+// Where to look because something has happened there. The look finds out what it was: it may have
+// happened again since.
 struct Hint {
   enum class Kind {
     kFile,           // a file has been written, replaced, touched or removed
-    kDirectoryCame,  // a directory is there that is not watched yet
-    kDirectoryWent,  // a directory is no longer there, or another one
+    kDirectoryCame,  // a directory has appeared that is not watched yet
+    kDirectoryWent,  // a directory is gone or has been replaced
     kLost            // hints have been lost: anything may have changed
   };
   Kind kind;
@@ -25,33 +25,33 @@ struct Hint {
 // The path of name in directory, which may end in a slash.
 std::string PathIn(const std::string& directory, const std::string& name);
 
-// Directories watched through inotify, by the paths that led to them. One directory may
-// have several: through links, or as it holds a file that was named by itself.
+// Directories watched through inotify, by the paths that led to them. One directory may have
+// several: through links, or because a file in it was named by itself.
 //
 // Ownership: owns the inotify instance.
 // Threads: one at a time.
 class DirectoryWatches {
  public:
-  // Throws std::runtime_error when the system grants no instance.
+  // Throws std::runtime_error if the system grants no instance.
   explicit DirectoryWatches(bool followLinks);
   ~DirectoryWatches();
   DirectoryWatches(const DirectoryWatches&) = delete;
   DirectoryWatches& operator=(const DirectoryWatches&) = delete;
 
-  // Gives hints of everything in the directory from now on, but not below what is in it.
-  // Returns false when no more directories can be watched.
+  // Gives hints about everything directly in the directory from now on. Returns false when no more
+  // directories can be watched.
   bool AddDirectory(const std::string& directory);
-  // Gives hints of path when something happens to that name in the directory. Returns
-  // false when no more directories can be watched.
+  // Gives hints about path when something happens to that name in the directory. Returns false when
+  // no more directories can be watched.
   bool AddName(const std::string& directory, const std::string& name, const std::string& path);
-  // Gives no more hints of what is in the directory or in others below it.
+  // Gives no more hints about the directory and those below it.
   void RemoveTree(const std::string& directory);
 
-  // The hints there are, without waiting.
+  // The pending hints, without waiting.
   std::vector<Hint> Read();
 
   size_t count() const { return watches_.size(); }
-  // Readable when there are hints. It stays this object's.
+  // Readable when there are hints. Still owned by this object.
   int descriptor() const { return descriptor_; }
 
  private:

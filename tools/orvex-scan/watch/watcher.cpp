@@ -58,7 +58,7 @@ Watcher::Watcher(orvexeng::engine* engine, const ReadingRules& reading,
       events_(context_),
       watches_(std::make_unique<DirectoryWatches>(walking.followLinks)),
       asker_(engine, reading) {
-  // Before a directory is read: what comes into it afterwards gives a hint.
+  // Before a directory is read: whatever appears in it afterwards gives a hint.
   walking_.entering = [this](const std::string& directory) {
     TellLimit(!watches_->AddDirectory(directory));
   };
@@ -78,7 +78,7 @@ void Watcher::Run(Inventory* inventory, std::vector<PassReport>* passes) {
   Say(fmt::format("watching {} directories", watches_->count()));
   while (!ended) {
     if (!listening_) Listen();
-    // One file at a time, so that a signal between two of them is heard.
+    // One file at a time, so that a signal between two of them is noticed.
     if (waiting_.empty()) {
       context_.run_one();
     } else {
@@ -103,7 +103,7 @@ void Watcher::Gather(const std::vector<std::string>& paths, Inventory* inventory
   }
 }
 
-// By its directory: an editor puts a new file in the place of the old one.
+// By its directory: an editor replaces the old file with a new one.
 void Watcher::WatchName(const std::string& path) {
   const fs::path given(path);
   const std::string parent = given.has_parent_path() ? given.parent_path().string() : ".";
@@ -166,8 +166,7 @@ void Watcher::AskAllStartingWith(const std::string& prefix) {
   for (const std::string& path : known_->StartingWith(prefix)) Enqueue(path);
 }
 
-// With another inotify instance: which directories the hints of this one would be of is
-// as uncertain as what they have held.
+// Starts over with a new inotify instance: after an overflow the old watch state cannot be trusted.
 void Watcher::StartAnew() {
   events_.close();
   watches_ = std::make_unique<DirectoryWatches>(walking_.followLinks);
@@ -188,7 +187,7 @@ void Watcher::Print(const std::string& path, const Change& change) const {
                        {"after", change.after}};
     fmt::print("{}\n", line.dump(-1, ' ', false, Json::error_handler_t::replace));
   } else {
-    // Tabs between the fields: a path shown has none.
+    // Tab-separated: a printable path has no tabs.
     fmt::print("{}\t{}\t{}\t{} -> {}\n", time, NameOf(change.kind), Printable(path), change.before,
                change.after);
   }

@@ -22,19 +22,18 @@ namespace orvexscan {
 // about every file that may have changed since the passes.
 //
 // Ownership: borrows the engine.
-// Threads: one; it looks at one file after another, as events come far apart.
+// Threads: one; it looks at one file after another, since events are far apart.
 class Watcher {
  public:
-  // Throws std::runtime_error when the system does not let it watch.
+  // Throws std::runtime_error if the system does not let it watch.
   Watcher(orvexeng::engine* engine, const ReadingRules& reading,
           const std::vector<std::string>& paths, const WalkRules& walking, bool jsonLines);
 
-  // Gathers the files as a walk does. What changes from now on will be told.
+  // Gathers the files as a walk does. Changes from now on will be reported.
   void Gather(Inventory* inventory);
 
-  // Prints a line for each change of what *inventory holds, and keeps it up to date, until
-  // the process is
-  // interrupted or terminated, and adds to *passes what that took.
+  // Prints a line for each change to the files of *inventory and keeps it up to date, until the
+  // process is interrupted or terminated. Adds its measurements to *passes.
   void Run(Inventory* inventory, std::vector<PassReport>* passes);
 
  private:
@@ -61,7 +60,7 @@ class Watcher {
   asio::posix::stream_descriptor events_;  // a duplicate of the watches' descriptor
   std::unique_ptr<DirectoryWatches> watches_;
   std::unique_ptr<KnownFiles> known_;
-  // To be asked about, oldest first and each once: a busy file must not keep others waiting.
+  // Files to ask about, oldest first and each once: a busy file must not keep others waiting.
   std::deque<std::string> waiting_;
   std::set<std::string> isWaiting_;
   Inventory* inventory_ = nullptr;  // while running
