@@ -22,7 +22,7 @@ int main(void) {
   in.fileOperation = KEY_PATH | KEY_SIZE | KEY_MTIME;
   in.queryFlags = QUERY_SIGNERS;
 
-  // What is pushed stays the host's: any memory will do.
+  // The host keeps ownership of what it pushes: any memory will do.
   static char name[ORVEX_SIGNER_SLOT] = "Example Builds";
   metadata_output_s known = {.queryFlags = QUERY_SIGNERS, .signerCount = 1, .signers = name};
   orvex_update_metadata(&in, &known);

@@ -1,4 +1,4 @@
-// Configuration files that a fuzzer makes up, judged by the model's parser.
+// Generated configuration files, checked against the model's parser.
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>

@@ -1,4 +1,4 @@
-// Lines of a maps file that a fuzzer makes up: programs choose the names in them.
+// Generated lines of a maps file: programs choose the names in them.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>

@@ -1,4 +1,4 @@
-// Stories that a fuzzer makes up, sixteen bytes a step, judged by the model.
+// Generated stories, sixteen bytes per step, checked against the model.
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>

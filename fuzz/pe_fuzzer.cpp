@@ -1,4 +1,4 @@
-// PE files and PKCS#7 signatures that a fuzzer makes up.
+// Generated PE files and PKCS#7 signatures.
 #include <sys/mman.h>
 #include <unistd.h>
 

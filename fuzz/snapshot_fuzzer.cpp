@@ -1,5 +1,5 @@
-// Snapshots that a fuzzer makes up. Each also comes with the checksum that lets its inside
-// be read, and what is read must come out as it went in.
+// Generated snapshots. Each is also tried with a valid checksum, so that its content is parsed;
+// what was parsed must survive a round trip.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -13,7 +13,7 @@ using namespace orvexscan;
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
   const SnapshotRules rules{};
   const std::string text(reinterpret_cast<const char*>(bytes), size);
-  // What every snapshot begins with, so that the fuzzer need not find it out.
+  // What every snapshot begins with, so that the fuzzer need not discover it.
   const std::string empty = Snapshot(rules).Text();
   const std::string beginning = empty.substr(0, empty.rfind("sha256 "));
   for (const std::string& content :
