@@ -55,7 +55,8 @@ void* LRUCacheEntries::MemoryForNode() { return &PlaceOf(FreeSlot()) + 1; }
 LRUCacheSlot LRUCacheEntries::Insert(const LRUCacheKeyView& key, uint32_t hash, LRUCacheSlot found,
                                      void* node, bool copiesText) {
   const LRUCacheSlot slot = FreeSlot();
-  new (&PlaceOf(slot)) Place{key.path, key.size, key.mtime, key.deviceID, key.fileID};
+  new (&PlaceOf(slot)) Place{key.size, key.mtime, key.deviceID, key.fileID};
+  tables_->texts[slot] = key.path;
   tables_->origins[slot] = {node, ++insertions_, key.flags};
   Link& link = tables_->links[slot];
   const LRUCacheSlot nextFree = link.next;
@@ -81,7 +82,7 @@ LRUCacheSlot LRUCacheEntries::Insert(const LRUCacheKeyView& key, uint32_t hash, 
 
 void LRUCacheEntries::CopyText(LRUCacheSlot slot) {
   if (tables_->links[slot].ownsText) return;
-  const char*& text = PlaceOf(slot).path;
+  const char*& text = tables_->texts[slot];
   const size_t bytes = std::strlen(text) + 1;
   text = static_cast<const char*>(std::memcpy(new char[bytes], text, bytes));
   tables_->links[slot].ownsText = true;
@@ -128,7 +129,7 @@ LRUCacheSlot LRUCacheEntries::FreeSlot() {
 }
 
 void LRUCacheEntries::FreeText(LRUCacheSlot slot) {
-  if (std::exchange(tables_->links[slot].ownsText, false)) delete[] KeyIn(slot).path;
+  if (std::exchange(tables_->links[slot].ownsText, false)) delete[] tables_->texts[slot];
 }
 
 // The slot's entry from now on: its own, or that of an equivalent key. Changes no entry if it

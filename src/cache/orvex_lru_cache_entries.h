@@ -56,7 +56,7 @@ class ORVEX_LOCAL LRUCacheEntries {
   LRUCacheKeyView KeyIn(LRUCacheSlot slot) const {
     const Place& place = PlaceOf(slot);
     return {tables_->origins[slot].mask,
-            place.path,
+            tables_->texts[slot],
             place.size,
             place.mtime,
             place.deviceID,
@@ -101,7 +101,6 @@ class ORVEX_LOCAL LRUCacheEntries {
   // The start of a slot's memory: what the index compares. The node's memory follows. A slot of the
   // hash cache takes four cache lines.
   struct Place {
-    const char* path;
     uint64_t size;
     uint64_t mtime;
     uint64_t deviceID;
@@ -111,7 +110,7 @@ class ORVEX_LOCAL LRUCacheEntries {
     LRUCacheSlot previous;
     LRUCacheSlot next;  // of a free slot: the next free one
     LRUCacheSlot entry;
-    bool ownsText;  // of its key
+    bool ownsText;
     bool isInPlace;
   };
   // What a hit does not need.
@@ -130,6 +129,8 @@ class ORVEX_LOCAL LRUCacheEntries {
   struct Tables {
     std::array<Link, kSlots> links{};  // 0 is the head of the ring
     LRUCacheIndex index;
+    // The paths of keys. Not in their places, so that a hit waits for both at once.
+    std::array<const char*, kSlots> texts;
     std::array<Origin, kSlots> origins;
     std::array<LRUCacheSlot, kSlots> sorted{};  // so that sorting allocates nothing
   };
@@ -180,7 +181,7 @@ class ORVEX_LOCAL LRUCacheEntries {
       const Place& place = PlaceOf(slot);
       const auto* const line = reinterpret_cast<const Line*>(&place);
       for (int following = 1; following < 4; ++following) __builtin_prefetch(line + following);
-      return AreEqual(key, place);
+      return AreEqual(key, place, tables_->texts[slot]);
     });
   }
 

@@ -97,23 +97,24 @@ uint32_t FieldsOf(const AnyKey& key) {
   return MaskOf(key) & kKeyFields;
 }
 
-template <typename AnyKey, typename Fields>
-__attribute__((noinline)) bool AreEqualWhereSelected(const AnyKey& left, const Fields& right) {
+template <typename AnyKey, typename Numbers>
+__attribute__((noinline)) bool AreEqualWhereSelected(const AnyKey& left, const Numbers& right,
+                                                     const char* path) {
   const uint32_t mask = MaskOf(left);
   return ((mask & KEY_FILE_ID) == 0 || left.fileID == right.fileID) &&
          ((mask & KEY_SIZE) == 0 || left.size == right.size) &&
          ((mask & KEY_MTIME) == 0 || left.mtime == right.mtime) &&
          ((mask & KEY_DEVICE_ID) == 0 || left.deviceID == right.deviceID) &&
-         ((mask & KEY_PATH) == 0 || std::strcmp(TextOrEmpty(left.path), right.path) == 0);
+         ((mask & KEY_PATH) == 0 || std::strcmp(TextOrEmpty(left.path), path) == 0);
 }
 
 // Whether the selected fields are equal. Both keys select the same ones, nearly always all.
-template <typename AnyKey, typename Fields>
-bool AreEqual(const AnyKey& left, const Fields& right) {
-  if (FieldsOf(left) != kKeyFields) return AreEqualWhereSelected(left, right);
+template <typename AnyKey, typename Numbers>
+bool AreEqual(const AnyKey& left, const Numbers& right, const char* path) {
+  if (FieldsOf(left) != kKeyFields) return AreEqualWhereSelected(left, right, path);
   return ((left.fileID ^ right.fileID) | (left.size ^ right.size) | (left.mtime ^ right.mtime) |
           (left.deviceID ^ right.deviceID)) == 0 &&
-         std::strcmp(TextOrEmpty(left.path), right.path) == 0;
+         std::strcmp(TextOrEmpty(left.path), path) == 0;
 }
 
 // A number's share of a hash, whose upper 32 bits are used. 32-bit targets multiply the halves
