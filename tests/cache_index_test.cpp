@@ -259,8 +259,8 @@ TEST_CASE_TEMPLATE("files that hash alike with their paths are found after names
   CheckThatEvenOnesAreFound<Cache>(files, kAllKeyBits);
 }
 
-TEST_CASE_TEMPLATE("names of one file are found though memory ran out as they became many", Cache,
-                   LRUCache, FileTypeCache) {
+TEST_CASE_TEMPLATE("names of one file are found even if memory ran out when they became many",
+                   Cache, LRUCache, FileTypeCache) {
   // So many go in by their numbers.
   constexpr uint64_t kMostAlike = 128;
   const RecordedLog quiet(ORVEX_LOG_FATAL);
@@ -305,7 +305,7 @@ TEST_CASE_TEMPLATE("names of one file are rehashed by their paths and not kept i
   }
 }
 
-TEST_CASE_TEMPLATE("files that hash alike are kept in order once they are too many", Cache,
+TEST_CASE_TEMPLATE("files that hash alike are kept in order once there are too many", Cache,
                    LRUCache, FileTypeCache) {
   std::vector<File> files;
   for (uint64_t i = 0; i < kMany; ++i) files.push_back({"/a", NumberToHashAlike(kSize, 0, i), 0});

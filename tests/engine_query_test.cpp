@@ -195,7 +195,7 @@ TEST_CASE("before it is initialised the engine refuses queries with 100 and logs
   CHECK(log.TakeTranscript() == "");
 }
 
-TEST_CASE("an engine that does not run reads no record") {
+TEST_CASE("an engine that is not running reads no record") {
   // Where no memory is.
   auto* const in = reinterpret_cast<metadata_input_s*>(uintptr_t{64});
   auto* const out = reinterpret_cast<metadata_output_s*>(uintptr_t{64});

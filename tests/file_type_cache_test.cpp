@@ -56,7 +56,7 @@ struct TypeCacheUnderTest {
 
 }  // namespace
 
-TEST_CASE("a file type that was asked for again outlives one that was not, told or not") {
+TEST_CASE("a file type that was asked for again outlives one that was not, logged or not") {
   for (const ORVEX_LOG level : {ORVEX_LOG_INFO, ORVEX_LOG_DEBUG}) {
     CAPTURE(level);
     RecordedLog log(level);

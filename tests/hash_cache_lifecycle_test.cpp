@@ -347,7 +347,7 @@ TEST_CASE("flushing the hash cache leaves all counters as they were") {
   CHECK(cache.Counters().Query == 1);
 }
 
-TEST_CASE("a flush forgets all keys and then ends the nodes from the most recent to the oldest") {
+TEST_CASE("a flush removes all keys, then destroys the nodes from the most recent to the oldest") {
   static OpenHashCache* flushed = nullptr;
   struct TellingNode : LRUCacheNode {
     using LRUCacheNode::LRUCacheNode;

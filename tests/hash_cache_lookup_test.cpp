@@ -279,7 +279,7 @@ TEST_CASE("pushing metadata counts whether it was stored") {
   CHECK(cache.Counters().numOfCacheUpdateMetaDataFailure == 2);
 }
 
-TEST_CASE("pushing metadata and inserting a node go by the operations of a subclass") {
+TEST_CASE("pushing metadata and inserting a node call a subclass's overrides") {
   class Telling : public OpenHashCache {
    public:
     int UpdateCache(metadata_input_s*, metadata_output_s*) override { return 77; }

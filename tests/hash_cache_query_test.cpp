@@ -308,7 +308,7 @@ TEST_CASE("a failing host's code is returned, nothing is kept and the path is fr
   CHECK_FALSE(IsBeingCalculated(cache, "/a"));
 }
 
-TEST_CASE("a thread that ends inside the log callback leaves no path behind") {
+TEST_CASE("a thread that ends inside the log callback leaves no path marked") {
   OpenHashCache cache;
   cache.InitLRUCache();
   RecordedLog log;
@@ -414,7 +414,7 @@ TEST_CASE("threads that ask for one path at once make the host calculate it once
   CHECK(cache.Counters().Miss == 1);
 }
 
-TEST_CASE("a thread whose leader fails calculates itself") {
+TEST_CASE("a thread whose leader fails calculates instead") {
   OpenHashCache cache;
   cache.InitLRUCache();
   RecordedLog log;
@@ -626,7 +626,7 @@ TEST_CASE("a path that is taken away by the line of an old entry reads as empty"
   CHECK(PathsBeingCalculated().empty());
 }
 
-TEST_CASE("a sleeper leaves with 8 when the cache is stopped") {
+TEST_CASE("a sleeping thread returns 8 when the cache is stopped") {
   OpenHashCache cache;
   cache.InitLRUCache();
   RecordedLog log;
@@ -695,7 +695,7 @@ TEST_CASE("a cache that stops between lookup and calculation refuses with 8 and 
                "state: /a"}));
 }
 
-TEST_CASE("two that passed the wait at once both calculate and only the first one erases") {
+TEST_CASE("two threads past the wait at once both calculate, and only the first one erases") {
   InterruptedCache cache;
   cache.InitLRUCache();
   cache.MarkAfterLookup("/a");
@@ -744,7 +744,7 @@ TEST_CASE("a query that meets a stop after its lookup calculates unannounced") {
   CHECK(cache.Counters().numOfHelpFuncCalled == 1);
 }
 
-TEST_CASE("a thread that calculates unannounced wakes those that sleep all the same") {
+TEST_CASE("a thread that calculates unannounced still wakes the sleepers") {
   InterruptedCache cache;
   cache.InitLRUCache();
   cache.StopSetAfterLookup();
@@ -812,7 +812,7 @@ TEST_CASE("an exception of the host wakes those that wait for the path") {
   CHECK(second.get() == 0);
 }
 
-TEST_CASE("a thread that is to be cancelled outlasts its query, whatever the log callback does") {
+TEST_CASE("a pending cancellation does not interrupt a query, whatever the log callback does") {
   OpenHashCache cache;
   cache.InitLRUCache();
   RecordedLog log;

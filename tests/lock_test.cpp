@@ -76,7 +76,7 @@ TEST_CASE("a lock is free again once it was unlocked") {
   CHECK(lock.Unlock() == 0);
 }
 
-TEST_CASE_TEMPLATE("a lock that is held cannot be had again by the thread that holds it", Lock,
+TEST_CASE_TEMPLATE("a held lock cannot be taken again by the thread that holds it", Lock,
                    ORVEX_PThread_Lock, ORVEX_PThread_CondLock) {
   OpenLock<Lock> lock;
   REQUIRE(lock.Lock() == 0);
@@ -84,7 +84,7 @@ TEST_CASE_TEMPLATE("a lock that is held cannot be had again by the thread that h
   CHECK(lock.Unlock() == 0);
 }
 
-TEST_CASE("a lock gives its mutex back to the system, and a condition first its condition") {
+TEST_CASE("a lock destroys its mutex, and a condition lock its condition first") {
   std::string destroyed[2];
   {
     FailingPThread system;
@@ -106,7 +106,7 @@ TEST_CASE("the last error of a lock is zero before its first use and after a suc
   CHECK(lock.GetLastErrorCode() == 0);
 }
 
-TEST_CASE("the base of all locks knows no last error") {
+TEST_CASE("the base of all locks has no last error") {
   class FreeForAll : public ORVEX_Lock {
    public:
     unsigned int Lock() override { return 0; }
@@ -199,7 +199,7 @@ TEST_CASE("a scope lock that cannot lock says so on standard output and goes on"
   CHECK(output.Take() == "[LOCK] lock failed: 22\n");
 }
 
-TEST_CASE("a scope lock that could not lock unlocks at its end all the same") {
+TEST_CASE("a scope lock that could not lock still unlocks at its end") {
   ORVEX_PThread_Lock lock;
   CapturedOutput output;
   int unlocksInside = -1;
@@ -256,7 +256,7 @@ TEST_CASE("the error number of a scope lock's line has a sign") {
   CHECK(output.Take() == "[LOCK] unlock failed: -5\n");
 }
 
-TEST_CASE("a thread that is to be cancelled outlasts the lines of a scope lock") {
+TEST_CASE("a pending cancellation does not interrupt the lines of a scope lock") {
   ScriptedLock lock;
   CapturedOutput output;
   lock.lockResult = ORVEX_LOCK_FAILED;
@@ -360,7 +360,7 @@ TEST_CASE("a wait leaves the last error of its lock alone") {
   CHECK(waiting.condition.GetLastErrorCode() == 35);
 }
 
-TEST_CASE("a wait that cannot lock asks its predicate all the same") {
+TEST_CASE("a wait that cannot lock still evaluates its predicate") {
   Waiting waiting;
   waiting.open = true;
   CondWaitCallbacks_t callbacks = waiting.Callbacks();
@@ -396,7 +396,7 @@ TEST_CASE("a wait that cannot lock goes on for as long as its predicate is true"
   CHECK(waiting.wakeUps == 3);
 }
 
-TEST_CASE("a waiter that cannot sleep lets others have the mutex between its looks") {
+TEST_CASE("a waiter that cannot sleep releases the mutex between its checks") {
   Waiting waiting;
   CondWaitCallbacks_t callbacks = waiting.Callbacks();
   bool waited = false;
@@ -419,7 +419,7 @@ TEST_CASE("a waiter that cannot sleep lets others have the mutex between its loo
   CHECK(wrongUnlocks == 0);
 }
 
-TEST_CASE("a waiter that can neither sleep nor have its mutex again looks again all the same") {
+TEST_CASE("a waiter that can neither sleep nor relock its mutex still checks again") {
   Waiting waiting;
   CondWaitCallbacks_t callbacks = waiting.ThreeSleeps();
   bool waited = false;
@@ -450,7 +450,7 @@ TEST_CASE("a waiter that can neither sleep nor have its mutex again looks again 
   CHECK(waiting.condition.Unlock() == 0);
 }
 
-TEST_CASE("a waiter that is cancelled in its sleep gives the mutex back") {
+TEST_CASE("a waiter that is cancelled while asleep releases the mutex") {
   Waiting waiting;
   pthread_t sleeper;
   const auto sleep = [](void* arg) -> void* {
@@ -468,7 +468,7 @@ TEST_CASE("a waiter that is cancelled in its sleep gives the mutex back") {
   CHECK(waiting.condition.Unlock() == 0);
 }
 
-TEST_CASE("a waiter that is cancelled while others have its mutex does not give it back again") {
+TEST_CASE("a waiter that is cancelled while others hold its mutex does not release it") {
   struct Cancelled {
     ORVEX_PThread_CondLock condition;
     int locks = 0;

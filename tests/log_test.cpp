@@ -224,7 +224,7 @@ TEST_CASE("an exception of the log callback ends in the logger") {
   CHECK(log.CountOf("text") == 1);
 }
 
-TEST_CASE("a thread that is to be cancelled outlasts a message, printed or handed to a callback") {
+TEST_CASE("a pending cancellation does not interrupt a message, printed or handed to a callback") {
   {
     CapturedOutput output;
     CHECK(OutlastsCancellation([] { LogText(ORVEX_LOG_INFO, "printed"); }));

@@ -418,8 +418,8 @@ TEST_CASE_TEMPLATE("a dump logs capacity, keys and nodes unless their levels are
   CHECK(log.TakeTranscript() == "");
 }
 
-TEST_CASE_TEMPLATE("storing, a stop and a dump go by the operations of the subclass", Cache,
-                   SizeCache, BareHashCache, BareFileTypeCache) {
+TEST_CASE_TEMPLATE("storing, a stop and a dump call the subclass's overrides", Cache, SizeCache,
+                   BareHashCache, BareFileTypeCache) {
   struct Counting : Cache {
     void LRUCacheNodeUpdate(typename Cache::KeyType& key, typename Cache::NodeType* node,
                             LRU_OPERATION operation) override {
@@ -464,8 +464,8 @@ TEST_CASE_TEMPLATE("a stop refuses queries before it flushes, and zeroes the cou
   CHECK(cache.story == "flushes, zeroes");
 }
 
-TEST_CASE_TEMPLATE("storing and moving are logged at DEBUG, unless the log is off or terser", Cache,
-                   SizeCache, BareHashCache, BareFileTypeCache) {
+TEST_CASE_TEMPLATE("storing and moving are logged at DEBUG, unless the log is off or at INFO",
+                   Cache, SizeCache, BareHashCache, BareFileTypeCache) {
   Cache cache;
   const auto story = [&] {
     cache.Store("/a", KEY_SIZE);
@@ -503,7 +503,7 @@ TEST_CASE_TEMPLATE("nodes inserted and moved one by one are logged as those of a
   CHECK(log.TakeTranscript() == "");
 }
 
-TEST_CASE_TEMPLATE("nodes that share an entry move to the front each alone", Cache, SizeCache,
+TEST_CASE_TEMPLATE("nodes that share an entry move to the front one by one", Cache, SizeCache,
                    BareHashCache, BareFileTypeCache) {
   Cache cache;
   auto* const first = cache.InsertBeside("/a", "first");
@@ -546,8 +546,8 @@ TEST_CASE_TEMPLATE("each of many nodes that share an entry is found wherever it 
   }
 }
 
-TEST_CASE_TEMPLATE("an operation on no node or of no known kind changes nothing", Cache, SizeCache,
-                   BareHashCache, BareFileTypeCache) {
+TEST_CASE_TEMPLATE("an operation on a null node or of unknown kind changes nothing", Cache,
+                   SizeCache, BareHashCache, BareFileTypeCache) {
   Cache cache;
   cache.Store("/a");
   metadata_input_s in = FileAt("/b");
@@ -605,7 +605,7 @@ TEST_CASE_TEMPLATE("a callback is stored and logged, and a null one refused", Ca
   CHECK(log.TakeTranscript() == "");
 }
 
-TEST_CASE_TEMPLATE("a cache that ends without a flush leaves its nodes behind and no more", Cache,
+TEST_CASE_TEMPLATE("a cache destroyed without a flush leaks its nodes and nothing else", Cache,
                    BareHashCache, BareFileTypeCache) {
   std::vector<typename Cache::NodeType*> nodes;
   nodes.reserve(100);

@@ -446,7 +446,7 @@ TEST_CASE(
   }
 }
 
-TEST_CASE("a thread that calculates and runs out of memory lets those that wait for it go on") {
+TEST_CASE("a calculating thread that runs out of memory releases those that wait for it") {
   const TalkativeLibrary talkative;
   const int points = CountPoints(
       "orvex_query", "calculates while another waits", [](int allocation, bool fromThereOn) {
@@ -830,7 +830,7 @@ TEST_CASE("a hit whose signers cannot be copied is a partial hit") {
   CHECK(cache.metrics.PartialHit == 1);
 }
 
-TEST_CASE("an answer that cannot be kept is in the record all the same") {
+TEST_CASE("an answer that cannot be kept is still in the record") {
   const TalkativeLibrary talkative;
   EngineUnderTest engine;
   for (const uint32_t part : {QUERY_FILE_TYPE, QUERY_DIGEST32}) {

@@ -245,7 +245,7 @@ class SignalRain {
 
 }  // namespace
 
-TEST_CASE("ten thousand signals a second change no answer and hold up no stop" *
+TEST_CASE("ten thousand signals a second change no answer and delay no stop" *
           doctest::test_suite("slow")) {
   const auto duration = std::chrono::seconds(InDeepForm(60, 2));
   int starts = 0;

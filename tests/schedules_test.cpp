@@ -191,7 +191,7 @@ TEST_CASE("threads whose answers are not kept all ask the host, whatever their o
   }
 }
 
-TEST_CASE("a host that fails or throws holds nobody up, whatever the order of threads" *
+TEST_CASE("a host that fails or throws blocks nobody, whatever the order of threads" *
           doctest::test_suite("slow")) {
   for (const bool throws : {false, true}) {
     CAPTURE(throws);

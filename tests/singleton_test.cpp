@@ -18,7 +18,7 @@ struct Counted {
 
 }  // namespace
 
-TEST_CASE("threads that ask for a singleton at once get one object that was built once") {
+TEST_CASE("threads that ask for a singleton at once get one object, built once") {
   constexpr int kThreads = 8;
   Latch start;
   std::vector<Counted*> found(kThreads);

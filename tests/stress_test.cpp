@@ -315,7 +315,7 @@ class CountingCache : public OpenHashCache {
 
 }  // namespace
 
-TEST_CASE("every sum is exact and every answer whole after everything at once" *
+TEST_CASE("every sum is exact and every answer whole after a mix of everything" *
           doctest::test_suite("slow")) {
   REQUIRE(Start() == 0);
   // Too small from the start: a worker seldom sets one.
@@ -352,7 +352,7 @@ TEST_CASE("every sum is exact and every answer whole after everything at once" *
   orvex_deinit();
 }
 
-TEST_CASE("lookups add up also when the counters are set back in their midst" *
+TEST_CASE("lookups still add up when the counters are reset concurrently" *
           doctest::test_suite("slow")) {
   REQUIRE(Start() == 0);
   Workers workers(true);

@@ -70,7 +70,7 @@ TEST_CASE("locks that do not fail say nothing") {
   CHECK(output == "");
 }
 
-TEST_CASE("a mutex that cannot be locked, once or ever again, changes nothing that a host sees") {
+TEST_CASE("a mutex that cannot be locked, once or from then on, changes nothing a host sees") {
   const TalkativeLibrary talkative;
   const Steps undisturbed = UndisturbedLife();
   for (const bool once : {true, false}) {
@@ -112,7 +112,7 @@ TEST_CASE("a mutex that cannot be locked, once or ever again, changes nothing th
   }
 }
 
-TEST_CASE("a mutex that says it cannot be unlocked changes nothing that a host sees") {
+TEST_CASE("a mutex whose unlock reports failure changes nothing a host sees") {
   const TalkativeLibrary talkative;
   const Steps undisturbed = UndisturbedLife();
   for (const bool once : {true, false}) {
@@ -170,7 +170,7 @@ TEST_CASE("a broadcast that fails changes nothing for a host whose threads do no
   }
 }
 
-TEST_CASE("a clock that cannot be read, once or ever again, changes nothing that a host sees") {
+TEST_CASE("a clock that cannot be read, once or from then on, changes nothing a host sees") {
   const TalkativeLibrary talkative;
   const Steps undisturbed = UndisturbedLife();
   int points = 0;
@@ -251,7 +251,7 @@ TEST_CASE("a lock that fails in a waiting thread leaves it neither hanging nor u
   std::printf("%4d points: pthread_mutex_lock next to a calculating thread\n", points);
 }
 
-TEST_CASE("a condition that cannot be waited on, once or ever, lets the calculating thread on") {
+TEST_CASE("a failing condition wait, once or always, does not block the calculating thread") {
   const TalkativeLibrary talkative;
   for (const bool once : {true, false}) {
     CAPTURE(once);
@@ -391,7 +391,7 @@ unsigned int HashCapacity() { return OpenedHash::Capacity(HashCache()); }
 
 }  // namespace
 
-TEST_CASE("a configuration that opens and cannot be read changes nothing") {
+TEST_CASE("a configuration that opens but cannot be read changes nothing") {
   const TalkativeLibrary talkative;
   orvex_set_cache_capacity(ORVEX_HASH_CACHE, ORVEX_MAX_CAPACITY);
   ORVEX_Config::ConfigFilePath = ".";  // A directory opens for reading and reads EISDIR.
@@ -400,7 +400,7 @@ TEST_CASE("a configuration that opens and cannot be read changes nothing") {
   CHECK(orvex_deinit() == 0);
 }
 
-TEST_CASE("a configuration that the system does not open is one ERROR and no obstacle") {
+TEST_CASE("a configuration the system fails to open is one ERROR and stops nothing") {
   const TalkativeLibrary talkative;
   orvex_set_cache_capacity(ORVEX_HASH_CACHE, ORVEX_MAX_CAPACITY);
   int errors = 0;

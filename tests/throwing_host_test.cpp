@@ -91,7 +91,7 @@ TEST_CASE("a query callback that throws, at whichever call, ends its own query a
   }
 }
 
-TEST_CASE("a log callback that throws, at whichever message, changes nothing that a host sees") {
+TEST_CASE("a log callback that throws, at whichever message, changes nothing a host sees") {
   const TalkativeLibrary talkative;
   const CountedSleep pauses;
   const Steps undisturbed = WholeLife().Tell();
@@ -112,7 +112,7 @@ TEST_CASE("a log callback that throws, at whichever message, changes nothing tha
   std::printf("%4d points: log callback throws always\n", points);
 }
 
-TEST_CASE("a log callback that throws in a thread that waits or is waited for holds nobody up") {
+TEST_CASE("a log callback that throws in a waiting or calculating thread blocks nobody") {
   const TalkativeLibrary talkative;
   throwingMessage = -1;
   EngineUnderTest engine;
@@ -125,7 +125,7 @@ TEST_CASE("a log callback that throws in a thread that waits or is waited for ho
   CHECK(engine.host.hashCalls == 1);
 }
 
-TEST_CASE("of threads that wait for a path the next one calculates when the host throws") {
+TEST_CASE("when the host throws, the next thread waiting for the path calculates") {
   const TalkativeLibrary talkative;
   constexpr int kThrowing = 3;
   EngineUnderTest engine;

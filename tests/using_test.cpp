@@ -236,7 +236,7 @@ TEST_CASE("a walk over more files than fit never hits, and the same walk backwar
   }
 }
 
-TEST_CASE("a thread that waited for a failed calculation calculates itself") {
+TEST_CASE("a thread that waited for a failed calculation repeats it") {
   EngineUnderTest engine;
   RecordedLog log;
   HeldHost held(engine.host.onHash, 7);

@@ -205,7 +205,7 @@ TEST_CASE("keys are found across the end of the index") {
   for (uint32_t i = 0; i < 20; ++i) CHECK((pair.Find(hashing(0xFFFFFFFF - i)) != 0) == (i >= 10));
 }
 
-TEST_CASE("a key as far from its place as it may be is found once another's removal lets it near") {
+TEST_CASE("a key at the maximum probe distance is found after a removal moves it closer") {
   Pair pair;
   metadata_input_s in{};
   in.fileOperation = KEY_SIZE;
@@ -228,7 +228,7 @@ TEST_CASE("a key as far from its place as it may be is found once another's remo
   }
 }
 
-TEST_CASE("a key that is entered twice is removed twice without harm") {
+TEST_CASE("a key that is inserted twice is removed twice without harm") {
   LRUCacheEntries entries(0);
   metadata_input_s in = InputFor("/a");
   const LRUCacheKeyView key(in);
@@ -239,7 +239,7 @@ TEST_CASE("a key that is entered twice is removed twice without harm") {
   CHECK(entries.Size() == 0);
 }
 
-TEST_CASE("as many nodes as there are slots can be in, and one more is refused") {
+TEST_CASE("all slots but one hold nodes, and one node more is refused") {
   LRUCacheEntries entries(0);
   metadata_input_s in = InputFor("/a");
   size_t refused = 0;

@@ -43,7 +43,7 @@ TEST_CASE("there is no advice when the second pass is answered from the caches")
   CHECK(Advice(WithCapacity(100), 100, {Pass(1, 100, 0)}).empty());
 }
 
-TEST_CASE("a walk over more files than a cache keeps is to be made in parts") {
+TEST_CASE("a walk over more files than a cache keeps is advised in parts") {
   const std::string advice = Advice(WithCapacity(4096), 5000, {Pass(1, 5000, 0)});
   CHECK(Contains(advice, "5000 files are walked in order, but a cache keeps 4096 entries"));
   CHECK(Contains(advice, "Walk at most 4096 files at a time."));

@@ -355,7 +355,7 @@ TEST_CASE("patterns, sizes and lists choose the files") {
   CHECK(RunScan(directory.path(), "--files0-from nowhere").exitCode == 2);
 }
 
-TEST_CASE("a command line that makes no sense exits with 2") {
+TEST_CASE("an invalid command line exits with 2") {
   const TemporaryDirectory directory;
   directory.Write("file", "x");
   for (const char* arguments : {"",
@@ -391,7 +391,7 @@ TEST_CASE("a command line that makes no sense exits with 2") {
   }
 }
 
-TEST_CASE("a report that cannot be written is no success") {
+TEST_CASE("a report that cannot be written is a failure") {
   const TemporaryDirectory directory;
   directory.Write("file", "x");
   for (const char* arguments : {". >/dev/full", "--json - . >/dev/full", "--json /dev/full ."}) {
@@ -402,7 +402,7 @@ TEST_CASE("a report that cannot be written is no success") {
   }
 }
 
-TEST_CASE("threads that cannot be made are fewer threads and a note") {
+TEST_CASE("threads that cannot be created mean fewer threads and a note") {
   const TemporaryDirectory directory;
   for (int i = 0; i < 50; ++i) directory.Write("in/" + std::to_string(i), "x");
   // A user of few processes: the superuser has no such limit.
@@ -434,7 +434,7 @@ TEST_CASE("one path that cannot be walked does not end the others") {
   CHECK(FileIn(report, "")["failure"]["reason"] == "vanished");
 }
 
-TEST_CASE("a standard output that fails is no success and costs nothing else") {
+TEST_CASE("a failing standard output is a failure and affects nothing else") {
   const TemporaryDirectory directory;
   directory.Write("in/file", "x");
   REQUIRE(OutputOf(directory.path(), "mkfifo pipe && echo done") == "done\n");
@@ -495,7 +495,7 @@ TEST_CASE("too little memory is a message and an exit code" *
   CHECK(failures > 0);
 }
 
-TEST_CASE("a list of files that memory has no room for is told as such" *
+TEST_CASE("a file list too large for memory is reported as such" *
           doctest::skip(ORVEXENG_CHECKS_MEMORY)) {
   const TemporaryDirectory directory;
   OutputOf(directory.path(), "seq 1000000 | tr '\\n' '\\0' >list");
@@ -716,7 +716,7 @@ TEST_CASE("the engine's log is shown when asked and never among the output") {
   CHECK(verbose.Json()["files"].size() == 1);
 }
 
-TEST_CASE("a path that would steer the terminal is made harmless") {
+TEST_CASE("terminal control characters in a path are escaped") {
   const TemporaryDirectory directory;
   const ScanRun run = RunScan(directory.path(), "\"$(printf 'no\\033[31msuch')\"");
   CHECK(run.exitCode == 1);

@@ -147,7 +147,7 @@ TEST_CASE("a line of CSV has a column for each digest that is chosen") {
   CHECK(Contains(csv, "\r\nmissing,,,,,,,walk: No such file or directory\r\n"));
 }
 
-TEST_CASE("a change is told with the longest digest that is chosen") {
+TEST_CASE("a change is reported with the longest digest chosen") {
   const TemporaryDirectory directory;
   directory.Write("file", "abc");
   WatchingScan scan(directory.path(), {"--digests", "md5,ripemd160", "file"});

@@ -186,7 +186,7 @@ TEST_CASE("a program deleted before it was read has its digest and is counted") 
   CHECK(report["notes"][0].get<std::string>().find("1 times a file was deleted or replaced") == 0);
 }
 
-TEST_CASE("executions that the system's queue has no room for are counted as lost" *
+TEST_CASE("executions dropped by the system's queue are counted as lost" *
           doctest::test_suite("slow")) {
   const PrivateMount mount;
   NEEDS(mount)
@@ -223,7 +223,7 @@ TEST_CASE("executions that the system's queue has no room for are counted as los
   CHECK(report["passes"][0]["visits"] == mostQueued);
 }
 
-TEST_CASE("a line that cannot be printed ends the listening and all that is known is reported") {
+TEST_CASE("a line that cannot be printed ends the run, and all that is known is reported") {
   const PrivateMount mount;
   NEEDS(mount)
   mount.MakeProgram("program");
@@ -236,7 +236,7 @@ TEST_CASE("a line that cannot be printed ends the listening and all that is know
   CHECK(report["passes"][0]["visits"] == 1);
 }
 
-TEST_CASE("a user who may not listen for executions is told what is missing") {
+TEST_CASE("a user who may not watch executions is told what is missing") {
   const TemporaryDirectory directory;
   const ScanRun run = RunScan(directory.path(), "--exec nowhere");
   CHECK(run.exitCode == 1);

@@ -48,7 +48,7 @@ FailureReason ReasonOf(Action&& action) {
 
 }  // namespace
 
-TEST_CASE("a file is walked in the order of names, the paths in the order given") {
+TEST_CASE("directories are walked in name order, paths in the order given") {
   const TemporaryDirectory directory;
   for (const char* name : {"b/2", "b/1", "a/x/y", "a/c", "z"}) directory.Write(name, "x");
   Inventory inventory;

@@ -98,7 +98,7 @@ Schema ReportSchema() { return Schema(json::parse(std::ifstream(ORVEX_SCAN_SCHEM
 
 }  // namespace
 
-TEST_CASE("the JSON report is as its schema says") {
+TEST_CASE("the JSON report follows its schema") {
   const TemporaryDirectory directory;
   directory.Write("plain", "x");
   directory.Write("byte\xff", "x");
@@ -143,7 +143,7 @@ TEST_CASE("the JSON report says whether an answer could be kept") {
   CHECK(FileIn(any, "file")["answer"]["settled"] == true);
 }
 
-TEST_CASE("an answer and a failure take each other's place") {
+TEST_CASE("an answer and a failure replace each other") {
   using orvexscan::FailureReason;
   using orvexscan::FileFailure;
   orvexscan::Inventory inventory;

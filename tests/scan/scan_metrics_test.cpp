@@ -119,7 +119,7 @@ TEST_CASE("the figures for monitoring are in the text exposition format") {
   }
 }
 
-TEST_CASE("the figures for monitoring are the sums of those of the passes") {
+TEST_CASE("the figures for monitoring are summed over the passes") {
   const TemporaryDirectory directory;
   const Exposition all = Parse(RunWithCounts(directory, "prometheus").output);
   const auto report = nlohmann::json::parse(OutputOf(directory.path(), "cat report.json"));

@@ -108,7 +108,7 @@ TEST_CASE("a table larger than any real one is not read into memory") {
   CHECK(found.signatures.empty());
 }
 
-TEST_CASE("no cut and no wrong byte in the headers takes the reader down") {
+TEST_CASE("no truncation and no wrong byte in the headers crashes the reader") {
   const std::string whole = PeFile(TableEntry(Bytes(40, 7)));
   const TemporaryDirectory directory;
   const auto read = [&](const std::string& content) {
@@ -264,7 +264,7 @@ TEST_CASE("bytes that are no signature are a fault") {
   }
 }
 
-TEST_CASE("no cut and no wrong byte in a signature takes the reader down" *
+TEST_CASE("no truncation and no wrong byte in a signature crashes the reader" *
           doctest::test_suite("slow")) {
   const Bytes whole = Signature({{"Outer", ""}}, {Signature("Inner")});
   for (size_t length = 0; length < whole.size(); ++length) {

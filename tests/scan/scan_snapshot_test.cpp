@@ -164,7 +164,7 @@ TEST_CASE("a damaged snapshot is reported in one line and ignored") {
   }
 }
 
-TEST_CASE("a snapshot with a sound checksum is believed only as far as it is well formed") {
+TEST_CASE("a snapshot with a good checksum is trusted only as far as it is well formed") {
   const TemporaryDirectory directory;
   directory.Write("in/file", "plain words\n");
   Report(directory);

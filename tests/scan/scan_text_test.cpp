@@ -70,7 +70,7 @@ TEST_CASE("bytes are written as two digits each") {
   CHECK(orvexscan::Hex(bytes, 0).empty());
 }
 
-TEST_CASE("output that cannot be written is told with its reason") {
+TEST_CASE("output that cannot be written is reported with its reason") {
   int error = ENOSPC;
   const Stream stream = FailingStream(&error);
   std::fputs("text", stream.get());
@@ -79,7 +79,7 @@ TEST_CASE("output that cannot be written is told with its reason") {
                     "the report cannot be written: No space left on device");
 }
 
-TEST_CASE("output that failed earlier is told without the reason of something else") {
+TEST_CASE("output that failed earlier is reported without an unrelated reason") {
   int error = ENOSPC;
   const Stream stream = FailingStream(&error);
   std::fputs("text", stream.get());

@@ -181,7 +181,7 @@ TEST_CASE("a file that does not exist yet is reported when it is created") {
   CHECK(scan.ExitCode() == 1);
 }
 
-TEST_CASE("links are watched through only when they are followed") {
+TEST_CASE("link targets are watched only when links are followed") {
   const TemporaryDirectory directory;
   directory.Write("target/file", "x");
   directory.Write("other/file", "x");
@@ -204,7 +204,7 @@ TEST_CASE("links are watched through only when they are followed") {
   CheckEnd(&followed);
 }
 
-TEST_CASE("a path that would steer the terminal is made harmless while watching") {
+TEST_CASE("terminal control characters in a path are escaped while watching") {
   const TemporaryDirectory directory;
   directory.Write("in/file", "x");
   WatchingScan scan(directory.path(), {"in"});
@@ -213,7 +213,7 @@ TEST_CASE("a path that would steer the terminal is made harmless while watching"
   CheckEnd(&scan);
 }
 
-TEST_CASE("what was missed as too much happened at once is found again") {
+TEST_CASE("changes lost to a queue overflow are found again") {
   const TemporaryDirectory directory;
   directory.Write("in/file", "x");
   directory.Write("in/gone", "x");
@@ -241,7 +241,7 @@ TEST_CASE("what was missed as too much happened at once is found again") {
   CheckEnd(&scan);
 }
 
-TEST_CASE("the limit of the system is reported by its name, and the others are watched") {
+TEST_CASE("the system's limit on watches is named, and the other directories are watched") {
   const TemporaryDirectory directory;
   directory.Write("in/a/file", "x");
   directory.Write("in/b/file", "x");
