@@ -1,4 +1,4 @@
-// Eight threads that want one file nobody has asked for, and a host that takes 5 ms.
+// Eight threads ask for one file that is not cached, and the host takes 5 ms.
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
@@ -13,8 +13,8 @@ namespace {
 
 constexpr int kThreads = 8;
 
-// Reports how often the host was asked for each file. A cache that does not let
-// one thread calculate for all asks it eight times, at once, in the same time.
+// Reports how often the host was asked for each file. A cache that does not coalesce
+// asks it eight times concurrently, in the same time.
 template <class C>
 void ColdPath(benchmark::State& state) {
   using Clock = std::chrono::steady_clock;

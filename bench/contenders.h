@@ -1,4 +1,4 @@
-// Every contender that this machine has, in the order of the tables.
+// Every contender available on this machine, in the order of the tables.
 #pragma once
 
 #include "contenders/floor.h"
@@ -27,7 +27,7 @@ struct Type {
   using Contender = C;
 };
 
-// Calls action with the Type of each one that is a cache.
+// Calls action with the Type of each cache.
 template <class Action>
 void ForEachCache(const Action& action) {
   action(Type<Engine>());

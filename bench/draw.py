@@ -50,7 +50,7 @@ def draw_bars(values, left, top, longest):
 
 
 def draw_costs(report, top):
-    """What a cache costs apart from the time of a hit."""
+    """What a cache costs besides the time of a hit."""
     during = report["times"]["f-hit-during-insert"][""]
     memory = {who: told["memory"]["bytes"] for who, told in report["counts"].items()
               if "memory" in told}
@@ -73,7 +73,7 @@ def spread(labels, apart):
 
 
 def draw_growth(times, top):
-    """A line each over the number of entries, each step of which is four times as many."""
+    """A line for each contender over the number of entries, in steps of four times."""
     growth = times["e-growth"]
     sizes = sorted(growth, key=int)
     lines = {who: [growth[size][who]["median"] for size in sizes]
@@ -110,7 +110,7 @@ def print_picture(height, label, parts):
     print(f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {WIDTH} {height}" '
           f'width="{WIDTH}" height="{height}" font-family="system-ui, sans-serif" role="img" '
           f'aria-label="{label}">')
-    # White under it, so that it can be read on a dark page as well.
+    # White background, so that it is readable on a dark page too.
     print(f'<rect width="{WIDTH}" height="{height}" fill="#ffffff"/>')
     print("\n".join(parts))
     print("</svg>")

@@ -1,4 +1,4 @@
-// What only the engine does: other questions, hits that are logged or timed, and those of
+// What only the engine does: other queries, hits that are logged or timed, and those of
 // careful hosts.
 #include "counts/careful_hosts.h"
 #include "counts/engine_cases.h"

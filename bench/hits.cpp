@@ -1,4 +1,4 @@
-// Full hits: over a full cache, by popularity, from several threads, as it grows.
+// Full hits: in a full cache, by popularity, from several threads, as the cache grows.
 #include <array>
 
 #include "loops.h"
@@ -21,7 +21,7 @@ void Hold(const benchmark::State& state) {
 
 template <class C>
 void CheckAndStop(const benchmark::State& state) {
-  // The state belongs to no thread here and cannot carry the message.
+  // Outside the timed threads the state cannot carry an error.
   if (hashCalls != 0) {
     std::fprintf(stderr, "%s: %d of the hits were misses\n", C::kName, hashCalls.load());
     std::abort();
@@ -67,8 +67,8 @@ void AddHits() {
     using C = typename decltype(type)::Contender;
     Add<C>("a-hit-uniform", Uniform<C>)->Arg(kFiles);
     Add<C>("b-hit-zipf", Zipf<C>)->Arg(kFiles);
-    // A number of its own: a thread that was late once would otherwise be taken for
-    // a slow query, and the rest of the run for long enough with a few of them.
+    // A fixed count: otherwise one late thread would pass for slow queries, and a few
+    // of them for a long enough run.
     Add<C>("c-hit-threads", Uniform<C>)
         ->Arg(kFiles)
         ->Threads(2)

@@ -10,12 +10,12 @@
 
 namespace cost {
 
-// Borrows the path from the record or the entry that it was made from.
+// Borrows the path from the record or entry it was made from.
 struct Identity {
   explicit Identity(const metadata_input_s& in)
       : path(in.path), size(in.size), mtime(in.mtime), deviceID(in.deviceID), fileID(in.fileID) {}
 
-  // The same identity with its path in a place that lives longer.
+  // The same identity with its path in longer-lived storage.
   Identity(const Identity& other, std::string_view longerLivedPath) : Identity(other) {
     path = longerLivedPath;
   }
@@ -39,7 +39,7 @@ struct Identity {
   uint64_t fileID;
 };
 
-// The standard library's hash of the path, and the numbers mixed in.
+// The standard library's hash of the path, with the numbers mixed in.
 struct StandardHash {
   size_t operator()(const Identity& id) const {
     uint64_t hash = std::hash<std::string_view>()(id.path);

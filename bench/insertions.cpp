@@ -16,18 +16,18 @@ template <class C>
 void StartFull(const benchmark::State&) {
   running<C> = std::make_unique<C>(kFiles);
   metadata_output_s out{};
-  // From the last to the first, so that those asked for below are the most recent.
+  // From last to first, so that the files queried below are the most recent.
   for (size_t file = kFiles; file-- > 0;) {
     out.queryFlags = 0;
     running<C>->Query(AllFiles()[file], out);
   }
 }
 
-// Miss, callback, keep, evict. The cost of making up a new name, which is small
-// and the same for all, is part of it.
+// Miss, callback, keep, evict. Includes generating a new name, which is cheap and
+// costs all the same.
 template <class C>
 void Insertions(benchmark::State& state) {
-  // Goes on where the last repetition stopped: the files stay new.
+  // Continues where the last repetition stopped: the files stay new.
   static NewFiles files('d');
   metadata_output_s out{};
   for ([[maybe_unused]] auto _ : state) {
@@ -37,7 +37,7 @@ void Insertions(benchmark::State& state) {
   }
 }
 
-// A thread that asks for new files for as long as it lives, on one processor.
+// A thread that queries new files until destroyed, pinned to one processor.
 template <class C>
 class Inserter {
  public:
@@ -52,7 +52,7 @@ class Inserter {
   Inserter(const Inserter&) = delete;
   Inserter& operator=(const Inserter&) = delete;
 
-  // How many files it has asked for.
+  // How many files it has queried.
   uint64_t Asked() const { return asked_.load(std::memory_order_relaxed); }
 
  private:
@@ -74,7 +74,7 @@ class Inserter {
   std::thread thread_;
 };
 
-// What so large a share of the hits took at most.
+// The time that this share of the hits did not exceed.
 double Percentile(std::vector<float>& hits, double share) {
   const auto at =
       hits.begin() + static_cast<std::ptrdiff_t>(share * static_cast<double>(hits.size() - 1));
@@ -82,9 +82,9 @@ double Percentile(std::vector<float>& hits, double share) {
   return *at;
 }
 
-// Few files, asked for often, so that the new ones do not drive them out: a hit
-// that became a miss all the same is counted and told. Each hit is timed alone: a
-// cache whose inserter takes the lock again at once has a good mean and a bad tail.
+// Few files, queried often, so that the new ones do not evict them; those that
+// miss anyway are counted and reported. Each hit is timed alone: a cache whose
+// inserter retakes the lock at once has a good mean and a bad tail.
 template <class C>
 void HitsDuringInsertions(benchmark::State& state) {
   using Clock = std::chrono::steady_clock;
@@ -92,7 +92,7 @@ void HitsDuringInsertions(benchmark::State& state) {
   static const TickClock ticks;
   const Pinned here(Processors().first);
   const Inserter<C> inserter(*running<C>, Processors().second);
-  // The inserter may have driven them out before this thread runs again.
+  // The inserter may have evicted them before this thread runs again.
   metadata_output_s out{};
   for (size_t file = 0; file < kHotFiles; ++file) {
     out.queryFlags = 0;

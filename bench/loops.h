@@ -1,4 +1,4 @@
-// The timed loops and how a benchmark is named.
+// The timed loops, and how benchmarks are named.
 //
 // Names are scenario/contender/arguments; the report sorts by the first two.
 #pragma once
@@ -27,7 +27,7 @@ void StopRunning(const benchmark::State&) {
 const Order& UniformOrder(int thread);
 const Order& ZipfOrder(int thread);
 
-// The time of one query, each with the same preparation of its record.
+// Times single queries, each after the same preparation of its record.
 template <class Cache>
 void TimeHits(benchmark::State& state, Cache& cache, const Order& order, size_t files) {
   metadata_output_s out{};

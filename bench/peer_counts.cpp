@@ -1,4 +1,4 @@
-// Counts what operations of the peers take, as tests/counts does for the engine.
+// Counts what the peers' operations cost, as tests/counts does for the engine.
 #include <type_traits>
 
 #include "contenders.h"

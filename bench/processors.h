@@ -8,8 +8,8 @@
 
 namespace cost {
 
-// The first and the last that this process may use, far apart where several share a core.
-// One and the same where there is only one.
+// The first and last that this process may use, far apart in case some share a core.
+// The same one if there is only one.
 struct TwoProcessors {
   int first;
   int second;
@@ -28,20 +28,20 @@ class Pinned {
   cpu_set_t before_;
 };
 
-// The processor's own counter, which runs at one speed. Reading it takes a fraction of a hit;
-// the system's clock would take about as long as one.
+// The time-stamp counter, which runs at constant speed. Reading it takes a fraction of a hit;
+// the system's clock takes about as long as one.
 class TickClock {
  public:
-  // Measures speed and cost of the counter, for some milliseconds.
+  // Measures the counter's speed and cost for some milliseconds.
   TickClock();
 
-  // Waits for the instructions before it.
+  // Waits for earlier instructions.
   static uint64_t Now() {
     unsigned processor = 0;
     return __rdtscp(&processor);
   }
 
-  // What lay between two calls of Now, without what the clock itself takes.
+  // The time between two calls of Now, less the cost of the clock.
   double Ns(uint64_t ticks) const {
     return ticks > cost_ ? static_cast<double>(ticks - cost_) * nsPerTick_ : 0;
   }

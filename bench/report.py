@@ -33,7 +33,7 @@ ENGINE = "engine"
 COUNTERS = {"calls": "calls", "p50": "p50", "p99": "p99", "p99.9": "p99.9",
             "insertionNs": "insertion", "misses": "misses per hit"}
 
-# As in the tables: caches, then what none can do without.
+# As in the tables: caches, then the floors.
 ORDER = [ENGINE, "textbook", "absl", "boost", "leveldb", "rocksdb-lru-1", "rocksdb-lru-16",
          "rocksdb-clock", "tbb", "floor-lock", "floor"]
 
@@ -44,7 +44,7 @@ def natural(case):
 
 
 def read_machine(context):
-    """Returns what the benchmark ran on, and when, in words."""
+    """Returns the machine and the date, as text."""
     cpu = re.search(r"^model name\s*: (.*)$", Path("/proc/cpuinfo").read_text(), re.M)
     return {"cpu": cpu[1] if cpu else "unknown processor", "processors": context["num_cpus"],
             "date": context["date"][:10]}
@@ -66,8 +66,7 @@ def read_times(benchmarks):
         if run.get("error_occurred"):
             sys.exit(f"{run['name']}: {run['error_message']}")
         scenario, contender, *arguments = run["run_name"].split("/")
-        # Processor time where one thread does the work: others on the machine then
-        # disturb less.
+        # CPU time where one thread does the work: less sensitive to other load.
         wall = "real_time" in arguments or "manual_time" in arguments
         case = " ".join(a for a in arguments
                         if a not in ("real_time", "manual_time") and not a.startswith("iterations"))
@@ -103,7 +102,7 @@ def print_scenario(times, scenario, title):
         header += [f"{case}: {unit}" if len(cases) > 1 else unit, "engine/"]
     counters = list(times[scenario, ENGINE, cases[0]]["counters"])
     header += [COUNTERS[name] for name in counters]
-    # A hit that waits for one insertion is as good as a lock allows.
+    # Waiting for one insertion is the best a lock allows.
     insertion = "d-insert" if "p99" in counters else None
     if insertion:
         header.append("p99 / d")

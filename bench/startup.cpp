@@ -3,8 +3,8 @@
 //
 // usage: orvex-startup LIBRARY TIMES
 //
-// Prints nanoseconds, one line each time; each in a process of its own that has not
-// had the library before. The first line finds it in the page cache at best.
+// Prints nanoseconds, one line per run, each in a fresh process. The first run finds
+// the library in the page cache at best.
 #include <dlfcn.h>
 #include <sys/wait.h>
 #include <unistd.h>

@@ -13,9 +13,9 @@
 
 namespace cost {
 
-// Like the textbook, and like it without what textbook.h says is left out. Hashes
-// before it takes the lock; a hit allocates nothing, nor does an insertion into a
-// full cache, which writes over the oldest entry, unless its path is longer.
+// Like the textbook, and leaves out what textbook.h lists. Hashes before it takes the
+// lock; a hit allocates nothing. An insertion into a full cache overwrites the oldest
+// entry and allocates only for a longer path.
 class Absl {
  public:
   static constexpr const char* kName = "absl";

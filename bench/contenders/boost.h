@@ -13,8 +13,8 @@
 
 namespace cost {
 
-// Exact recency order, like the textbook, and like it without what textbook.h
-// says is left out. Links of both indexes stand in one node.
+// Exact recency order, like the textbook, and leaves out what textbook.h lists.
+// One node holds the links of both indexes.
 class Boost {
  public:
   static constexpr const char* kName = "boost";
@@ -32,7 +32,7 @@ class Boost {
   struct Entry {
     Entry(const Identity& identity, const metadata_output_s& answered)
         : path(identity.path), id(identity, path), answer(answered) {}
-    // The container builds an entry apart and then moves it into its node.
+    // The container builds an entry outside and then moves it into its node.
     Entry(Entry&& other) noexcept
         : path(std::move(other.path)), id(other.id, path), answer(other.answer) {}
 

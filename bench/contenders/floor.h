@@ -1,4 +1,4 @@
-// What no cache that hashes its key and copies its answer can do without.
+// The least any cache must do that hashes its key and copies its answer.
 #pragma once
 
 #include <mutex>
@@ -9,8 +9,8 @@
 
 namespace cost {
 
-// Not a cache: hashes the fields, takes the lock and copies the record that the
-// hash points at, whosever it is. Compares nothing and keeps no order.
+// Not a cache: hashes the fields, takes the lock and copies whatever record the
+// hash points at. Compares nothing and keeps no order.
 template <class Lock>
 class Floor {
  public:

@@ -1,4 +1,4 @@
-// The five identity fields in a row, for caches whose keys are bytes.
+// The five identity fields concatenated, for caches whose keys are bytes.
 #pragma once
 
 #include <cstring>

@@ -10,9 +10,9 @@
 
 namespace cost {
 
-// Recency within a shard, so what it evicts is only about the oldest, and a shard
-// may be full while others are not. Otherwise it leaves out what textbook.h
-// says, and a hit reads the record without a lock, through a counted handle.
+// Recency per shard: it evicts roughly the oldest, and a shard may be full while
+// others are not. A hit reads the record without a lock, through a refcounted
+// handle. Leaves out what textbook.h lists.
 class LevelDb {
  public:
   static constexpr const char* kName = "leveldb";

@@ -11,15 +11,15 @@
 
 namespace cost {
 
-// Recency order is exact in one shard and per shard in more. Otherwise it leaves
-// out what textbook.h says.
+// Recency order is exact in one shard, and per shard in more. Leaves out what
+// textbook.h lists.
 template <int ShardBits>
 class RocksDbLru {
  public:
   static constexpr const char* kName = ShardBits == 0 ? "rocksdb-lru-1" : "rocksdb-lru-16";
   static constexpr bool kExact = ShardBits == 0;
 
-  // Entries are charged one each, and all are of one priority.
+  // Entries are charged one each, all at the same priority.
   explicit RocksDbLru(size_t capacity)
       : cache_(rocksdb::NewLRUCache(capacity, ShardBits, false, 0, nullptr, false,
                                     rocksdb::kDontChargeCacheMetadata)) {}
@@ -45,8 +45,8 @@ class RocksDbLru {
 };
 
 // The clock cache takes keys of sixteen bytes only: a digest of the fields finds
-// the entry, whose own key is then compared. It has no order of recency but a few
-// chances for each entry, and no lock on a hit.
+// the entry, whose own key is then compared. No recency order, only a few chances
+// for each entry, and no lock on a hit.
 class RocksDbClock {
  public:
   static constexpr const char* kName = "rocksdb-clock";

@@ -12,9 +12,9 @@
 namespace cost {
 
 // Exact recency order of the entries not in use, and one calculation per key at a
-// time, for which the others spin. It takes its key by value, again and again, and
-// orders it: each query copies the path several times. A failed calculation cannot
-// be told, nor a value left out. Otherwise it leaves out what textbook.h says.
+// time, for which the others spin. It takes keys by value everywhere and orders them:
+// each query copies the path several times. A calculation can neither fail nor
+// decline to be cached. Otherwise it leaves out what textbook.h lists.
 class Tbb {
  public:
   static constexpr const char* kName = "tbb";

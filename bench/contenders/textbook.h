@@ -1,4 +1,4 @@
-// The cache of the textbooks: std::mutex, std::unordered_map, std::list.
+// The textbook cache: std::mutex, std::unordered_map, std::list.
 #pragma once
 
 #include <list>
@@ -14,8 +14,8 @@ namespace cost {
 // Exact recency order over all keys, a hit moves a list element without
 // allocating, a record is copied out whole under the lock.
 //
-// Left out against the engine: one calculation per path at a time, parts that
-// join an entry, the check for entries out of date, signers, counters, log lines,
+// Left out, compared with the engine: one calculation per path at a time, merging
+// parts into an entry, detecting out-of-date entries, signers, counters, log lines,
 // a choice of key fields, and stopping while queries run.
 class Textbook {
  public:
