@@ -225,8 +225,8 @@ TEST_CASE("keys of mixed masks may share an entry, which is evicted with the fir
     }
     return std::pair(found.at(0), found.at(1));
   };
-  // The lookup asks the entry "/b" for its path's sake, the insertion asks the
-  // new key for its size's.
+  // The lookup goes by the mask of entry "/b", its path, the insertion by that of the
+  // new key, its size.
   pushWith(KEY_PATH, "/b", 2);
   pushWith(KEY_SIZE, "/d", 1);
   pushWith(KEY_SIZE, "/d", 1);

@@ -1,4 +1,4 @@
-// How often the engine asks for memory.
+// How often the engine allocates.
 #include <doctest/doctest.h>
 
 #include "harness/counted_allocations.h"
@@ -8,8 +8,8 @@ namespace {
 
 const char* const kLongPath = "/a/path/of/more/characters/than/a/string/holds/in/itself";
 
-// What one query of each kind takes once the file is cached. The host of the tests
-// allocates nothing when it is not asked.
+// What one query of each kind allocates once the file is cached. The test host
+// allocates nothing unless called.
 Allocations UsedBy(EngineUnderTest& engine, metadata_input_s& in, Answer& out) {
   const Allocations before = AllocationsOfThisThread();
   const int code = engine.Query(in, out);

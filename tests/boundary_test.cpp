@@ -234,7 +234,7 @@ TEST_CASE("the operations of the file type cache keep their slots") {
 
 namespace {
 
-// Whether each member lies behind the one before it.
+// Whether each member follows the previous one.
 template <typename First, typename Second, typename... Others>
 bool InOrder(const First& first, const Second& second, const Others&... others) {
   const bool right = reinterpret_cast<uintptr_t>(&first) < reinterpret_cast<uintptr_t>(&second);

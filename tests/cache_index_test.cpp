@@ -16,7 +16,7 @@
 
 namespace {
 
-// More collisions than the index takes.
+// More collisions than the index allows.
 constexpr uint64_t kMany = 500;
 
 struct File {
@@ -38,7 +38,7 @@ metadata_input_s KeyOf(const File& file, uint32_t fields) {
   return in;
 }
 
-// Who knows by which factors the index hashes can make files that all hash alike.
+// Knowing the factors of the hash, one can make files that all hash alike.
 struct Field {
   uint32_t bit;
   uint64_t factor;
@@ -49,8 +49,8 @@ constexpr Field kMtime{KEY_MTIME, kFactorOfMtimes, &File::mtime};
 constexpr Field kDevice{KEY_DEVICE_ID, kFactorOfDevices, &File::deviceID};
 constexpr Field kFile{KEY_FILE_ID, kFactorOfFiles, &File::fileID};
 
-// The number which, hashed by the field, makes a hash of given rest the one that the
-// others have.
+// The number which, hashed as this field, completes the given rest to the hash that
+// the others have.
 uint64_t NumberToHashAlike(const Field& field, uint64_t rest, uint64_t which) {
   return NumberToHash(field.factor, 0x12345678, which, rest);
 }
@@ -67,7 +67,7 @@ std::vector<File> FilesAlikeWithPaths(size_t count) {
   return files;
 }
 
-// A cache of either kind that empties itself at its end.
+// A cache of either kind that empties itself when destroyed.
 template <typename Cache>
 class CacheOfFiles {
  public:
@@ -101,7 +101,7 @@ class CacheOfFiles {
   }
 };
 
-// Stores the even ones of many files and looks all of them up. No memory stays behind.
+// Stores the even ones of many files and looks all of them up. Leaks nothing.
 template <typename Cache>
 void CheckThatEvenOnesAreFound(const std::vector<File>& files, uint32_t fields) {
   std::vector<bool> found(files.size());
@@ -126,9 +126,9 @@ void CheckThatEvenOnesAreFound(const std::vector<File>& files, uint32_t fields) 
 
 using Insertions = std::vector<size_t>;
 
-// Which of the insertions ask for more memory than an entry takes: the first, those that
-// begin a chunk of slots or hash anew, and all while the keys are kept in order as well. What is
-// found by hashing and what by order are the same, only memory tells.
+// Which insertions allocate more than an entry: the first, those that begin a chunk of slots
+// or rehash, and all while the keys are kept in order as well. Lookups by hash and by order
+// give the same results; only memory shows the difference.
 template <typename Cache>
 Insertions MoreMemoryWith(const std::vector<File>& files) {
   CacheOfFiles<Cache> cache;
@@ -261,7 +261,7 @@ TEST_CASE_TEMPLATE("files that hash alike with their paths are found after names
 
 TEST_CASE_TEMPLATE("names of one file are found even if memory ran out when they became many",
                    Cache, LRUCache, FileTypeCache) {
-  // So many go in by their numbers.
+  // This many go in by their numbers.
   constexpr uint64_t kMostAlike = 128;
   const RecordedLog quiet(ORVEX_LOG_FATAL);
   std::vector<File> names;

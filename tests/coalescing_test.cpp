@@ -1,4 +1,4 @@
-// How many threads the host computes for when many files are asked about at once.
+// How often the host computes when many files are asked about at once.
 #include <doctest/doctest.h>
 
 #include <condition_variable>
@@ -17,7 +17,7 @@ namespace {
 
 constexpr size_t kPaths = 200;
 
-// Paths whose first caller, the leader, stays in the host's callback until it is let go,
+// Paths whose first caller, the leader, stays in the host's callback until released,
 // while a second one, the follower, asks for the same.
 class LedPaths {
  public:
@@ -49,7 +49,7 @@ class LedPaths {
     Until([this, number] { return waits_[paths_[number]] > 0 || calls_[paths_[number]] > 1; });
   }
 
-  // Lets the first of the leaders go, and sees it and its follower back.
+  // Releases the first leader, and waits until it and its follower return.
   void LetGo(size_t number) {
     mayAnswer_[number].Open();
     failures_ += leaders_.front().get() != 0;
@@ -105,7 +105,7 @@ class LedPaths {
 // before its own has left: what those took with them would leave it without a mark.
 void CheckEachIsCalculatedOnce(size_t leadersAtATime) {
   EngineUnderTest engine;
-  // Twice: what the first round left behind would be found by the second one.
+  // Twice: the second round would find anything that the first left behind.
   for (const int round : {1, 2}) {
     CAPTURE(round);
     LedPaths paths(engine);

@@ -307,7 +307,7 @@ namespace {
 
 constexpr size_t kMebibyte = 1024 * 1024;
 
-// A terminal of the test's own; its side that programs are attached to has this path.
+// A pseudo-terminal; path is the side that programs open.
 class Terminal {
  public:
   Terminal() : master_(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC)) {

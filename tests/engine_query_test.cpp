@@ -1,4 +1,4 @@
-// Which cache a query is sent to, and what comes back of both.
+// Which cache a query goes to, and what both return.
 #include <doctest/doctest.h>
 
 #include <cstdint>
@@ -196,7 +196,7 @@ TEST_CASE("before it is initialised the engine refuses queries with 100 and logs
 }
 
 TEST_CASE("an engine that is not running reads no record") {
-  // Where no memory is.
+  // Unmapped memory.
   auto* const in = reinterpret_cast<metadata_input_s*>(uintptr_t{64});
   auto* const out = reinterpret_cast<metadata_output_s*>(uintptr_t{64});
   CHECK(orvex_query(in, out, nullptr) == 100);
@@ -347,7 +347,7 @@ TEST_CASE("a callback that asks the cache for its own path finds what is cached"
 TEST_CASE("a signer array passed in again is freed and one handed out is deleted as an array") {
   EngineUnderTest engine;
   engine.host.onHash = [](metadata_input_s&, metadata_output_s& out) {
-    // What a partial hit left here goes first.
+    // Free what a partial hit left here.
     GiveSigners(out, {"Kelda"});
     return 0;
   };

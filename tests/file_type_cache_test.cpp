@@ -20,7 +20,7 @@ metadata_input_s TypeOf(const char* path) {
   return in;
 }
 
-// A file type cache of a test's own with the host it asks.
+// A separate file type cache, with its host.
 struct TypeCacheUnderTest {
   TypeCacheUnderTest() {
     cache.InitLRUCache();

@@ -1,5 +1,5 @@
-// A full hit as a careful host asks for it, which zeroes its record and lets a callback
-// change a copy of the input only: written out, and through orvexeng.hpp.
+// A full hit for a careful host, which zeroes its record and lets callbacks change only a
+// copy of the input: by hand, and through orvexeng.hpp.
 #pragma once
 
 #include "counts/engine.h"

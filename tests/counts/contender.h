@@ -1,4 +1,4 @@
-// What a cache must be to be counted and timed next to the engine.
+// What a cache must provide to be counted and timed next to the engine.
 #pragma once
 
 #include <memory>
@@ -15,7 +15,7 @@ namespace cost {
 // what it answered. Any number of threads may query at once.
 
 // A contender that holds the first `files` files, all of them. One that is not
-// exact is given room, since otherwise a few would be evicted on the way.
+// exact gets more room, as it would otherwise evict a few on the way.
 template <class C>
 std::unique_ptr<C> Holding(size_t files) {
   auto cache = std::make_unique<C>(C::kExact ? files : files * 2 + 512);

@@ -1,5 +1,5 @@
-// Counts what the engine's operations take. counts.py runs it under callgrind and holds it
-// to its ceilings.
+// Counts what the engine's operations cost. counts.py runs it under callgrind and checks it
+// against the ceilings.
 #include "counts/counts.h"
 
 #include "counts/careful_hosts.h"

@@ -1,5 +1,5 @@
-// Counts what one operation takes: allocations, and under callgrind instructions.
-// Counts repeat where times wander.
+// Counts what one operation costs: allocations, and under callgrind instructions.
+// Counts repeat; times do not.
 //
 // Each operation prints one line: contender, operation, how many were done,
 // allocations, frees, bytes held afterwards for each entry ("-" where it says

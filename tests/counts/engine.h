@@ -8,7 +8,7 @@
 
 namespace cost {
 
-// A host that keeps its messages would pay for writing them, too.
+// A host that keeps the messages would pay for writing them, too.
 struct DroppedMessages {
   DroppedMessages() {
     orvex_register_log_cb(

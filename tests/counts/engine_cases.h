@@ -1,4 +1,4 @@
-// What else the engine is asked, apart from plain hits.
+// Queries other than plain hits.
 #pragma once
 
 #include <string>

@@ -18,7 +18,7 @@ int AnswerWithSigners(metadata_input_s* in, metadata_output_s* out, void* ctx);
 // What the engine was initialised with and the other contenders call.
 extern metadata_query_fptrs_s hostCallbacks;
 
-// How often AnswerHash was called. Relaxed: read when all threads have gone.
+// How often AnswerHash was called. Relaxed: read once all threads are gone.
 extern std::atomic<int> hashCalls;
 // ... and by this thread.
 extern thread_local int hashCallsHere;

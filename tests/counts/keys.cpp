@@ -9,7 +9,7 @@
 namespace cost {
 namespace {
 
-// The standard leaves its distributions to each library; these are the same
+// The standard's distributions differ between libraries; these are the same
 // everywhere, so that counts repeat.
 size_t Below(std::mt19937_64& random, size_t bound) {
   return static_cast<size_t>(random() % bound);

@@ -54,7 +54,7 @@ class NewFiles {
   uint32_t count_ = 0;
 };
 
-// Which file to ask for, one after the other, for ever.
+// An endless sequence of files to ask for.
 //
 // Over fewer files than all, take the number modulo a power of two.
 class Order {

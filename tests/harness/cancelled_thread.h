@@ -1,4 +1,4 @@
-// A thread that is to end at the next point where it can.
+// A thread with a pending cancellation.
 #pragma once
 
 #include <pthread.h>
@@ -6,8 +6,8 @@
 #include <functional>
 #include <utility>
 
-// Runs the action on a thread of its own whose cancellation is requested already. False
-// when the thread ended before the action did.
+// Runs the action on a new thread whose cancellation has already been requested. False
+// if the thread ended before the action did.
 inline bool OutlastsCancellation(std::function<void()> action) {
   struct Cancelled {
     std::function<void()> action;

@@ -1,4 +1,4 @@
-// What a test's program writes to standard output, in place of the screen.
+// Captures what a test program writes to standard output.
 #include "harness/captured_output.h"
 
 #include <sys/mman.h>

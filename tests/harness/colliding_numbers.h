@@ -1,4 +1,4 @@
-// Numbers that hash as a test wants them to: who knows the factors can make files collide.
+// Numbers that hash as a test wants: knowing the factors, one can make files collide.
 #pragma once
 
 #include <cstddef>

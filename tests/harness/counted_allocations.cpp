@@ -1,4 +1,4 @@
-// How much memory this thread asks for.
+// What this thread allocates.
 #include "harness/counted_allocations.h"
 
 #include <errno.h>
@@ -17,7 +17,7 @@ namespace {
 
 thread_local Allocations ofThisThread;
 
-// The allocator books the size in front of each block.
+// The allocator stores the size in front of each block.
 size_t Booked(void* memory) { return malloc_usable_size(memory) + sizeof(size_t); }
 
 void* Made(void* memory) {

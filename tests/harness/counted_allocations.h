@@ -1,4 +1,4 @@
-// How much memory this thread asks for.
+// What this thread allocates.
 #pragma once
 
 #include <cstddef>
@@ -8,8 +8,7 @@
 struct Allocations {
   size_t made = 0;
   size_t freed = 0;
-  // Bytes in what was made less those in what was freed, as the system's allocator
-  // rounds and books them.
+  // Bytes allocated less bytes freed, as rounded by the system's allocator.
   size_t bytesHeld = 0;
 
   friend Allocations operator-(const Allocations& a, const Allocations& b) {

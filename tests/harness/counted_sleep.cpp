@@ -1,4 +1,4 @@
-// A usleep that returns at once and remembers what it was asked for.
+// A usleep that returns at once and records its arguments.
 #include "harness/counted_sleep.h"
 
 #include <errno.h>

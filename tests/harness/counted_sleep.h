@@ -1,4 +1,4 @@
-// A usleep that returns at once and remembers what it was asked for.
+// A usleep that returns at once and records its arguments.
 #pragma once
 
 #include <atomic>

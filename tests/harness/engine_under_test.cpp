@@ -1,4 +1,4 @@
-// An engine with a host behind it, for tests that tell a short story.
+// An engine with a host behind it, for short tests.
 #include "harness/engine_under_test.h"
 
 #include <cstring>

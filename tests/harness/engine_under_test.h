@@ -1,4 +1,4 @@
-// An engine with a host behind it, for tests that tell a short story.
+// An engine with a host behind it, for short tests.
 #pragma once
 
 #include <atomic>
@@ -8,7 +8,7 @@
 #include "harness/records.h"
 #include "orvexeng.h"
 
-// Counts its calls and answers them. A test replaces what it is about.
+// Counts its calls and answers them. Tests override what they are about.
 struct Host {
   using Callback = std::function<int(metadata_input_s&, metadata_output_s&)>;
 

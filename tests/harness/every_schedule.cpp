@@ -1,4 +1,4 @@
-// Threads that take turns in every order there is.
+// Threads that take turns in every possible order.
 #include "harness/every_schedule.h"
 
 #include <errno.h>
@@ -59,7 +59,7 @@ EverySchedule::~EverySchedule() {
 
 bool EverySchedule::RunNext() {
   if (count_ != 0) {
-    // The last decision that can still be taken otherwise, and then everything anew.
+    // The last decision that still has another choice; after it everything starts over.
     while (!decisions_.empty() && decisions_.back().taken + 1 == decisions_.back().options) {
       decisions_.pop_back();
     }
@@ -160,7 +160,7 @@ void EverySchedule::Yield() {
   const bool mayBePreempted = preempted_ < preemptions_;
   size_t next = self;
   if (me.state == State::kPausing) {
-    // Last, so that a pause is first of all the others' chance.
+    // Last, so that a pause lets the others run first.
     const bool alone = options.empty();
     if (alone || mayBePreempted) options.push_back(self);
     next = Choose(options);
@@ -182,7 +182,7 @@ void EverySchedule::Yield() {
     return;
   }
   if (next == self) return;
-  // Who has ended takes its next turn in Live.
+  // A thread that has ended takes its next turn in Live.
   const bool done = me.state == State::kDone;
   sem_post(&threads_[next].turn);
   if (!done) Take(&me.turn);
@@ -234,7 +234,7 @@ extern "C" int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept {
   return 0;
 }
 
-// To try to lock and fail is allowed at any time.
+// A trylock may fail at any time.
 extern "C" int pthread_mutex_trylock(pthread_mutex_t* mutex) noexcept {
   static auto* const real = RealFunction<int(pthread_mutex_t*)>("pthread_mutex_trylock");
   return schedule != nullptr ? EBUSY : real(mutex);

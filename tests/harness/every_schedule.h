@@ -1,4 +1,4 @@
-// Threads that take turns in every order there is.
+// Threads that take turns in every possible order.
 #pragma once
 
 #include <semaphore.h>
@@ -12,23 +12,23 @@
 
 #include <pthread.h>
 
-// Runs a handful of threads again and again, each time interleaved otherwise, until
-// every interleaving has run in which at most so many threads were preempted, that
-// is, had to stand back although they could have gone on.
+// Runs a handful of threads again and again, each time interleaved differently, until
+// every interleaving with at most that many preemptions has run. A preemption makes a
+// thread yield although it could have continued.
 //
-// One thread runs at a time. Where it stands back is a call of the thread functions
-// of the system, for which this class stands in: pthread_mutex_lock, _unlock,
+// One thread runs at a time. It yields in calls of the system's thread functions,
+// for which this class stands in: pthread_mutex_lock, _unlock,
 // pthread_cond_wait, _signal, _broadcast and usleep. A pause lets the others run, or,
 // as one preemption, lasts until what the thread pauses for is given up: every
 // further pause ends at once until it locks something.
 //
-// A thread that would wait for ever ends the program with a word on what it waits
-// for, since nobody can take it out of the library. So does a mutex that is
-// unlocked by who does not hold it.
+// A thread that would wait for ever ends the program with a message about what it
+// waits for, since nothing can get it out of the library. So does unlocking a mutex
+// that the thread does not hold.
 //
-// Locking: only threads of the schedule are held back; their mutexes are none of the
-// system's and must be free when a schedule begins, as they are when it has ended.
-// What they do must depend on nothing but the schedule.
+// Locking: only threads of the schedule are controlled; their mutexes are never locked
+// in the system, and must be free when a schedule begins, as they are when it has ended.
+// What the threads do must depend on nothing but the schedule.
 class EverySchedule {
  public:
   using Body = std::function<void()>;
@@ -72,9 +72,9 @@ class EverySchedule {
   };
 
   void Live(size_t self);
-  // Before a call: this thread, or another, goes on.
+  // Before a call: this thread, or another, continues.
   void Step(const char* call);
-  // Hands over to the thread that goes on, and comes back when it is this one.
+  // Hands over to the chosen thread, and returns when it is this one.
   void Yield();
   size_t Choose(const std::vector<size_t>& options);
   bool CanGoOn(const Thread& thread) const;

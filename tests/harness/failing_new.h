@@ -31,8 +31,8 @@ class FailingNew {
   bool staysOut_;
 };
 
-// Memory that is there again for the length of a scope: a host's own, in the
-// middle of a call that runs out of it.
+// Memory that is available again within a scope: a host's own, in the middle of a
+// call that runs out of it.
 class MemoryForHost {
  public:
   MemoryForHost();

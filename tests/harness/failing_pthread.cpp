@@ -33,8 +33,8 @@ bool TakeOut(std::multiset<const pthread_mutex_t*>& mutexes, const pthread_mutex
   return true;
 }
 
-// Whether the mutex is there to be given back. Who could not lock it has nothing to
-// give, and another thread may hold it.
+// Whether the mutex is this thread's to release. If locking failed, another thread may
+// hold it.
 bool NoteUnlock(const pthread_mutex_t* mutex) {
   if (current == nullptr || TakeOut(current->held, mutex)) return true;
   if (TakeOut(current->notTaken, mutex)) return false;
@@ -83,7 +83,7 @@ extern "C" int pthread_mutex_unlock(pthread_mutex_t* mutex) noexcept {
   static auto* const real = RealFunction<int(pthread_mutex_t*)>("pthread_mutex_unlock");
   const bool isHeld = NoteUnlock(mutex);
   const int error = CountAndFail(&FailingPThread::unlocks, &FailingPThread::unlockError);
-  // Given back all the same: a mutex must not be destroyed while it is locked.
+  // Released all the same: a mutex must not be destroyed while locked.
   const int result = isHeld ? real(mutex) : 0;
   return error != 0 ? error : result;
 }

@@ -33,7 +33,7 @@ class FailingPThread {
   int firstFailing = 1;
   bool once = false;
 
-  // Called before each lock, but not for its own: a moment between two steps of the
+  // Called before each lock, except its own: a moment between two steps of the
   // library.
   std::function<void()> onLock;
 

@@ -9,10 +9,10 @@
 #include "harness/latch.h"
 #include "orvexeng.h"
 
-// Takes the place of a callback. Its first call opens one latch, waits at the other and
-// answers; every further call is answered at once, as it was before.
+// Replaces a callback. Its first call opens one latch, waits at the other and answers;
+// later calls are answered at once, as before.
 //
-// Threads: any may call. Declare it between the host and the threads that ask.
+// Threads: any. Declare it between the host and the threads that ask.
 class HeldHost {
  public:
   using Callback = std::function<int(metadata_input_s&, metadata_output_s&)>;

@@ -1,4 +1,4 @@
-// What concurrent callers saw of a cache, and whether its promises explain it.
+// What concurrent callers saw of a cache, and whether its guarantees explain it.
 #include "harness/history.h"
 
 #include <algorithm>
@@ -12,7 +12,7 @@ bool IsBefore(const EventSpan& a, const EventSpan& b) { return a.end < b.begin; 
 
 bool Overlap(const EventSpan& a, const EventSpan& b) { return !IsBefore(a, b) && !IsBefore(b, a); }
 
-// Whether something happened wholly after the one and wholly before the other.
+// Whether something happened entirely between the two.
 bool IsBetween(const EventSpan& a, const EventSpan& between, const EventSpan& b) {
   return IsBefore(a, between) && IsBefore(between, b);
 }
@@ -96,7 +96,7 @@ class Judge {
     if (!keepsAll_ || !asked.hostWasCalled || !asked.anyWillDo) return "";
     for (const StoredAnswer& stored : file_.stored) {
       if (!stored.kept || !IsStoredFor(asked, stored)) continue;
-      // A removal in the midst of the query, or of the storing, explains it as well.
+      // A removal during the query, or during the store, explains it as well.
       const EventSpan life{stored.span.begin, asked.span.end};
       const bool mayBeGone =
           std::any_of(removals_.begin(), removals_.end(),
@@ -125,8 +125,8 @@ class Judge {
     return Overlap(first.callback, second.callback) && WaitsFor(first, second.query);
   }
 
-  // Who finds the path marked calculates without a mark. The other one marked it after
-  // this one had looked for a mark, and before this one wanted to set its own.
+  // A thread that finds the path marked calculates without a mark. The other one marked it
+  // after this one had looked for a mark and before it tried to set its own.
   bool MayBeUnmarked(const Calculation& calculation) const {
     return std::any_of(file_.calculations.begin(), file_.calculations.end(),
                        [&calculation](const Calculation& other) {
@@ -136,8 +136,8 @@ class Judge {
                        });
   }
 
-  // A stop takes all marks away, and who lost its own that way takes away another one
-  // when it leaves, whose owner then takes away the next.
+  // A stop removes all marks. A thread that lost its own this way removes another's when
+  // it leaves, whose owner then removes the next.
   bool MayHaveMetStop(const Calculation& calculation) const {
     EventSpan reach = calculation.query;
     for (bool grown = true; grown;) {

@@ -1,4 +1,4 @@
-// What concurrent callers saw of a cache, and whether its promises explain it.
+// What concurrent callers saw of a cache, and whether its guarantees explain it.
 #pragma once
 
 #include <cstdint>
@@ -12,8 +12,8 @@ struct EventSpan {
   uint32_t end;
 };
 
-// An answer from the moment it existed until it was stored, or was not to be. Its begin
-// is also its serial.
+// An answer from when it existed until it was stored, or discarded. Its begin is also its
+// serial.
 struct StoredAnswer {
   EventSpan span;
   uint16_t file;
@@ -26,7 +26,7 @@ struct AskedAnswer {
   EventSpan span;
   uint16_t file;
   uint16_t mtime;
-  // Of what came out of the cache; 0 for nothing.
+  // Of what the cache returned; 0 for nothing.
   uint32_t serial;
   bool hostWasCalled;
   // Every answer of the file would have sufficed.
@@ -55,8 +55,8 @@ struct CacheHistory {
   std::vector<Calculation> calculations;
   std::vector<EventSpan> flushes;
   std::vector<EngineStop> stops;
-  // What is stored stays until it is flushed or stopped away: there is room for all of
-  // it, and nobody finds it out of date.
+  // What is stored stays until a flush or a stop: there is room for all of it, and nobody
+  // finds it out of date.
   bool keepsAll = false;
 };
 

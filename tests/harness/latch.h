@@ -1,4 +1,4 @@
-// A door that threads of a test wait at until another one opens it.
+// Threads of a test wait here until another one opens it.
 #pragma once
 
 #include <condition_variable>

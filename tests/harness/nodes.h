@@ -5,7 +5,7 @@
 
 #include "cache/orvex_lru_cache_entries.h"
 
-// From the most to the least recently used. The cache lock is held, or nobody else is there.
+// From the most to the least recently used. Call with the cache lock or without other threads.
 template <typename Node>
 std::vector<const Node*> NodesIn(const LRUCacheEntries& entries) {
   std::vector<const Node*> nodes;

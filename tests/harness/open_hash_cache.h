@@ -1,4 +1,4 @@
-// A hash cache of a test's own, whose inside the test may look at.
+// A separate hash cache whose internals are open to the test.
 #pragma once
 
 #include <functional>

@@ -1,4 +1,4 @@
-// The promise that the inside of a cache keeps, checked from outside.
+// The internal invariants of a cache, checked from outside.
 #pragma once
 
 #include <algorithm>
@@ -10,7 +10,7 @@
 #include "cache/orvex_lru_cache_file_type.h"
 #include "harness/nodes.h"
 
-// Opens what subclasses may see. Never made: it only names the members.
+// Exposes protected members. Never instantiated: it only names them.
 template <typename Key, typename Node, typename Metrics>
 struct OpenedCache : LRUCacheT<Key, Node, Metrics> {
   using Cache = LRUCacheT<Key, Node, Metrics>;
@@ -35,8 +35,8 @@ struct OpenedHashCache : LRUCache {
   }
 };
 
-// What of the promise does not hold, or "" when all of it does. With mixedMasks
-// nodes may share an entry or have none, as keys of different masks make them.
+// Which invariant is violated, or "" if none is. With mixedMasks nodes may share an
+// entry or have none, as keys of different masks make them.
 template <typename Key, typename Node, typename Metrics>
 std::string BrokenInvariant(LRUCacheT<Key, Node, Metrics>& cache, bool mixedMasks = false) {
   using Opened = OpenedCache<Key, Node, Metrics>;

@@ -1,4 +1,4 @@
-// The system's function behind one that a test stands in for.
+// The system function behind one that a test replaces.
 #pragma once
 
 #include <dlfcn.h>
@@ -10,8 +10,8 @@ template <typename Function>
 Function* RealFunction(const char* name) {
   void* real = nullptr;
 #if !ORVEXENG_CHECKS_THREADS
-  // Conditions have two versions, and without a word the older one is handed out.
-  // A race detector's own functions have none, and must not be passed by.
+  // Condition functions have two versions; plain dlsym returns the older one. A race
+  // detector's own functions have none, and must not be bypassed.
   real = dlvsym(RTLD_NEXT, name, "GLIBC_2.3.2");
 #endif
   if (real == nullptr) real = dlsym(RTLD_NEXT, name);

@@ -22,8 +22,8 @@ struct LogRecord {
   std::thread::id thread;
 };
 
-// Receives every message of the library from its construction on. At its end the log is
-// on or off, and of the level, as it was before.
+// Receives every message of the library while it lives. Its destructor restores the
+// log's switch and level.
 //
 // One at a time: the library knows a callback, not an object.
 // Threads: messages may come from any.
@@ -35,7 +35,7 @@ class RecordedLog {
   RecordedLog& operator=(const RecordedLog&) = delete;
 
   std::vector<LogRecord> Records() const;
-  // One line a message: "INFO Init orvex_engine: the text". Takes them away.
+  // One line per message: "INFO Init orvex_engine: the text". Removes them.
   std::string TakeTranscript();
   std::string TakeTranscriptOf(std::thread::id thread);
   // How many messages hold this text.

@@ -1,4 +1,4 @@
-// A clock that tells the time a test wants, and who looked at it.
+// A clock that shows the time a test wants, and counts its readings.
 #include "harness/scripted_clock.h"
 
 #include <sys/syscall.h>

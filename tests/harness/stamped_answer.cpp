@@ -1,4 +1,4 @@
-// Answers that tell which calculation they come from.
+// Answers that show which calculation they come from.
 #include "harness/stamped_answer.h"
 
 #include <algorithm>

@@ -1,4 +1,4 @@
-// Answers that tell which calculation they come from.
+// Answers that show which calculation they come from.
 #pragma once
 
 #include <string>
@@ -6,7 +6,7 @@
 #include "orvexeng.h"
 
 // One calculation. Every byte of its answer follows from these numbers, so that an
-// answer put together from two of them gives itself away.
+// answer mixed from two of them is detected.
 struct Stamp {
   uint16_t file;
   uint16_t mtime;

@@ -1,7 +1,7 @@
 // Runs the test cases of one program, in a directory of their own.
 //
-// The engine is one per process and reads its configuration from the working
-// directory: a test that shared either with another one would see its traces.
+// There is one engine per process, which reads its configuration from the working
+// directory: tests that shared either would affect each other.
 #define DOCTEST_CONFIG_IMPLEMENT
 #include <doctest/doctest.h>
 #include <stdlib.h>

@@ -1,5 +1,5 @@
-// Virtual operations by their place in the table, as a host compiled against an
-// earlier header finds them.
+// Virtual functions by their vtable slot, as a host compiled against an earlier
+// header calls them.
 #pragma once
 
 #include <cstddef>

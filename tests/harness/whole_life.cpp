@@ -1,4 +1,4 @@
-// A life of the engine in which everything happens once.
+// A run of the engine in which everything happens once.
 #include "harness/whole_life.h"
 
 namespace {
@@ -7,7 +7,7 @@ constexpr int kHostFailure = 77;
 
 metadata_input_s Wanting(const char* path, uint32_t parts) {
   metadata_input_s in = InputFor(path);
-  in.fileOperation = KEY_PATH;  // A changed file finds its older self.
+  in.fileOperation = KEY_PATH;  // A changed file finds its older entry.
   in.queryFlags = parts;
   return in;
 }

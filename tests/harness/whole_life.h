@@ -1,4 +1,4 @@
-// A life of the engine in which everything happens once.
+// A run of the engine in which everything happens once.
 #pragma once
 
 #include <functional>
@@ -17,7 +17,7 @@ class WholeLife {
  public:
   WholeLife();
 
-  // What came of each step: "name=code", or "name=thrown" for an exception of a
+  // The result of each step: "name=code", or "name=thrown" for an exception of a
   // callback; for a query followed by resultReady and the bits of the answer, at
   // the end the counters.
   Steps Tell();

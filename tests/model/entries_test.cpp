@@ -20,7 +20,7 @@ struct Numbered {
   int entry = 0;  // the model's
 };
 
-// Both caches, which are told the same and compared after each step.
+// Both caches: given the same operations, compared after each step.
 class Pair {
  public:
   ~Pair() { Clear(); }
