@@ -2,19 +2,19 @@
 # Hosts outside this project that build against the library and run.
 #
 # usage: consumer_test.sh install BUILD_DIRECTORY PREFIX
-#          installs the build, moves what was installed and leaves it in PREFIX;
+#          installs the build and moves it to PREFIX;
 #        consumer_test.sh find PREFIX BITS CC CXX
 #        consumer_test.sh pkg-config PREFIX BITS CC CXX
 #          builds and runs the hosts in C and in C++ against it;
 #        consumer_test.sh refuse PREFIX BITS CC CXX
-#          asks for another word size and other versions, and gets none;
+#          asks for another word size and other versions, and is refused;
 #        consumer_test.sh add SOURCE_DIRECTORY BITS CC CXX
-#          builds and runs them with the library's source as a part of theirs, compiled
-#          in parts and as one;
+#          builds and runs them with the library's source as part of theirs, file by
+#          file and as a unity build;
 #        consumer_test.sh harden SOURCE_DIRECTORY BITS CC CXX
-#          asks how far calls of the C library and indirect jumps are checked;
+#          checks that libc calls are fortified and indirect jumps protected;
 #        consumer_test.sh tool PREFIX [LIBRARY_PATH]
-#          runs the installed orvex-scan, with its other libraries from there.
+#          runs the installed orvex-scan, with its other libraries from LIBRARY_PATH.
 set -eu
 consumers=$(cd "$(dirname "$0")" && pwd)/consumer
 directory=$(mktemp -d)
@@ -34,7 +34,7 @@ configure() {
     -DCMAKE_C_COMPILER="$cc" -DCMAKE_CXX_COMPILER="$cxx" "$@" >"$directory/log" 2>&1
 }
 
-# What the host must use is the library in the prefix and no other.
+# The host must use the library in the prefix and no other.
 usesPrefix() {
   LD_LIBRARY_PATH=${2:-} ldd "$1" | grep liborvexeng | grep -q "$prefix/" ||
     fail "$1 runs with another library than that of $prefix"

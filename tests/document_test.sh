@@ -1,15 +1,15 @@
 #!/bin/sh
-# A document's blocks against what they show. Every fenced block is one of these:
-#   after <!-- file: PATH -->        that file of the source tree, letter for letter;
-#   after <!-- lines: PATH -->       consecutive lines of that file, indentation apart;
-#   after <!-- output: PROGRAM... -->  what each of them prints, engine log lines apart;
-#   after <!-- sample: COMMAND -->   what that command printed once, as it is measured
-#                                    and differs from run to run: the command exists;
+# Checks a document's blocks against what they show. Every fenced block is one of these:
+#   after <!-- file: PATH -->        that file of the source tree, verbatim;
+#   after <!-- lines: PATH -->       consecutive lines of that file, except indentation;
+#   after <!-- output: PROGRAM... -->  what each prints, except engine log lines;
+#   after <!-- sample: COMMAND -->   what that command printed once; it varies from run
+#                                    to run, so only the command is checked to exist;
 #   after <!-- run: TEST... -->      shell commands that this script of tests/ runs;
 #   opened with "sh"                 shell commands: each of them exists.
-# Links within the source tree lead to a file, and to a heading of it if they name one.
-# A command exists when it is a file of the source tree, a target whose program is
-# below build/, or known to the shell.
+# Links within the source tree lead to a file, and to one of its headings if they name one.
+# A command exists if it is a file of the source tree, a target with its program below
+# build/, or known to the shell.
 #
 # usage: document_test.sh DOCUMENT SOURCE_DIRECTORY PROGRAM_DIRECTORY
 set -u
@@ -25,7 +25,7 @@ fail() {
   failures=$((failures + 1))
 }
 
-# Each block into a file of its own, in order, with its kind and name next to it.
+# Writes each block to its own file, in order, with its kind and name next to it.
 awk -v to="$directory" '
   /^ *<!-- (file|lines|output|sample|run): .* -->$/ && !inside {
     marker = $0
@@ -57,14 +57,14 @@ exists() {
   esac
 }
 
-# The first word of each command, past what may stand before it.
+# The first word of each command, after sudo and assignments.
 commands() {
   sed -e ':join' -e '/\\$/{N;s/\\\n/ /;b join' -e '}' "$1" |
     sed 's/\(^\|[ \t]\)#.*//; s/&&\|||\||\|;/\n/g' |
     sed 's/^[ \t]*\(\(sudo\|[A-Za-z_]*=[^ ]*\) \{1,\}\)*//; s/[ \t].*//; /^$/d'
 }
 
-# The lines of a file without their indentation, as one.
+# The lines of a file, joined, without their indentation.
 flat() { sed 's/^ *//' "$1" | tr '\n' '\001'; }
 
 for marker in "$directory"/*.marker; do
@@ -92,10 +92,10 @@ for marker in "$directory"/*.marker; do
   esac
 done
 
-# The headings of a document as the ends of links.
+# The headings of a document as link anchors.
 anchors() { sed -n 's/^##* //p' "$1" | tr '[:upper:] ' '[:lower:]-' | sed 's/[^a-z0-9_-]//g'; }
 
-# Outside of blocks. A link's text may end one line and the link begin the next.
+# Outside blocks. A link's text may end one line and its target begin the next.
 # shellcheck disable=SC2016 # backquotes as they are
 for link in $(sed '/^ *```/,/^ *```/d' "$document" | tr '\n' ' ' | grep -oE '\]\([^) ]+\)' | sed 's/^](//; s/)$//'); do
   case $link in *://*) continue ;; esac

@@ -1,7 +1,7 @@
 #!/bin/sh
-# The manual pages against what there is, both ways: functions with their types,
+# Checks the manual pages against the code, both ways: functions with their types,
 # constants with their values, the fields of records, configuration keys, and the
-# options, exit codes and metrics of orvex-scan where that is built.
+# options, exit codes and metrics of orvex-scan if that is built.
 #
 # usage: documented_test.sh SOURCE_DIRECTORY [ORVEX_SCAN]
 set -u
@@ -18,7 +18,7 @@ directory=$(mktemp -d) || exit 1
 trap 'rm -rf "$directory"' EXIT
 failures=0
 
-# same WHAT: the lines of "there" and "told" are the same ones, in any order.
+# same WHAT: "there" (the code) and "told" (the manual) have the same lines, in any order.
 same() {
   sort "$directory/there" >"$directory/there.sorted"
   sort "$directory/told" >"$directory/told.sorted"
@@ -38,7 +38,7 @@ code=$directory/code
 tr '\n' '\001' <"$header" | sed 's|/\*[^*]*\*\{1,\}\([^/*][^*]*\*\{1,\}\)*/||g' | tr '\001' '\n' |
   awk '/^#/ { print; next } { printf "%s ", $0 } /[;{},] *$/ { print "" }' |
   sed 's/  */ /g; s/^ //; s/ $//' |
-  # A function's parameters may go on in the next line.
+  # A function's parameters may continue on the next line.
   awk '{ printf "%s%s", $0, /^ORVEX_API [^;]*$/ ? " " : "\n" }' >"$code"
 
 sed -n 's/^ORVEX_API \(.*\);$/\1/; s/ *\* */ */g; /^[a-z ]*orvex_[a-z_]*(.*)$/p' "$code" | there

@@ -1,5 +1,5 @@
 #!/bin/sh
-# The public header made into pages without a warning, in a copy of what a fresh clone has.
+# doxygen generates pages from the public header without a warning, in a fresh copy.
 #
 # usage: doxygen_test.sh DOXYGEN SOURCE_DIRECTORY
 set -eu
@@ -10,5 +10,5 @@ cp "$2"/docs/Doxyfile "$2"/docs/doxygen.sed "$directory/docs"
 cp -R "$2/include" "$directory"
 cd "$directory"
 "$1" docs/Doxyfile
-# Had nothing been read there would be nothing to warn of either.
+# Without input there would be no warnings either.
 grep -q orvex_query build/doxygen/orvexeng_8h.html

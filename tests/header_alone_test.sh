@@ -1,5 +1,5 @@
 #!/bin/sh
-# The public headers by themselves, in every language they promise to be usable from.
+# Compiles the public headers alone, in every language version they support.
 #
 # usage: header_alone_test.sh INCLUDE_DIRECTORY COMPILER_FLAG COMPILER...
 # The flag selects the target; compilers are pairs of a C and a C++ compiler.

@@ -19,7 +19,7 @@ skip() {
 
 command -v pkg-config >/dev/null || skip 'no pkg-config: scripts/require pkg-config'
 
-# word NAME COMMAND: what NAME stands for in the document's commands.
+# word NAME COMMAND: makes NAME run COMMAND in the document's commands.
 words=$directory/words
 mkdir "$words"
 word() {
@@ -48,13 +48,13 @@ case $language in
   go)
     command -v go >/dev/null || skip 'no go: scripts/require golang-go'
     case $bits in 32) export GOARCH=386 ;; *) export GOARCH=amd64 ;; esac
-    # Nothing is fetched. The cache is the user's, as compiling Go's own library takes a while.
+    # Nothing is fetched. Uses the user's cache, as compiling Go's library takes a while.
     export CGO_ENABLED=1 CC="$words/cc" CXX="$words/c++" GOPROXY=off
     ;;
 esac
 
 cd "$directory"
-# The commands promise nothing for blanks in the prefix.
+# The commands do not support spaces in the prefix.
 ln -s "$prefix" prefix
 PKG_CONFIG_PATH=$(dirname "$(find "$directory/prefix/" -name orvexeng.pc)")
 export PKG_CONFIG_PATH

@@ -1,6 +1,6 @@
 #!/bin/sh
-# Each layer of the sources uses those below it and none above, and only the uppermost calls
-# what hosts call.
+# Each layer of the sources uses only those below it, and only the top one calls what hosts
+# call.
 #
 # usage: layers_test.sh SOURCES
 set -eu

@@ -15,7 +15,7 @@ fail() {
   failures=$((failures + 1))
 }
 
-# Names as they are linked, without their version.
+# Linker names, without their version.
 exported=$(nm -D --defined-only "$library" | awk '$2 != "A" {sub(/@.*/, "", $3); print $3}' | sort)
 
 functions=$(printf '%s\n' "$exported" | grep -v '^_Z')
@@ -24,7 +24,7 @@ if [ "$functions" != "$(sort "$expectedFunctions")" ]; then
   printf '%s\n' "$functions"
 fi
 
-# A package whose symbols are not those of its library is not built.
+# A package whose symbols differ from its library's cannot be built.
 packaged=$(sed -n "s/^ (arch-bits=$bits)//p; s/^ \([^(]\)/\1/p" "$packageSymbols" |
   sed '/^ORVEXENG_/d; s/@.*//' | sort)
 if [ "$packaged" != "$exported" ]; then

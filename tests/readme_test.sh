@@ -1,10 +1,10 @@
 #!/bin/sh
-# Runs the commands by which the README brings a host to life, but for the first, which
-# installs packages, on a copy of the tree; and looks for what the host prints.
+# Runs the README's commands for building a host, except the first, which installs
+# packages, on a copy of the tree, and checks what the host prints.
 #
 # usage: readme_test.sh SOURCE_DIRECTORY
 set -eu
-directory=$(mktemp -d "${TMPDIR:-/tmp}/a tree.XXXXXX") # Commands that forget quotes fail there.
+directory=$(mktemp -d "${TMPDIR:-/tmp}/a tree.XXXXXX") # Catches unquoted paths.
 trap 'rm -rf "$directory"' EXIT
 tar -C "$1" --exclude=./build --exclude=./.git -cf - . | tar -C "$directory" -xf -
 cd "$directory"

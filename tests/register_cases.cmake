@@ -1,11 +1,11 @@
-# Tells ctest about the cases of a test program: each runs in a process of its own and is
+# Registers the cases of a test program with ctest: each runs in its own process and is
 # named after its source and its sentence. Cases of the test suite "slow" carry that label
 # and may take ten minutes, all others one.
 #
 # usage: cmake -DPROGRAM=... -DPREFIX=... -DPROPERTIES=... -DFILE=... -P register_cases.cmake
 execute_process(COMMAND ${PROGRAM} --reporters=xml --list-test-cases
   OUTPUT_VARIABLE listed COMMAND_ERROR_IS_FATAL ANY)
-# The types of a template are in its name.
+# A template's name includes its types.
 string(REPLACE "&lt;" "<" listed "${listed}")
 if(listed MATCHES "<TestCase name=\"([^\"]*[&;][^\"]*)\"")
   message(FATAL_ERROR "A test's sentence may hold none of these: & ; \"\n${CMAKE_MATCH_1}")
@@ -21,10 +21,10 @@ foreach(case IN LISTS cases)
   string(REGEX REPLACE ".* filename=\"([^\"]*/)?([^\"]*)\\.cpp\".*" "\\2" source "${case}")
   set(limits "TIMEOUT 60")
   if(case MATCHES " testsuite=\"slow\"")
-    # COST: they begin before the others, so that none of them is left alone at the end.
+    # COST: they start first, so that none is left running alone at the end.
     set(limits "TIMEOUT 600 LABELS slow COST 10")
   endif()
-  # The framework splits a filter at commas.
+  # doctest splits filters at commas.
   string(REPLACE "," "\\," filter "${name}")
   set(test "[==[${PREFIX}/${source}: ${name}]==]")
   string(APPEND script

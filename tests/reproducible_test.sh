@@ -1,5 +1,5 @@
 #!/bin/sh
-# The same source gives the same library, byte for byte, wherever it lies.
+# The same source builds the same library, byte for byte, in any directory.
 #
 # usage: reproducible_test.sh SOURCE_DIRECTORY BITS CC CXX
 set -eu

@@ -1,5 +1,5 @@
-# Tests of the source tree, which come out the same from every build: its documents, and
-# what hosts and packagers make of it.
+# Tests of the source tree, with the same result in every build: its documents, and what
+# hosts and packagers do with it.
 
 # usage: orvexeng_add_tree_test(SENTENCE [SLOW] COMMAND...)
 function(orvexeng_add_tree_test sentence)
@@ -11,7 +11,7 @@ function(orvexeng_add_tree_test sentence)
   endif()
 endfunction()
 
-# Both compilers and both widths where they are there.
+# Both compilers and both widths where available.
 find_program(ORVEXENG_CLANG clang)
 find_program(ORVEXENG_CLANGXX clang++)
 set(headerCompilers ${CMAKE_C_COMPILER} ${CMAKE_CXX_COMPILER})
@@ -46,7 +46,7 @@ if(ORVEXENG_BITS EQUAL 32)
     SLOW COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/readme_test.sh ${PROJECT_SOURCE_DIR})
 endif()
 
-# What the documents show is what there is.
+# The documents show what the code does.
 file(GLOB documents CONFIGURE_DEPENDS RELATIVE ${PROJECT_SOURCE_DIR}
   ${PROJECT_SOURCE_DIR}/*.md ${PROJECT_SOURCE_DIR}/bench/*.md ${PROJECT_SOURCE_DIR}/docs/*.md)
 foreach(document IN LISTS documents)

@@ -1,6 +1,6 @@
 #!/bin/sh
-# The sentences in italics that end the numbered sections of a document are the test cases
-# of a source, in the same order, and there are as many sections.
+# The italic sentences that end the numbered sections of a document name the test cases
+# of a source, in the same order, one per section.
 #
 # usage: using_document_test.sh DOCUMENT SOURCE
 set -u
