@@ -28,7 +28,7 @@ const char* const kTenZeros =
     "numOfCacheUpdateMetaDataSuccess=0, numOfCacheUpdateMetaDataFailure=0, "
     "numOfHelpFuncCalled=0, numOfWaitInHashCalculation=0";
 
-// Lines of a drain that never saw the one thread inside leave.
+// The lines of a drain during which the one thread inside never leaves.
 void AppendFullDrain(std::string& transcript, const char* threads) {
   const std::string head = "WARNING DeinitLRUCache orvex_lru_cache: Deinit LRUCache: ";
   for (int retry = 0; retry < 10; ++retry) {
@@ -47,7 +47,7 @@ bool ServesWithoutSet(OpenHashCache& cache, const std::function<void()>& action)
   return serves;
 }
 
-// A record that cannot be written to until somebody tried.
+// A record in memory that is read-only until the first write.
 class GuardedRecord {
  public:
   explicit GuardedRecord(OpenHashCache& cache)

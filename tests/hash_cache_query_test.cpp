@@ -35,14 +35,14 @@ bool IsBeingCalculated(OpenHashCache& cache, const char* path) {
   return cache.calHashSet.paths.count(path) != 0;
 }
 
-// Does something of the test's own between the lookup and what follows it.
+// Runs a hook of the test between the lookup and what follows.
 class InterruptedCache : public OpenHashCache {
  public:
   int QueryLRUCache(metadata_input_s* in, metadata_output_s* out) override {
     const int result = OpenHashCache::QueryLRUCache(in, out);
     return afterLookup(result);
   }
-  // As if another thread had come to calculate the path.
+  // As if another thread had started to calculate the path.
   void MarkAfterLookup(const char* path) {
     afterLookup = [this, path](int result) {
       const ORVEX_ScopeLock guard(&calHashSet.condLock);
@@ -50,7 +50,7 @@ class InterruptedCache : public OpenHashCache {
       return result;
     };
   }
-  // As if a stop had come as far as the set.
+  // As if a stop had reached the set.
   void StopSetAfterLookup() {
     afterLookup = [this](int result) {
       const ORVEX_ScopeLock guard(&calHashSet.condLock);
@@ -108,13 +108,13 @@ struct SharedRecord {
 
 const std::string kQueryLine = "DEBUG Query orvex_lru_cache: ";
 
-// What a thread says that slept until "/a" was free.
+// What a thread logs that slept until "/a" was free.
 const std::string kSlept =
     Lines({"INFO PreWaitLogFunc orvex_set: [CalHashSet] File hash is calculating, wait for "
            "signal: /a",
            "INFO PostWaitLogFunc orvex_set: [CalHashSet] File hash is calculating, signaled: /a"});
 
-// What a query for "/a" says that looked up another path, found nothing and asked the host.
+// What a query for "/a" logs that looked up another path, found nothing and asked the host.
 std::string CalculatedAfterMissOf(const std::string& path) {
   return Lines({kQueryLine + "Free to calculate file hash: /a",
                 "DEBUG QueryLRUCache orvex_lru_cache: Cache query: cache miss, " + path,
@@ -453,7 +453,7 @@ TEST_CASE("queries of other paths do not sleep and count no wait") {
   const auto answer = cache.onHash;
   cache.onHash = [&](metadata_input_s& in, metadata_output_s& out) {
     if (std::string(in.path) != "/a") return answer(in, out);
-    // Enough that some look like the one that is being calculated.
+    // Enough that some share a count with the one being calculated.
     for (int i = 0; i < 1000; ++i) cache.Ask(("/" + std::to_string(i)).c_str());
     return 0;
   };
@@ -768,7 +768,7 @@ TEST_CASE("a query that meets a stop after its lookup logs nothing at FATAL") {
 }
 
 TEST_CASE("a lookup with an unknown result ends the query with 0") {
-  const RecordedLog log;  // Whoever tells no step looks up without asking a subclass.
+  const RecordedLog log;  // A lookup that logs nothing skips the subclass.
   InterruptedCache cache;
   cache.InitLRUCache();
   cache.afterLookup = [](int) { return 7; };
@@ -923,7 +923,7 @@ TEST_CASE("the predicate of a set holds for its own paths while it is active") {
 }
 
 TEST_CASE("paths that are calculated at once are told apart until the last of them leaves") {
-  // They begin alike, and some are how others begin.
+  // They begin alike, and some are prefixes of others.
   std::vector<std::string> paths;
   for (size_t i = 0; i < 8; ++i) {
     for (const char* end : {"", "a", "b", "c", "aa"}) {

@@ -1,8 +1,8 @@
 // Short histories of many threads, each judged afterwards by what its callers saw.
 //
-// Each ends with nobody left who could wake a thread by chance, as the crowd of a longer
-// run does. Thirty of each mix, ten under a sanitizer, or as many as ORVEXENG_HISTORIES
-// says, from the seed ORVEXENG_HISTORY_SEED on.
+// At the end of each, no thread is left that could wake another by chance, as in a longer
+// run. Thirty of each mix, ten under a sanitizer, or as many as ORVEXENG_HISTORIES says,
+// from the seed ORVEXENG_HISTORY_SEED on.
 #include <doctest/doctest.h>
 #include <sched.h>
 
@@ -62,8 +62,8 @@ struct Mix {
   bool KeepsAll() const { return capacities == 0 && otherMtime == 0; }
 };
 
-// Relaxed: a locked addition orders everything on x86 as it is, and a stronger one would
-// hide races from a detector.
+// Relaxed: a locked add is a full barrier on x86 anyway, and a stronger order would hide
+// races from a detector.
 std::atomic<uint32_t> lastEvent{0};
 uint32_t Now() { return lastEvent.fetch_add(1, std::memory_order_relaxed) + 1; }
 
@@ -128,7 +128,7 @@ class Caller {
 
   CacheHistory hash;
   CacheHistory type;
-  // The first thing of its own that was not as it should be.
+  // The first error it saw itself.
   std::string wrong;
   long hashQueries = 0;
   long hashCalls = 0;
@@ -149,13 +149,13 @@ class Caller {
   uint32_t Below(uint32_t limit) { return static_cast<uint32_t>(random_()) % limit; }
   bool OfHundred(uint32_t chances) { return Below(100) < chances; }
   int AnyCache() { return OfHundred(50) ? ORVEX_HASH_CACHE : ORVEX_FILE_TYPE_CACHE; }
-  // Processors are few: without it one callback would hardly ever meet another.
+  // Processors are few: without it callbacks would hardly ever overlap.
   void StandBack() {
     for (uint32_t i = Below(4); i > 0; --i) sched_yield();
   }
   Stamp StampOf(const OwnAnswer& answer) const { return {file_, mtime_, answer.serial}; }
 
-  // Half of the time where the others are too: all go through the files together.
+  // Half of the time where the others are: all go through the files together.
   void ChooseFile() {
     const uint32_t place = OfHundred(50) ? done_ * kFiles / kOperations + Below(3) : Below(kFiles);
     file_ = static_cast<uint16_t>(place % kFiles);
@@ -197,7 +197,7 @@ class Caller {
     span.end = Now();
     LookAtAnswer(in, out, span, code);
     delete[] out.signers;
-    // Who starts the engine again needs a processor, too.
+    // The thread that restarts the engine needs a processor, too.
     if (code == ORVEX_NOT_INITIALISED) sched_yield();
   }
 
@@ -306,7 +306,7 @@ class Life {
   std::string WrongInLife() {
     orvex_set_cache_capacity(ORVEX_HASH_CACHE, ORVEX_MAX_CAPACITY);
     orvex_set_cache_capacity(ORVEX_FILE_TYPE_CACHE, ORVEX_MAX_CAPACITY);
-    // Queries that keep their messages do the same things elsewhere.
+    // Queries that log run through other code.
     ORVEX_StoreRelaxed(ORVEX_LOG_BASE::LogLevel, Below(2) == 0 ? ORVEX_LOG_DEBUG : ORVEX_LOG_ERROR);
     if (Start() != ORVEX_OK) return "the engine does not start";
     RunThreads();
@@ -336,8 +336,8 @@ class Life {
   }
   uint32_t Below(uint32_t limit) { return static_cast<uint32_t>(random_()) % limit; }
 
-  // Ends the program when some do not come back: when nothing has happened for long,
-  // nothing will. Such threads can be neither joined nor left behind.
+  // Ends the program if some do not return: after a long time without progress there will
+  // be none. Such threads can be neither joined nor abandoned.
   void RunThreads() {
     threadsOut_ = callers_.size() + (mix_.stops ? 1 : 0);
     std::vector<std::thread> threads;
@@ -392,7 +392,7 @@ class Life {
       type_.stops.push_back(stop);
     }
   }
-  // Waits for so many events of the callers, if there are as many.
+  // Waits for that many events of the callers, if there are as many.
   void LetHappen(uint32_t events) {
     for (const uint32_t begin = lastEvent; lastEvent - begin < events && !IsAlone();) sched_yield();
   }

@@ -245,7 +245,7 @@ bool StartsAndAsks() {
   return orvex_init(&callbacks) == 0 && Asks();
 }
 
-// What the functions answer once the library has come to its end. None says a word.
+// What the functions return once the library has been destroyed. None logs anything.
 bool LibraryIsOver() {
   const int linesBefore = linesLogged;
   metadata_query_fptrs_s callbacks{FillRecord, FillRecord};
@@ -278,7 +278,7 @@ void ExpectTheEnd() { handlerIsContent = LibraryIsOver(); }
 
 void AskAndStop() { handlerIsContent = Asks() && orvex_deinit() == 0; }
 
-// Before the objects below, and so the last of all to go.
+// Constructed before the objects below, so destroyed last.
 struct LastToGo {
   ~LastToGo() {
     if (decides) _exit(handlerIsContent && LibraryIsOver() ? 0 : 1);

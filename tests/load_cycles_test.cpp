@@ -12,7 +12,7 @@
 #include "harness/sanitizers.h"
 #include "orvexeng.h"
 
-// There under a leak checker only, which must not report what is left on purpose.
+// Defined only by a leak checker, which must not report what is left on purpose.
 extern "C" __attribute__((weak)) void __lsan_disable();
 extern "C" __attribute__((weak)) void __lsan_enable();
 
@@ -29,7 +29,7 @@ Mappings MappedNow() {
   Mappings mapped;
   std::ifstream maps("/proc/self/maps");
   for (std::string line; std::getline(maps, line);) {
-    // The heap comes and goes in pieces of its own.
+    // Not anonymous memory: the heap grows in its own steps.
     if (line.find('/') == std::string::npos) continue;
     ++mapped.all;
     if (line.find("liborvexeng") != std::string::npos) ++mapped.ofLibrary;
@@ -115,6 +115,6 @@ TEST_CASE("a thousand loads without a stop leave nothing of entries with short p
   if (__lsan_disable != nullptr) __lsan_disable();
   const long left = Left(false);
   if (__lsan_enable != nullptr) __lsan_enable();
-  // Longer paths and signers would stay: nobody ends the nodes.
+  // Longer paths and signers would leak: nobody destroys the nodes.
   CHECK(left == 0);
 }

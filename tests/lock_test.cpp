@@ -27,7 +27,7 @@ struct Waiting {
     ++self.sleeps;
     self.asleep.Open();
   }
-  // For a thread whose locks fail: the latch locks as well.
+  // For a thread whose locks fail: a latch locks too.
   static bool WantsThreeSleeps(void* arg) {
     return ++static_cast<Waiting*>(arg)->predicateCalls < 4;
   }
@@ -337,7 +337,7 @@ TEST_CASE("a waiter without pre- and post-wait callbacks looks again after each 
   bool waited = false;
   unsigned int result = 99;
   {
-    FailingPThread failing;  // Every sleep ends at once, as if woken for nothing.
+    FailingPThread failing;  // Every sleep ends at once, a spurious wake-up.
     failing.waitError = 22;
     result = waiting.condition.Wait(waited, callbacks);
   }

@@ -25,7 +25,7 @@ bool localTimeFails = false;
 
 }  // namespace
 
-// As the system's own does when the year would not fit.
+// As the system's does when the year would not fit.
 extern "C" tm* localtime_r(const time_t* when, tm* local) noexcept {
   static auto* const real = RealFunction<tm*(const time_t*, tm*)>("localtime_r");
   return localTimeFails ? nullptr : real(when, local);
@@ -172,7 +172,7 @@ TEST_CASE("with a callback nothing goes to standard output") {
 }
 
 TEST_CASE("without a callback a message is one flushed line on standard output") {
-  // A zone whose local time cannot be taken for the zone of the machine.
+  // A zone that cannot be mistaken for the machine's.
   setenv("TZ", "XYZ-05:47", 1);
   CapturedOutput output;
   const time_t before = time(nullptr);

@@ -25,7 +25,7 @@ metadata_input_s FileAt(const char* path, uint32_t mask = kAllKeyBits) {
   return in;
 }
 
-// A host's own cache with no more than it must have; its parts are open to the tests.
+// A host's own minimal cache; its parts are open to the tests.
 template <typename Key, typename Node, typename Metrics>
 class BareCache : public LRUCacheT<Key, Node, Metrics> {
  public:
@@ -96,7 +96,7 @@ using BareFileTypeCache = BareCache<LRUCacheKey, FileTypeCacheNode, FileTypeCach
 
 int liveNodes = 0;
 
-// The size is all there is to files here.
+// Here only the size identifies a file.
 struct SizeKey {
   SizeKey() = default;
   explicit SizeKey(metadata_input_s& in) { Read(in); }

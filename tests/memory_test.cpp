@@ -1,4 +1,4 @@
-// That the caches give back all the memory they take.
+// The caches free all the memory they allocate.
 #include <doctest/doctest.h>
 
 #include <memory>
@@ -16,14 +16,14 @@ namespace {
 
 const char* const kLongPath = "/a/path/of/more/characters/than/a/string/holds/in/itself";
 
-// A path of its own for each number, every other one too long for a string to
-// hold in itself.
+// A different path for each number, every other one too long for the small-string
+// buffer.
 std::string PathOf(int number) {
   return (number % 2 == 0 ? "/" : kLongPath) + std::to_string(number);
 }
 
-// How many allocations the work leaves behind. The test framework allocates as
-// well: check nothing in there.
+// How many allocations the work leaks. The test framework allocates too: check
+// nothing in there.
 template <typename Work>
 long LeftBehindBy(Work work) {
   RecordedLog quiet(ORVEX_LOG_FATAL);

@@ -35,7 +35,7 @@ TEST_CASE("a new node is empty but for the time it was made") {
 
 TEST_CASE("the digests and numbers of a new node are zero wherever it is made") {
   alignas(LRUCacheNode) unsigned char memory[sizeof(LRUCacheNode)];
-  // volatile, for a compiler may know that a new object knows nothing of them.
+  // volatile: otherwise the compiler may assume that a new object does not see them.
   for (volatile unsigned char& byte : memory) byte = 0xff;
   auto* const node = new (memory) LRUCacheNode;
   const auto isZero = [](const auto& field) {
@@ -123,7 +123,7 @@ TEST_CASE("a size or mtime that was never given is not given back") {
 }
 
 TEST_CASE("each digest is stored, assigned and given back by its own bit") {
-  // Each set of them: what is done about one does not depend on another.
+  // Every subset: handling one does not depend on another.
   for (unsigned int chosen = 0; chosen < 16; ++chosen) {
     CAPTURE(chosen);
     uint32_t parts = 0;
@@ -293,7 +293,7 @@ TEST_CASE("an answer can take feedback back to 0") {
 TEST_CASE("a node that was never given feedback answers 0 with the bit") {
   metadata_input_s in = FileOf(0, 0);
   Answer out;
-  out.feedback = 7;  // Without its bit this says nothing.
+  out.feedback = 7;  // Ignored without its bit.
   LRUCacheNode node(in, out);
   Answer back;
   back.feedback = 9;

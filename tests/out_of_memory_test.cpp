@@ -1,8 +1,8 @@
-// Every allocation of every exported function fails once, and from there on.
+// Every allocation of every exported function fails, either once or from then on.
 //
-// A story is told afresh for each point: it is prepared with memory, called
-// without, judged, and told again with memory, from another thread too. The
-// framework allocates, so a point collects what is wrong in a text first.
+// A story runs afresh for each point: prepared with memory, called without, judged,
+// and run again with memory, from another thread too. The framework allocates, so a
+// point collects errors in a text first.
 #include <doctest/doctest.h>
 
 #include <algorithm>
@@ -29,12 +29,12 @@
 
 namespace {
 
-// Longer than a string holds in itself.
+// Longer than the small-string buffer.
 const char* const kPath = "/a/path/of/more/characters/than/a/string/holds/in/itself";
 const char* const kOther = "/another/path/of/more/characters/than/a/string/holds";
 const char* const kSigner = "Kelda";
 
-// Longer than what a query keeps without memory.
+// Longer than what a query keeps without allocating.
 const std::string kVeryLongPath = "/" + std::string(300, 'x');
 
 constexpr int kNullPathThrown = 1000;
@@ -148,9 +148,9 @@ struct Point {
   std::string wrong;
 };
 
-// Tells a story with its first allocation failing, its second, and so on, until
-// none is left to fail; with both kinds of failure. Prints and returns how many
-// points there were.
+// Runs a story with its first allocation failing, its second, and so on, until none
+// is left to fail, with both kinds of failure. Prints and returns the number of
+// points.
 int CountPoints(const char* function, const char* story,
                 const std::function<Point(int allocation, bool fromThereOn)>& tell) {
   int points = 0;
@@ -176,7 +176,7 @@ struct QueryStory {
   bool hasAnswer = true;  // a cache-only miss has none
 };
 
-// Judges a query that ran out of memory; "" when it did as promised.
+// Judges a query that ran out of memory; "" if it behaved as promised.
 std::string Judge(const QueryStory& story, const Stage& stage, int code,
                   const metadata_output_s& out, const std::vector<std::string>& before,
                   int failures) {
@@ -241,7 +241,7 @@ void CacheAnother(Stage& stage, uint32_t parts) {
   stage.engine.Query(other, out);
 }
 
-// As many as the index takes of files whose numbers are the same.
+// As many files with equal numbers as the index takes.
 void CacheLinks(Stage& stage) {
   for (int i = 0; i < 128; ++i) {
     const std::string path = "/" + std::to_string(i);
@@ -252,7 +252,7 @@ void CacheLinks(Stage& stage) {
   }
 }
 
-// An older self of the file is cached, found because mtime is not in the key.
+// An older version of the file is cached, found because mtime is not in the key.
 void CacheOlderSelf(Stage& stage, uint32_t parts) {
   stage.in.fileOperation = KEY_PATH;
   stage.Cache(parts);
@@ -469,7 +469,7 @@ TEST_CASE("a calculating thread that runs out of memory releases those that wait
             code = stage.Ask(out);
             point.failures = failing.failures;
           }
-          // A leader that never came so far leaves the waiter to be the first.
+          // If the leader never got so far, the waiter is the first.
           held.mayAnswer.Open();
           held.entered.Open();
           waiter.join();
@@ -604,7 +604,7 @@ TEST_CASE("a node that cannot be inserted stays the caller's whichever allocatio
             if (code == 2 && HashCache().InsertCacheNode(key, node.get()) != 0) {
               point.wrong = "not inserted with memory";
             }
-            node.release();  // The cache's by now.
+            node.release();  // Owned by the cache by now.
             if (point.wrong.empty()) point.wrong = BrokenInvariantOfIdleCaches();
           }
           if (point.wrong.empty() && LiveAllocations() != liveBefore) point.wrong = "leaked";
@@ -649,8 +649,8 @@ Point TellStart(const char* settings, int allocation, bool fromThereOn) {
     code = orvex_init(&callbacks);
     point.failures = failing.failures;
   }
-  // A file that the C library has no memory to open is a file not opened, which
-  // never keeps the engine from starting.
+  // A file that cannot be opened for lack of memory never keeps the engine from
+  // starting.
   const bool mayStart = point.failures == 0 || errorsOpeningConfig == 1;
   if (code != 2 && !(code == 0 && mayStart)) point.wrong = "gave " + std::to_string(code);
   if (orvex_get_status() != (code == 0 ? 101 : 100)) point.wrong = "code and status disagree";
@@ -676,7 +676,7 @@ TEST_CASE("an engine that runs out of memory while it starts gives 2 and starts 
   int total = 0;
   for (const auto& story : stories) {
     CAPTURE(story.name);
-    // What one start with memory adds to the configuration, which keeps all.
+    // What one start with memory adds to the configuration, which keeps everything.
     TellStart(story.settings, 0, false);
     const long liveBefore = LiveAllocations();
     TellStart(story.settings, 0, false);
@@ -759,7 +759,7 @@ TEST_CASE("no other function needs memory at all") {
   }
 }
 
-// What a single failure leaves of an answer, which no story above looks into.
+// What a single failure leaves of an answer, which no story above checks.
 
 TEST_CASE("signers that cannot be stored leave the node without any") {
   metadata_input_s in = InputFor("/a");

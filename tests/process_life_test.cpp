@@ -37,7 +37,7 @@ struct HostIsLost {};
 char FirstByte(const char* path) { return path[std::strlen(path) - 1]; }
 
 // Answers with the last character of the path, so that an answer about another
-// file is seen. ctx, if any, is a reason to throw.
+// file is noticed. Throws if ctx is not null.
 int AnswerHash(metadata_input_s* in, metadata_output_s* out, void* ctx) {
   if (ctx != nullptr) throw HostIsLost();
   if ((in->queryFlags & QUERY_SIGNERS) != 0) GiveSigners(*out, {in->path});
@@ -88,7 +88,7 @@ Asked Ask(int number, uint32_t parts, uint32_t invOperation = INV_KEEP_IN_CACHE,
   return asked;
 }
 
-// Threads that ask all sorts of things until told to stop.
+// Threads that run all kinds of queries until told to stop.
 class Load {
  public:
   explicit Load(int threads) {
@@ -103,7 +103,7 @@ class Load {
     for (std::thread& thread : threads_) {
       if (thread.joinable()) thread.join();
     }
-    // What a query stored that outlived the last stop.
+    // Stored by a query that outlived the last stop.
     orvex_flush_cache(ORVEX_HASH_CACHE);
     orvex_flush_cache(ORVEX_FILE_TYPE_CACHE);
   }
@@ -210,12 +210,12 @@ std::atomic<int> signalsSeen{0};
 
 void CountSignal(int) { ++signalsSeen; }
 
-// Signals for the length of a scope, of the kind that queues, ten thousand a second, dealt out in
-// turn to the thread that made it and those of the load. They cut calls of the system short.
+// Queued signals within a scope, ten thousand a second, sent in turn to the thread that made it
+// and those of the load. They interrupt system calls.
 class SignalRain {
  public:
   explicit SignalRain(Load& load) : targets_(load.Threads()) {
-    // For good: a signal under way must find it.
+    // Permanent: a pending signal must find it.
     struct sigaction counting {};
     counting.sa_handler = CountSignal;
     sigaction(SIGRTMIN, &counting, nullptr);
@@ -269,7 +269,7 @@ TEST_CASE("ten thousand signals a second change no answer and delay no stop" *
       CHECK(load.wrongAnswers == 0);
       CHECK(load.wrongCodes == 0);
       queries += load.queries;
-      // Who outlived the stop may have stored since then.
+      // A query that outlived the stop may have stored since.
       CHECK(BrokenInvariant(HashCache()) == "");
       CHECK(BrokenInvariant(TypeCache()) == "");
     }
@@ -329,7 +329,7 @@ TEST_CASE("a stop under load takes its two seconds at most" * doctest::test_suit
   load.Stop();
   CHECK(wrong == 0);
   CHECK(load.wrongCodes == 0);
-  // On a machine that has nothing else to do; elsewhere the test above counts.
+  // On an idle machine; elsewhere the test above counts.
   if (IsDeepForm()) CHECK(longest < 2.2);
   std::printf("%d stops with real pauses, the longest %.2f s\n", kCycles, longest);
 }
@@ -399,7 +399,7 @@ void DoEverything(unsigned int seed, Clock::time_point end, std::atomic<long>& c
 
 TEST_CASE("a soak of everything at once keeps memory flat" * doctest::test_suite("slow")) {
   const char* const asked = std::getenv("ORVEXENG_SOAK_SECONDS");
-  // A sanitizer's own memory grows: it looks for other things, which take no time.
+  // A sanitizer's own memory grows; it looks for other faults, which need no soak.
   const int shortForm = ORVEXENG_CHECKS_MEMORY || ORVEXENG_CHECKS_THREADS ? 3 : 10;
   const int seconds = asked != nullptr ? std::atoi(asked) : InDeepForm(300, shortForm);
   const int kRounds = 20;

@@ -42,7 +42,7 @@ bool IsFilledWith(const uint8_t (&bytes)[kLength], int byte) {
   return true;
 }
 
-// Some threads at one cache.
+// Some threads sharing one cache.
 class Scene {
  public:
   explicit Scene(const char* name) : name_(name) { ORVEX_LOG_BASE::LogEnable = false; }
@@ -160,7 +160,7 @@ TEST_CASE("threads that ask for one path all get one answer, whatever their orde
       REQUIRE(counted.Query == static_cast<int>(threads));
       REQUIRE(counted.Miss == scene.calls);
       REQUIRE(counted.numOfHelpFuncCalled == scene.calls);
-      // Who waited found the answer.
+      // The waiting thread found the answer.
       REQUIRE(counted.numOfWaitInHashCalculation + scene.calls <= static_cast<int>(threads));
       REQUIRE(scene.cache->ThreadsInside() == 0);
       REQUIRE(scene.cache->PathsInOrder() == Paths{"/a"});
@@ -257,7 +257,7 @@ TEST_CASE("every thread leaves a cache that is stopped, whatever the order") {
       REQUIRE(scene.cache->ThreadsInside() == 0);
       REQUIRE_FALSE(scene.cache->IsInit());
       REQUIRE_FALSE(scene.cache->calHashSet.active);
-      // It starts afresh; an answer that came too late for the stop is in it.
+      // It starts afresh, with any answer that came too late for the stop.
       scene.cache->InitLRUCache();
       REQUIRE(scene.cache->entries_.Size() <= 1);
       REQUIRE(scene.cache->Ask("/a") == 0);

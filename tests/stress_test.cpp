@@ -1,4 +1,4 @@
-// Many threads at everything at once, and sums that must be exact when they are done.
+// Many threads doing everything at once, and sums that must be exact when they are done.
 //
 // Ten million operations, a tenth of that under a sanitizer, or as many as
 // ORVEXENG_STRESS_OPERATIONS says.
@@ -35,7 +35,7 @@ constexpr int kFailed = 77;
 constexpr uint32_t kFiles = 200;
 constexpr uint32_t kHotFiles = 4;
 
-// That many of a hundred.
+// That percentage of all operations.
 long Operations(long percent) {
   const char* const wanted = std::getenv("ORVEXENG_STRESS_OPERATIONS");
   return (wanted != nullptr ? std::atol(wanted) : kOperations) / 100 * percent;
@@ -117,7 +117,7 @@ class Worker {
     if (wantsHash && code == ORVEX_OK && out.resultReady == 1 && hashCalls == callsBefore) ++hits;
     if (code == ORVEX_NOT_INITIALISED || code == ORVEX_CACHE_NOT_INITIALISED) {
       ++refusals;
-      sched_yield();  // Who starts the engine again needs a processor, too.
+      sched_yield();  // The thread that restarts the engine needs a processor, too.
     } else if (code != ORVEX_OK && code != kFailed) {
       Report("code " + std::to_string(code));
     }
@@ -133,7 +133,7 @@ class Worker {
     ++pushes;
   }
 
-  // Reads the counters, which only grow unless somebody sets them back.
+  // Reads the counters, which only grow unless somebody resets them.
   void LookAtMetrics() {
     orvex_metrics_s now{};
     unsigned int size = 0;
@@ -159,7 +159,7 @@ class Worker {
     } else if (what < 9'990) {
       orvex_flush_cache(dice_.OneIn(2) ? ORVEX_HASH_CACHE : ORVEX_FILE_TYPE_CACHE);
     } else if (what < 9'992) {
-      // For as long as the dumps take, everybody's messages are made.
+      // While the dumps run, all threads' messages are formatted.
       ORVEX_StoreRelaxed(ORVEX_LOG_BASE::LogLevel, ORVEX_LOG_DEBUG);
       orvex_dump_cache();
       orvex_dump_metrics();
@@ -201,7 +201,7 @@ class Worker {
   long pushes = 0;
   long refusals = 0;
   long exceptions = 0;
-  // The first thing that was not as it should be.
+  // The first error.
   std::string wrong;
 
  private:
@@ -219,7 +219,7 @@ class Worker {
     return in;
   }
   Stamp NewStamp() const { return {file_, mtime_, ++lastSerial}; }
-  // Two processors see little of each other otherwise.
+  // Otherwise two processors rarely interfere.
   void MayStandBack() {
     if (dice_.OneIn(4)) sched_yield();
   }

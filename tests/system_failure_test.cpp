@@ -1,7 +1,7 @@
-// Every call of the system that the library makes fails, once and from there on.
+// Every system call that the library makes fails, either once or from then on.
 //
-// The measure is a life in which nothing failed: whatever the system refuses, the
-// host is to see the same codes, answers and counters.
+// The reference is a run without failures: whatever the system refuses, the host must
+// see the same codes, answers and counters.
 #include <doctest/doctest.h>
 #include <errno.h>
 #include <sys/resource.h>
@@ -210,7 +210,7 @@ TEST_CASE("a lock that fails in a waiting thread leaves it neither hanging nor u
         // The message first: other threads send others.
         if (std::strstr(message, "wait for signal") == nullptr || opened) return;
         opened = true;
-        // Not from here: the latch locks as well.
+        // Not from here: the latch locks too.
         opener = std::thread([&] {
           held.mayAnswer.Open();
           leader.wait();
@@ -295,7 +295,7 @@ TEST_CASE("a waiter whose broadcast failed is woken by the next one") {
   EngineUnderTest engine;
   FailingPThread* leadersSystem = nullptr;
   HeldHost held(engine.host.onHash, [&](metadata_input_s& in, metadata_output_s& out) {
-    // Not before: the latches broadcast as well.
+    // Not before: the latches broadcast too.
     leadersSystem->broadcastError = EINVAL;
     return Host::AnswerHash(in, out);
   });

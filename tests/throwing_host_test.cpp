@@ -17,7 +17,7 @@
 
 namespace {
 
-// Something that no handler of the standard exceptions catches.
+// Not caught by handlers of std::exception.
 struct HostIsLost {};
 
 std::atomic<int> messages{0};

@@ -1,5 +1,5 @@
-// Whole stories as the log tells them: level, function, file and text of every
-// message, in order.
+// Whole stories as logged: level, function, file and text of every message, in
+// order.
 #include <doctest/doctest.h>
 
 #include <fstream>
@@ -30,14 +30,14 @@ const std::string kHashStopped =
     "DEBUG DeinitLRUCache orvex_lru_cache: Deinit LRUCache successfully";
 const std::string kEngineStopping = "WARNING Deinit orvex_engine: Kelda Inventory Engine deinit";
 
-// What a query says from its free path on until the host is asked.
+// What a query logs from finding its path free until it asks the host.
 std::string UntilTheHostIsAsked(const std::string& path, const std::string& lookup) {
   return Lines({kQuery + "Free to calculate file hash: " + path, lookup,
                 kQuery + "[CalHashSet] Insert CalHashSet succeed: " + path,
                 kQuery + "Calling query callback for file " + path});
 }
 
-// What it says once the path is left.
+// What it logs once the path is unmarked.
 std::string Leaving(const std::string& path) {
   return Lines({kQuery + "[CalHashSet] Erase CalHashSet succeed: " + path, kDone + path});
 }
@@ -164,7 +164,7 @@ TEST_CASE("the story of waiting and being woken") {
   CHECK(first.get() == 0);
   CHECK(second.get() == 0);
   std::string ofWaiter = log.TakeTranscriptOf(waiter);
-  // A wake-up for nothing puts the thread to sleep once more and tells so.
+  // A spurious wake-up puts the thread back to sleep and is logged.
   const std::string oneSleep =
       Lines({"INFO PreWaitLogFunc orvex_set: [CalHashSet] File hash is calculating, wait for "
              "signal: /a",

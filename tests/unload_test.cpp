@@ -74,8 +74,8 @@ TEST_CASE("a library that was used and stopped is gone after the last close") {
   }
 }
 
-// Entries of an engine that nobody stopped are never freed, which a search for
-// leaks rightly reports.
+// Entries of an engine that nobody stopped are never freed, which a leak checker
+// rightly reports.
 constexpr bool kLeaksAreReported = ORVEXENG_CHECKS_MEMORY;
 
 TEST_CASE("a library that was closed without a stop is gone too and starts afresh" *

@@ -197,7 +197,7 @@ TEST_CASE("one calculation serves the threads that waited for it only if its ans
 }
 
 TEST_CASE("a file whose mtime was set back is another file once its ctime is part of fileID") {
-  // The finaliser of a well-known generator: a change of one bit reaches all.
+  // A well-known mixing function: changing one bit affects all.
   const auto mixed = [](uint64_t inode, uint64_t ctime) {
     uint64_t mix = inode * 0x9e3779b97f4a7c15u + ctime;
     mix = (mix ^ (mix >> 30)) * 0xbf58476d1ce4e5b9u;
@@ -345,7 +345,7 @@ TEST_CASE("signers that a C host makes and frees with the drop-in are kept, copi
   CHECK(SignersIn(second) == Names{"", "Second"});
   free_signers(&second);
   CHECK(second.queryFlags == (QUERY_SIZE | QUERY_MTIME | QUERY_FEEDBACK));
-  // More than a 32-bit process can hold; a larger one might really be given it.
+  // More than a 32-bit process can hold; a 64-bit one might really get it.
   if (sizeof(void*) == 4) CHECK(new_signers(&second, UINT32_MAX / 2) == nullptr);
 }
 

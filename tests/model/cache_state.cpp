@@ -1,4 +1,4 @@
-// What the caches hold, as both engines show it for comparison.
+// What the caches hold, as both engines expose it for comparison.
 #include "model/cache_state.h"
 
 #include "model/text.h"

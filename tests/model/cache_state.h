@@ -1,4 +1,4 @@
-// What the caches hold, as both engines show it for comparison.
+// What the caches hold, as both engines expose it for comparison.
 #pragma once
 
 #include <array>

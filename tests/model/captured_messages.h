@@ -3,7 +3,7 @@
 
 #include <string>
 
-// Hears what is logged through Hear while it lives; one at a time.
+// Collects what is logged through Hear while it lives; one at a time.
 //
 // Threads: one.
 class CapturedMessages {

@@ -20,7 +20,7 @@ const char* const kKeys[] = {"LogEnable",       "LogLevel",      "DatabaseEnable
 
 int AnswerNothing(metadata_input_s* /*in*/, metadata_output_s* /*out*/, void* /*ctx*/) { return 0; }
 
-// A file in memory with a path, for it costs less than one on a disk.
+// An in-memory file with a path: cheaper than one on disk.
 class ConfigFile {
  public:
   explicit ConfigFile(const std::string& content)
@@ -48,7 +48,7 @@ std::string Start(EngineInterface& engine) {
   metadata_query_fptrs_s callbacks = {&AnswerNothing, &AnswerNothing};
   std::string text;
   Append(text, "init ", engine.Init(&callbacks), "\n");
-  // Whatever level was set, a dump at the end shows what passes.
+  // Whatever level was set, a dump at the end shows what is logged.
   engine.DumpCache();
   engine.DumpMetrics();
   EngineState state;

@@ -1,4 +1,4 @@
-// One story, told to the engine and to its model.
+// One story, run by the engine and by its model.
 #include "model/duel.h"
 
 #include <sys/stat.h>
@@ -14,8 +14,8 @@
 
 namespace {
 
-// Above this many nodes the caches are compared at every so many steps only;
-// messages and results still are at each.
+// Above this many nodes the caches are compared only every so many steps; messages
+// and results still are at each.
 constexpr size_t kManyNodes = 256;
 constexpr size_t kStepsBetweenLooks = 61;
 

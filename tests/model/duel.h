@@ -1,4 +1,4 @@
-// One story, told to the engine and to its model.
+// One story, run by the engine and by its model.
 #pragma once
 
 #include <cstdint>

@@ -1,4 +1,4 @@
-// What a host can do with an engine, so that one story can be told to two of them.
+// What a host can do with an engine, so that two of them can run one story.
 #pragma once
 
 #include <string>

@@ -104,7 +104,7 @@ class Pair {
   int nodes_ = 0;
 };
 
-// Few enough values that keys meet in some fields and differ in others.
+// Few enough values that keys agree in some fields and differ in others.
 class Keys {
  public:
   explicit Keys(unsigned int seed) : random_(seed) {}
@@ -209,7 +209,7 @@ TEST_CASE("a key at the maximum probe distance is found after a removal moves it
   Pair pair;
   metadata_input_s in{};
   in.fileOperation = KEY_SIZE;
-  // By the cell where its search begins, the upper 13 bits of the hash.
+  // By the cell where its probing begins, the upper 13 bits of the hash.
   const auto beginningAt = [&](uint32_t cell, uint32_t rest) {
     in.size = NumberToHash(kFactorOfSizes, cell << 19 | rest, 1);
     return in;

@@ -32,8 +32,8 @@ bool SameFile(uint32_t mask, const ModelKey& left, const ModelKey& right);
 // map it belongs to, 0 for none.
 //
 // As long as all keys have one mask the cache is a vector and nothing else.
-// Keys of different masks have no order, and what a lookup finds among them
-// hangs on the shape of the map: the first of them makes a map of the same kind,
+// Keys of different masks are not comparable, and what a lookup finds among them
+// depends on the shape of the map: the first of them creates a map of the same kind,
 // which is kept until no entry is left.
 template <typename Node>
 class ModelCache {

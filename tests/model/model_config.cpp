@@ -17,7 +17,7 @@ void ModelConfig::Read(const std::string& content) {
   while (start < content.size()) {
     size_t end = content.find('\n', start);
     if (end == std::string::npos) end = content.size();
-    // Too long a line ends the reading, and so does one that leaves the first mebibyte.
+    // An overlong line ends the reading, and so does one that crosses the first mebibyte.
     if (end - start >= 255 || end + (end < content.size()) > kMebibyte) return;
     const std::string line = content.substr(start, end - start);
     ReadLine(line.substr(0, line.find('\0')));

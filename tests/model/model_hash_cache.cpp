@@ -82,7 +82,7 @@ int ModelHashCache::Calculate(const std::string& path, metadata_input_s* in, met
     {
       const ModelScope scope(log_, "LRUCache::MetaQueryCallback");
       log_(kDebug, "Query", kModelCacheFile, "Calling query callback for file %s", path.c_str());
-      // Counted when the call is over, whatever came of it.
+      // Counted when the call is over, whatever its result.
       struct CountCall {
         int64_t& calls;
         ~CountCall() { ++calls; }

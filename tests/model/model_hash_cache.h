@@ -83,7 +83,7 @@ class ModelHashCache {
   ModelCache<ModelHashNode> cache_;
 };
 
-// A count that goes up here and down on every way out.
+// A count incremented here and decremented on every way out.
 class ModelCount {
  public:
   explicit ModelCount(int& count) : count_(count) { ++count_; }
@@ -95,7 +95,7 @@ class ModelCount {
   int& count_;
 };
 
-// What a capacity asked for comes to.
+// The effective capacity for a requested one.
 inline unsigned int CapacityOf(unsigned int wanted) {
   return wanted >= 1 && wanted <= ORVEX_MAX_CAPACITY ? wanted : ORVEX_MAX_CAPACITY;
 }

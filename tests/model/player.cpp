@@ -1,4 +1,4 @@
-// A host that plays a story to one engine and notes all that it sees.
+// A host that runs a story on one engine and records everything it sees.
 #include "model/player.h"
 
 #include <fcntl.h>
@@ -300,7 +300,7 @@ void Player::RunNested(const Operation& operation) {
 
 void Player::Mutate(bool isHash, metadata_input_s& in, const Operation& operation) const {
   const uint8_t choice = operation.bytes[place::kMutation];
-  // A file type callback that leads its query to a path being answered would hang it.
+  // A file type callback that redirects its query to a path being answered would hang it.
   const bool mayLead = isHash || beingAnswered_.empty();
   switch (choice & 15) {
     case 8:

@@ -1,4 +1,4 @@
-// A host that plays a story to one engine and notes all that it sees.
+// A host that runs a story on one engine and records everything it sees.
 #pragma once
 
 #include <cstdint>
@@ -11,14 +11,14 @@
 #include "model/operation.h"
 #include "model/ticking_clock.h"
 
-// Two players of one story see the same if their engines behave the same. Each
-// has a clock, a directory and output records of its own.
+// Two players of one story see the same if their engines behave the same. Each has
+// its own clock, directory and output records.
 //
 // Threads: one; players take turns.
 class Player {
  public:
-  // The directory exists already. portable leaves out of the trace what is
-  // promised to differ between targets.
+  // The directory exists already. portable leaves out of the trace what is documented
+  // to differ between targets.
   Player(EngineInterface& engine, const Operations& operations, const std::string& directory,
          CapturedOutput& output, bool portable);
   ~Player();
@@ -53,8 +53,8 @@ class Player {
   void Mutate(bool isHash, metadata_input_s& in, const Operation& operation) const;
   void NoteMessage(char callback, unsigned int level, const char* function, const char* file,
                    std::string message, unsigned int length);
-  // Takes out of a message what rightly differs between players, and between
-  // targets if that is wanted. Whether its length is left the same on all of them.
+  // Removes from a message what may differ between players, and between targets if
+  // asked to. Returns whether its length is then the same on all of them.
   bool MakeComparable(std::string& message) const;
   void NoteOutput();
   void NoteRecord(const metadata_output_s& out);
@@ -69,7 +69,7 @@ class Player {
   size_t next_ = 0;
   int depth_ = 0;
   bool hasLogCallback_ = false;
-  // Whose hash callback runs right now: asking for them again would hang.
+  // Paths whose hash callback is running: asking for them again would hang.
   std::set<std::string> beingAnswered_;
   const void* lastIn_ = nullptr;
   const void* lastOut_ = nullptr;

@@ -16,7 +16,7 @@ inline uint64_t Fingerprint(std::string_view bytes, uint64_t start = 0xcbf29ce48
   return print;
 }
 
-// An empty string prints as 0, to be told at a glance.
+// An empty string prints as 0, to stand out.
 inline uint32_t Print(std::string_view bytes) {
   return bytes.empty() ? 0 : static_cast<uint32_t>(Fingerprint(bytes));
 }

@@ -16,7 +16,7 @@
 
 namespace {
 
-// A longer story after this is better than none when the test's time is up.
+// After this a longer story is better than none when the test times out.
 constexpr std::chrono::seconds kMostShrinking{120};
 
 }  // namespace

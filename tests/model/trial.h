@@ -16,7 +16,7 @@ constexpr int kCpuSecondsPerStory = 20;
 // Called again, it starts over.
 void LimitStory();
 
-// Runs body in a child process and tells how it ended: empty when body returned
+// Runs body in a child process and returns how it ended: empty if body returned
 // true, otherwise "a difference", "killed by signal 11" or the like. The child has
 // the CPU time of one story, unless body calls LimitStory for more.
 std::string RunApart(const std::function<bool()>& body);
@@ -38,10 +38,9 @@ class SharedNumber {
 // Whether the story fails: differs, crashes or hangs.
 bool Fails(const Operations& operations);
 
-// As short a story that still fails as can be had by leaving out steps and
-// zeroing bytes.
+// The shortest story that still fails, found by leaving out steps and zeroing
+// bytes.
 Operations Shrunk(Operations operations);
 
-// What goes wrong in a failing story, with the story itself as the corpus
-// keeps it.
+// What goes wrong in a failing story, with the story in corpus form.
 std::string Report(const Operations& operations);

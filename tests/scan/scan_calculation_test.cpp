@@ -1,4 +1,4 @@
-// The callbacks behind the engine, when a file does not stay what it was.
+// The callbacks behind the engine, when files change under them.
 #include <doctest/doctest.h>
 #include <unistd.h>
 
@@ -56,7 +56,7 @@ TEST_CASE("a failure is not kept: the file is calculated as soon as it can be") 
   CalculatingHost host;
   const std::string path = directory.Write("in/file", "x");
   const Identity identity = IdentityOf(path, false);
-  // With its directory, so that the file itself stays what it is.
+  // With its directory, so that the file itself does not change.
   std::filesystem::rename(directory.PathOf("in"), directory.PathOf("moved"));
   Calculation failing(&host.tools, identity, host.rules);
   CHECK(host.Query(path, identity, &failing) != 0);

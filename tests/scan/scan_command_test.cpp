@@ -97,7 +97,7 @@ TEST_CASE("the second pass is answered from the cache") {
 TEST_CASE("files just written are calculated again in each pass, and counted") {
   const TemporaryDirectory directory;
   for (int i = 0; i < 3; ++i) directory.Write("in/" + std::to_string(i), "x");
-  // With one file that is older than any test. Its name may be a link.
+  // With one file older than any test. Its name may be a link.
   const ScanRun run = RunScan(directory.path(), "--json - --follow in /bin/sh");
   const nlohmann::json report = run.Json();
   for (const auto& pass : report["passes"]) CHECK(pass["unsettled"] == 3);
@@ -273,7 +273,7 @@ TEST_CASE("types and signers are looked for only where they are wanted") {
   CHECK_FALSE(FileIn(report, "in/signed.exe").contains("signature"));
   CHECK(report["passes"][0]["fileTypeCache"]["callbacks"] == 0);
   CHECK(report["passes"][1]["hashCache"]["hits"] == 1);
-  // An answer that lacks them does not serve where they are wanted.
+  // An answer without them does not do where they are wanted.
   const nlohmann::json all = RunScan(directory.path(), scan + "in").Json();
   CHECK(Contains(all["notes"][0], "another --no-type or --no-signers"));
   CHECK(FileIn(all, "in/signed.exe")["answer"]["unverifiedSigners"][0] == "Signer");
@@ -405,7 +405,7 @@ TEST_CASE("a report that cannot be written is a failure") {
 TEST_CASE("threads that cannot be created mean fewer threads and a note") {
   const TemporaryDirectory directory;
   for (int i = 0; i < 50; ++i) directory.Write("in/" + std::to_string(i), "x");
-  // A user of few processes: the superuser has no such limit.
+  // A user with a process limit: root has none.
   const std::string user =
       geteuid() == 0 ? "setpriv --reuid 54321 --regid 54321 --clear-groups " : "";
   if (OutputOf("/", user + "test -x " ORVEX_SCAN " && echo done") != "done\n") {
@@ -443,7 +443,7 @@ TEST_CASE("a failing standard output is a failure and affects nothing else") {
     CAPTURE(output);
     std::filesystem::remove(directory.PathOf("snapshot"));
     std::filesystem::remove(directory.PathOf("report"));
-    // More than a buffer holds, so that the table fails in its midst.
+    // More than a buffer holds, so that the table fails halfway.
     const std::string scan =
         ORVEX_SCAN " --settle 0 --passes 100 --json report --snapshot snapshot in";
     CHECK(OutputOf(directory.path(), "{ " + scan + "; echo $? >code; } " + output) == "");

@@ -18,7 +18,7 @@ namespace {
 
 std::atomic<int> updates{0};
 
-// Those of "abc", as their standards tell them.
+// Those of "abc", from the standards.
 const struct {
   const char* name;
   const char* digest;
@@ -31,7 +31,7 @@ const struct {
               {"sha512-256", "53048e2681941ef99b2e29b76b4c7dabe4c2d0c634fc6d46e0e2f13107e7af23"},
               {"sm3", "66c7f0f462eeedd9d1f2d46bdc10e4e24167c4875cf2f7a2297da02b8f4ba8e0"}};
 
-// What of the answer is a digest, by its name.
+// The digests in the answer, by name.
 nlohmann::json DigestsIn(const nlohmann::json& report) {
   nlohmann::json digests;
   for (const auto& [name, value] : report["files"][0]["answer"].items()) {

@@ -1,4 +1,4 @@
-// --exec: what runs is told, from the file that runs, once for each answer.
+// --exec: what runs is reported, from the file that runs, once for each answer.
 #include <doctest/doctest.h>
 #include <fcntl.h>
 #include <sched.h>
@@ -196,8 +196,8 @@ TEST_CASE("executions dropped by the system's queue are counted as lost" *
     MESSAGE("not tried: the queue takes ", mostQueued, " events");
     return;
   }
-  // No program at all, but opened as if it were. Each name that comes and goes is another
-  // one to the kernel, which would count the same one once, and the same file to the tool.
+  // Not a program, but opened like one. Each short-lived name is a new one to the kernel,
+  // which would merge equal ones, and the same file to the tool.
   const std::string file = mount.directory().Write("file", "x");
   fs::permissions(file, fs::perms::owner_all);
   const std::string name = mount.directory().PathOf("name");

@@ -1,4 +1,4 @@
-// What tells a file from its older self, and when that can be relied on.
+// What distinguishes a file from its earlier version, and when that is reliable.
 #include <doctest/doctest.h>
 #include <fcntl.h>
 #include <openssl/evp.h>

@@ -1,4 +1,4 @@
-// The report for programs: as its schema says, and true.
+// The report for programs: follows its schema, and is true.
 #include <doctest/doctest.h>
 
 #include <filesystem>
@@ -16,8 +16,8 @@ namespace {
 
 using nlohmann::json;
 
-// As much of JSON Schema as the schema uses. A word that is not known here is a fault too:
-// a check that is skipped would pass for one that holds.
+// As much of JSON Schema as the schema uses. An unknown keyword is an error too: a check
+// that is skipped would look like one that passed.
 class Schema {
  public:
   explicit Schema(json schema) : root_(std::move(schema)) {}

@@ -1,4 +1,4 @@
-// The figures for monitoring: every format says the same, and says it as it must.
+// The figures for monitoring: every format is valid and says the same.
 #include <doctest/doctest.h>
 
 #include <map>

@@ -1,4 +1,4 @@
-// What the command line refuses, and in which words.
+// What the command line refuses, and with which message.
 #include <doctest/doctest.h>
 
 #include <string>

@@ -1,4 +1,4 @@
-// Signers of PE files, and tables made to harm.
+// Signers of PE files, and hostile tables.
 #include <doctest/doctest.h>
 
 #include <algorithm>

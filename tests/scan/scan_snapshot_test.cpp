@@ -1,4 +1,4 @@
-// A scan that starts with what an earlier one found out.
+// A scan that starts from what an earlier one found.
 #include <doctest/doctest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -19,7 +19,7 @@ constexpr const char kScan[] = "--json - --settle 0 --passes 1 --snapshot snapsh
 
 constexpr orvexscan::SnapshotRules kRules{orvexscan::IdentityMode::kCtime, 0};
 
-// The snapshot with the first such part replaced, and with the checksum to match.
+// The snapshot with the first such part replaced, and a matching checksum.
 std::string Edited(const std::string& snapshot, const std::string& part, const std::string& other) {
   const size_t at = snapshot.find(part);
   REQUIRE(at != std::string::npos);
@@ -37,8 +37,8 @@ std::string SnapshotIn(const TemporaryDirectory& directory) {
   return OutputOf(directory.path(), "cat snapshot");
 }
 
-// Whether a run that finds the snapshot as it is says so in one line, ignores it, and
-// leaves a good one behind.
+// Whether a run that finds this snapshot reports it in one line, ignores it, and leaves a
+// good one behind.
 void CheckIgnored(const TemporaryDirectory& directory, const std::string& reason,
                   const std::string& arguments = kScan) {
   CAPTURE(reason);
@@ -193,7 +193,7 @@ TEST_CASE("a snapshot of too many files or bytes is ignored") {
   directory.Write("in/file", "x");
   Report(directory);
   const std::string good = SnapshotIn(directory);
-  // Counted before a single one is looked at: these are no files at all.
+  // Counted before any is parsed: these are not files at all.
   const std::string text =
       good.substr(0, good.rfind("sha256 ")) + std::string(orvexscan::kMostSnapshotFiles, '\n');
   CHECK_THROWS_WITH(orvexscan::Snapshot(kRules).Parse(orvexscan::WithChecksum(text)),

@@ -1,4 +1,4 @@
-// What is said, and how.
+// Texts for people: escaping and error messages.
 #include <doctest/doctest.h>
 
 #include <cerrno>
@@ -43,10 +43,10 @@ TEST_CASE("text for a terminal keeps its letters and shows all else as bytes") {
               {"back\\slash", "back\\\\slash"},
               {"\xff\xfe", "\\xff\\xfe"},
               {"\xc2\x9b", "\\xc2\\x9b"},           // a control character of two bytes
-              {"\xe2\x80\xae", "\\xe2\\x80\\xae"},  // turns the text round
+              {"\xe2\x80\xae", "\\xe2\\x80\\xae"},  // reverses the text
               {"cut \xe2\x82", "cut \\xe2\\x82"},
-              {"\xc0\xaf", "\\xc0\\xaf"},            // a slash in a longer form
-              {"\xed\xa0\x80", "\\xed\\xa0\\x80"}};  // half a pair
+              {"\xc0\xaf", "\\xc0\\xaf"},            // an overlong slash
+              {"\xed\xa0\x80", "\\xed\\xa0\\x80"}};  // half a surrogate pair
   for (const auto& row : rows) {
     CAPTURE(row.shown);
     CHECK(Printable(row.bytes) == row.shown);

@@ -24,8 +24,8 @@ std::string Short(const std::string& content) {
   return OutputOf(directory.path(), "sha256sum file").substr(0, 12);
 }
 
-// Everything that follows is judged by lines, so the order of two writes is kept by
-// reading the line of the first.
+// Tests check line by line, so two writes are ordered by reading the line of the first
+// in between.
 void CheckNext(WatchingScan* scan, const std::string& what, const std::string& path,
                const std::string& digests) {
   const ChangeLine change = scan->Next();

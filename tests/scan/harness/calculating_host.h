@@ -38,7 +38,7 @@ class CalculatingHost {
     return code;
   }
 
-  // Whether the hash cache holds an answer, which is digest then.
+  // Whether the hash cache holds an answer; digest is set to it.
   bool IsCached(const std::string& path, const orvexscan::Identity& identity) {
     metadata_input_s in = orvexscan::QueryFor(path, identity);
     in.invOperation |= INV_CACHE_ONLY;

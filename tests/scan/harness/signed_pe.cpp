@@ -30,7 +30,7 @@ void AddToSubject(X509_NAME* subject, const char* field, const std::string& text
                                      static_cast<int>(text.size()), -1, 0) == 1);
 }
 
-// A common name longer than the standard's 64 characters, as a hostile file can have it.
+// A common name longer than the standard's 64 characters, as a hostile file may have.
 void AddCommonName(X509_NAME* subject, const std::string& text) {
   X509_NAME_ENTRY* entry = nullptr;
   Require(X509_NAME_ENTRY_create_by_NID(&entry, NID_commonName, V_ASN1_UTF8STRING,

@@ -19,7 +19,7 @@ Bytes Signature(const std::vector<SubjectName>& signers, const std::vector<Bytes
                 bool withCertificates = true);
 Bytes Signature(const std::string& commonName);
 
-// One with a signer, and so many certificates that no signer needs.
+// One with a signer, and this many certificates that no signer needs.
 Bytes SignatureWithCertificates(size_t idle);
 
 // One entry of a certificate table, padded as such entries are. length is what its

@@ -18,7 +18,7 @@ struct ChangeLine {
 
 // The tool as a child process.
 //
-// Reading waits for what the tool says, for as long as the test may run.
+// Reading waits for the tool's output, for as long as the test may run.
 class WatchingScan {
  public:
   // Starts the tool with the arguments, in the directory, and waits until it watches.
@@ -26,26 +26,26 @@ class WatchingScan {
   // The same, as the last words of another command, or watching for something else.
   WatchingScan(const std::string& directory, const std::vector<std::string>& command,
                const std::vector<std::string>& arguments, const std::string& mode = "--watch");
-  // Kills what has not been ended.
+  // Kills the tool if it is still running.
   ~WatchingScan();
   WatchingScan(const WatchingScan&) = delete;
   WatchingScan& operator=(const WatchingScan&) = delete;
 
   // All lines on standard error up to the one that says it is watching, that one too.
   const std::string& greeting() const { return greeting_; }
-  // The next line; throws if there is none any more.
+  // The next line; throws at the end.
   std::string NextLine();
-  // The next change; throws if the tool says none any more.
+  // The next change; throws if there are no more.
   ChangeLine Next();
-  // Reads changes up to one that is what of the path, whose digests end like that.
+  // Reads changes up to one of this kind and path whose digests end like that.
   ChangeLine Await(const std::string& what, const std::string& path, const std::string& end);
 
   void Send(int signal);
   // Returns once a signal has stopped the tool.
   void AwaitStop();
-  // Waits for its end and returns the exit code, or the negative number of a signal.
+  // Waits for it to exit and returns the exit code, or a signal's negative number.
   int ExitCode();
-  // What it printed besides the changes that were read; to be called after ExitCode.
+  // What it printed besides the changes already read; call after ExitCode.
   std::string Rest();
 
  private:
