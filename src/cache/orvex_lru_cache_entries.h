@@ -177,11 +177,7 @@ class ORVEX_LOCAL LRUCacheEntries {
   template <typename AnyKey>
   LRUCacheSlot FindInIndex(const AnyKey& key, uint32_t hash) const {
     return tables_->index.Find(hash, [this, &key](LRUCacheSlot slot) {
-      // Prefetch the node while the keys are compared.
-      const Place& place = PlaceOf(slot);
-      const auto* const line = reinterpret_cast<const Line*>(&place);
-      for (int following = 1; following < 4; ++following) __builtin_prefetch(line + following);
-      return AreEqual(key, place, tables_->texts[slot]);
+      return AreEqual(key, PlaceOf(slot), tables_->texts[slot]);
     });
   }
 
