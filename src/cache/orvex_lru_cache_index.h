@@ -25,9 +25,10 @@ class LRUCacheIndex {
   LRUCacheSlot Find(uint32_t hash, const Fits& fits) const {
     size_t at = HomeOf(hash);
     for (size_t probe = 0; probe < kLongestProbe && cells_[at] != 0; ++probe, at = Next(at)) {
-      // If the hashes agree, only the slot is left.
+      // If the hashes agree, only the slot is left, and its key nearly always fits.
       const uint32_t rest = cells_[at] ^ Cell(hash, 0);
-      if (rest == SlotIn(rest) && fits(SlotIn(rest))) return SlotIn(rest);
+      const auto slot = static_cast<LRUCacheSlot>(rest);
+      if (rest < 1U << kSlotBits && __builtin_expect(fits(slot), true)) return slot;
     }
     return 0;
   }
