@@ -975,3 +975,22 @@ TEST_CASE("the messages around a sleep name the path and need one") {
                "INFO PostWaitLogFunc orvex_set: [CalHashSet] File hash is calculating, signaled: "
                "/a"}));
 }
+
+TEST_CASE("a store keeps one reading of a record that changes while it takes the lock") {
+  OpenHashCache cache;
+  metadata_input_s in = InputFor("/a");
+  Answer out;
+  GiveDigests(out, kAllDigests, 1);
+  {
+    FailingPThread system;
+    system.onLock = [&] {
+      in.path = "/b";
+      in.size = 7;
+    };
+    cache.UpdateCache(&in, &out);
+  }
+  Answer found;
+  CHECK(cache.Look(InputFor("/a"), found) == LRU_HIT);
+  CHECK(found.size == 1000);
+  CHECK(cache.PathsInOrder() == Paths{"/a"});
+}

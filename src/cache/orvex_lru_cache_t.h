@@ -77,19 +77,20 @@ class ORVEX_API LRUCacheT {
       ORVEX_EXCLUDES(lock) {
     if (metaOut == nullptr || metaIn == nullptr) return ORVEX_INVALID_PARAMETER;
     // Read once: the host may change a shared record on another thread.
-    const LRUCacheKeyView key(*metaIn);
+    metadata_input_s in = *metaIn;
+    const LRUCacheKeyView key(in);
     const uint32_t hash = HashOf(key);
     const ORVEX_MutexGuard guard(&lock);
     const bool talks = Talks() || !isFinal_;
     try {
-      if (talks) key_.Read(*metaIn);
+      if (talks) key_.Read(in);
       const LRUCacheSlot slot = talks ? entries_.Find(key_) : entries_.Find(key, hash);
       if (slot == 0) {
-        Insert(key, hash, new (entries_.MemoryForNode()) Node(*metaIn, *metaOut), talks);
+        Insert(key, hash, new (entries_.MemoryForNode()) Node(in, *metaOut), talks);
       } else {
         // The key shares the text that is about to change.
         if (NodeIn(slot)->path != key.path) entries_.CopyText(slot);
-        NodeIn(slot)->SetDataToCacheNode(*metaIn, *metaOut);
+        NodeIn(slot)->SetDataToCacheNode(in, *metaOut);
         Use(slot, talks);
       }
       return ORVEX_OK;
@@ -153,7 +154,7 @@ class ORVEX_API LRUCacheT {
       NodeIn(slot)->Dump();
     }
   }
-  // Returns an LRU_LOOKUP. Allocates only for a copy of the key or the ordered view.
+  // Returns an LRU_LOOKUP. Allocates only for signers, a copy of the key or the ordered view.
   virtual int QueryLRUCache(metadata_input_s* metaIn, metadata_output_s* metaOut)
       ORVEX_EXCLUDES(lock) = 0;
   // Evicts the least recently used nodes beyond the capacity.
@@ -260,8 +261,8 @@ class ORVEX_API LRUCacheT {
   alignas(kCacheLineBytes) bool active = false;
   // In nodes. LRUCacheNodeWipe evicts what exceeds it.
   unsigned int capacity ORVEX_GUARDED_BY(lock) = ORVEX_MAX_CAPACITY;
-  // True if no subclass overrides LRUCacheNodeUpdate: a store that is not logged then uses the
-  // record itself as the key and copies no text for it.
+  // True, from the first start on, if no subclass overrides LRUCacheNodeUpdate: a store that is not
+  // logged then uses the record itself as the key and copies no text for it.
   bool isFinal_ ORVEX_GUARDED_BY(lock) = false;
   // Null until registered; survives flush and stop. An atomic, written under the lock.
   orvex_query_cb queryCallback = nullptr;
