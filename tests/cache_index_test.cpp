@@ -85,12 +85,17 @@ class CacheOfFiles {
     Answer out;
     return cache.QueryLRUCache(&in, &out) == LRU_HIT;
   }
+  size_t Size() { return SizeOf(cache); }
   // A node next to one that may be there under the same key.
   void InsertBeside(const File& file, uint32_t fields) { InsertBesideIn(cache, file, fields); }
 
   Cache cache;
 
  private:
+  template <typename Node, typename Metrics>
+  static size_t SizeOf(LRUCacheT<LRUCacheKey, Node, Metrics>& cache) {
+    return OpenedCache<LRUCacheKey, Node, Metrics>::Entries(cache).Size();
+  }
   template <typename Node, typename Metrics>
   static void InsertBesideIn(LRUCacheT<LRUCacheKey, Node, Metrics>& cache, const File& file,
                              uint32_t fields) {
@@ -101,27 +106,56 @@ class CacheOfFiles {
   }
 };
 
-// Stores the even ones of many files and looks all of them up. Leaks nothing.
+// Stores the even ones of many files, each twice, and looks all of them up. Leaks nothing.
 template <typename Cache>
 void CheckThatEvenOnesAreFound(const std::vector<File>& files, uint32_t fields) {
   std::vector<bool> found(files.size());
   int refused = 0;
+  size_t held = 0;
   const long before = LiveAllocations();
   {
     CacheOfFiles<Cache> cache;
-    for (size_t i = 0; i < files.size(); i += 2) {
-      if (cache.Store(files[i], fields) != 0) ++refused;
+    for (int times = 0; times < 2; ++times) {
+      for (size_t i = 0; i < files.size(); i += 2) {
+        if (cache.Store(files[i], fields) != 0) ++refused;
+      }
     }
+    held = cache.Size();
     for (size_t i = 0; i < files.size(); ++i) found[i] = cache.Holds(files[i], fields);
   }
   const long left = LiveAllocations() - before;
   CHECK(refused == 0);
+  CHECK(held == (files.size() + 1) / 2);
   CHECK(left == 0);
   for (size_t i = 0; i < files.size(); ++i) {
     CAPTURE(files[i].path);
     CAPTURE(files[i].size);
     CHECK(found[i] == (i % 2 == 0));
   }
+}
+
+// Stores the files in random order and checks that a dump lists them in the one given.
+template <typename Cache>
+void CheckThatDumpIsInOrder(const std::vector<File>& files, uint32_t fields) {
+  CacheOfFiles<Cache> cache;
+  std::vector<File> shuffled = files;
+  std::shuffle(shuffled.begin(), shuffled.end(), std::mt19937(1));
+  for (const File& file : shuffled) cache.Store(file, fields);
+  const RecordedLog log;
+  cache.cache.DumpCache();
+  std::vector<std::string> paths;
+  for (const LogRecord& record : log.Records()) {
+    const size_t path = record.text.find("path=");
+    if (record.function != "Dump" || record.text.rfind("Key: ", 0) != 0) continue;
+    paths.push_back(record.text.substr(path + 5));
+  }
+  std::vector<std::string> expected;
+  for (const File& file : files) {
+    expected.push_back(file.path + ", size=" + std::to_string(file.size) + ", mtime=" +
+                       std::to_string(file.mtime) + ", deviceID=" + std::to_string(file.deviceID) +
+                       ", fileID=" + std::to_string(file.fileID));
+  }
+  CHECK(paths == expected);
 }
 
 using Insertions = std::vector<size_t>;
@@ -285,6 +319,26 @@ TEST_CASE_TEMPLATE("names of one file are found even if memory ran out when they
   CHECK(points > 1);
 }
 
+TEST_CASE_TEMPLATE("many files that have fields in common are dumped in the order of the others",
+                   Cache, LRUCache, FileTypeCache) {
+  std::vector<File> files;
+  for (uint64_t i = 0; i < 96; ++i) {
+    files.push_back({i < 48 ? "/a" : "/b", i / 16 % 3, i % 4, i / 8 % 2, i / 4 % 2});
+  }
+  CheckThatDumpIsInOrder<Cache>(files, kAllKeyBits);
+}
+
+TEST_CASE_TEMPLATE("fields that do not count change nothing in the order of a dump", Cache,
+                   LRUCache, FileTypeCache) {
+  std::vector<File> files;
+  for (uint64_t i = 0; i < 64; ++i)
+    files.push_back({PathNumber(i * 37 % 64), i * 11 % 64, i, i * 7 % 64, 64 - i});
+  CheckThatDumpIsInOrder<Cache>(files, KEY_FILE_ID);
+  for (uint64_t i = 0; i < 64; ++i)
+    files[i] = {PathNumber(i * 37 % 64), i, 64 - i, i * 7 % 64, i * 11 % 64};
+  CheckThatDumpIsInOrder<Cache>(files, KEY_SIZE);
+}
+
 TEST_CASE_TEMPLATE("files that are told apart by their numbers are not kept in order", Cache,
                    LRUCache, FileTypeCache) {
   std::vector<File> files;
@@ -343,6 +397,21 @@ TEST_CASE_TEMPLATE("an entry is removed with its node, and keys that shared it a
   for (uint64_t i = 2; i < 5; ++i) files.Store({"/a", i, i}, kAllKeyBits);
   CHECK_FALSE(files.Holds(file, kAllKeyBits));
   CHECK(BrokenInvariant(files.cache) == "");
+}
+
+TEST_CASE_TEMPLATE("after mixed masks an evicted file is not found once no entry was left", Cache,
+                   LRUCache, FileTypeCache) {
+  const RecordedLog quiet(ORVEX_LOG_FATAL);
+  CacheOfFiles<Cache> files;
+  files.Store({"/a", 1, 1}, KEY_SIZE);
+  for (int i = 0; i < 2; ++i) files.InsertBeside({"/b", 2, 2}, KEY_SIZE | KEY_PATH);
+  // Of the nodes of one entry the first takes it along, and one without an entry is left.
+  files.cache.SetCapacity(1);
+  files.cache.SetCapacity(2);
+  files.Store({"/c", 3, 3}, KEY_SIZE);
+  CHECK(files.Size() == 2);
+  CHECK_FALSE(files.Holds({"/a", 1, 1}, KEY_SIZE));
+  CHECK(BrokenInvariant(files.cache, true) == "");
 }
 
 TEST_CASE_TEMPLATE("what is found stays right while files come and go at random", Cache, LRUCache,

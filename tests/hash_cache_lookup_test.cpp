@@ -299,6 +299,22 @@ TEST_CASE("pushing metadata and inserting a node call a subclass's overrides") {
   CHECK(cache.updates == 1);
 }
 
+TEST_CASE("keys that an override renames keep texts of their own") {
+  struct RenamingCache : OpenHashCache {
+    void LRUCacheNodeUpdate(LRUCacheKey& key, LRUCacheNode* node,
+                            LRU_OPERATION operation) override {
+      if (operation == LRU_INSERT) key.path += "-renamed";
+      OpenHashCache::LRUCacheNodeUpdate(key, node, operation);
+    }
+  } cache;
+  cache.Store("/a");
+  cache.Store("/b");
+  const RecordedLog log;
+  cache.DumpCache();
+  CHECK(log.CountOf("path=/a-renamed,") == 1);
+  CHECK(log.CountOf("path=/b-renamed,") == 1);
+}
+
 TEST_CASE("an update by itself counts nothing") {
   OpenHashCache cache;
   cache.Store("/a");
@@ -359,6 +375,27 @@ TEST_CASE("a node that takes over another's parts keeps its own place in the cac
   Answer out;
   CHECK(cache.Look(InputFor("/a"), out) == 1);
   CHECK(cache.Look(InputFor("/b"), out) != 1);
+}
+
+TEST_CASE("an inserted node is found, logged or not, and takes the parts of a store") {
+  OpenHashCache cache;
+  cache.InitLRUCache();
+  metadata_input_s in = InputFor("/a");
+  LRUCacheKey key(in);
+  for (const ORVEX_LOG level : {ORVEX_LOG_INFO, ORVEX_LOG_DEBUG}) {
+    CAPTURE(level);
+    const RecordedLog log(level);
+    Answer first, second, found;
+    GiveDigests(first, kAllDigests, 1);
+    REQUIRE(cache.InsertCacheNode(key, new LRUCacheNode(in, first)) == 0);
+    GiveDigests(second, QUERY_DIGEST16, 2);
+    CHECK(cache.Store(in, second) == 0);
+    CHECK(cache.Ask(in, found) == 0);
+    CHECK(found.digest16[0] == 2);
+    CHECK(found.digest32[0] == 1);
+    CHECK(cache.Counters().numOfHelpFuncCalled == 0);
+    cache.FlushCache();
+  }
 }
 
 TEST_CASE("an inserted node is in the dump and in the log of its eviction") {

@@ -323,6 +323,16 @@ TEST_CASE("giving the mtime back is logged at DEBUG") {
         Lines({"DEBUG GetDataFromCacheNode orvex_lru_cache: metaOut.modificationTime=4294967295"}));
 }
 
+TEST_CASE("a node without an mtime logs nothing when it gives its parts") {
+  const RecordedLog log;
+  metadata_input_s in = FileOf(10, 0);
+  Answer out;
+  LRUCacheNode node(in, out);
+  Answer back;
+  node.GetDataFromCacheNode(back);
+  CHECK(log.Records().empty());
+}
+
 TEST_CASE("assigning a node copies the parts its source holds and keeps the others") {
   metadata_input_s in = FileOf(10, 20);
   Answer targetParts;
