@@ -84,15 +84,11 @@ class ORVEX_API LRUCache : public LRUCacheT<LRUCacheKey, LRUCacheNode, LRUCacheM
   mutable ORVEX_CallsInFlight calls_;
 
  private:
-  ORVEX_LOCAL bool MayWait(const metadata_input_s& in) const {
-    return (in.invOperation & INV_CACHE_ONLY) == 0 && calHashSet.MayHold(in.path);
-  }
   // Without kTalks a hit logs nothing, so nobody can observe when it is counted.
   template <bool kTalks>
   ORVEX_LOCAL LRU_LOOKUP LookUp(const metadata_input_s& in, metadata_output_s& out, uint32_t hash)
       ORVEX_REQUIRES(lock);
-  // Sleeps while another thread calculates the path, and counts the wait. Changes nothing if it
-  // throws std::bad_alloc.
+  // Sleeps while another thread calculates the path, and counts the wait.
   ORVEX_LOCAL void WaitUntilFree(const std::string& path);
   ORVEX_LOCAL int Calculate(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx,
                             KeptText& path) ORVEX_EXCLUDES(lock);

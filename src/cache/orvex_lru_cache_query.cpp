@@ -91,7 +91,7 @@ int LRUCache::Query(metadata_input_s* metaIn, metadata_output_s* metaOut, void* 
 
 int LRUCache::LookUpQuietly(const metadata_input_s* metaIn, metadata_output_s* metaOut) {
   if (!IsActive() || metaIn == nullptr || metaOut == nullptr || metaIn->path == nullptr ||
-      MayWait(*metaIn)) {
+      ((metaIn->invOperation & INV_CACHE_ONLY) == 0 && calHashSet.MayHold(metaIn->path))) {
     return LRU_NOT_YET;
   }
   const uint32_t hash = HashOf(*metaIn);
@@ -163,7 +163,7 @@ __attribute__((noinline)) int LRUCache::QueryStepByStep(metadata_input_s* metaIn
     const bool mayCalculate = (metaIn->invOperation & INV_CACHE_ONLY) == 0;
     try {
       path.Keep(metaIn->path);
-      if (MayWait(*metaIn)) WaitUntilFree(path.c_str());
+      if (mayCalculate && calHashSet.MayHold(path.c_str())) WaitUntilFree(path.c_str());
     } catch (const std::exception&) {
       // No memory, or a text longer than a string can be.
       return EndWithoutMemory(*metaOut);
