@@ -114,7 +114,7 @@ int LRUCache::InsertCacheNode(LRUCacheKey& key, LRUCacheNode* node) {
   if (node == nullptr) return ORVEX_INVALID_PARAMETER;
   const ORVEX_MutexGuard guard(&lock);
   try {
-    if (entries_.Find(LRUCacheKeyView(key)) != 0) return ORVEX_ALREADY_CACHED;
+    if (entries_.Find(key) != 0) return ORVEX_ALREADY_CACHED;
     LRUCacheNodeUpdate(key, node, LRU_INSERT);
   } catch (const std::exception&) {
     return ORVEX_NO_MEMORY;

@@ -12,17 +12,18 @@
 #include "support/orvex_annotations.h"
 #include "support/orvex_atomic.h"
 
-// Every node has a numbered slot that also holds its key. The slots form a ring in recency order. A
-// hash index maps keys to slots; where hashing cannot reproduce what comparing keys would find, an
-// ordered view answers.
+// Every node and its key have a numbered slot. The slots form a ring in recency order. A hash index
+// maps keys to slots; where hashing cannot reproduce what comparing keys would find, an ordered
+// view answers.
 //
 // Keys that select the same fields are equal or not: the index is enough. Keys of different masks
 // have no common order, and what a search finds depends on the comparisons it makes. The first such
-// key looked up or inserted therefore builds the view, a tree filled in insertion order, which
-// answers until no entry is left. A node inserted under a key equivalent to an entry's shares that
-// entry. Removing any of these nodes removes the entry; the others are then in no entry.
+// key looked up or inserted therefore builds the view, a tree filled in insertion order. It answers
+// such keys, and all keys once one of them is inserted, until no entry is left. A node inserted
+// under a key equivalent to an entry's shares that entry. Removing any of these nodes removes the
+// entry; the others are then in no entry.
 //
-// Ownership: the cache owns the nodes and the key texts that are not copied.
+// Ownership: owns copied texts; the cache owns the nodes and the texts shared with them.
 // Locking: none of its own; part of what the cache lock guards.
 // Invariant: the ring holds every slot in use once. A slot's entry is itself, a slot whose entry is
 // itself, or 0. The index, while in use, and the view, once built, hold exactly the slots that are
@@ -98,7 +99,7 @@ class ORVEX_LOCAL LRUCacheEntries {
   void Clear();
 
  private:
-  // The start of a slot's memory: what the index compares. The node's memory follows. A slot of the
+  // The start of a slot's memory: the numbers of its key. The node's memory follows. A slot of the
   // hash cache takes four cache lines.
   struct Place {
     uint64_t size;
@@ -129,7 +130,7 @@ class ORVEX_LOCAL LRUCacheEntries {
   struct Tables {
     std::array<Link, kSlots> links{};  // 0 is the head of the ring
     LRUCacheIndex index;
-    // The paths of keys. Not in their places, so that a hit waits for both at once.
+    // The paths of the keys. Apart from their numbers, so that a hit loads both at once.
     std::array<const char*, kSlots> texts;
     std::array<Origin, kSlots> origins;
     std::array<LRUCacheSlot, kSlots> sorted{};  // so that sorting allocates nothing

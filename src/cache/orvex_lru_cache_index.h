@@ -25,7 +25,7 @@ class LRUCacheIndex {
   LRUCacheSlot Find(uint32_t hash, const Fits& fits) const {
     size_t at = HomeOf(hash);
     for (size_t probe = 0; probe < kLongestProbe && cells_[at] != 0; ++probe, at = Next(at)) {
-      // If the hashes agree, only the slot is left, and its key nearly always fits.
+      // If the tags agree, only the slot is left, and its key nearly always fits.
       const uint32_t rest = cells_[at] ^ Cell(hash, 0);
       const auto slot = static_cast<LRUCacheSlot>(rest);
       if (rest < 1U << kSlotBits && __builtin_expect(fits(slot), true)) return slot;
@@ -63,9 +63,7 @@ class LRUCacheIndex {
   static constexpr unsigned int kSlotBits = 13;
   static constexpr unsigned int kTagBits = 32 - kSlotBits;
   static_assert(kSlots <= 1U << kSlotBits);
-  // In a table at most half full a longer probe means deliberate collisions: by chance a probe of
-  // 56 cells occurs about once in ten million insertions, and every eight cells more make it seven
-  // times rarer.
+  // In a table that is half full a longer probe means deliberate collisions.
   static constexpr size_t kLongestProbe = 128;
 
   static size_t HomeOf(uint32_t hash) { return hash >> kTagBits; }

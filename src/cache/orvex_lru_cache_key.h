@@ -85,7 +85,7 @@ struct ORVEX_LOCAL LRUCacheKeyView {
   uint64_t fileID;
 };
 
-// The functions below take keys and records alike, so that a hit copies no record.
+// The functions below take views and records alike, so that a hit copies no record.
 
 inline uint32_t MaskOf(const LRUCacheKeyView& key) { return key.flags; }
 inline uint32_t MaskOf(const metadata_input_s& in) { return in.fileOperation; }
@@ -108,7 +108,8 @@ __attribute__((noinline)) bool AreEqualWhereSelected(const AnyKey& left, const N
          ((mask & KEY_PATH) == 0 || std::strcmp(TextOrEmpty(left.path), path) == 0);
 }
 
-// Whether the selected fields are equal. Both keys select the same ones, nearly always all.
+// Whether the selected fields are equal. Both keys select the same ones, nearly always all. The
+// right one's path is stored apart from its numbers.
 template <typename AnyKey, typename Numbers>
 bool AreEqual(const AnyKey& left, const Numbers& right, const char* path) {
   if (FieldsOf(left) != kKeyFields) return AreEqualWhereSelected(left, right, path);

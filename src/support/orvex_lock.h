@@ -72,7 +72,7 @@ class ORVEX_API ORVEX_PThread_Lock : public ORVEX_Lock {
 
  private:
   // kTaken: a thread is between Lock and Unlock; a condition wait holds the mutex without it.
-  // kContended: two threads have at some time contended for this lock.
+  // kContended: two threads have contended for this lock.
   enum Hints : unsigned char { kTaken = 1, kContended = 2 };
 
   ORVEX_LOCAL unsigned int Acquired(int error, int hints) {
