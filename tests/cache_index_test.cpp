@@ -330,13 +330,14 @@ TEST_CASE_TEMPLATE("many files that have fields in common are dumped in the orde
 
 TEST_CASE_TEMPLATE("fields that do not count change nothing in the order of a dump", Cache,
                    LRUCache, FileTypeCache) {
-  std::vector<File> files;
-  for (uint64_t i = 0; i < 64; ++i)
-    files.push_back({PathNumber(i * 37 % 64), i * 11 % 64, i, i * 7 % 64, 64 - i});
-  CheckThatDumpIsInOrder<Cache>(files, KEY_FILE_ID);
-  for (uint64_t i = 0; i < 64; ++i)
-    files[i] = {PathNumber(i * 37 % 64), i, 64 - i, i * 7 % 64, i * 11 % 64};
-  CheckThatDumpIsInOrder<Cache>(files, KEY_SIZE);
+  std::vector<File> byFile, bySize;
+  for (uint64_t i = 0; i < 64; ++i) {
+    const std::string path = PathNumber(i * 37 % 64);
+    byFile.push_back({path, i * 11 % 64, i, i * 7 % 64, 64 - i});
+    bySize.push_back({path, i, 64 - i, i * 7 % 64, i * 11 % 64});
+  }
+  CheckThatDumpIsInOrder<Cache>(byFile, KEY_FILE_ID);
+  CheckThatDumpIsInOrder<Cache>(bySize, KEY_SIZE);
 }
 
 TEST_CASE_TEMPLATE("files that are told apart by their numbers are not kept in order", Cache,
