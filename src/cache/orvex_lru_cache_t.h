@@ -71,8 +71,7 @@ class ORVEX_API LRUCacheT {
       ORVEX_EXCLUDES(lock) {
     return UpdateCache(metaIn, metaOut);
   }
-  // Stores an answer, whether the cache is active or not. Returns 0; or, with the cache unchanged,
-  // ORVEX_INVALID_PARAMETER or ORVEX_NO_MEMORY.
+  // Stores, active or not. With ORVEX_INVALID_PARAMETER or ORVEX_NO_MEMORY the cache is unchanged.
   virtual int UpdateCache(metadata_input_s* metaIn, metadata_output_s* metaOut)
       ORVEX_EXCLUDES(lock) {
     if (metaOut == nullptr || metaIn == nullptr) return ORVEX_INVALID_PARAMETER;
