@@ -199,6 +199,7 @@ TEST_CASE_TEMPLATE("many names of one file are told apart by their paths", Cache
   std::vector<File> files;
   for (uint64_t i = 0; i < kMany; ++i) files.push_back({PathNumber(i), 7, 9});
   CheckThatEvenOnesAreFound<Cache>(files, kAllKeyBits);
+  CheckThatEvenOnesAreFound<Cache>(files, KEY_PATH | KEY_FILE_ID);
 }
 
 TEST_CASE_TEMPLATE("files without a file number are told apart by their paths", Cache, LRUCache,

@@ -333,15 +333,19 @@ TEST_CASE("a node can be inserted under a key of its own") {
 }
 
 TEST_CASE("inserting under a cached key returns 201 and does not take the node") {
-  OpenHashCache cache;
-  cache.Store("/a");
-  metadata_input_s in = InputFor("/a");
-  Answer out;
-  LRUCacheKey key(in);
-  LRUCacheNode mine(in, out);
-  CHECK(cache.InsertCacheNode(key, &mine) == 201);
-  CHECK(cache.entries_.Size() == 1);
-  CHECK(cache.Find(key) != &mine);
+  for (const uint32_t fields : {kAllKeyBits, uint32_t{KEY_PATH}}) {
+    CAPTURE(fields);
+    OpenHashCache cache;
+    metadata_input_s in = InputFor("/a");
+    in.fileOperation = fields;
+    Answer out;
+    cache.Store(in, out);
+    LRUCacheKey key(in);
+    LRUCacheNode mine(in, out);
+    CHECK(cache.InsertCacheNode(key, &mine) == 201);
+    CHECK(cache.entries_.Size() == 1);
+    CHECK(cache.Find(key) != &mine);
+  }
 }
 
 TEST_CASE("inserting a node counts nothing, whether it succeeds or not") {
