@@ -144,8 +144,8 @@ __attribute__((flatten)) int ORVEX_ENGINE::Query(metadata_input_s* metaIn,
       (metaIn->queryFlags & QUERY_FILE_TYPE) == 0 && metaIn->queryFlags != 0 &&
       !LRUCache::Talks()) {
     const ORVEX_CallsInFlight::Scope inFlight(hashCache_.Calls(), ORVEX_CallsInFlight::kOfBoth);
-    const int lookup =
-        ORVEX_LoadRelaxed(inited) ? hashCache_.LookUpQuietly(metaIn, metaOut) : LRU_NOT_YET;
+    // inited need not be read again: a stop since then stops the cache, too, which checks itself.
+    const int lookup = hashCache_.LookUpQuietly(metaIn, metaOut);
     if (lookup == LRU_HIT) return ORVEX_OK;
     if (lookup != LRU_NOT_YET) return FinishHashQuery(metaIn, metaOut, ctx, lookup);
   }
