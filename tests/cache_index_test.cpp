@@ -134,28 +134,28 @@ void CheckThatEvenOnesAreFound(const std::vector<File>& files, uint32_t fields) 
   }
 }
 
-// Stores the files in random order and checks that a dump lists them in the one given.
+// Stores the files in random orders and checks that a dump lists them in the one given.
 template <typename Cache>
-void CheckThatDumpIsInOrder(const std::vector<File>& files, uint32_t fields) {
-  CacheOfFiles<Cache> cache;
-  std::vector<File> shuffled = files;
-  std::shuffle(shuffled.begin(), shuffled.end(), std::mt19937(1));
-  for (const File& file : shuffled) cache.Store(file, fields);
-  const RecordedLog log;
-  cache.cache.DumpCache();
-  std::vector<std::string> paths;
-  for (const LogRecord& record : log.Records()) {
-    const size_t path = record.text.find("path=");
-    if (record.function != "Dump" || record.text.rfind("Key: ", 0) != 0) continue;
-    paths.push_back(record.text.substr(path + 5));
-  }
+void CheckThatDumpIsInOrder(std::vector<File> files, uint32_t fields) {
   std::vector<std::string> expected;
   for (const File& file : files) {
     expected.push_back(file.path + ", size=" + std::to_string(file.size) + ", mtime=" +
                        std::to_string(file.mtime) + ", deviceID=" + std::to_string(file.deviceID) +
                        ", fileID=" + std::to_string(file.fileID));
   }
-  CHECK(paths == expected);
+  for (unsigned int seed = 1; seed <= 5; ++seed) {
+    std::shuffle(files.begin(), files.end(), std::mt19937(seed));
+    CacheOfFiles<Cache> cache;
+    for (const File& file : files) cache.Store(file, fields);
+    const RecordedLog log;
+    cache.cache.DumpCache();
+    std::vector<std::string> paths;
+    for (const LogRecord& record : log.Records()) {
+      if (record.text.rfind("Key: ", 0) != 0) continue;
+      paths.push_back(record.text.substr(record.text.find("path=") + 5));
+    }
+    CHECK(paths == expected);
+  }
 }
 
 using Insertions = std::vector<size_t>;

@@ -382,7 +382,7 @@ TEST_CASE("a node that takes over another's parts keeps its own place in the cac
 }
 
 TEST_CASE("an inserted node is found, logged or not, and takes the parts of a store") {
-  OpenHashCache cache;
+  LRUCache cache;
   cache.InitLRUCache();
   metadata_input_s in = InputFor("/a");
   LRUCacheKey key(in);
@@ -393,11 +393,10 @@ TEST_CASE("an inserted node is found, logged or not, and takes the parts of a st
     GiveDigests(first, kAllDigests, 1);
     REQUIRE(cache.InsertCacheNode(key, new LRUCacheNode(in, first)) == 0);
     GiveDigests(second, QUERY_DIGEST16, 2);
-    CHECK(cache.Store(in, second) == 0);
-    CHECK(cache.Ask(in, found) == 0);
+    CHECK(cache.UpdateCache(&in, &second) == 0);
+    CHECK(cache.Query(&in, &found, nullptr) == 0);
     CHECK(found.digest16[0] == 2);
     CHECK(found.digest32[0] == 1);
-    CHECK(cache.Counters().numOfHelpFuncCalled == 0);
     cache.FlushCache();
   }
 }
