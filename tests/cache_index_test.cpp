@@ -149,12 +149,12 @@ void CheckThatDumpIsInOrder(std::vector<File> files, uint32_t fields) {
     for (const File& file : files) cache.Store(file, fields);
     const RecordedLog log;
     cache.cache.DumpCache();
-    std::vector<std::string> paths;
+    std::vector<std::string> keys;
     for (const LogRecord& record : log.Records()) {
       if (record.text.rfind("Key: ", 0) != 0) continue;
-      paths.push_back(record.text.substr(record.text.find("path=") + 5));
+      keys.push_back(record.text.substr(record.text.find("path=") + 5));
     }
-    CHECK(paths == expected);
+    CHECK(keys == expected);
   }
 }
 
