@@ -325,11 +325,15 @@ TEST_CASE("giving the mtime back is logged at DEBUG") {
 
 TEST_CASE("a node without an mtime logs nothing when it gives its parts") {
   const RecordedLog log;
-  metadata_input_s in = FileOf(10, 0);
-  Answer out;
-  LRUCacheNode node(in, out);
-  Answer back;
-  node.GetDataFromCacheNode(back);
+  for (const uint32_t digests : {uint32_t{0}, kAllDigests}) {
+    metadata_input_s in = FileOf(10, 0);
+    Answer out;
+    GiveDigests(out, digests, 1);
+    LRUCacheNode node(in, out);
+    Answer back;
+    node.GetDataFromCacheNode(back);
+    CHECK(back.queryFlags == (QUERY_SIZE | QUERY_FEEDBACK | digests));
+  }
   CHECK(log.Records().empty());
 }
 
