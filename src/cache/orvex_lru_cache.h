@@ -62,7 +62,7 @@ class ORVEX_API LRUCache : public LRUCacheT<LRUCacheKey, LRUCacheNode, LRUCacheM
 
   virtual ~LRUCache();
 
-  using LRUCacheT::Talks;
+  using LRUCacheT::IsObserved;
   // The part of a query that neither logs nor waits for a path. Returns an LRU_LOOKUP. A hit
   // completes the query without running any host code.
   ORVEX_LOCAL int LookUpQuietly(const metadata_input_s* metaIn, metadata_output_s* metaOut)
@@ -84,8 +84,8 @@ class ORVEX_API LRUCache : public LRUCacheT<LRUCacheKey, LRUCacheNode, LRUCacheM
   mutable ORVEX_CallsInFlight calls_;
 
  private:
-  // Without kTalks a hit logs nothing, so nobody can observe when it is counted.
-  template <bool kTalks>
+  // Without kObserved a hit logs nothing, so nobody can observe when it is counted.
+  template <bool kObserved>
   ORVEX_LOCAL LRU_LOOKUP LookUp(const metadata_input_s& in, metadata_output_s& out, uint32_t hash)
       ORVEX_REQUIRES(lock);
   // Sleeps while another thread calculates the path, and counts the wait.

@@ -184,7 +184,7 @@ LRUCacheEntries::Slots LRUCacheEntries::EntriesBy(const Order& before) const {
   return {begin, end};
 }
 
-LRUCacheEntries::Slots LRUCacheEntries::EntriesAsTheyCame() const {
+LRUCacheEntries::Slots LRUCacheEntries::EntriesByInsertion() const {
   return EntriesBy([this](LRUCacheSlot left, LRUCacheSlot right) {
     return tables_->origins[left].insertion < tables_->origins[right].insertion;
   });
@@ -192,7 +192,7 @@ LRUCacheEntries::Slots LRUCacheEntries::EntriesAsTheyCame() const {
 
 std::unique_ptr<LRUCacheEntries::OrderedView> LRUCacheEntries::MakeView() const {
   auto view = std::make_unique<OrderedView>(Before{this});
-  for (const LRUCacheSlot slot : EntriesAsTheyCame()) view->Enter(slot);
+  for (const LRUCacheSlot slot : EntriesByInsertion()) view->Enter(slot);
   return view;
 }
 
@@ -224,7 +224,7 @@ bool LRUCacheEntries::EnterByPaths(LRUCacheSlot newSlot) {
     const LRUCacheKeyView key = KeyIn(slot);
     return index->Put(HashOf(key) + HashOfPath(key), slot);
   };
-  for (const LRUCacheSlot slot : EntriesAsTheyCame()) {
+  for (const LRUCacheSlot slot : EntriesByInsertion()) {
     if (!put(slot)) return false;
   }
   if (!put(newSlot)) return false;

@@ -161,7 +161,7 @@ class ORVEX_LOCAL LRUCacheEntries {
   void ForgetOrder();
   template <typename Order>
   Slots EntriesBy(const Order& before) const;
-  Slots EntriesAsTheyCame() const;
+  Slots EntriesByInsertion() const;
   std::unique_ptr<OrderedView> MakeView() const;
   // Not inlined: a hit does not need it.
   template <typename AnyKey>

@@ -128,10 +128,10 @@ void FileTypeCache::DumpMetrics() const {
 int FileTypeCache::QueryLRUCache(metadata_input_s* metaIn, metadata_output_s* metaOut) {
   const uint32_t hash = HashOf(*metaIn);
   const ORVEX_MutexGuard guard(&lock);
-  const bool talks = Talks();
+  const bool observed = IsObserved();
   LRUCacheSlot slot = 0;
   try {
-    if (talks) key_.Read(*metaIn);
+    if (observed) key_.Read(*metaIn);
     slot = entries_.Find(*metaIn, hash);
   } catch (const std::exception&) {
     return LRU_NO_MEMORY;
@@ -144,7 +144,7 @@ int FileTypeCache::QueryLRUCache(metadata_input_s* metaIn, metadata_output_s* me
   ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, __func__, kLRUCacheSourceFile, "Cache query: cache hits, %s",
                     metaIn->path);
   node->GetDataFromCacheNode(*metaOut);
-  Use(slot, talks);
+  Use(slot, observed);
   return LRU_HIT;
 }
 

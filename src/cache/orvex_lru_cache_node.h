@@ -60,8 +60,8 @@ class ORVEX_API LRUCacheNode {
   // are missing.
   unsigned int GetDataFromCacheNode(metadata_output_s& out);
 
-  // The same; without kTalks nothing is logged.
-  template <bool kTalks>
+  // The same; without kObserved nothing is logged.
+  template <bool kObserved>
   ORVEX_LOCAL unsigned int GiveTo(metadata_output_s& out);
 
   // Logs the node at DEBUG.
@@ -98,14 +98,14 @@ class ORVEX_API LRUCacheNode {
   ORVEX_LOCAL void StoreSigners(const char* source, uint32_t count);
 };
 
-template <bool kTalks>
+template <bool kObserved>
 inline unsigned int LRUCacheNode::GiveTo(metadata_output_s& out) {
   const uint32_t held = queryFlags;
   if ((held & QUERY_SIZE) != 0) out.size = size;
   if ((held & QUERY_MTIME) != 0) out.modificationTime = mtime;
   CopyDigests(out, *this, held);
   out.queryFlags |= held & (QUERY_SIZE | QUERY_MTIME | kDigests);
-  if (kTalks && (held & QUERY_MTIME) != 0) {
+  if (kObserved && (held & QUERY_MTIME) != 0) {
     ORVEX_LOG_MESSAGE(ORVEX_LOG_DEBUG, "GetDataFromCacheNode", kLRUCacheSourceFile,
                       "metaOut.modificationTime=%lu", static_cast<unsigned long>(mtime));
   }

@@ -85,7 +85,7 @@ class LeavePathOnReturn {
 
 int LRUCache::Query(metadata_input_s* metaIn, metadata_output_s* metaOut, void* ctx) {
   const ORVEX_CallsInFlight::Scope inFlight(calls_, ORVEX_CallsInFlight::kOfCache);
-  const int lookup = Talks() ? LRU_NOT_YET : LookUpQuietly(metaIn, metaOut);
+  const int lookup = IsObserved() ? LRU_NOT_YET : LookUpQuietly(metaIn, metaOut);
   return lookup == LRU_HIT ? ORVEX_OK : QueryStepByStep(metaIn, metaOut, ctx, lookup);
 }
 
@@ -107,12 +107,12 @@ int LRUCache::QueryLRUCache(metadata_input_s* metaIn, metadata_output_s* metaOut
   return LookUp<true>(*metaIn, *metaOut, HashOf(*metaIn));
 }
 
-template <bool kTalks>
+template <bool kObserved>
 inline LRU_LOOKUP LRUCache::LookUp(const metadata_input_s& in, metadata_output_s& out,
                                    uint32_t hash) {
   LRUCacheSlot slot = 0;
   try {
-    if (kTalks) key_.Read(in);
+    if (kObserved) key_.Read(in);
     slot = entries_.Find(in, hash);
   } catch (const std::exception&) {
     return LRU_NO_MEMORY;
@@ -120,28 +120,28 @@ inline LRU_LOOKUP LRUCache::LookUp(const metadata_input_s& in, metadata_output_s
   LRUCacheNode* const node = NodeIn(slot);
   const bool isCurrent = node != nullptr && (in.mtime == 0 || in.mtime == node->mtime);
   // Logging is not quiet: the log callback may change the record.
-  if (!kTalks && node != nullptr && !isCurrent && ORVEX_LOG_BASE::Keeps(ORVEX_LOG_WARNING)) {
+  if (!kObserved && node != nullptr && !isCurrent && ORVEX_LOG_BASE::Keeps(ORVEX_LOG_WARNING)) {
     return LRU_NOT_YET;
   }
   // Counted before anything is logged: a log callback may read the counters.
-  if (kTalks || !isCurrent) ORVEX_atomic_increment_64(&metrics.Query);
+  if (kObserved || !isCurrent) ORVEX_atomic_increment_64(&metrics.Query);
   if (!isCurrent) return MissOrOutOfDate(node, in);
   // If the signers could not be copied, their bit is clear and the
   // comparison below sees that.
-  node->GiveTo<kTalks>(out);
+  node->GiveTo<kObserved>(out);
   const bool isComplete = (in.queryFlags & ~out.queryFlags) == 0;
-  if (kTalks) {
+  if (kObserved) {
     ORVEX_atomic_increment_64(isComplete ? &metrics.Hit : &metrics.PartialHit);
     ORVEX_LOG_MESSAGE(
         ORVEX_LOG_DEBUG, "QueryLRUCache", kLRUCacheSourceFile,
         isComplete ? "Cache query: cache hits, %s" : "Cache query: cache partial hits, %s",
         in.path);
   }
-  Use(slot, kTalks);
+  Use(slot, kObserved);
   // Last: a locked add is a full barrier and would stall the loads that follow.
-  if (!kTalks && isComplete) {
+  if (!kObserved && isComplete) {
     ORVEX_atomic_increment_64(&metrics.silentHits);
-  } else if (!kTalks) {
+  } else if (!kObserved) {
     ORVEX_atomic_increment_64(&metrics.Query);
     ORVEX_atomic_increment_64(&metrics.PartialHit);
   }

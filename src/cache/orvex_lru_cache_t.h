@@ -80,17 +80,17 @@ class ORVEX_API LRUCacheT {
     const LRUCacheKeyView key(in);
     const uint32_t hash = HashOf(key);
     const ORVEX_MutexGuard guard(&lock);
-    const bool talks = Talks() || !isFinal_;
+    const bool observed = IsObserved() || !isFinal_;
     try {
-      if (talks) key_.Read(in);
-      const LRUCacheSlot slot = talks ? entries_.Find(key_) : entries_.Find(key, hash);
+      if (observed) key_.Read(in);
+      const LRUCacheSlot slot = observed ? entries_.Find(key_) : entries_.Find(key, hash);
       if (slot == 0) {
-        Insert(key, hash, new (entries_.MemoryForNode()) Node(in, *metaOut), talks);
+        Insert(key, hash, new (entries_.MemoryForNode()) Node(in, *metaOut), observed);
       } else {
         // The key shares the text that is about to change.
         if (NodeIn(slot)->path != key.path) entries_.CopyText(slot);
         NodeIn(slot)->SetDataToCacheNode(in, *metaOut);
-        Use(slot, talks);
+        Use(slot, observed);
       }
       return ORVEX_OK;
     } catch (const std::exception&) {
@@ -195,12 +195,12 @@ class ORVEX_API LRUCacheT {
     return slot != 0 ? static_cast<Node*>(entries_.NodeIn(slot)) : nullptr;
   }
   // Whether the host can observe each step, through DEBUG messages or profiling.
-  ORVEX_LOCAL static bool Talks() {
+  ORVEX_LOCAL static bool IsObserved() {
     return ORVEX_ProfilingScope::IsOn() || ORVEX_LOG_BASE::Keeps(ORVEX_LOG_DEBUG);
   }
-  // Makes the node the most recently used. If talks is set, key_ must hold its key.
-  ORVEX_LOCAL void Use(LRUCacheSlot slot, bool talks) ORVEX_REQUIRES(lock) {
-    if (talks) {
+  // Makes the node the most recently used. If observed is set, key_ must hold its key.
+  ORVEX_LOCAL void Use(LRUCacheSlot slot, bool observed) ORVEX_REQUIRES(lock) {
+    if (observed) {
       LRUCacheNodeUpdate(key_, NodeIn(slot), LRU_UPDATE);
     } else {
       entries_.MoveToFront(slot);
@@ -282,10 +282,10 @@ class ORVEX_API LRUCacheT {
   }
   // The node was built in place. Once inserted it belongs to the cache, even if a log callback ends
   // the thread.
-  ORVEX_LOCAL void Insert(LRUCacheKeyView key, uint32_t hash, Node* node, bool talks)
+  ORVEX_LOCAL void Insert(LRUCacheKeyView key, uint32_t hash, Node* node, bool observed)
       ORVEX_REQUIRES(lock) {
     try {
-      if (talks) {
+      if (observed) {
         LRUCacheNodeUpdate(key_, node, LRU_INSERT);
       } else {
         key.path = node->path.c_str();

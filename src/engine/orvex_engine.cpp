@@ -49,7 +49,7 @@ unsigned int Low32Bits(const void* pointer) {
 }
 
 // Logs the code so far, on purpose: if only the hash cache fails, this prints 0.
-void TellHashFailure(int codeSoFar) {
+void LogHashFailure(int codeSoFar) {
   ORVEX_LOG_MESSAGE(ORVEX_LOG_ERROR, "Query", kEngineSourceFile, "Error query hash cache %d",
                     codeSoFar);
 }
@@ -142,7 +142,7 @@ __attribute__((flatten)) int ORVEX_ENGINE::Query(metadata_input_s* metaIn,
   // observe each step and so the two counts. A stopped engine reads no record.
   if (ORVEX_LoadRelaxed(inited) && metaIn != nullptr && metaOut != nullptr &&
       (metaIn->queryFlags & QUERY_FILE_TYPE) == 0 && metaIn->queryFlags != 0 &&
-      !LRUCache::Talks()) {
+      !LRUCache::IsObserved()) {
     const ORVEX_CallsInFlight::Scope inFlight(hashCache_.Calls(), ORVEX_CallsInFlight::kOfBoth);
     // inited need not be read again: a stop since then stops the cache, too, which checks itself.
     const int lookup = hashCache_.LookUpQuietly(metaIn, metaOut);
@@ -159,7 +159,7 @@ __attribute__((noinline)) int ORVEX_ENGINE::FinishHashQuery(metadata_input_s* me
   const int code = hashCache_.QueryStepByStep(metaIn, metaOut, ctx, lookup);
   if (code != ORVEX_OK) {
     const ORVEX_CallsInFlight::Scope outside(hashCache_.Calls(), ORVEX_CallsInFlight::kOutOfCache);
-    TellHashFailure(ORVEX_OK);
+    LogHashFailure(ORVEX_OK);
   }
   return code;
 }
@@ -187,7 +187,7 @@ __attribute__((noinline)) int ORVEX_ENGINE::QueryStepByStep(metadata_input_s* me
   if ((metaIn->queryFlags & ~uint32_t{QUERY_FILE_TYPE}) != 0) {
     const int hashCode = hashCache_.Query(metaIn, metaOut, ctx);
     if (hashCode != ORVEX_OK) {
-      TellHashFailure(code);
+      LogHashFailure(code);
       if (code == ORVEX_OK) code = hashCode;
     }
   }
