@@ -54,7 +54,7 @@ int main() {
         out.add(QUERY_DIGEST32);
         return 0;
       },
-      [](metadata_input_s&, orvexeng::answer&) { return 1; });
+      [](metadata_input_s&, orvexeng::answer&) { return -1; });
   const auto ask = [&] {
     metadata_input_s in{};
     in.path = "/bin/true";

@@ -13,7 +13,7 @@ int Signers(metadata_input_s& in, orvexeng::answer& out) {
   return ORVEX_OK;
 }
 
-int NoFileType(metadata_input_s&, orvexeng::answer&) { return 1; }
+int NoFileType(metadata_input_s&, orvexeng::answer&) { return -1; }
 
 void Ask(orvexeng::engine& engine, const char* path) {
   metadata_input_s in{};

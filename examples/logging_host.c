@@ -22,7 +22,7 @@ static int Digest(metadata_input_s* in, metadata_output_s* out, void* ctx) {
 
 static int FileType(metadata_input_s* in, metadata_output_s* out, void* ctx) {
   (void)in, (void)out, (void)ctx;
-  return 1;
+  return -1;
 }
 
 int main(void) {

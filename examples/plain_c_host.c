@@ -12,7 +12,7 @@ static void FreeSigners(metadata_output_s* out) {
 
 static int NoAnswer(metadata_input_s* in, metadata_output_s* out, void* ctx) {
   (void)in, (void)out, (void)ctx;
-  return 1;
+  return -1;
 }
 
 int main(void) {

@@ -7,7 +7,7 @@
 static int Signers(metadata_input_s* in, metadata_output_s* out, void* ctx) {
   (void)in, (void)ctx;
   char* slots = new_signers(out, 1);
-  if (slots == NULL) return ORVEX_NO_MEMORY;
+  if (slots == NULL) return -1;
   snprintf(slots, ORVEX_SIGNER_SLOT, "%s", "Example Builds");
   return 0;
 }
@@ -21,8 +21,9 @@ int main(void) {
   in.queryFlags = QUERY_SIGNERS;
   for (int i = 0; i < 2; ++i) {
     metadata_output_s out = {0};
-    int code = orvex_query(&in, &out, NULL);
-    if (code == ORVEX_OK) printf("%u signer(s): %s\n", (unsigned)out.signerCount, out.signers);
+    if (orvex_query(&in, &out, NULL) != ORVEX_OK) return 1;
+    if ((out.queryFlags & QUERY_SIGNERS) == 0) return 1;
+    printf("%u signer(s): %s\n", (unsigned)out.signerCount, out.signers);
     free_signers(&out);
   }
   return orvex_deinit();

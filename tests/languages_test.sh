@@ -68,6 +68,6 @@ cat printed
 if [ "$language" = c ]; then
   expected='^1 signer(s): Example Builds$'
 else
-  expected='^code 0, digest 09..., signer Example Builds, computed 1 time(s)$'
+  expected='^digest 09..., signer Example Builds, computed 1 time(s)$'
 fi
 [ "$(grep -c "$expected" printed)" -eq 2 ]

@@ -43,7 +43,7 @@ func goCompute(in *C.metadata_input_s, out *C.metadata_output_s, ctx unsafe.Poin
 
 //export goNoFileType
 func goNoFileType(in *C.metadata_input_s, out *C.metadata_output_s, ctx unsafe.Pointer) C.int {
-	return 1
+	return -1
 }
 
 // May run with a lock held: it must not call the library.
@@ -72,11 +72,10 @@ func main() {
 		in.invOperation = C.INV_KEEP_IN_CACHE
 		in.queryFlags = C.QUERY_DIGEST32 | C.QUERY_SIGNERS
 		var out C.metadata_output_s // Zeroed.
-		code := C.orvex_query(&in, &out, nil)
-		if code != C.ORVEX_OK || out.queryFlags&in.queryFlags != in.queryFlags {
+		if C.orvex_query(&in, &out, nil) != C.ORVEX_OK || out.queryFlags&in.queryFlags != in.queryFlags {
 			os.Exit(1)
 		}
-		fmt.Printf("code %d, digest %02x..., signer %s, computed %d time(s)\n", code,
+		fmt.Printf("digest %02x..., signer %s, computed %d time(s)\n",
 			out.digest32[0], C.GoString(out.signers), atomic.LoadInt32(&calls))
 		C.free_signers(&out)
 	}

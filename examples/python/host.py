@@ -42,7 +42,7 @@ def compute(question, answer, context):
 
 @ffi.callback("orvex_query_cb", error=-1)
 def no_file_type(question, answer, context):
-    return 1
+    return -1
 
 
 # May run with a lock held: it must not call the library.
@@ -69,7 +69,7 @@ for _ in range(2):
     if code != lib.ORVEX_OK or answer.queryFlags & wanted != wanted:
         sys.exit(f"no answer, code {code}")
     print(
-        f"code {code}, digest {answer.digest32[0]:02x}...,",
+        f"digest {answer.digest32[0]:02x}...,",
         f"signer {ffi.string(answer.signers).decode()}, computed {len(calls)} time(s)",
     )
     signers.free_signers(answer)

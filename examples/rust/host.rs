@@ -88,7 +88,7 @@ unsafe extern "C" fn compute(input: *mut Input, output: *mut Output, ctx: *mut c
 }
 
 unsafe extern "C" fn no_file_type(_: *mut Input, _: *mut Output, _: *mut c_void) -> c_int {
-    1
+    -1
 }
 
 // May run with a lock held: it must not call the library.
@@ -128,13 +128,13 @@ fn main() {
             input.query_flags = wanted;
             let mut output: Output = std::mem::zeroed();
             let ctx = &calls as *const AtomicI32 as *mut c_void;
-            let code = orvex_query(&mut input, &mut output, ctx);
-            if code != ORVEX_OK || output.query_flags & wanted != wanted {
+            if orvex_query(&mut input, &mut output, ctx) != ORVEX_OK
+                || output.query_flags & wanted != wanted
+            {
                 exit(1);
             }
             println!(
-                "code {}, digest {:02x}..., signer {}, computed {} time(s)",
-                code,
+                "digest {:02x}..., signer {}, computed {} time(s)",
                 output.digest32[0],
                 CStr::from_ptr(output.signers).to_string_lossy(),
                 calls.load(Ordering::Relaxed)
