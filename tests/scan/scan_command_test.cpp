@@ -105,7 +105,7 @@ TEST_CASE("files just written are calculated again in each pass, and counted") {
   CHECK(report["passes"][1]["hashCache"]["callbacks"] == 3);
   CHECK(report["passes"][1]["fileTypeCache"]["hits"] == 1);
   CHECK(report["passes"][1]["fileTypeCache"]["callbacks"] == 3);
-  CHECK(Contains(run.errors, "not kept, too young"));
+  CHECK(Contains(run.errors, "not kept, changed too recently"));
 }
 
 TEST_CASE("the JSON report says how changed files were recognised") {
@@ -192,8 +192,8 @@ TEST_CASE("the table has a column for each pass and every count") {
   const ScanRun run = RunScan(directory.path(), "--passes 3 .");
   CHECK(run.exitCode == 0);
   for (const char* part :
-       {"PASS 1", "PASS 3", "files", "not kept, too young", "bytes read", "wall time",
-        "time of workers: types", "hash cache: full hits", "hash cache: partial hits",
+       {"PASS 1", "PASS 3", "files", "not kept, changed too recently", "bytes read", "wall time",
+        "worker time: types", "hash cache: full hits", "hash cache: partial hits",
         "hash cache: out of date", "hash cache: misses", "hash cache: waits",
         "hash cache: callbacks", "hash cache: evictions", "file type cache: evictions",
         "hashing saved"}) {
@@ -346,7 +346,7 @@ TEST_CASE("patterns, sizes and lists choose the files") {
   CHECK(paths("--exclude 'in/sub/*' --max-size 4 in") == "in/cache/a in/keep in/skip.o ");
   CHECK(paths("--exclude keep in/keep") == "in/keep ");
   CHECK(Contains(RunScan(directory.path(), "--max-size 4 in").output,
-                 "1 files are larger than --max-size."));
+                 "Files larger than --max-size, left out: 1."));
   OutputOf(directory.path(), "printf 'in/keep\\0in/sub/c' >list");
   CHECK(paths("--files0-from list") == "in/keep in/sub/c ");
   CHECK(OutputOf(directory.path(),
@@ -630,7 +630,7 @@ TEST_CASE("a scan of /proc ends, and a walk leaves pseudo file systems out by de
                "unshare -rm sh -c 'mount --rbind /sys in/proc && " ORVEX_SCAN " --json - in'"));
   CHECK(report["files"].size() == 1);
   CHECK(report["notes"][0] ==
-        "1 pseudo file systems are left out, in/proc first; --pseudo enters them");
+        "Pseudo file systems left out, in/proc first: 1; --pseudo enters them");
 }
 
 TEST_CASE("the files that processes map are asked about once for each process") {

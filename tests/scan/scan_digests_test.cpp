@@ -99,7 +99,7 @@ TEST_CASE("a digest that the engine has no place for is refused with those it ha
     for (const std::string& list : {name, "md5," + name}) {
       const ScanRun run = RunScan(directory.path(), "--digests '" + list + "' .");
       CHECK(run.exitCode == 2);
-      CHECK(run.errors.find("--digests: '" + name + "' is none of ") == 0);
+      CHECK(run.errors.find("--digests: '" + name + "' is not one of ") == 0);
       CHECK(Contains(run.errors, ", sha1, sha256, "));
     }
   }

@@ -183,7 +183,8 @@ TEST_CASE("a program deleted before it was read has its digest and is counted") 
   CHECK(End(&scan) == 0);
   const auto report = nlohmann::json::parse(mount.Do("cat report.json"));
   REQUIRE(report["notes"].size() == 1);
-  CHECK(report["notes"][0].get<std::string>().find("1 times a file was deleted or replaced") == 0);
+  CHECK(report["notes"][0].get<std::string>().find(
+            "Executed files deleted or replaced before they were asked about") == 0);
 }
 
 TEST_CASE("executions dropped by the system's queue are counted as lost" *
@@ -219,7 +220,7 @@ TEST_CASE("executions dropped by the system's queue are counted as lost" *
   CHECK(scan.ExitCode() == 0);
   const auto report = nlohmann::json::parse(mount.Do("cat report.json"));
   REQUIRE(report["notes"].size() == 1);
-  CHECK(report["notes"][0].get<std::string>().find("Executions were lost 1 times") == 0);
+  CHECK(report["notes"][0].get<std::string>().find("Overflows of the system's queue") == 0);
   CHECK(report["passes"][0]["visits"] == mostQueued);
 }
 

@@ -192,7 +192,7 @@ TEST_CASE("mapped files are visited process by process, each once for each") {
   Inventory inventory;
   orvexscan::AddMappedFiles(directory.PathOf("proc"), &inventory);
   CHECK(VisitedPaths(inventory) == std::vector<std::string>{library, odd, program, library});
-  CHECK(inventory.notes() == std::vector<std::string>{"2 processes map files"});
+  CHECK(inventory.notes() == std::vector<std::string>{"Processes that map files: 2"});
 }
 
 TEST_CASE("the file that is mapped is asked about, and not another one of that name") {
@@ -209,8 +209,8 @@ TEST_CASE("the file that is mapped is asked about, and not another one of that n
   orvexscan::AddMappedFiles(directory.PathOf("proc"), &inventory);
   CHECK(VisitedPaths(inventory) == std::vector<std::string>{newline, backslash});
   CHECK(inventory.notes() ==
-        std::vector<std::string>{"1 processes map files",
-                                 "2 mapped files have been deleted or replaced and are left out"});
+        std::vector<std::string>{"Processes that map files: 1",
+                                 "Mapped files deleted or replaced since, left out: 2"});
 }
 
 TEST_CASE("a file that only its process can name is read through that process") {
@@ -228,8 +228,8 @@ TEST_CASE("a file that only its process can name is read through that process") 
   CHECK(VisitedPaths(inventory) == std::vector<std::string>{path, path});
   CHECK(inventory.notes() ==
         std::vector<std::string>{
-            "2 processes map files",
-            "1 mapped files have another name here, or none, and are read through a process"});
+            "Processes that map files: 2",
+            "Mapped files with another name here, or none, read through a process: 1"});
 }
 
 TEST_CASE("the type of a file comes from its content and never from its name") {

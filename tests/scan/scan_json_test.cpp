@@ -51,7 +51,7 @@ class Schema {
       } else if (word == "type") {
         require(IsOfType(value, rule), "is no " + rule.get<std::string>());
       } else if (word == "enum") {
-        require(std::find(rule.begin(), rule.end(), value) != rule.end(), "is none of them");
+        require(std::find(rule.begin(), rule.end(), value) != rule.end(), "is not one of them");
       } else if (word == "pattern") {
         require(value.is_string() && std::regex_search(value.get<std::string>(),
                                                        std::regex(rule.get<std::string>())),

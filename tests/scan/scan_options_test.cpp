@@ -11,26 +11,27 @@ TEST_CASE("a value that an option does not take is refused with what it takes") 
   const struct {
     const char* arguments;
     const char* refusal;
-  } rows[] = {{"--identity inode", "--identity: 'inode' is none of mtime, ctime, strict\n"},
-              {"--identity ''", "--identity: '' is none of mtime, ctime, strict\n"},
-              {"--identity 1", "--identity: '1' is none of mtime, ctime, strict\n"},
-              {"--format xml", "--format: 'xml' is none of table, json, jsonl, sha256sum, csv\n"},
-              {"--digests sha256,sha3-256",
-               "--digests: 'sha256' and 'sha3-256' have 32 bytes each, and the engine keeps one "
-               "digest of that length\n"},
-              {"--digests md5 --format sha256sum",
-               "--format sha256sum: needs sha256 among the --digests\n"},
-              {"--metrics csv", "--metrics: 'csv' is none of prometheus, json\n"},
-              {"--threads many", "--threads: 'many' is not a whole number from 1 to 64\n"},
-              {"--threads 65", "--threads: '65' is not a whole number from 1 to 64\n"},
-              {"--passes 1.5", "--passes: '1.5' is not a whole number from 1 to 1000000\n"},
-              {"--passes=-1", "--passes: '-1' is not a whole number from 1 to 1000000\n"},
-              {"--capacity 4097", "--capacity: '4097' is not a whole number from 1 to 4096\n"},
-              {"--settle 1h", "--settle: '1h' is not a whole number from 0 to 86400\n"},
-              {"--time-limit 0", "--time-limit: '0' is not a whole number from 1 to 31536000\n"},
-              {"--max-size 1M", "--max-size: '1M' is not a number of bytes\n"},
-              {"--threads \"$(printf '\\033')\"",
-               "--threads: '\\x1b' is not a whole number from 1 to 64\n"}};
+  } rows[] = {
+      {"--identity inode", "--identity: 'inode' is not one of mtime, ctime, strict\n"},
+      {"--identity ''", "--identity: '' is not one of mtime, ctime, strict\n"},
+      {"--identity 1", "--identity: '1' is not one of mtime, ctime, strict\n"},
+      {"--format xml", "--format: 'xml' is not one of table, json, jsonl, sha256sum, csv\n"},
+      {"--digests sha256,sha3-256",
+       "--digests: 'sha256' and 'sha3-256' have 32 bytes each, and the engine keeps one "
+       "digest of that length\n"},
+      {"--digests md5 --format sha256sum",
+       "--format sha256sum: needs sha256 among the --digests\n"},
+      {"--metrics csv", "--metrics: 'csv' is not one of prometheus, json\n"},
+      {"--threads many", "--threads: 'many' is not a whole number from 1 to 64\n"},
+      {"--threads 65", "--threads: '65' is not a whole number from 1 to 64\n"},
+      {"--passes 1.5", "--passes: '1.5' is not a whole number from 1 to 1000000\n"},
+      {"--passes=-1", "--passes: '-1' is not a whole number from 1 to 1000000\n"},
+      {"--capacity 4097", "--capacity: '4097' is not a whole number from 1 to 4096\n"},
+      {"--settle 1h", "--settle: '1h' is not a whole number from 0 to 86400\n"},
+      {"--time-limit 0", "--time-limit: '0' is not a whole number from 1 to 31536000\n"},
+      {"--max-size 1M", "--max-size: '1M' is not a number of bytes\n"},
+      {"--threads \"$(printf '\\033')\"",
+       "--threads: '\\x1b' is not a whole number from 1 to 64\n"}};
   for (const auto& row : rows) {
     CAPTURE(row.arguments);
     const ScanRun run = RunScan(directory.path(), std::string(row.arguments) + " .");

@@ -176,13 +176,13 @@ TEST_CASE("a malformed nested signature is a fault, and its holder's signers are
   Bytes outer = Signature({{"Outer", ""}}, {inner});
   const SignerNames noSignature = SignersOf(outer);
   CHECK(noSignature.names == Texts{"Outer"});
-  CHECK(noSignature.faults == Texts{"a signature is no signed PKCS#7"});
+  CHECK(noSignature.faults == Texts{"a signature is not signed PKCS#7 data"});
   const auto at = std::search(outer.begin(), outer.end(), inner.begin(), inner.end());
   REQUIRE(at != outer.end());
   *at = 0x04;  // a string of bytes instead
   const SignerNames noSequence = SignersOf(outer);
   CHECK(noSequence.names == Texts{"Outer"});
-  CHECK(noSequence.faults == Texts{"a nested signature is no sequence"});
+  CHECK(noSequence.faults == Texts{"a nested signature is not a sequence"});
 }
 
 TEST_CASE("signers beyond the most that an answer may have are a fault") {
@@ -260,7 +260,7 @@ TEST_CASE("bytes that are no signature are a fault") {
   for (const Bytes& bytes : {Bytes{}, Bytes(100, 0), Bytes(100, 0x30), Bytes{0x30, 0x80}}) {
     const SignerNames found = SignersOf(bytes);
     CHECK(found.names.empty());
-    CHECK(found.faults == Texts{"a signature is no signed PKCS#7"});
+    CHECK(found.faults == Texts{"a signature is not signed PKCS#7 data"});
   }
 }
 

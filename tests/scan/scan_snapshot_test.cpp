@@ -152,9 +152,11 @@ TEST_CASE("a damaged snapshot is reported in one line and ignored") {
   const struct {
     std::string content;
     const char* reason;
-  } rows[] = {{"", "it is no snapshot, or of another version of the tool"},
-              {std::string(300000, '['), "it is no snapshot, or of another version of the tool"},
-              {std::string(1000, '\xff'), "it is no snapshot, or of another version of the tool"},
+  } rows[] = {{"", "it is not a snapshot, or was written by another version of the tool"},
+              {std::string(300000, '['),
+               "it is not a snapshot, or was written by another version of the tool"},
+              {std::string(1000, '\xff'),
+               "it is not a snapshot, or was written by another version of the tool"},
               {good.substr(0, 50), "it is cut off"},
               {good + good, "its checksum is wrong"},
               {Edited(good, "\tmd5,sha1,sha256\n", "\tmd5,sha1,sha256\n\n"), "it is malformed"}};
@@ -208,7 +210,7 @@ TEST_CASE("a snapshot of another version, mode or trust is reported and ignored"
   Report(directory);
   const std::string good = SnapshotIn(directory);
   directory.Write("snapshot", Edited(good, "snapshot 3\n", "snapshot 2\n"));
-  CheckIgnored(directory, "it is no snapshot, or of another version of the tool");
+  CheckIgnored(directory, "it is not a snapshot, or was written by another version of the tool");
   directory.Write("snapshot", Edited(good, "snapshot 3\n", "snapshot 3\n9"));
   CheckIgnored(directory, "another version of the tool wrote it");
   directory.Write("snapshot", good);

@@ -86,5 +86,5 @@ TEST_CASE("output that failed earlier is reported without an unrelated reason") 
   CHECK(std::fflush(stream.get()) != 0);
   error = 0;
   errno = ENOENT;
-  CHECK_THROWS_WITH(orvexscan::Finish(stream.get()), "the report was not written as a whole");
+  CHECK_THROWS_WITH(orvexscan::Finish(stream.get()), "the report was not written completely");
 }

@@ -162,7 +162,7 @@ TEST_CASE("a file that is watched by itself may be replaced") {
   directory.Write("file", "old");
   directory.Write("other", "old");
   WatchingScan scan(directory.path(), {"file"});
-  CHECK(Contains(scan.greeting(), "watching 1 directories"));
+  CHECK(Contains(scan.greeting(), "watching 1 directory"));
   directory.Write("other", "unseen");
   fs::rename(directory.PathOf("other"), directory.PathOf("file"));
   CheckNext(&scan, "changed", "file", Short("old") + " -> " + Short("unseen"));

@@ -75,7 +75,7 @@ bool AnyFailed(const Inventory& inventory) {
                      [](const FileRecord& record) { return record.failure.has_value(); });
 }
 
-void Tell(const std::exception& failure) { Say(Printable(failure.what())); }
+void Report(const std::exception& failure) { Say(Printable(failure.what())); }
 
 // The outputs and the baseline, checked before the work begins.
 struct Destinations {
@@ -133,7 +133,7 @@ class Attempts {
       step();
     } catch (const std::exception& failure) {
       anyFailed_ = true;
-      Tell(failure);
+      Report(failure);
     }
   }
   bool anyFailed() const { return anyFailed_; }
@@ -252,7 +252,7 @@ int Run(Options options) {
   } catch (const std::bad_alloc&) {
     throw;  // not the command line's fault
   } catch (const std::exception& failure) {
-    Tell(failure);
+    Report(failure);
     return kUsage;
   }
   return Work(options, &*destinations);
@@ -286,7 +286,7 @@ int main(int argc, char** argv) {
     std::fputs("orvex-scan: out of memory\n", stderr);
     return orvexscan::kSomeFilesFailed;
   } catch (const std::exception& failure) {
-    orvexscan::Tell(failure);
+    orvexscan::Report(failure);
     return orvexscan::kSomeFilesFailed;
   }
 }

@@ -37,7 +37,7 @@ using Refusal = std::function<std::string(const std::string& text)>;
 Refusal OneOf(const std::vector<std::string>& words) {
   return [words](const std::string& text) {
     if (std::find(words.begin(), words.end(), text) != words.end()) return std::string();
-    return fmt::format("'{}' is none of {}", Printable(text), fmt::join(words, ", "));
+    return fmt::format("'{}' is not one of {}", Printable(text), fmt::join(words, ", "));
   };
 }
 
@@ -71,16 +71,16 @@ void Describe(CLI::App* app, Options* options) {
   app->add_flag("-x,--one-file-system", options->oneFileSystem,
                 "Do not enter other mounted file systems");
   app->add_flag("--pseudo", options->pseudo,
-                "Enter file systems like /proc and /sys, whose files are made up on reading");
+                "Enter file systems such as /proc and /sys, whose files are generated when read");
   app->add_option("--exclude", options->exclude,
-                  "Leave out what has such a name or path, as the shell matches; may be repeated")
+                  "Leave out files and directories that match this shell pattern; may be repeated")
       ->type_name("PATTERN")
       ->allow_extra_args(false);
-  app->add_option("--max-size", options->maxSize, "Leave out files of more bytes than this")
+  app->add_option("--max-size", options->maxSize, "Leave out files larger than this, in bytes")
       ->transform(WholeNumber(0, UINT64_MAX, "a number of bytes"))
       ->type_name("BYTES");
   app->add_option("--files0-from", options->files0From,
-                  "Take more paths from this file, each ended by a NUL; - for standard input")
+                  "Read more paths from this file, each ended by a NUL; - for standard input")
       ->type_name("FILE")
       ->excludes("--processes");
   std::vector<std::string> identities;
@@ -93,7 +93,7 @@ void Describe(CLI::App* app, Options* options) {
              if (name == NameOf(mode)) options->identity = mode;
            }
          },
-         "What tells a changed file: mtime, ctime as well, or all there is (strict)")
+         "How a changed file is recognised: mtime, ctime as well, or all there is (strict)")
       ->check(OneOf(identities))
       ->option_text("MODE [ctime]");
   app->add_option("--settle", options->settleSeconds,
@@ -101,7 +101,7 @@ void Describe(CLI::App* app, Options* options) {
       ->transform(WholeNumber(0, kMostSettleSeconds))
       ->capture_default_str();
   app->add_option("--time-limit", options->timeLimitSeconds,
-                  "Give up a file whose content takes more seconds than this to read")
+                  "Give up on a file that takes more seconds than this to read")
       ->transform(WholeNumber(1, kMostTimeLimitSeconds))
       ->capture_default_str();
   app->add_option_function<std::string>(
@@ -113,26 +113,26 @@ void Describe(CLI::App* app, Options* options) {
              throw CLI::ValidationError("--digests", refusal.what());
            }
          },
-         "The digests to calculate, with commas: one of 16 bytes, one of 20 and one of 32")
+         "The digests to calculate, comma-separated: at most one each of 16, 20 and 32 bytes")
       ->option_text("LIST [md5,sha1,sha256]");
   app->add_flag_callback(
       "--no-type", [options] { options->parts.type = false; }, "Do not ask for file types");
   app->add_flag_callback(
       "--no-signers", [options] { options->parts.signers = false; }, "Do not look for signers");
-  app->add_option("--threads", options->threads, "Workers that ask the engine at once")
+  app->add_option("--threads", options->threads, "How many workers query the engine at once")
       ->transform(WholeNumber(1, kMostThreads))
       ->capture_default_str();
   app->add_option("--passes", options->passes, "How often to ask about everything")
       ->transform(WholeNumber(1, 1000000))
       ->capture_default_str();
-  app->add_option("--capacity", options->capacity, "Entries that each cache keeps")
+  app->add_option("--capacity", options->capacity, "How many entries each cache keeps")
       ->transform(WholeNumber(1, ORVEX_MAX_CAPACITY))
       ->capture_default_str();
   app->add_option("--snapshot", options->snapshot,
-                  "Answer from this file what still holds, and add the answers of this scan")
+                  "Reuse the answers in this file that are still valid, and add those of this scan")
       ->type_name("FILE");
   app->add_option("--baseline", options->baseline,
-                  "Tell what differs from this snapshot or JSON report of an earlier run")
+                  "Report what differs from this snapshot or JSON report of an earlier run")
       ->type_name("FILE");
   app->add_option("--json", options->json, "Write everything to this file; - for standard output")
       ->type_name("FILE");

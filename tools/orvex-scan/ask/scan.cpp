@@ -34,30 +34,30 @@ class Worker {
       const uint64_t before = asker_.bytesSaved();
       try {
         Reply reply = asker_.Ask(inventory_->PathOf(record));
-        if (rules_.onFile && reply.certificates) Tell(record, reply);
+        if (rules_.onFile && reply.certificates) Report(record, reply);
         inventory_->StoreAnswer(record, std::move(reply.answer), std::move(reply.certificates));
       } catch (const FileFailure& failure) {
         if (failure.reason() == FailureReason::kInterrupted) return asker_.TakeTally();
         inventory_->StoreFailure(record, pass, failure);
-        if (rules_.onFile) Tell(record, pass, failure);
+        if (rules_.onFile) Report(record, pass, failure);
       }
       progress_->Step(asker_.bytesSaved() - before);
     }
   }
 
  private:
-  void Tell(size_t record, const Reply& reply) const {
-    FileRecord told(inventory_->PathOf(record));
-    told.visits = 1;
-    told.answer = reply.answer;
-    told.certificates = *reply.certificates;
-    rules_.onFile(told);
+  void Report(size_t record, const Reply& reply) const {
+    FileRecord visited(inventory_->PathOf(record));
+    visited.visits = 1;
+    visited.answer = reply.answer;
+    visited.certificates = *reply.certificates;
+    rules_.onFile(visited);
   }
-  void Tell(size_t record, int pass, const FileFailure& failure) const {
-    FileRecord told(inventory_->PathOf(record));
-    told.visits = 1;
-    told.failure = Failure{pass, failure.reason(), failure.what()};
-    rules_.onFile(told);
+  void Report(size_t record, int pass, const FileFailure& failure) const {
+    FileRecord visited(inventory_->PathOf(record));
+    visited.visits = 1;
+    visited.failure = Failure{pass, failure.reason(), failure.what()};
+    rules_.onFile(visited);
   }
 
   const ScanningRules& rules_;

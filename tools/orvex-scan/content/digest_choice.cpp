@@ -70,7 +70,7 @@ DigestChoice DigestsNamed(const std::string& names) {
     const size_t place = digest ? PlaceOf(digest.get()) : kDigestPlaces;
     if (place == kDigestPlaces) {
       throw std::invalid_argument(
-          fmt::format("'{}' is none of {}", Printable(name), fmt::join(KnownNames(), ", ")));
+          fmt::format("'{}' is not one of {}", Printable(name), fmt::join(KnownNames(), ", ")));
     }
     if (choice[place] != NID_undef) {
       throw std::invalid_argument(

@@ -81,8 +81,9 @@ void SplitTable(const std::vector<unsigned char>& table, PeCertificates* found) 
     }
     const size_t left = table.size() - at;
     if (left < kEntryHeaderSize) {
-      AddFault(fmt::format("entry {} is truncated: {} bytes are no header", number, left),
-               &found->faults);
+      AddFault(
+          fmt::format("entry {} is truncated: {} bytes are too few for a header", number, left),
+          &found->faults);
       return;
     }
     const unsigned char* entry = table.data() + at;
@@ -100,7 +101,7 @@ void SplitTable(const std::vector<unsigned char>& table, PeCertificates* found) 
     } else if (type == kPkcs7) {
       found->signatures.emplace_back(entry + kEntryHeaderSize, entry + length);
     } else {
-      AddFault(fmt::format("entry {} is of type {}, no PKCS#7", number, type), &found->faults);
+      AddFault(fmt::format("entry {} is of type {}, not PKCS#7", number, type), &found->faults);
     }
     at += (length + kEntryAlignment - 1) / kEntryAlignment * kEntryAlignment;
   }

@@ -119,7 +119,7 @@ void AddNested(const PKCS7_SIGNER_INFO* signer, int depth, SignerNames* found) {
     for (int j = 0; j < X509_ATTRIBUTE_count(attribute); ++j) {
       const ASN1_TYPE* value = X509_ATTRIBUTE_get0_type(attribute, j);
       if (value == nullptr || value->type != V_ASN1_SEQUENCE) {
-        AddFault("a nested signature is no sequence", &found->faults);
+        AddFault("a nested signature is not a sequence", &found->faults);
         continue;
       }
       const ASN1_STRING* der = value->value.sequence;
@@ -139,7 +139,7 @@ void AddSignature(const unsigned char* der, size_t length, int depth, SignerName
   const Pkcs7 signature(d2i_PKCS7(nullptr, &der, static_cast<long>(length)));
   ERR_clear_error();
   if (!signature || !PKCS7_type_is_signed(signature.get()) || signature->d.sign == nullptr) {
-    AddFault("a signature is no signed PKCS#7", &found->faults);
+    AddFault("a signature is not signed PKCS#7 data", &found->faults);
     return;
   }
   if (sk_X509_num(signature->d.sign->cert) > kMostCertificates) {

@@ -62,7 +62,7 @@ std::vector<Execution> ExecEvents::Read() {
   for (size_t i = 0; i < count; ++i) {
     const fanotify_event_metadata& event = events[i];
     if (event.vers != FANOTIFY_METADATA_VERSION) {
-      throw std::runtime_error("the kernel tells executions in an unknown format");
+      throw std::runtime_error("the kernel reports executions in an unknown format");
     }
     if (event.fd == FAN_NOFD) {
       ++losses_;

@@ -182,14 +182,13 @@ void ExecWatch::Print(const Execution& execution, const std::string& path,
 void ExecWatch::AddNotes() const {
   if (events_.losses() != 0) {
     inventory_->AddNote(fmt::format(
-        "Executions were lost {} times, one or more each time: they came faster than they could "
-        "be asked about",
+        "Overflows of the system's queue, each of which lost one or more executions: {}",
         events_.losses()));
   }
   if (gone_ != 0) {
     inventory_->AddNote(
-        fmt::format("{} times a file was deleted or replaced before it was asked about; what was "
-                    "executed was read all the same",
+        fmt::format("Executed files deleted or replaced before they were asked about, and read all "
+                    "the same: {}",
                     gone_));
   }
 }

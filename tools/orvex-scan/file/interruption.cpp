@@ -8,7 +8,7 @@ namespace {
 
 // Relaxed: a lone flag, tied to no other memory.
 std::atomic<bool> interrupted{false};
-static_assert(std::atomic<bool>::is_always_lock_free, "a signal handler may take no lock");
+static_assert(std::atomic<bool>::is_always_lock_free, "a signal handler must not take a lock");
 
 }  // namespace
 

@@ -22,7 +22,7 @@ std::runtime_error Unreadable(int error) {
 void CheckPrivate(int descriptor) {
   struct stat status {};
   if (fstat(descriptor, &status) != 0) throw Unreadable(errno);
-  if (!S_ISREG(status.st_mode)) throw std::runtime_error("it is no regular file");
+  if (!S_ISREG(status.st_mode)) throw std::runtime_error("it is not a regular file");
   if (status.st_uid != geteuid()) throw std::runtime_error("it belongs to another user");
   if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
     throw std::runtime_error("others may write to it");

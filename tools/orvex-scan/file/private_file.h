@@ -7,7 +7,7 @@
 
 namespace orvexscan {
 
-// The content of a file that nobody but this user can have written; nothing if there is none of
+// The content of a file that nobody but this user can have written; nothing if there is not one of
 // that name.
 //
 // Throws std::runtime_error, whose text says what is wrong, if the file is not regular, belongs to

@@ -94,7 +94,7 @@ bool ReadMaps(const std::string& process, std::vector<MappedFile>* files) {
 }
 
 void NoteIfAny(size_t count, const char* what, Inventory* inventory) {
-  if (count != 0) inventory->AddNote(fmt::format("{} {}", count, what));
+  if (count != 0) inventory->AddNote(fmt::format("{}: {}", what, count));
 }
 
 std::optional<uint64_t> Number(const std::string& digits, int base) {
@@ -128,13 +128,12 @@ void AddMappedFiles(const std::string& proc, Inventory* inventory) {
     return static_cast<size_t>(std::count_if(
         places.begin(), places.end(), [&which](const auto& entry) { return which(entry.second); }));
   };
-  inventory->AddNote(fmt::format("{} processes map files", processes));
-  NoteIfAny(refused, "processes may not be looked at by this user", inventory);
+  inventory->AddNote(fmt::format("Processes that map files: {}", processes));
+  NoteIfAny(refused, "Processes that this user may not inspect", inventory);
   NoteIfAny(count([](const Place& place) { return place.throughProcess; }),
-            "mapped files have another name here, or none, and are read through a process",
-            inventory);
+            "Mapped files with another name here, or none, read through a process", inventory);
   NoteIfAny(count([](const Place& place) { return place.lead == Lead::kNowhere; }),
-            "mapped files have been deleted or replaced and are left out", inventory);
+            "Mapped files deleted or replaced since, left out", inventory);
 }
 
 MappedFile ParseMapsLine(const std::string& line) {

@@ -136,11 +136,11 @@ void Walk(const std::vector<std::string>& paths, const WalkRules& rules, Invento
   }
   if (!leftOut.pseudo.empty()) {
     inventory->AddNote(
-        fmt::format("{} pseudo file systems are left out, {} first; --pseudo enters them",
-                    leftOut.pseudo.size(), Printable(leftOut.pseudo.front())));
+        fmt::format("Pseudo file systems left out, {} first: {}; --pseudo enters them",
+                    Printable(leftOut.pseudo.front()), leftOut.pseudo.size()));
   }
   if (leftOut.tooLarge != 0) {
-    inventory->AddNote(fmt::format("{} files are larger than --max-size", leftOut.tooLarge));
+    inventory->AddNote(fmt::format("Files larger than --max-size, left out: {}", leftOut.tooLarge));
   }
 }
 

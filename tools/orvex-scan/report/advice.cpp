@@ -53,8 +53,8 @@ std::string RaiseCapacity(const Facts& facts) {
   const auto hits = static_cast<uint64_t>(facts.last.engine.cacheHit);
   const bool roomLacked = facts.last.engine.cacheWipeOuts > 0 && hits < PossibleHits(facts);
   // A walk in order gains nothing until all of it fits, which the rule for walks says.
-  const bool told = !facts.setting.processes && facts.files > facts.capacity;
-  if (!roomLacked || told || facts.capacity >= ORVEX_MAX_CAPACITY) return {};
+  const bool alreadySaid = !facts.setting.processes && facts.files > facts.capacity;
+  if (!roomLacked || alreadySaid || facts.capacity >= ORVEX_MAX_CAPACITY) return {};
   const size_t wanted = std::max(facts.files, 2 * facts.capacity);
   return fmt::format(
       "Pass {} hit {} times where {} were possible, and evicted {} entries: try --capacity {}.",
@@ -66,8 +66,8 @@ std::string SeeCoalescingPay(const Facts& facts) {
   const int64_t waits = Sum(facts, &orvex_metrics_s::cacheWaitInHashCalculation);
   if (waits == 0) return {};
   return fmt::format(
-      "{} queries waited for another thread to calculate the same file instead of calculating it "
-      "too: coalescing pays here.",
+      "Queries that waited for another thread to calculate the same file instead of calculating "
+      "it too: {}. Coalescing pays here.",
       waits);
 }
 

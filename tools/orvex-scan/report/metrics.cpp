@@ -109,11 +109,12 @@ void AddOfEngine(const std::vector<PassReport>& passes, std::vector<Metric>* met
        &Counters::fileTypeWipeOuts);
   both("orvex_cache_callbacks_total", "Calls of the host to compute an answer.",
        &Counters::cacheHelpFuncCalled, &Counters::fileTypeHelpFuncCalled);
-  hash("orvex_cache_waits_total", "Queries that slept while another one calculated.",
+  hash("orvex_cache_waits_total", "Queries that waited while another calculated.",
        &Counters::cacheWaitInHashCalculation);
   hash("orvex_cache_updates_total", "Answers that the host pushed and the cache stored.",
        &Counters::cacheUpdateMetaDataSuccess);
-  hash("orvex_cache_update_failures_total", "Answers that the host pushed in vain.",
+  hash("orvex_cache_update_failures_total",
+       "Answers that the host pushed and the cache did not store.",
        &Counters::cacheUpdateMetaDataFailure);
 }
 

@@ -86,16 +86,16 @@ std::vector<Row> Rows(const Inventory& inventory) {
       {"files", [files](const PassReport&) { return fmt::format("{}", files); }},
       {"files asked about", [](const PassReport& pass) { return fmt::format("{}", pass.visits); }},
       {"failed", [](const PassReport& pass) { return fmt::format("{}", pass.failed); }},
-      {"not kept, too young",
+      {"not kept, changed too recently",
        [](const PassReport& pass) { return fmt::format("{}", pass.unsettled); }},
       {"answered from the snapshot",
        [](const PassReport& pass) { return fmt::format("{}", pass.fromSnapshot); }},
       {"bytes read", [](const PassReport& pass) { return Bytes(pass.bytesHashed); }},
       Time("wall time", &PassReport::wallSeconds),
-      Time("time of workers: reading", &PassReport::readingSeconds),
-      Time("time of workers: digests", &PassReport::digestSeconds),
-      Time("time of workers: types", &PassReport::typeSeconds),
-      Time("time of workers: signers", &PassReport::signerSeconds),
+      Time("worker time: reading", &PassReport::readingSeconds),
+      Time("worker time: digests", &PassReport::digestSeconds),
+      Time("worker time: types", &PassReport::typeSeconds),
+      Time("worker time: signers", &PassReport::signerSeconds),
       Counter("hash cache: full hits", &Metrics::cacheHit),
       Counter("hash cache: partial hits", &Metrics::cachePartialHit),
       Counter("hash cache: out of date", &Metrics::cacheOutOfDate),
@@ -113,7 +113,7 @@ std::vector<Row> Rows(const Inventory& inventory) {
        [](const PassReport& pass) {
          return Share(pass.bytesSaved, pass.bytesSaved + pass.bytesHashed);
        }},
-      Time("hashing saved, time of workers", &PassReport::savedSeconds),
+      Time("hashing saved, worker time", &PassReport::savedSeconds),
   };
 }
 

@@ -210,7 +210,7 @@ void Snapshot::Read(const std::string& path) {
 
 void Snapshot::Parse(const std::string& content) {
   if (content.compare(0, kFirstLine.size(), kFirstLine) != 0) {
-    throw std::runtime_error("it is no snapshot, or of another version of the tool");
+    throw std::runtime_error("it is not a snapshot, or was written by another version of the tool");
   }
   if (content.size() < kFirstLine.size() + kChecksumLine) throw std::runtime_error("it is cut off");
   const std::string text = content.substr(0, content.size() - kChecksumLine);

@@ -22,7 +22,7 @@ void Print(const std::string& text, std::FILE* stream) {
 void Finish(std::FILE* stream) {
   if (std::fflush(stream) != 0) Fail(errno);
   // An earlier write failed; errno no longer says why.
-  if (std::ferror(stream) != 0) throw std::runtime_error("the report was not written as a whole");
+  if (std::ferror(stream) != 0) throw std::runtime_error("the report was not written completely");
 }
 
 void Say(const std::string& text) { std::fputs(("orvex-scan: " + text + "\n").c_str(), stderr); }

@@ -26,7 +26,7 @@ constexpr size_t kEventBytes = 16 << 10;
 int OpenInotify() {
   const int descriptor = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
   if (descriptor < 0 && errno == EMFILE) {
-    throw std::runtime_error("too many are watching already; see fs.inotify.max_user_instances");
+    throw std::runtime_error("too many watchers already; see fs.inotify.max_user_instances");
   }
   if (descriptor < 0) throw std::system_error(errno, std::generic_category(), "inotify_init1");
   return descriptor;

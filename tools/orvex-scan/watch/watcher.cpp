@@ -60,7 +60,7 @@ Watcher::Watcher(orvexeng::engine* engine, const ReadingRules& reading,
       asker_(engine, reading) {
   // Before a directory is read: whatever appears in it afterwards gives a hint.
   walking_.entering = [this](const std::string& directory) {
-    TellLimit(!watches_->AddDirectory(directory));
+    ReportLimit(!watches_->AddDirectory(directory));
   };
 }
 
@@ -75,7 +75,8 @@ void Watcher::Run(Inventory* inventory, std::vector<PassReport>* passes) {
   bool ended = false;
   signals.async_wait([&ended](const std::error_code&, int) { ended = true; });
   events_.assign(Duplicate(watches_->descriptor()));
-  Say(fmt::format("watching {} directories", watches_->count()));
+  const size_t count = watches_->count();
+  Say(fmt::format("watching {} {}", count, count == 1 ? "directory" : "directories"));
   while (!ended) {
     if (!listening_) Listen();
     // One file at a time, so that a signal between two of them is noticed.
@@ -107,19 +108,18 @@ void Watcher::Gather(const std::vector<std::string>& paths, Inventory* inventory
 void Watcher::WatchName(const std::string& path) {
   const fs::path given(path);
   const std::string parent = given.has_parent_path() ? given.parent_path().string() : ".";
-  TellLimit(!watches_->AddName(parent, given.filename().string(), path));
+  ReportLimit(!watches_->AddName(parent, given.filename().string(), path));
   std::error_code error;
   if (!walking_.followLinks || !fs::is_symlink(given, error)) return;
   const fs::path target = fs::canonical(given, error);
   if (error) return;
-  TellLimit(!watches_->AddName(target.parent_path().string(), target.filename().string(), path));
+  ReportLimit(!watches_->AddName(target.parent_path().string(), target.filename().string(), path));
 }
 
-void Watcher::TellLimit(bool full) {
-  if (!full || limitTold_) return;
-  limitTold_ = true;
-  Say("some directories are not watched: the limit is reached that the sysctl "
-      "fs.inotify.max_user_watches sets");
+void Watcher::ReportLimit(bool full) {
+  if (!full || limitReported_) return;
+  limitReported_ = true;
+  Say("some directories are not watched: the limit fs.inotify.max_user_watches is reached");
 }
 
 void Watcher::Listen() {

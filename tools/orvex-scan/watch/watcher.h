@@ -39,7 +39,7 @@ class Watcher {
  private:
   void Gather(const std::vector<std::string>& paths, Inventory* inventory);
   void WatchName(const std::string& path);
-  void TellLimit(bool full);
+  void ReportLimit(bool full);
 
   void Listen();
   void Follow(const Hint& hint);
@@ -54,7 +54,7 @@ class Watcher {
   const std::vector<std::string> paths_;
   WalkRules walking_;
   const bool jsonLines_;
-  bool limitTold_ = false;
+  bool limitReported_ = false;
   bool listening_ = false;
   asio::io_context context_;
   asio::posix::stream_descriptor events_;  // a duplicate of the watches' descriptor
