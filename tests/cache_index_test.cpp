@@ -134,6 +134,30 @@ void CheckThatEvenOnesAreFound(const std::vector<File>& files, uint32_t fields) 
   }
 }
 
+// Looks files up and stores them at random, in a cache that does not have room for all.
+template <typename Cache>
+void CheckThatOnlyRecentOnesAreFound(const std::vector<File>& files, size_t capacity) {
+  const RecordedLog quiet(ORVEX_LOG_FATAL);
+  CacheOfFiles<Cache> cache;
+  cache.cache.SetCapacity(static_cast<unsigned int>(capacity));
+  std::mt19937 random(1);
+  std::vector<size_t> held;  // most recently used first
+  for (int step = 0; step < 20000; ++step) {
+    const size_t number = random() % files.size();
+    const auto place = std::find(held.begin(), held.end(), number);
+    const bool isHeld = place != held.end();
+    REQUIRE(cache.Holds(files[number], kAllKeyBits) == isHeld);
+    const bool stores = random() % 2 == 0;
+    if (stores) cache.Store(files[number], kAllKeyBits);
+    if (isHeld) {
+      std::rotate(held.begin(), place, place + 1);
+    } else if (stores) {
+      held.insert(held.begin(), number);
+      if (held.size() > capacity) held.pop_back();
+    }
+  }
+}
+
 // Stores the files in random orders and checks that a dump lists them in the one given.
 template <typename Cache>
 void CheckThatDumpIsInOrder(std::vector<File> files, uint32_t fields) {
@@ -418,24 +442,14 @@ TEST_CASE_TEMPLATE("after mixed masks an evicted file is not found once no entry
 
 TEST_CASE_TEMPLATE("what is found stays right while files come and go at random", Cache, LRUCache,
                    FileTypeCache) {
-  const RecordedLog quiet(ORVEX_LOG_FATAL);
-  CacheOfFiles<Cache> files;
-  files.cache.SetCapacity(100);
-  std::mt19937 random(1);
-  std::vector<uint64_t> held;  // most recently used first
-  for (int step = 0; step < 20000; ++step) {
-    const uint64_t number = random() % 300;
-    const File file{PathNumber(number % 7), number, number / 50};
-    const auto place = std::find(held.begin(), held.end(), number);
-    const bool isHeld = place != held.end();
-    REQUIRE(files.Holds(file, kAllKeyBits) == isHeld);
-    const bool stores = random() % 2 == 0;
-    if (stores) files.Store(file, kAllKeyBits);
-    if (isHeld) {
-      std::rotate(held.begin(), place, place + 1);
-    } else if (stores) {
-      held.insert(held.begin(), number);
-      if (held.size() > 100) held.pop_back();
-    }
-  }
+  std::vector<File> files;
+  for (uint64_t i = 0; i < 300; ++i) files.push_back({PathNumber(i % 7), i, i / 50});
+  CheckThatOnlyRecentOnesAreFound<Cache>(files, 100);
+}
+
+TEST_CASE_TEMPLATE("what is found stays right while files that hash alike come and go", Cache,
+                   LRUCache, FileTypeCache) {
+  std::vector<File> files;
+  for (uint64_t i = 0; i < 300; ++i) files.push_back({"/a", NumberToHashAlike(kSize, 0, i), 0});
+  CheckThatOnlyRecentOnesAreFound<Cache>(files, 150);
 }
