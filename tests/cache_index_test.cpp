@@ -4,7 +4,9 @@
 
 #include <algorithm>
 #include <functional>
+#include <memory>
 #include <random>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -85,7 +87,8 @@ class CacheOfFiles {
     Answer out;
     return cache.QueryLRUCache(&in, &out) == LRU_HIT;
   }
-  size_t Size() { return SizeOf(cache); }
+  size_t Size() { return EntriesOf(cache).Size(); }
+  size_t EntryCount() { return EntriesOf(cache).EntryCount(); }
   // A node next to one that may be there under the same key.
   void InsertBeside(const File& file, uint32_t fields) { InsertBesideIn(cache, file, fields); }
 
@@ -93,8 +96,8 @@ class CacheOfFiles {
 
  private:
   template <typename Node, typename Metrics>
-  static size_t SizeOf(LRUCacheT<LRUCacheKey, Node, Metrics>& cache) {
-    return OpenedCache<LRUCacheKey, Node, Metrics>::Entries(cache).Size();
+  static LRUCacheEntries& EntriesOf(LRUCacheT<LRUCacheKey, Node, Metrics>& cache) {
+    return OpenedCache<LRUCacheKey, Node, Metrics>::Entries(cache);
   }
   template <typename Node, typename Metrics>
   static void InsertBesideIn(LRUCacheT<LRUCacheKey, Node, Metrics>& cache, const File& file,
@@ -226,6 +229,61 @@ TEST_CASE_TEMPLATE("many names of one file are told apart by their paths", Cache
   CheckThatEvenOnesAreFound<Cache>(files, KEY_PATH | KEY_FILE_ID);
 }
 
+TEST_CASE_TEMPLATE("many names of one file are found whatever the fields that do not count", Cache,
+                   LRUCache, FileTypeCache) {
+  constexpr uint32_t kFields = KEY_PATH | KEY_FILE_ID;
+  CacheOfFiles<Cache> files;
+  for (uint64_t i = 0; i < kMany; ++i) files.Store({PathNumber(i), 7, 9}, kFields);
+  for (const ORVEX_LOG level : {ORVEX_LOG_INFO, ORVEX_LOG_DEBUG}) {
+    const RecordedLog log(level);
+    for (uint64_t i = 0; i < kMany; ++i) {
+      const File resized{PathNumber(i), 8, 9, 0, 2};
+      CAPTURE(resized.path);
+      CHECK(files.Holds(resized, kFields));
+      CHECK(files.Store(resized, kFields) == 0);
+    }
+  }
+  CHECK(files.Size() == kMany);
+}
+
+TEST_CASE_TEMPLATE("a node is inserted next to one that equals it in the fields that count", Cache,
+                   LRUCache, FileTypeCache) {
+  const RecordedLog quiet(ORVEX_LOG_FATAL);
+  CacheOfFiles<Cache> files;
+  files.InsertBeside({"/a", 1, 1}, KEY_PATH);
+  files.InsertBeside({"/a", 2, 2}, KEY_PATH);
+  CHECK(files.Size() == 2);
+  CHECK(files.EntryCount() == 1);
+}
+
+TEST_CASE_TEMPLATE("a node is inserted next to one that equals it among files that hash alike",
+                   Cache, LRUCache, FileTypeCache) {
+  const RecordedLog quiet(ORVEX_LOG_FATAL);
+  CacheOfFiles<Cache> files;
+  for (int times = 0; times < 2; ++times) {
+    for (uint64_t i = 0; i < 3; ++i) {
+      files.InsertBeside({"/a", NumberToHashAlike(kSize, 0, i), 0}, kAllKeyBits);
+    }
+  }
+  CHECK(files.Size() == 6);
+  CHECK(files.EntryCount() == 3);
+}
+
+TEST_CASE("inserting under a cached key returns 201 among files that hash alike too") {
+  CacheOfFiles<LRUCache> files;
+  for (int times = 0; times < 2; ++times) {
+    for (uint64_t i = 0; i < 3; ++i) {
+      const File file{"/a", NumberToHashAlike(kSize, 0, i), 0};
+      metadata_input_s in = KeyOf(file, kAllKeyBits);
+      Answer out;
+      LRUCacheKey key(in);
+      auto node = std::make_unique<LRUCacheNode>(in, out);
+      CHECK(files.cache.InsertCacheNode(key, node.get()) == (times == 0 ? 0 : 201));
+      if (times == 0) node.release();
+    }
+  }
+}
+
 TEST_CASE_TEMPLATE("files without a file number are told apart by their paths", Cache, LRUCache,
                    FileTypeCache) {
   std::vector<File> files;
@@ -308,6 +366,30 @@ TEST_CASE_TEMPLATE("names of one file are found among files whose paths then has
   std::vector<File> files = FilesAlikeWithPaths(kMany);
   for (uint64_t i = 0; i < kMany; ++i) files.push_back({PathNumber(i), 7, 8});
   CheckThatEvenOnesAreFound<Cache>(files, kAllKeyBits);
+}
+
+TEST_CASE_TEMPLATE("a name whose cell is taken is found if with it the names of a file become many",
+                   Cache, LRUCache, FileTypeCache) {
+  std::vector<File> files;
+  std::set<uint32_t> cells;
+  const auto cellOf = [](const File& file) {
+    const metadata_input_s in = KeyOf(file, kAllKeyBits);
+    return (HashOf(in) + HashOfPath(in)) >> 19;
+  };
+  for (uint64_t i = 0; i < 128; ++i) {
+    files.push_back({PathNumber(i), 7, 9});
+    cells.insert(cellOf(files.back()));
+  }
+  uint64_t number = files.size();
+  while (cells.count(cellOf({PathNumber(number), 7, 9})) == 0) ++number;
+  files.push_back({PathNumber(number), 7, 9});
+  CacheOfFiles<Cache> cache;
+  for (const File& file : files) cache.Store(file, kAllKeyBits);
+  for (const File& file : files) CHECK(cache.Holds(file, kAllKeyBits));
+  // And in the index: the ordered view would allocate for each of them.
+  CHECK(MoreMemoryWith<Cache>(files) == Insertions{0, 63, 127, 128});
+  files.push_back({PathNumber(number + 1), 7, 9});
+  CHECK(MoreMemoryWith<Cache>(files) == Insertions{0, 63, 127, 128});
 }
 
 TEST_CASE_TEMPLATE("files that hash alike with their paths are found after names of one file",
