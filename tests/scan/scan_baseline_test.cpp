@@ -52,7 +52,7 @@ TEST_CASE("a baseline reports what is new, changed, gone, moved or has other met
     CHECK(Differences(run.Json()) ==
           "changed in/changed\nmoved in/elsewhere < in/moved\ngone in/gone\nmetadata in/linked\n"
           "metadata in/mode\nnew in/new\nmetadata in/time\n");
-    CHECK(run.errors.find("7 differences from the baseline") != std::string::npos);
+    CHECK(run.errors.find("Differences from the baseline: 7") != std::string::npos);
   }
 }
 

@@ -142,7 +142,7 @@ void PrintPasses(const std::vector<PassReport>& passes, const Inventory& invento
 void PrintList(const char* title, std::initializer_list<const char*> columns,
                const std::vector<std::vector<std::string>>& lines, std::FILE* to) {
   if (lines.empty()) return;
-  fmt::print(to, "\n{} {}\n", lines.size(), title);
+  fmt::print(to, "\n{}: {}\n", title, lines.size());
   Table table;
   for (const char* column : columns) table.AddColumn(column, 0);
   for (size_t i = 0; i < lines.size() && i < kMostListed; ++i) table.AddLine(lines[i]);
@@ -188,11 +188,12 @@ void PrintReport(const std::vector<PassReport>& passes, const Inventory& invento
   for (const Difference& difference : differences) {
     changes.push_back({difference.change, Printable(difference.path), Printable(difference.from)});
   }
-  PrintList("digests of the only file", {"OF", "DIGEST"}, digests, to);
-  PrintList("differences from the baseline", {"CHANGE", "PATH", "FROM"}, changes, to);
-  PrintList("without an answer", {"IN", "REASON", "DETAIL", "PATH"}, failures, to);
-  PrintList("with a signature of another file", {"SIGNERS (UNVERIFIED)", "PATH"}, mismatched, to);
-  PrintList("faults in certificate tables", {"FAULT", "PATH"}, malformed, to);
+  PrintList("Digests of the only file", {"OF", "DIGEST"}, digests, to);
+  PrintList("Differences from the baseline", {"CHANGE", "PATH", "FROM"}, changes, to);
+  PrintList("Files without an answer", {"IN", "REASON", "DETAIL", "PATH"}, failures, to);
+  PrintList("Files with a signature of another file", {"SIGNERS (UNVERIFIED)", "PATH"}, mismatched,
+            to);
+  PrintList("Faults in certificate tables", {"FAULT", "PATH"}, malformed, to);
   if (!inventory.notes().empty() || !advice.empty()) fmt::print(to, "\n");
   for (const std::string& note : inventory.notes()) fmt::print(to, "{}.\n", note);
   if (!advice.empty()) fmt::print(to, "{}\n", advice);
