@@ -208,7 +208,7 @@ void Watcher::LookAtNext() {
 Change Watcher::LookAt(const std::string& path) {
   try {
     Reply reply = asker_.Ask(path);
-    const Change change = known_->Learn(path, reply.answer);
+    Change change = known_->Learn(path, reply.answer);
     inventory_->StoreAnswer(inventory_->Add(path), std::move(reply.answer),
                             std::move(reply.certificates));
     return change;
