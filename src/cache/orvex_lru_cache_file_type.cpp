@@ -136,7 +136,7 @@ int FileTypeCache::QueryLRUCache(metadata_input_s* metaIn, metadata_output_s* me
   } catch (const std::exception&) {
     return LRU_NO_MEMORY;
   }
-  FileTypeCacheNode* const node = NodeIn(slot);
+  FileTypeCacheNode* const node = slot != 0 ? NodeIn(slot) : nullptr;
   if (node == nullptr || (metaIn->mtime != 0 && metaIn->mtime != node->mtime)) {
     return MissOrOutOfDate(node, *metaIn);
   }

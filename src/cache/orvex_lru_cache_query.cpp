@@ -117,7 +117,7 @@ inline LRU_LOOKUP LRUCache::LookUp(const metadata_input_s& in, metadata_output_s
   } catch (const std::exception&) {
     return LRU_NO_MEMORY;
   }
-  LRUCacheNode* const node = NodeIn(slot);
+  LRUCacheNode* const node = slot != 0 ? NodeIn(slot) : nullptr;
   const bool isCurrent = node != nullptr && (in.mtime == 0 || in.mtime == node->mtime);
   // Logging is not quiet: the log callback may change the record.
   if (!kObserved && node != nullptr && !isCurrent && ORVEX_LOG_BASE::Keeps(ORVEX_LOG_WARNING)) {

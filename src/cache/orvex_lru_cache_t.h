@@ -190,9 +190,9 @@ class ORVEX_API LRUCacheT {
 
   // IsInit without the lock. A call racing a start or stop may see either answer.
   ORVEX_LOCAL bool IsActive() const { return ORVEX_LoadRelaxed(active); }
-  // Null for slot 0.
+  // The slot must not be 0.
   ORVEX_LOCAL Node* NodeIn(LRUCacheSlot slot) const ORVEX_REQUIRES(lock) {
-    return slot != 0 ? static_cast<Node*>(entries_.NodeIn(slot)) : nullptr;
+    return static_cast<Node*>(entries_.NodeIn(slot));
   }
   // Whether the host can observe each step, through DEBUG messages or profiling.
   ORVEX_LOCAL static bool IsObserved() {
