@@ -7,8 +7,8 @@
 
 namespace orvexscan {
 
-// The content of a file that nobody but this user can have written; nothing if there is not one of
-// that name.
+// The content of a file that nobody but this user can have written; nothing if there is no such
+// file.
 //
 // Throws std::runtime_error, whose text says what is wrong, if the file is not regular, belongs to
 // another user, is writable by others, unreadable or larger than most bytes.

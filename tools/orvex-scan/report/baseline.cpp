@@ -76,7 +76,7 @@ auto MetadataOf(const BaselineFile& file) {
 
 Baseline ReadBaseline(const std::string& path, const SnapshotRules& rules) {
   const std::optional<std::string> content = ReadPrivateFile(path, kMostSnapshotBytes);
-  if (!content) throw std::runtime_error("there is not one of that name");
+  if (!content) throw std::runtime_error("there is no such file");
   if (!content->empty() && content->front() == '{') {
     return FromJson(*content, NamesOf(rules.parts.digests).back());
   }
