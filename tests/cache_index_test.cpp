@@ -371,6 +371,7 @@ TEST_CASE_TEMPLATE(
     "a name whose cells are taken is found if with it the names of a file become many", Cache,
     LRUCache, FileTypeCache) {
   const auto nameAt = [](uint64_t number) { return File{PathNumber(number), 7, 9}; };
+  // The upper 13 bits of a hash select its cell.
   const auto cellAt = [&](uint64_t number) {
     const File file = nameAt(number);
     const metadata_input_s in = KeyOf(file, kAllKeyBits);
